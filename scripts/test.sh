@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Sets up a machine, builds everything and runs the whole test suite.
+#   scripts/test.sh            normal build in build/
+#   scripts/test.sh --sanitize AddressSanitizer + UndefinedBehaviorSanitizer build in build-asan/
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+"scripts/setup.sh"
+
+build_dir=build
+cmake_args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DNIMB_WERROR=ON)
+if [ "${1:-}" = "--sanitize" ]; then
+    build_dir=build-asan
+    cmake_args=(-DCMAKE_BUILD_TYPE=Debug -DNIMB_WERROR=ON -DNIMB_SANITIZE=ON -DNIMB_BUILD_BENCH=OFF)
+fi
+
+jobs=$(nproc 2>/dev/null || echo 2)
+cmake -S . -B "$build_dir" "${cmake_args[@]}" >/dev/null
+cmake --build "$build_dir" -j "$jobs"
+ctest --test-dir "$build_dir" --output-on-failure -j "$jobs" --timeout 600

@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: MIT
+// PCondMutex: a PMutex with one condition variable. Waiters wait under the mutex
+// (through a PMutexLocker); wakers always broadcast, never signal one waiter.
+#pragma once
+
+#include "PMutex.h"
+#include <pthread.h>
+
+class PCondMutex : public PMutex {
+public:
+    PCondMutex();
+    PCondMutex(const PCondMutex&) = delete;
+    PCondMutex& operator=(const PCondMutex&) = delete;
+    ~PCondMutex() override;
+
+    // Waits on the condition; the caller must hold the mutex.
+    void wait() NIMB_REQUIRES(this) { pthread_cond_wait(&cond_, &mutex_); }
+    // Wakes every waiter.
+    void broadcast() { pthread_cond_broadcast(&cond_); }
+
+private:
+    pthread_cond_t cond_;
+};

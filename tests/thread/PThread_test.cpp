@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: MIT
+#include "PThread.h"
+
+#include <atomic>
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "PCondMutex.h"
+
+namespace {
+
+// Counts live delegates, so that tests can see when the thread's copy is freed.
+std::atomic<int> g_liveDelegates{0};
+
+class CountingDelegate : public PThreadDelegateGeneric {
+public:
+    explicit CountingDelegate(std::atomic<bool>* release, std::atomic<bool>* ran)
+        : release_(release), ran_(ran) {
+        ++g_liveDelegates;
+    }
+    ~CountingDelegate() override { --g_liveDelegates; }
+    void* Invoke(void*) override {
+        ran_->store(true);
+        for (int i = 0; i < 5000 && !release_->load(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return nullptr;
+    }
+    PThreadDelegateGeneric* clone() const override { return new CountingDelegate(release_, ran_); }
+
+private:
+    std::atomic<bool>* release_;
+    std::atomic<bool>* ran_;
+};
+
+template <class Pred>
+bool waitFor(Pred pred) {
+    for (int i = 0; i < 5000; ++i) {
+        if (pred()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return pred();
+}
+
+struct Target {
+    std::atomic<int> calls{0};
+    void* arg = nullptr;
+    virtual ~Target() = default;
+    virtual void* run(void* a) {
+        arg = a;
+        ++calls;
+        return this;
+    }
+};
+struct DerivedTarget : Target {
+    void* run(void* a) override {
+        calls += 10;
+        arg = a;
+        return nullptr;
+    }
+};
+
+}  // namespace
+
+TEST(PThread, ConstructorReturnsOnlyAfterTheThreadBegan) {
+    std::atomic<bool> release{false}, ran{false};
+    {
+        PThread thread(CountingDelegate(&release, &ran), nullptr, "nimb-test");
+        // started was set under the handshake before the constructor returned; the
+        // delegate runs right after it.
+        EXPECT_TRUE(waitFor([&] { return ran.load(); }));
+        release = true;
+        thread.join();
+        EXPECT_TRUE(thread.isReleased());
+    }
+    EXPECT_EQ(g_liveDelegates.load(), 0);
+}
+
+TEST(PThread, DestroyingAJoinableThreadLeavesItRunningAndFreesItsDelegateAtTheEnd) {
+    std::atomic<bool> release{false}, ran{false};
+    { PThread thread(CountingDelegate(&release, &ran), nullptr); }
+    // The object is gone; the thread still runs with its own copy of the delegate.
+    EXPECT_TRUE(waitFor([&] { return ran.load(); }));
+    EXPECT_EQ(g_liveDelegates.load(), 1);
+    release = true;
+    EXPECT_TRUE(waitFor([] { return g_liveDelegates.load() == 0; }));
+}
+
+TEST(PThread, MemberDelegateDispatchesVirtuallyAndPassesTheArgument) {
+    DerivedTarget target;
+    int value = 7;
+    PThread thread(PThreadDelegateMember<Target>(&target, &Target::run), &value);
+    thread.join();
+    EXPECT_EQ(target.calls.load(), 10);
+    EXPECT_EQ(target.arg, &value);
+}
+
+TEST(PThread, FunctionDelegateRuns) {
+    static std::atomic<int> hits{0};
+    PThread thread(PThreadDelegateFunction([](void*) -> void* {
+                       ++hits;
+                       return nullptr;
+                   }),
+                   nullptr);
+    thread.join();
+    EXPECT_EQ(hits.load(), 1);
+}
+
+TEST(PThread, CreateFailureThrowsWithTheCodeAndStartsNothing) {
+    PThread::setCreateFunctionForTesting(
+        [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) { return 11; });
+    std::atomic<bool> release{true}, ran{false};
+    try {
+        PThread thread(CountingDelegate(&release, &ran), nullptr);
+        ADD_FAILURE() << "no exception";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "Failed to create thread: 11");
+    }
+    PThread::setCreateFunctionForTesting(nullptr);
+    EXPECT_FALSE(ran.load());
+    EXPECT_EQ(g_liveDelegates.load(), 0);
+}
+
+TEST(PCondMutex, BroadcastWakesEveryWaiter) {
+    PCondMutex cond;
+    bool go = false;
+    std::atomic<int> woken{0};
+    std::thread a([&] {
+        PMutexLocker lock(cond);
+        while (!go) cond.wait();
+        ++woken;
+    });
+    std::thread b([&] {
+        PMutexLocker lock(cond);
+        while (!go) cond.wait();
+        ++woken;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    {
+        PMutexLocker lock(cond);
+        go = true;
+        cond.broadcast();
+    }
+    a.join();
+    b.join();
+    EXPECT_EQ(woken.load(), 2);
+}
