@@ -257,11 +257,12 @@ TEST(KibSatelliteProcessTest, SatelliteInAnotherProcessAnswers) {
     ASSERT_EQ(::pipe(toParent), 0);
     const pid_t child = ::fork();
     if (child == 0) {
-        ::close(toParent[0]);
+        ::dup2(toParent[1], STDOUT_FILENO);
         ::execl(KIB_TEST_PEER, "kib_test_peer", nats.host().c_str(), static_cast<char*>(nullptr));
         ::_exit(127);
     }
     ::close(toParent[1]);
+    ASSERT_GT(child, 0);
     // The peer prints "ready" once its service is registered (bounded by its own timeout).
     char buffer[16] = {};
     const ssize_t got = ::read(toParent[0], buffer, sizeof buffer - 1);
