@@ -48,3 +48,8 @@ nimb_target_defaults(nimb_kib)
 add_library(nimb_kib_internal INTERFACE)
 target_include_directories(nimb_kib_internal INTERFACE ${CMAKE_CURRENT_LIST_DIR})
 target_link_libraries(nimb_kib_internal INTERFACE nimb_kib nimb_nats msgpackc-cxx)
+
+# The codec's fuzzer and seed writer live in fuzz/ at the top of the tree.
+if(EXISTS ${PROJECT_SOURCE_DIR}/fuzz/CMakeLists.txt)
+    add_subdirectory(${PROJECT_SOURCE_DIR}/fuzz ${PROJECT_BINARY_DIR}/fuzz)
+endif()
