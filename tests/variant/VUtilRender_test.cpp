@@ -74,8 +74,6 @@ TEST(VUtilRender, XmlArrays) {
               "         <var vt=\"VT_BSTR\">x&amp;y</var>\n"
               "      </var>\n"
               "   </var>\n");
-    EXPECT_EQ(xml(typed<std::int16_t>(VT_I2, {-1})),
-              "<var vt=\"VT_ARRAY|VT_I2\" count=\"1\">\n   <var vt=\"VT_I2\">-1</var>\n</var>\n");
     EXPECT_EQ(xml(typed<std::uint16_t>(VT_UI2, {9})),
               "<var vt=\"VT_ARRAY|VT_UI2\" count=\"1\">\n   <var vt=\"VT_UI2\">9</var>\n</var>\n");
     EXPECT_EQ(xml(typed<std::int32_t>(VT_I4, {-4, 4})),
@@ -91,7 +89,6 @@ TEST(VUtilRender, XmlArrays) {
               "   <var vt=\"VT_UI8\">18446744073709551615</var>\n</var>\n");
     EXPECT_EQ(xml(typed<std::uint8_t>(VT_UI1, std::vector<std::uint8_t>(10))),
               "<var vt=\"VT_ARRAY|VT_UI1\" count=\"10\" />\n");
-    EXPECT_EQ(xml(typed<std::int8_t>(VT_I1, {1})), "<var vt=\"VT_ARRAY|VT_I1\" count=\"1\" />\n");
     EXPECT_EQ(xml(typed<float>(VT_R4, {1, 2})), "<var vt=\"VT_ARRAY|VT_R4\" count=\"2\" />\n");
     EXPECT_EQ(xml(typed<double>(VT_R8, {})), "<var vt=\"VT_ARRAY|VT_R8\" count=\"0\" />\n");
     EXPECT_EQ(xml(typed<double>(VT_DATE, {1})), "<var vt=\"8199 (unknown)\" />\n");
