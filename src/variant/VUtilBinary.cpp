@@ -76,8 +76,10 @@ unsigned long GetBinaryElement(const tagVARIANT& v, unsigned char* dest, unsigne
     }
     // Compared without adding, so that a huge maximum cannot wrap around.
     const unsigned long n = maxLength > total - offset ? total - offset : maxLength;
-    const DataAccess access(v.parray);
-    std::memcpy(dest, access.bytes() + offset, n);
+    if (n > 0) {
+        const DataAccess access(v.parray);
+        std::memcpy(dest, access.bytes() + offset, n);
+    }
     return n;
 }
 
