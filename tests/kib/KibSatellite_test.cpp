@@ -13,15 +13,12 @@
 #include <gtest/gtest.h>
 #include <nats/nats.h>
 
+#include "KibException.h"
+#include "NatsServer.h"
+#include "TestValues.h"
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#if __has_include("KibException.h")
-#include "KibException.h"
-#endif
-#include "NatsServer.h"
-#include "TestValues.h"
 
 using namespace testvalues;
 using namespace std::chrono_literals;
@@ -31,11 +28,7 @@ namespace {
 int throwStd(const char*, const tagVARIANT&, tagVARIANT*) { throw std::runtime_error("disk full"); }
 int throwOther(const char*, const tagVARIANT&, tagVARIANT*) { throw 42; }
 int throwKib(const char*, const tagVARIANT&, tagVARIANT*) {
-#if __has_include("KibException.h")
     throw KibInvalidParameterException("SetLogSource: invalid addr");
-#else
-    throw 1;
-#endif
 }
 
 // A satellite with an echo service that records what the library tells it.
