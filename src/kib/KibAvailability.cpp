@@ -2,6 +2,13 @@
 #include "KibAvailability.h"
 
 std::vector<KibAvailabilityEvent> KibAvailability::apply(const KibAnnounceFrame& announce) {
+    const auto known = offers_.find(announce.satellite);
+    if (announce.services.size() > kMaxServices) return {};
+    if (known == offers_.end() && (announce.leaving || offers_.size() >= kMaxSatellites)) return {};
+    if (known != offers_.end() && known->second.count(announce.instance) == 0 &&
+        (announce.leaving || known->second.size() >= kMaxInstances)) {
+        return {};
+    }
     auto& instances = offers_[announce.satellite];
     const std::set<std::string> before = instances[announce.instance];
     std::set<std::string> after;

@@ -3,7 +3,8 @@
 // satellites it watches, built from their announcements. Several instances of one
 // satellite may offer the same service; a service is available while at least one
 // instance offers it, and only these transitions become events. Not thread-safe: its
-// owner serialises the calls.
+// owner serialises the calls. Announcements come from the network, so what they can
+// make it remember is bounded: an announcement past a bound is ignored.
 #pragma once
 
 #include <cstdint>
@@ -24,8 +25,13 @@ struct KibAvailabilityEvent {
 
 class KibAvailability {
 public:
+    static constexpr std::size_t kMaxSatellites = 4096;
+    static constexpr std::size_t kMaxInstances = 256;  // per satellite
+    static constexpr std::size_t kMaxServices = 1024;  // per instance
+
     // Applies one announcement (the instance's complete current service list, or its
-    // leaving) and returns the transitions it causes, in service-name order.
+    // leaving) and returns the transitions it causes: losses, then gains, each in
+    // service-name order.
     std::vector<KibAvailabilityEvent> apply(const KibAnnounceFrame& announce);
     // Forgets everything known about `satellite` without reporting it.
     void forget(const std::string& satellite);

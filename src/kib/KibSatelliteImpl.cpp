@@ -156,7 +156,7 @@ int KibSatelliteImpl::disconnect() {
     unregisterServices(true);
     std::map<std::string, std::unique_ptr<KibSubscription>> listeners;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         listeners.swap(listeners_);
         availability_.clear();
     }
@@ -251,7 +251,7 @@ int KibSatelliteImpl::registerServices() {
     if (connection_ == nullptr) return KIB_E_NOT_CONNECTED;
     int result = KIB_OK;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         for (auto& [name, service] : services_) {
             if (service->sub != nullptr) continue;
             const int status = subscribe(*service, kSubjectService + name_ + "." + name, true);
@@ -268,7 +268,7 @@ int KibSatelliteImpl::unregisterServices(bool removeServices) {
     std::vector<std::unique_ptr<KibSubscription>> stopped;
     bool wasRegistered = false;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         wasRegistered = registered_;
         registered_ = false;
         for (auto& [name, service] : services_) {
@@ -294,7 +294,7 @@ int KibSatelliteImpl::addService(const char* name, const char* description,
     if (!KibNats::isValidName(name) || !delegate) return KIB_E_INVALID_ARGUMENT;
     int result = KIB_OK;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         if (services_.count(name) != 0) return KIB_E_DUPLICATE_SERVICE;
         auto service = makeSubscription(KibSubscription::Kind::Service, name);
         service->description = description != nullptr ? description : "";
@@ -304,7 +304,7 @@ int KibSatelliteImpl::addService(const char* name, const char* description,
         }
         if (result == KIB_OK) services_.emplace(name, std::move(service));
     }
-    if (result == KIB_OK && registered_ && connection_ != nullptr) {
+    if (result == KIB_OK && isRegistered() && connection_ != nullptr) {
         announce(false);
         natsConnection_FlushTimeout(connection_, kFlushTimeoutMs);
     }
@@ -315,13 +315,13 @@ int KibSatelliteImpl::removeService(const char* name) {
     if (name == nullptr) return KIB_E_INVALID_ARGUMENT;
     std::unique_ptr<KibSubscription> service;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         const auto found = services_.find(name);
         if (found == services_.end()) return KIB_E_NO_SUCH_SERVICE;
         service = std::move(found->second);
         services_.erase(found);
     }
-    if (registered_ && connection_ != nullptr) announce(false);
+    if (isRegistered() && connection_ != nullptr) announce(false);
     if (service->sub != nullptr) {
         unsubscribe(std::move(service));
         natsConnection_FlushTimeout(connection_, kFlushTimeoutMs);
@@ -333,7 +333,7 @@ int KibSatelliteImpl::dispatch(const char* caller, const char* service, const VA
                                VARIANT* out, int* result) {
     KibSatelliteDelegateGeneric* delegate = nullptr;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         const auto found = services_.find(service != nullptr ? service : "");
         if (found == services_.end() || !found->second->delegate) return KIB_E_NO_SUCH_SERVICE;
         delegate = found->second->delegate.get();
@@ -342,6 +342,11 @@ int KibSatelliteImpl::dispatch(const char* caller, const char* service, const VA
     const int status = delegate->Invoke(caller, in, out);
     if (result != nullptr) *result = status;
     return KIB_OK;
+}
+
+bool KibSatelliteImpl::isRegistered() {
+    const PMutexLocker lock(mutex_);
+    return registered_;
 }
 
 int KibSatelliteImpl::satelliteId(int* id) const {

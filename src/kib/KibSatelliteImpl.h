@@ -31,6 +31,8 @@
 #include "KibReply.h"
 #include "KibSatelliteDelegate.h"
 #include "KibStatus.h"
+#include "PMutex.h"
+#include "ThreadAnnotations.h"
 
 class KibSatellite;
 class KibSatelliteImpl;
@@ -103,6 +105,7 @@ private:
     void onAnnouncement(natsMsg* msg);
     void sendReply(natsConnection* nc, const char* subject, KibReply& reply);
     int subscribe(KibSubscription& s, const std::string& subject, bool queue);
+    bool isRegistered();
     void unsubscribe(std::unique_ptr<KibSubscription> s);
     std::unique_ptr<KibSubscription> makeSubscription(KibSubscription::Kind kind,
                                                       const std::string& name);
@@ -129,10 +132,10 @@ private:
     // Control subscriptions (ping, discovery): management thread only.
     std::vector<std::unique_ptr<KibSubscription>> control_;
 
-    std::mutex mutex_;
-    // Guarded by mutex_.
-    std::map<std::string, std::unique_ptr<KibSubscription>> services_;
-    std::map<std::string, std::unique_ptr<KibSubscription>> listeners_;
-    bool registered_ = false;
-    KibAvailability availability_;
+    // Written under mutex_ by the management thread, read under it by callbacks.
+    PMutex mutex_;
+    std::map<std::string, std::unique_ptr<KibSubscription>> services_ NIMB_GUARDED_BY(mutex_);
+    std::map<std::string, std::unique_ptr<KibSubscription>> listeners_ NIMB_GUARDED_BY(mutex_);
+    bool registered_ NIMB_GUARDED_BY(mutex_) = false;
+    KibAvailability availability_ NIMB_GUARDED_BY(mutex_);
 };

@@ -122,12 +122,7 @@ void KibSatelliteImpl::onMessage(KibSubscription& s, natsConnection* nc, natsMsg
             servePing(nc, msg);
             break;
         case KibSubscription::Kind::Discover: {
-            bool registered = false;
-            {
-                const std::lock_guard<std::mutex> lock(mutex_);
-                registered = registered_;
-            }
-            if (registered) announce(false);
+            if (isRegistered()) announce(false);
             break;
         }
         case KibSubscription::Kind::Availability:
@@ -207,7 +202,7 @@ void KibSatelliteImpl::announce(bool leaving) {
     frame.instance = instance_;
     frame.leaving = leaving;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         for (const auto& [name, service] : services_) {
             if (leaving || service->sub != nullptr) frame.services.push_back(name);
         }
@@ -238,7 +233,7 @@ int KibSatelliteImpl::addListener(const char* satellite) {
     if (name != "*" && !KibNats::isValidName(satellite)) return KIB_E_INVALID_ARGUMENT;
     if (connection_ == nullptr) return KIB_E_NOT_CONNECTED;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         if (listeners_.count(name) != 0) return KIB_OK;
         auto listener = makeSubscription(KibSubscription::Kind::Availability, name);
         const int status = subscribe(*listener, kSubjectAvail + name, false);
@@ -254,7 +249,7 @@ int KibSatelliteImpl::removeListener(const char* satellite) {
     if (satellite == nullptr) return KIB_E_INVALID_ARGUMENT;
     std::unique_ptr<KibSubscription> listener;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         const auto found = listeners_.find(satellite);
         if (found == listeners_.end()) return KIB_E_INVALID_ARGUMENT;
         listener = std::move(found->second);
@@ -282,7 +277,7 @@ void KibSatelliteImpl::onAnnouncement(natsMsg* msg) {
     }
     std::vector<KibAvailabilityEvent> events;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         events = availability_.apply(frame);
     }
     for (const KibAvailabilityEvent& event : events) {
@@ -311,7 +306,7 @@ void KibSatelliteImpl::onReconnected() {
     std::vector<std::string> watched;
     bool registered = false;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         registered = registered_;
         for (const auto& [name, listener] : listeners_) watched.push_back(name);
     }

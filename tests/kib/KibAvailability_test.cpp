@@ -26,3 +26,17 @@ TEST(KibAvailabilityTest, ForgottenSatelliteIsReportedAfresh) {
     availability.forget("Logger");
     EXPECT_EQ(availability.apply({"Logger", 1, false, {"A"}}), (Events{{"Logger", "A", true}}));
 }
+
+TEST(KibAvailabilityTest, AnnouncementsPastTheBoundsAreIgnored) {
+    KibAvailability availability;
+    for (std::uint32_t i = 1; i <= KibAvailability::kMaxInstances; ++i) {
+        availability.apply({"Logger", i, false, {"A"}});
+    }
+    // One instance too many: ignored, so its leaving later cannot be mistaken either.
+    EXPECT_EQ(availability.apply({"Logger", 100000, false, {"B"}}), Events{});
+    std::vector<std::string> many(KibAvailability::kMaxServices + 1, "S");
+    EXPECT_EQ(availability.apply({"Other", 1, false, many}), Events{});
+    // A leaving instance that was never seen leaves no trace.
+    EXPECT_EQ(availability.apply({"Ghost", 1, true, {"A"}}), Events{});
+    EXPECT_EQ(availability.apply({"Ghost", 1, false, {"A"}}), (Events{{"Ghost", "A", true}}));
+}

@@ -159,6 +159,21 @@ TEST_F(KibSatelliteTest, RemovedServiceGivesNoResponders) {
     EXPECT_EQ(server_.RemoveService("Echo"), KIB_E_NO_SUCH_SERVICE);
 }
 
+TEST_F(KibSatelliteTest, UnregisteredServicesComeBackWhenRegisteredAgain) {
+    ASSERT_EQ(server_.UnregisterServices(false), KIB_OK);
+    KibReply reply;
+    EXPECT_EQ(client_.Call("Server", "Echo", i4(1).get(), &reply, 5000), KIB_E_NO_RESPONDERS);
+    ASSERT_EQ(server_.RegisterServices(), KIB_OK);
+    EXPECT_EQ(client_.Call("Server", "Echo", i4(1).get(), &reply, 5000), 7);
+}
+
+TEST_F(KibSatelliteTest, OneWayRequestReachesTheHandler) {
+    EXPECT_EQ(client_.Request("Server", "Echo", i4(1).get(), nullptr, KIBFLAG_NO_REPLY, nullptr),
+              KIB_OK);
+    for (int i = 0; i < 100 && server_.lastCaller().empty(); ++i) std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(server_.lastCaller(), "Client");
+}
+
 TEST_F(KibSatelliteTest, MalformedRequestGetsAnErrorReply) {
     natsConnection* nc = nullptr;
     ASSERT_EQ(natsConnection_ConnectTo(&nc, ("nats://" + nats_.host()).c_str()), NATS_OK);
