@@ -10,6 +10,7 @@ packages=(
     nats-server libnats-dev libmsgpack-cxx-dev
     libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
     clang-format
+    clang
 )
 
 missing=()

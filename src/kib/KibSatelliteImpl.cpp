@@ -153,6 +153,12 @@ void KibSatelliteImpl::setUser(const char* user, const char* password) {
 
 int KibSatelliteImpl::disconnect() {
     if (connection_ == nullptr) return KIB_OK;
+    {
+        // No connection-state notifications from here on: the satellite may be halfway
+        // through its destruction.
+        const std::lock_guard<std::mutex> lock(link_->mutex);
+        link_->owner = nullptr;
+    }
     unregisterServices(true);
     std::map<std::string, std::unique_ptr<KibSubscription>> listeners;
     {

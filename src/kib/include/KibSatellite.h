@@ -29,7 +29,9 @@ public:
     KibSatellite();
     KibSatellite(const KibSatellite&) = delete;
     KibSatellite& operator=(const KibSatellite&) = delete;
-    // Disconnects (waiting for running handlers) and deletes the delegates.
+    // Disconnects (waiting for running handlers) and deletes the delegates. A subclass
+    // whose handlers use its own members calls Disconnect in its own destructor, so
+    // that no handler runs while those members are being destroyed.
     virtual ~KibSatellite();
 
     // The logger for the library's own diagnostics, shared by every satellite of the
