@@ -13,10 +13,12 @@ struct KibNatsDeleter {
     void operator()(natsOptions* options) const { natsOptions_Destroy(options); }
     void operator()(natsConnection* connection) const { natsConnection_Destroy(connection); }
     void operator()(natsMsg* message) const { natsMsg_Destroy(message); }
+    void operator()(natsSubscription* sub) const { natsSubscription_Destroy(sub); }
 };
 using KibNatsOptions = std::unique_ptr<natsOptions, KibNatsDeleter>;
 using KibNatsConnection = std::unique_ptr<natsConnection, KibNatsDeleter>;
 using KibNatsMsg = std::unique_ptr<natsMsg, KibNatsDeleter>;
+using KibNatsSubscription = std::unique_ptr<natsSubscription, KibNatsDeleter>;
 
 class KibNats {
 public:

@@ -124,7 +124,7 @@ int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
         return KibNats::toStatus(status) == KIB_E_TRANSPORT ? KIB_E_CONNECT_FAILED
                                                             : KibNats::toStatus(status);
     }
-    connection_ = connection;
+    connection_.reset(connection);
     link_ = link;
     name_ = satelliteName;
     instance_ = randomInstanceId();
@@ -142,7 +142,7 @@ int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
         disconnect();
         return result;
     }
-    natsConnection_FlushTimeout(connection_, kFlushTimeoutMs);
+    natsConnection_FlushTimeout(connection_.get(), kFlushTimeoutMs);
     return KIB_OK;
 }
 
@@ -169,7 +169,7 @@ int KibSatelliteImpl::disconnect() {
     for (auto& [name, listener] : listeners) unsubscribe(std::move(listener));
     for (auto& control : control_) unsubscribe(std::move(control));
     control_.clear();
-    natsConnection_FlushTimeout(connection_, kFlushTimeoutMs);
+    natsConnection_FlushTimeout(connection_.get(), kFlushTimeoutMs);
     closeConnection();
     name_.clear();
     instance_ = 0;
@@ -181,15 +181,14 @@ void KibSatelliteImpl::closeConnection() {
         const std::lock_guard<std::mutex> lock(link_->mutex);
         link_->owner = nullptr;
     }
-    natsConnection_Close(connection_);
+    natsConnection_Close(connection_.get());
     {
         std::unique_lock<std::mutex> lock(link_->mutex);
         if (!link_->closedSignal.wait_for(lock, kTeardownWait, [&] { return link_->closed; })) {
             KibLog::error("The bus connection did not report its close");
         }
     }
-    natsConnection_Destroy(connection_);
-    connection_ = nullptr;
+    connection_.reset();
     link_.reset();
 }
 
@@ -203,20 +202,21 @@ std::unique_ptr<KibSubscription> KibSatelliteImpl::makeSubscription(KibSubscript
 }
 
 int KibSatelliteImpl::subscribe(KibSubscription& s, const std::string& subject, bool queue) {
+    natsSubscription* sub = nullptr;
     natsStatus status =
-        queue ? natsConnection_QueueSubscribe(&s.sub, connection_, subject.c_str(), name_.c_str(),
-                                              &onMessageThunk, &s)
-              : natsConnection_Subscribe(&s.sub, connection_, subject.c_str(), &onMessageThunk, &s);
-    if (status == NATS_OK) status = natsSubscription_SetOnCompleteCB(s.sub, &onCompleteThunk, &s);
+        queue ? natsConnection_QueueSubscribe(&sub, connection_.get(), subject.c_str(),
+                                              name_.c_str(), &onMessageThunk, &s)
+              : natsConnection_Subscribe(&sub, connection_.get(), subject.c_str(), &onMessageThunk,
+                                         &s);
+    s.sub.reset(sub);
+    if (status == NATS_OK)
+        status = natsSubscription_SetOnCompleteCB(s.sub.get(), &onCompleteThunk, &s);
     if (status == NATS_OK) {
-        status = natsSubscription_SetPendingLimits(s.sub, kPendingMessages, kPendingBytes);
+        status = natsSubscription_SetPendingLimits(s.sub.get(), kPendingMessages, kPendingBytes);
     }
     if (status != NATS_OK) {
         KibLog::error("Cannot subscribe to %s: %s", subject.c_str(), natsStatus_GetText(status));
-        if (s.sub != nullptr) {
-            natsSubscription_Destroy(s.sub);
-            s.sub = nullptr;
-        }
+        s.sub.reset();
         return KibNats::toStatus(status);
     }
     return KIB_OK;
@@ -227,9 +227,8 @@ int KibSatelliteImpl::subscribe(KibSubscription& s, const std::string& subject, 
 // is handed to its completion callback, which deletes it later.
 void KibSatelliteImpl::unsubscribe(std::unique_ptr<KibSubscription> s) {
     if (!s || s->sub == nullptr) return;
-    natsSubscription_Unsubscribe(s->sub);
-    natsSubscription_Destroy(s->sub);
-    s->sub = nullptr;
+    natsSubscription_Unsubscribe(s->sub.get());
+    s->sub.reset();
     std::unique_lock<std::mutex> lock(s->mutex);
     if (s->completed.wait_for(lock, kTeardownWait, [&] { return s->complete; })) return;
     KibLog::error("Handler of %s still running; releasing it later", s->name.c_str());
@@ -266,7 +265,7 @@ int KibSatelliteImpl::registerServices() {
         registered_ = true;
     }
     announce(false);
-    natsConnection_FlushTimeout(connection_, kFlushTimeoutMs);
+    natsConnection_FlushTimeout(connection_.get(), kFlushTimeoutMs);
     return result;
 }
 
@@ -312,7 +311,7 @@ int KibSatelliteImpl::addService(const char* name, const char* description,
     }
     if (result == KIB_OK && isRegistered() && connection_ != nullptr) {
         announce(false);
-        natsConnection_FlushTimeout(connection_, kFlushTimeoutMs);
+        natsConnection_FlushTimeout(connection_.get(), kFlushTimeoutMs);
     }
     return result;
 }
@@ -330,7 +329,7 @@ int KibSatelliteImpl::removeService(const char* name) {
     if (isRegistered() && connection_ != nullptr) announce(false);
     if (service->sub != nullptr) {
         unsubscribe(std::move(service));
-        natsConnection_FlushTimeout(connection_, kFlushTimeoutMs);
+        natsConnection_FlushTimeout(connection_.get(), kFlushTimeoutMs);
     }
     return KIB_OK;
 }

@@ -48,7 +48,7 @@ struct KibSubscription {
     std::string name;  // service name, or the watched satellite
     std::string description;
     std::unique_ptr<KibSatelliteDelegateGeneric> delegate;
-    natsSubscription* sub = nullptr;
+    KibNatsSubscription sub;
 
     std::mutex mutex;
     std::condition_variable completed;
@@ -120,7 +120,7 @@ private:
 
     // Written by connect/disconnect (management thread); read by callbacks while the
     // connection exists.
-    natsConnection* connection_ = nullptr;
+    KibNatsConnection connection_;
     std::shared_ptr<KibConnectionLink> link_;
     std::string name_;
     std::uint32_t instance_ = 0;

@@ -47,16 +47,17 @@ int KibSatelliteImpl::call(const char* satellite, const char* service, const VAR
     }
     const std::string subject = kSubjectService + std::string(satellite) + "." + service;
     if (noReply) {
-        const natsStatus sent = natsConnection_Publish(connection_, subject.c_str(), frame.data(),
-                                                       static_cast<int>(frame.size()));
+        const natsStatus sent = natsConnection_Publish(
+            connection_.get(), subject.c_str(), frame.data(), static_cast<int>(frame.size()));
         if (sent != NATS_OK) {
             setError(reply, KibErrorKind::Local, KibNats::toStatus(sent), natsStatus_GetText(sent));
         }
         return reply.status;
     }
     natsMsg* raw = nullptr;
-    const natsStatus sent = natsConnection_Request(&raw, connection_, subject.c_str(), frame.data(),
-                                                   static_cast<int>(frame.size()), timeoutMs);
+    const natsStatus sent =
+        natsConnection_Request(&raw, connection_.get(), subject.c_str(), frame.data(),
+                               static_cast<int>(frame.size()), timeoutMs);
     KibNatsMsg msg(raw);
     if (sent != NATS_OK) {
         status = KibNats::toStatus(sent);
@@ -82,7 +83,7 @@ int KibSatelliteImpl::ping(const char* host, const char* satellite, unsigned sho
                            int timeoutMs, KIBSTATUS* status) {
     if (status != nullptr) *status = KIBSTATUS_DISCONNECTED;
     if (!KibNats::isValidName(satellite)) return KIB_E_INVALID_ARGUMENT;
-    natsConnection* connection = connection_;
+    natsConnection* connection = connection_.get();
     KibNatsConnection temporary;
     if (host != nullptr && *host != '\0') {
         natsOptions* options = nullptr;
@@ -214,7 +215,7 @@ void KibSatelliteImpl::announce(bool leaving) {
         return;
     }
     const std::string subject = kSubjectAvail + name_;
-    natsConnection_Publish(connection_, subject.c_str(), data.data(),
+    natsConnection_Publish(connection_.get(), subject.c_str(), data.data(),
                            static_cast<int>(data.size()));
 }
 
@@ -223,7 +224,7 @@ void KibSatelliteImpl::discover(const std::string& satellite) {
     KibCodec::encodeDiscover(name_, data);
     const std::string subject =
         satellite == "*" ? std::string(kSubjectDiscover) : kSubjectDiscover + ("." + satellite);
-    natsConnection_Publish(connection_, subject.c_str(), data.data(),
+    natsConnection_Publish(connection_.get(), subject.c_str(), data.data(),
                            static_cast<int>(data.size()));
 }
 
@@ -240,7 +241,7 @@ int KibSatelliteImpl::addListener(const char* satellite) {
         if (status != KIB_OK) return status;
         listeners_.emplace(name, std::move(listener));
     }
-    natsConnection_FlushTimeout(connection_, 2000);
+    natsConnection_FlushTimeout(connection_.get(), 2000);
     discover(name);
     return KIB_OK;
 }
