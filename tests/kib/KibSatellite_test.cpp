@@ -4,15 +4,22 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 #include <nats/nats.h>
 
+#include "CBBLog.h"
+#include "CRegistry.h"
 #include "KibException.h"
 #include "NatsServer.h"
 #include "TestValues.h"
@@ -288,4 +295,37 @@ TEST(KibSatelliteProcessTest, SatelliteInAnotherProcessAnswers) {
     ::kill(child, SIGTERM);
     int wstatus = 0;
     ::waitpid(child, &wstatus, 0);
+}
+
+TEST(KibSatelliteLogTest, DiagnosticsGoToTheGivenLogger) {
+    char root[] = "/tmp/kib-log-test-XXXXXX";
+    ASSERT_NE(::mkdtemp(root), nullptr);
+    const std::string saved = std::getenv("XDG_CONFIG_HOME") ? std::getenv("XDG_CONFIG_HOME") : "";
+    setenv("XDG_CONFIG_HOME", (std::string(root) + "/config").c_str(), 1);
+    const std::string logs = std::string(root) + "/logs";
+    ASSERT_TRUE(
+        CRegistry::getInstance()->WriteSettingImpl("Software\\Pellix\\Nimb", "LogsDir", logs));
+
+    auto log = boost::make_shared<CBBLog>("KibTest.log", false, 524288);
+    KibSatellite::setLogger(log);
+    const std::string port = std::to_string(NatsServer::freePort());
+    {
+        TestSatellite satellite;
+        EXPECT_EQ(satellite.Connect(("127.0.0.1:" + port).c_str(), "Lonely"), KIB_E_CONNECT_FAILED);
+    }
+    KibSatellite::setLogger(boost::shared_ptr<CBBLog>());
+    log.reset();  // drains the queue into the file
+
+    std::ifstream file(logs + "/KibTest.log");
+    const std::string text((std::istreambuf_iterator<char>(file)),
+                           std::istreambuf_iterator<char>());
+    EXPECT_NE(text.find("[ERROR] - Cannot connect to the bus directory nats://127.0.0.1:" + port),
+              std::string::npos)
+        << text;
+    if (saved.empty()) {
+        unsetenv("XDG_CONFIG_HOME");
+    } else {
+        setenv("XDG_CONFIG_HOME", saved.c_str(), 1);
+    }
+    std::filesystem::remove_all(root);
 }
