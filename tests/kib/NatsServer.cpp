@@ -28,7 +28,13 @@ bool accepts(int port) {
 
 }  // namespace
 
-NatsServer::NatsServer() : port_(freePort()) { start(); }
+NatsServer::NatsServer() {
+    // A port found free may be taken before the server binds it; try a few.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        port_ = freePort();
+        if (start()) return;
+    }
+}
 
 NatsServer::~NatsServer() { stop(); }
 
@@ -62,6 +68,12 @@ bool NatsServer::start() {
         ::_exit(127);
     }
     for (int i = 0; i < 100; ++i) {
+        // Our server must be the one answering: if it died (port taken by another test
+        // in the meantime) the caller's start() fails instead of sharing a stranger.
+        if (::waitpid(pid_, nullptr, WNOHANG) == pid_) {
+            pid_ = -1;
+            return false;
+        }
         if (accepts(port_)) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
