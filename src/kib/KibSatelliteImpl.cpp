@@ -121,8 +121,7 @@ int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
         delete holder;  // no connection, so no callback will ever see it
         KibLog::error("Cannot connect to the bus directory %s: %s", url.c_str(),
                       natsStatus_GetText(status));
-        return KibNats::toStatus(status) == KIB_E_TRANSPORT ? KIB_E_CONNECT_FAILED
-                                                            : KibNats::toStatus(status);
+        return KIB_E_CONNECT_FAILED;
     }
     connection_.reset(connection);
     link_ = link;
@@ -176,11 +175,8 @@ int KibSatelliteImpl::disconnect() {
     return KIB_OK;
 }
 
+// Closes the connection and waits (boundedly) for the client's last callback.
 void KibSatelliteImpl::closeConnection() {
-    {
-        const std::lock_guard<std::mutex> lock(link_->mutex);
-        link_->owner = nullptr;
-    }
     natsConnection_Close(connection_.get());
     {
         std::unique_lock<std::mutex> lock(link_->mutex);

@@ -41,6 +41,9 @@ int throwKib(const char*, const tagVARIANT&, tagVARIANT*) {
 // A satellite with an echo service that records what the library tells it.
 class TestSatellite : public KibSatellite {
 public:
+    // Its handlers use its members, so it leaves the bus before they are destroyed.
+    ~TestSatellite() override { Disconnect(); }
+
     int CreateServices() override {
         AddService("Echo", "",
                    new KibSatelliteDelegateMember<TestSatellite>(this, &TestSatellite::echo));

@@ -23,6 +23,8 @@ int caller(const char* name, const tagVARIANT&, tagVARIANT* out) {
 
 class PeerSatellite : public KibSatellite {
 public:
+    ~PeerSatellite() override { Disconnect(); }
+
     int CreateServices() override {
         AddService("Echo", "returns its argument", &echo);
         return AddService("Caller", "returns the caller's name", &caller);

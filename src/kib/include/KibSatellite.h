@@ -50,9 +50,10 @@ public:
     // Unregisters and removes every service, stops listening and closes the connection,
     // waiting (boundedly) for running handlers. Must not be called from a handler.
     virtual int Disconnect();
-    // Calls `serviceName` of `satelliteName` with `in`. On return `out` (if given)
-    // holds the result value and `error` (if given) holds the error text as a VT_BSTR,
-    // or VT_EMPTY when there was no error. Returns the handler's own return value, or
+    // Calls `serviceName` of `satelliteName` with `in` (borrowed). `out` and `error`, if
+    // given, must hold valid values (VariantInit'ed at least): they are cleared, then
+    // `out` receives the result value and `error` the error text as a VT_BSTR (VT_EMPTY
+    // when there was no error); the caller owns both. Returns the handler's own return value, or
     // KIB_E_SERVICE_EXCEPTION when it threw, or another KIB_E_ code when the call did
     // not get through. Blocks up to the request timeout (see setRequestTimeout).
     virtual int Request(const char* satelliteName, const char* serviceName, const tagVARIANT& in,
