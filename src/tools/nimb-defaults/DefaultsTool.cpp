@@ -32,6 +32,13 @@ backslashes become full stops.
 Each domain is the file $XDG_CONFIG_HOME/pellix/DOMAIN.json
 (~/.config/pellix/DOMAIN.json when XDG_CONFIG_HOME is not set).
 
+Settings the suite reads:
+  Software\Pellix\Nimb\Config  kibDirectory.host  string  bus directory, host or host:port
+  Software\Pellix\Nimb         LogLevel           int     0 FATAL, 1 ERROR ... 4 DEBUG
+  Software\Pellix\Nimb         LogsDir            string  logs folder
+  Software\Pellix\Nimb         DataDir            string  data folder
+  Software\Pellix\Nimb         InstallDir         string  install folder
+
 Examples:
   nimb-defaults write 'Software\Pellix\Nimb' LogLevel -int 4
   nimb-defaults write 'Software\Pellix\Nimb' LogsDir -string /srv/pellix/logs
