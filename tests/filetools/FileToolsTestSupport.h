@@ -2,10 +2,9 @@
 // Test support for the file tools and the tools built on them: a temporary folder
 // removed with everything in it, an environment variable set for one scope, a
 // fixture that gives each test its own folder and settings home, and a runner for
-// child programs that collects their output within a time limit.
+// child programs that collects their output.
 #pragma once
 
-#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <optional>
@@ -17,8 +16,7 @@
 
 #include "CRegistry.h"
 #include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -101,58 +99,30 @@ struct ProcessResult {
     std::string err;
 };
 
-// Runs `argv` with the current environment plus `extraEnv` ("NAME=value"), collects
-// standard output and error, and kills the child if it runs longer than 30 s.
-inline ProcessResult runProcess(const std::vector<std::string>& argv,
-                                const std::vector<std::string>& extraEnv = {}) {
-    ProcessResult result;
-    int outPipe[2];
-    int errPipe[2];
-    if (::pipe2(outPipe, O_CLOEXEC) != 0) return result;
-    if (::pipe2(errPipe, O_CLOEXEC) != 0) {
-        ::close(outPipe[0]);
-        ::close(outPipe[1]);
-        return result;
-    }
+// Runs `argv` (environment inherited), its standard output and error going to files
+// in `scratch`; waits for it (ctest's per-test timeout bounds a hung child).
+inline ProcessResult runProcess(const std::vector<std::string>& argv, const TempDir& scratch) {
+    const std::string outPath = scratch / "child.out";
+    const std::string errPath = scratch / "child.err";
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                       0600);
+    ::posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                       0600);
     std::vector<char*> args;
     for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::dup2(outPipe[1], 1);
-        ::dup2(errPipe[1], 2);
-        for (const std::string& setting : extraEnv) ::putenv(const_cast<char*>(setting.c_str()));
-        ::execv(args[0], args.data());
-        ::_exit(127);
-    }
-    ::close(outPipe[1]);
-    ::close(errPipe[1]);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
-    std::string* sinks[2] = {&result.out, &result.err};
-    int open = 2;
-    while (open > 0 && std::chrono::steady_clock::now() < deadline) {
-        if (::poll(fds, 2, 1000) <= 0) continue;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-            char buffer[4096];
-            const ssize_t n = ::read(fds[i].fd, buffer, sizeof buffer);
-            if (n > 0) {
-                sinks[i]->append(buffer, static_cast<size_t>(n));
-            } else {
-                ::close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-            }
-        }
-    }
-    for (const pollfd& fd : fds) {
-        if (fd.fd >= 0) ::close(fd.fd);
-    }
-    if (open > 0 && pid > 0) ::kill(pid, SIGKILL);
+    ProcessResult result;
+    pid_t pid = 0;
     int status = 0;
-    if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
+    if (::posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ) == 0 &&
+        ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
         result.exitCode = WEXITSTATUS(status);
     }
+    ::posix_spawn_file_actions_destroy(&actions);
+    std::ifstream out(outPath), err(errPath);
+    result.out.assign(std::istreambuf_iterator<char>(out), {});
+    result.err.assign(std::istreambuf_iterator<char>(err), {});
     return result;
 }

@@ -33,9 +33,9 @@ protected:
         addLog(".hidden", 1, 0);
     }
 
-    static ProcessResult run(std::vector<std::string> args) {
+    ProcessResult run(std::vector<std::string> args) {
         args.insert(args.begin(), NIMB_LOGS_BIN);
-        return runProcess(args);
+        return runProcess(args, dir_);
     }
 
     static constexpr time_t kNow = 1700000000;
