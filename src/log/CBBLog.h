@@ -68,8 +68,10 @@ protected:
 
 public:
     // Appends `line` (a complete line) to "errors.log" at once, on the caller's thread,
-    // under fileMutex; opens the files first if needed. Allocates nothing and uses only
-    // system calls once the logger is initialised, so a crash handler may call it.
+    // under fileMutex; opens the files first if needed. Runs in: normal context, or
+    // crash context once the logger is initialised: it then allocates nothing and uses
+    // only system calls and fileMutex (a crash while this thread holds fileMutex, that
+    // is inside this function or initialize(), would deadlock a second call).
     virtual void _FatalError(const CStdStr& line);
 
     // Instance forms: each compares with the stored level only, so while the level is
