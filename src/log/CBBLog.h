@@ -113,6 +113,8 @@ public:
     static void warn(const char* format, ...) __attribute__((format(printf, 1, 2)));
     static void info(const char* format, ...) __attribute__((format(printf, 1, 2)));
     static void debug(const char* format, ...) __attribute__((format(printf, 1, 2)));
+    // `args` is borrowed and left usable. A literal 0 as the only argument after the
+    // format (debug("n: %d", 0)) selects this overload; it is formatted as that zero.
     static void debug(const char* format, va_list args);
     static void fatal(const boost::format& format);
     static void error(const boost::format& format);
@@ -162,6 +164,8 @@ private:
                          const char* format, va_list args);
     static void dispatch(const boost::shared_ptr<CBBLog>& log, LOGLEVEL messageLevel,
                          const boost::format& format);
+    static void forward(const boost::shared_ptr<CBBLog>& log, LOGLEVEL messageLevel,
+                        const char* format, ...);
     static bool isEnabled(LOGLEVEL messageLevel);
 
     // Immutable after construction.

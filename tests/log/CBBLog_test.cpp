@@ -182,6 +182,9 @@ TEST_F(LogTest, StaticFunctionsFollowTheDefaultLoggerAndIgnoreADestroyedOne) {
     EXPECT_FALSE(CBBLog::isDebugEnabled());
 
     CBBLog::warn(boost::format("%1% of %2%") % 3 % 4);
+    log->setLogLevel(DEBUG);
+    CBBLog::debug("retries: %d", 0);  // a literal 0 selects the va_list overload
+    log->setLogLevel(WARN);
     CBBLog::info(boost::format("%1%") % "not written");
     log.reset();
     EXPECT_FALSE(CBBLog::isWarnEnabled());
@@ -189,9 +192,10 @@ TEST_F(LogTest, StaticFunctionsFollowTheDefaultLoggerAndIgnoreADestroyedOne) {
     CBBLog::fatal(boost::format("%1%") % "nothing either");
 
     const std::vector<std::string> lines = linesOf(readFile(logFile("default.log")));
-    ASSERT_EQ(lines.size(), 1u);
+    ASSERT_EQ(lines.size(), 2u);
     EXPECT_TRUE(
         std::regex_match(lines[0], std::regex(std::string(kHeader) + R"(\[WARN \] - 3 of 4)")));
+    EXPECT_NE(lines[1].find("[DEBUG] - retries: 0"), std::string::npos) << lines[1];
     EXPECT_EQ(readFile(logFile("errors.log")), "");
 }
 
