@@ -395,7 +395,7 @@ QJsonValue KibJson::fromVariant(const VARIANT& value) {
 
 QString KibJson::dateToText(double date) {
     const double ms = std::round((date - kUnixEpochAsOleDate) * kMillisecondsPerDay);
-    // toUTC() gives the UTC time spec, which ISO 8601 output writes as "Z".
+    // A time converted with toUTC() is written with the "Z" suffix in ISO 8601.
     const QDateTime time = QDateTime::fromMSecsSinceEpoch(static_cast<qint64>(ms)).toUTC();
     return time.toString(time.time().msec() != 0 ? Qt::ISODateWithMs : Qt::ISODate);
 }
