@@ -83,6 +83,7 @@ set(_bp_sources
     common/convert_UTF.cc
     common/md5.cc
     common/string_conversion.cc
+    common/linux/breakpad_getcontext.S
     common/linux/elf_core_dump.cc
     common/linux/elfutils.cc
     common/linux/file_id.cc
@@ -92,10 +93,14 @@ set(_bp_sources
     common/linux/safe_readlink.cc)
 list(TRANSFORM _bp_sources PREPEND "${_bp}/")
 
+enable_language(ASM)
+
 # Third-party code: built with its own defaults, none of the project's warning flags and
 # never with -Werror (its syscall header uses constructs that g++ 12 deprecates).
 add_library(nimb_breakpad STATIC ${_bp_sources})
 target_include_directories(nimb_breakpad SYSTEM PUBLIC "${_bp}" "${_md_package}/deps")
-target_compile_options(nimb_breakpad PRIVATE -w)
+# The assembly file carries no stack note of its own; without this flag the linker
+# would mark every program that links it as needing an executable stack.
+target_compile_options(nimb_breakpad PRIVATE -w $<$<COMPILE_LANGUAGE:ASM>:-Wa,--noexecstack>)
 target_link_libraries(nimb_breakpad PUBLIC Threads::Threads)
 set_target_properties(nimb_breakpad PROPERTIES POSITION_INDEPENDENT_CODE ON CXX_STANDARD 17)

@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: MIT
 #include "MiniDumper.h"
 
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <typeinfo>
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <exception>
-#include <typeinfo>
 
 #if NIMB_HAVE_BREAKPAD
 #include "client/linux/handler/exception_handler.h"
@@ -131,8 +131,8 @@ CStdStr withoutTrailingSlash(const CStdStr& folder) {
 
 MiniDumper::MiniDumper(const char* name) : appName(name) { initialize(true, true); }
 
-MiniDumper::MiniDumper(const char* name, bool launch, bool log, bool installHooks,
-                       bool secondFlag, bool spareFlag)
+MiniDumper::MiniDumper(const char* name, bool launch, bool log, bool installHooks, bool secondFlag,
+                       bool spareFlag)
     : appName(name), logCrash(log), launchReporter(launch), spare(spareFlag) {
     initialize(installHooks, secondFlag);
 }

@@ -6,12 +6,11 @@
 // destroyed on the main thread. The dump callback runs on whichever thread crashed.
 #pragma once
 
-#include <limits.h>
-
 #include <memory>
 #include <vector>
 
 #include "StdString.h"
+#include <limits.h>
 
 namespace google_breakpad {
 class ExceptionHandler;
@@ -56,8 +55,8 @@ public:
     // After a dump: starts the reporter, writes the FATAL line, ends the process with
     // status 0. Never returns. Runs in: crash context (the crashed thread's signal
     // handler), so it only uses what was prepared in normal context.
-    [[noreturn]] void minidumpCallback(const char* dumpDir, const char* minidumpId,
-                                       void* context, bool succeeded);
+    [[noreturn]] void minidumpCallback(const char* dumpDir, const char* minidumpId, void* context,
+                                       bool succeeded);
     // The dump handler's callback in the directory + id form; `context` is the
     // MiniDumper. Runs in: crash context.
     static bool _minidumpCallback(const char* dumpDir, const char* minidumpId, void* context,

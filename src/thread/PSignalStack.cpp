@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "PSignalStack.h"
 
+#include <algorithm>
+
 #include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
-
-#include <algorithm>
 
 PSignalStack::PSignalStack() {
     stack_t current{};
@@ -25,7 +25,8 @@ PSignalStack::PSignalStack() {
     stack_t stack{};
     stack.ss_sp = stackBase;
     stack.ss_size = size;
-    if (mprotect(stackBase, size, PROT_READ | PROT_WRITE) != 0 || sigaltstack(&stack, nullptr) != 0) {
+    if (mprotect(stackBase, size, PROT_READ | PROT_WRITE) != 0 ||
+        sigaltstack(&stack, nullptr) != 0) {
         munmap(mapping, size + guard);  // the thread goes on without an alternate stack
         return;
     }
