@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <typeinfo>
 
@@ -27,6 +28,7 @@ class ExceptionHandler {};
 #include "CBBLog.h"
 #include "CFileTools.h"
 #include "CRegistry.h"
+#include "CStdPath.h"
 #include "PSignalStack.h"
 #include "PThread.h"
 
@@ -68,6 +70,26 @@ void runThroughShell(const char* commandLine) {
     }
     int status = 0;
     while (waitpid(static_cast<pid_t>(pid), &status, 0) < 0 && errno == EINTR) {
+    }
+}
+
+// Runs in: crash context. Gives the default logger's writer thread a moment to put the
+// FATAL line into the module's own log before the process ends: waits until nothing is
+// queued and the file has stopped growing, for at most kLogDrainMilliseconds. When the
+// writer thread is the one that crashed, the line reaches only "errors.log", which the
+// logger writes on the caller's thread.
+void waitForLogWriter() {
+    constexpr int kLogDrainMilliseconds = 2000;
+    constexpr int kPollMilliseconds = 10;
+    const boost::shared_ptr<CBBLog> log = CBBLog::getLogger();
+    if (!log) return;
+    long long lastSize = -2;
+    for (int waited = 0; waited < kLogDrainMilliseconds; waited += kPollMilliseconds) {
+        const long long size = log->getFileSize();
+        if (size == lastSize && log->getLogs().empty()) return;
+        lastSize = size;
+        const timespec pause{0, kPollMilliseconds * 1000L * 1000L};
+        nanosleep(&pause, nullptr);
     }
 }
 
@@ -164,10 +186,7 @@ void MiniDumper::initialize(bool installHooks, bool /*secondFlag*/) {
     if (appName.empty()) appName = "Unknown";
     if (dumpDir.empty()) dumpDir = defaultDumpDir();
     if (reporterPath.empty()) {
-        CStdStr binFolder = CFileTools::getNimbBinFolderPath();
-        CStdStr path = binFolder;
-        if (!path.empty() && path.back() != '/') path += "/";
-        path += kReporterName;
+        CStdStr path = CStdPath::AppendPath(CFileTools::getNimbBinFolderPath(), kReporterName);
         path.Replace(" ", "\\ ");
         reporterPath = path;
     }
@@ -290,6 +309,7 @@ void MiniDumper::minidumpCallback(const char* folder, const char* id, void* /*co
     if (logCrash) {
         CBBLog::fatal("crash of %s. minidump generated as %s (%dkB)", appName.c_str(),
                       crashDumpPath, static_cast<int>(size / 1024));
+        waitForLogWriter();
     }
     _exit(0);
 }
