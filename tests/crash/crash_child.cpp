@@ -37,14 +37,16 @@ protected:
     }
 };
 
-// Never returns: each frame keeps a buffer alive across the next call.
-__attribute__((noinline)) int overflow(volatile char* previous) {
+// Recurses until the stack runs out (the bound is far beyond any thread's stack); each
+// frame keeps a buffer alive across the next call.
+__attribute__((noinline)) long overflow(volatile char* previous, long depth) {
     volatile char frame[1024];
     frame[0] = previous != nullptr ? previous[0] : 1;
-    return overflow(frame) + frame[0];
+    if (depth > (1L << 40)) return frame[0];
+    return overflow(frame, depth + 1) + frame[0];
 }
 
-void* overflowThread(void*) { return reinterpret_cast<void*>(overflow(nullptr)); }
+void* overflowThread(void*) { return reinterpret_cast<void*>(overflow(nullptr, 0)); }
 
 void waitToDie() {
     for (int i = 0; i < 100; ++i) usleep(100 * 1000);
