@@ -1,0 +1,190 @@
+// SPDX-License-Identifier: MIT
+// CBBLog class side: the default logger and the static message functions. Each takes a
+// strong reference to its logger for the length of the call, lets the message through
+// when the logger's level is unset or enabled (the final test, after the level has been
+// read, is made again inside _AddLog), and does nothing when there is no logger.
+#include "CBBLog.h"
+#include "VaListEnd.h"
+
+boost::weak_ptr<CBBLog> CBBLog::s_instance;
+
+namespace {
+
+// Guards CBBLog::s_instance. Created on first use, so that logging from another
+// translation unit's static initialisation finds it constructed.
+PMutex& instanceMutex() {
+    static PMutex mutex;
+    return mutex;
+}
+
+}  // namespace
+
+void CBBLog::setLogger(boost::shared_ptr<CBBLog> logger) {
+    PMutexLocker lock(instanceMutex());
+    s_instance = logger;
+}
+
+boost::shared_ptr<CBBLog> CBBLog::getLogger() {
+    PMutexLocker lock(instanceMutex());
+    // An expired reference (the default logger was destroyed) yields null.
+    return s_instance.lock();
+}
+
+bool CBBLog::isEnabled(LOGLEVEL messageLevel) {
+    const boost::shared_ptr<CBBLog> log = getLogger();
+    if (!log) return false;
+    const LOGLEVEL current = log->getLogLevel();
+    return current == kLevelUnset || current >= messageLevel;
+}
+
+bool CBBLog::isWarnEnabled() { return isEnabled(WARN); }
+bool CBBLog::isInfoEnabled() { return isEnabled(INFO); }
+bool CBBLog::isDebugEnabled() { return isEnabled(DEBUG); }
+
+void CBBLog::dispatch(const boost::shared_ptr<CBBLog>& log, LOGLEVEL messageLevel,
+                      const char* format, va_list args) {
+    if (!log) return;
+    const LOGLEVEL current = log->getLogLevel();
+    if (current != kLevelUnset && current < messageLevel) return;
+    log->_AddLog(format, args, messageLevel);
+}
+
+void CBBLog::dispatch(const boost::shared_ptr<CBBLog>& log, LOGLEVEL messageLevel,
+                      const boost::format& format) {
+    if (!log) return;
+    const LOGLEVEL current = log->getLogLevel();
+    if (current != kLevelUnset && current < messageLevel) return;
+    log->_AddLog(format, messageLevel);
+}
+
+// ---- printf-style, to the default logger ----
+
+void CBBLog::fatal(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    dispatch(getLogger(), FATAL, format, args);
+}
+
+void CBBLog::error(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    dispatch(getLogger(), ERROR, format, args);
+}
+
+void CBBLog::warn(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    dispatch(getLogger(), WARN, format, args);
+}
+
+void CBBLog::info(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    dispatch(getLogger(), INFO, format, args);
+}
+
+void CBBLog::debug(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    dispatch(getLogger(), DEBUG, format, args);
+}
+
+void CBBLog::debug(const char* format, va_list args) {
+    // The caller owns `args`; a copy keeps it usable after this call.
+    va_list copy;
+    va_copy(copy, args);
+    VaListEnd end(copy);
+    dispatch(getLogger(), DEBUG, format, copy);
+}
+
+// ---- boost::format, to the default logger ----
+
+void CBBLog::fatal(const boost::format& format) { dispatch(getLogger(), FATAL, format); }
+void CBBLog::error(const boost::format& format) { dispatch(getLogger(), ERROR, format); }
+void CBBLog::warn(const boost::format& format) { dispatch(getLogger(), WARN, format); }
+void CBBLog::info(const boost::format& format) { dispatch(getLogger(), INFO, format); }
+void CBBLog::debug(const boost::format& format) { dispatch(getLogger(), DEBUG, format); }
+
+// ---- printf-style, to a given logger ----
+
+void CBBLog::fatal(boost::shared_ptr<CBBLog> log, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    dispatch(log, FATAL, format, args);
+}
+
+void CBBLog::error(boost::shared_ptr<CBBLog> log, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    dispatch(log, ERROR, format, args);
+}
+
+void CBBLog::warn(boost::shared_ptr<CBBLog> log, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    dispatch(log, WARN, format, args);
+}
+
+void CBBLog::info(boost::shared_ptr<CBBLog> log, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    dispatch(log, INFO, format, args);
+}
+
+void CBBLog::debug(boost::shared_ptr<CBBLog> log, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    dispatch(log, DEBUG, format, args);
+}
+
+// ---- Instance shortcuts: the stored level alone decides ----
+
+void CBBLog::_fatal(const char* format, ...) {
+    if (getLogLevel() < FATAL) return;
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    _AddLog(format, args, FATAL);
+}
+
+void CBBLog::_error(const char* format, ...) {
+    if (getLogLevel() < ERROR) return;
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    _AddLog(format, args, ERROR);
+}
+
+void CBBLog::_warn(const char* format, ...) {
+    if (getLogLevel() < WARN) return;
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    _AddLog(format, args, WARN);
+}
+
+void CBBLog::_info(const char* format, ...) {
+    if (getLogLevel() < INFO) return;
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    _AddLog(format, args, INFO);
+}
+
+void CBBLog::_debug(const char* format, ...) {
+    if (getLogLevel() < DEBUG) return;
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    _AddLog(format, args, DEBUG);
+}

@@ -1,0 +1,383 @@
+// SPDX-License-Identifier: MIT
+#include "CBBLog.h"
+
+#include <atomic>
+#include <filesystem>
+#include <mutex>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <boost/format.hpp>
+#include <boost/make_shared.hpp>
+#include <gtest/gtest.h>
+
+#include "LogTestSupport.h"
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+namespace {
+
+using logtest::linesOf;
+using logtest::LogTest;
+using logtest::readFile;
+using logtest::waitUntil;
+
+const char* const kHeader = R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3} )";
+constexpr long long kSystemLimit = 524288;
+
+// Names of this process's threads.
+std::vector<std::string> threadNames() {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name = readFile(entry.path().string() + "/comm");
+        if (!name.empty() && name.back() == '\n') name.pop_back();
+        names.push_back(name);
+    }
+    return names;
+}
+
+int countThreadsNamed(const std::string& name) {
+    int count = 0;
+    for (const std::string& n : threadNames()) count += n == name ? 1 : 0;
+    return count;
+}
+
+// The level labels of the lines of a log file, in order.
+std::vector<std::string> labelsOf(const std::string& text) {
+    std::vector<std::string> labels;
+    const std::regex label(R"(\[([A-Z ]{5})\])");
+    for (const std::string& line : linesOf(text)) {
+        std::smatch match;
+        if (std::regex_search(line, match, label)) labels.push_back(match[1]);
+    }
+    return labels;
+}
+
+void logEveryLevel(CBBLog& log) {
+    for (int level = FATAL; level <= DEBUG; ++level) {
+        log.AddLog(static_cast<LOGLEVEL>(level), "message at level %d", level);
+    }
+}
+
+// A logger that keeps its lines instead of writing them; it can hold the writer thread
+// inside logLineToFile until released.
+class CapturingLog : public CBBLog {
+public:
+    explicit CapturingLog(bool holdWriter) : CBBLog("capture.log", false, kSystemLimit) {
+        held_ = holdWriter;
+    }
+    ~CapturingLog() override {
+        release();
+        stopWriter();
+    }
+
+    void release() { held_ = false; }
+    bool writerIsHeld() const { return insideWrite_; }
+    std::vector<std::string> lines() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return lines_;
+    }
+
+protected:
+    void logLineToFile(const CStdStr& line) override {
+        insideWrite_ = true;
+        for (int i = 0; i < 5000 && held_; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.push_back(line);
+    }
+
+private:
+    std::atomic<bool> held_{false};
+    std::atomic<bool> insideWrite_{false};
+    std::mutex mutex_;
+    std::vector<std::string> lines_;
+};
+
+TEST_F(LogTest, UnusedLoggerCreatesNoFileAndNoThreadUntilItsFirstLine) {
+    const size_t threadsBefore = threadNames().size();
+    {
+        CBBLog log("unused.log", false, kSystemLimit);
+        EXPECT_EQ(threadNames().size(), threadsBefore);
+        EXPECT_EQ(log.getFileSize(), -1);
+    }
+    EXPECT_FALSE(std::filesystem::exists(logsDir()));
+
+    {
+        CBBLog log("used.log", false, kSystemLimit);
+        log.AddLog(ERROR, "first");
+        EXPECT_EQ(countThreadsNamed("nimb-log"), 1);
+        EXPECT_TRUE(std::filesystem::exists(logFile("used.log")));
+        EXPECT_TRUE(std::filesystem::exists(logFile("errors.log")));
+        // Shared by the suite's processes, whoever runs them.
+        struct stat info {};
+        ASSERT_EQ(stat(logFile("used.log").c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 0777, 0666u);
+    }
+    EXPECT_EQ(countThreadsNamed("nimb-log"), 0);
+}
+
+TEST_F(LogTest, WithoutLevelSettingOnlyErrorAndFatalAreWritten) {
+    {
+        CBBLog log("levels.log", false, kSystemLimit);
+        logEveryLevel(log);
+        EXPECT_EQ(log.getLogLevel(), ERROR);
+    }
+    EXPECT_EQ(labelsOf(readFile(logFile("levels.log"))),
+              (std::vector<std::string>{"FATAL", "ERROR"}));
+}
+
+TEST_F(LogTest, LevelSettingFourWritesEveryLevelInOrder) {
+    writeLevelSetting(4);
+    {
+        CBBLog log("levels.log", false, kSystemLimit);
+        logEveryLevel(log);
+    }
+    EXPECT_EQ(labelsOf(readFile(logFile("levels.log"))),
+              (std::vector<std::string>{"FATAL", "ERROR", "WARN ", "INFO ", "DEBUG"}));
+}
+
+TEST_F(LogTest, InstanceShortcutsNeedAKnownLevelWhileStaticFunctionsReadIt) {
+    writeLevelSetting(INFO);
+    boost::shared_ptr<CBBLog> log =
+        boost::make_shared<CBBLog>("shortcuts.log", false, kSystemLimit);
+    log->_error("instance before the level is known");
+    EXPECT_EQ(log->getLogLevel(), CBBLog::kLevelUnset);
+    EXPECT_FALSE(std::filesystem::exists(logFile("shortcuts.log")));
+
+    CBBLog::setLogger(log);
+    CBBLog::info("static %d", 1);
+    EXPECT_EQ(log->getLogLevel(), INFO);
+    CBBLog::debug("static debug, above the level");
+    log->_info("instance %s", "now");
+    log->_debug("instance debug, above the level");
+    log.reset();
+
+    const std::vector<std::string> lines = linesOf(readFile(logFile("shortcuts.log")));
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_TRUE(
+        std::regex_match(lines[0], std::regex(std::string(kHeader) + R"(\[INFO \] - static 1)")));
+    EXPECT_TRUE(std::regex_match(lines[1],
+                                 std::regex(std::string(kHeader) + R"(\[INFO \] - instance now)")));
+}
+
+TEST_F(LogTest, FatalLineReachesErrorLogWithShortNameBeforeTheCallReturns) {
+    boost::shared_ptr<CBBLog> module =
+        boost::make_shared<CBBLog>("Nimb.Module.log", false, kSystemLimit);
+    CBBLog::setLogger(module);
+    CBBLog::fatal("disk %s", "gone");
+
+    const std::regex fatalLine(std::string(kHeader) + R"(\[FATAL\] - Nimb - disk gone\n)");
+    const std::string errors = readFile(logFile("errors.log"));
+    EXPECT_TRUE(std::regex_match(errors, fatalLine)) << errors;
+
+    // A second logger shares the same errors.log.
+    boost::shared_ptr<CBBLog> other = boost::make_shared<CBBLog>("Other.log", false, kSystemLimit);
+    CBBLog::fatal(other, "%s", "second");
+    const std::vector<std::string> lines = linesOf(readFile(logFile("errors.log")));
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_NE(lines[1].find("[FATAL] - Other - second"), std::string::npos) << lines[1];
+
+    module.reset();
+    EXPECT_EQ(readFile(logFile("Nimb.Module.log")), errors);
+}
+
+TEST_F(LogTest, StaticFunctionsFollowTheDefaultLoggerAndIgnoreADestroyedOne) {
+    EXPECT_FALSE(CBBLog::isWarnEnabled());
+    CBBLog::error("no default logger: nothing happens");
+
+    boost::shared_ptr<CBBLog> log = boost::make_shared<CBBLog>("default.log", false, kSystemLimit);
+    CBBLog::setLogger(log);
+    // Unset: every query says yes, since the level is read on the first message.
+    EXPECT_TRUE(CBBLog::isDebugEnabled());
+    log->setLogLevel(WARN);
+    EXPECT_TRUE(CBBLog::isWarnEnabled());
+    EXPECT_FALSE(CBBLog::isInfoEnabled());
+    EXPECT_FALSE(CBBLog::isDebugEnabled());
+
+    CBBLog::warn(boost::format("%1% of %2%") % 3 % 4);
+    CBBLog::info(boost::format("%1%") % "not written");
+    log.reset();
+    EXPECT_FALSE(CBBLog::isWarnEnabled());
+    CBBLog::error("default logger destroyed: nothing happens");
+    CBBLog::fatal(boost::format("%1%") % "nothing either");
+
+    const std::vector<std::string> lines = linesOf(readFile(logFile("default.log")));
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(
+        std::regex_match(lines[0], std::regex(std::string(kHeader) + R"(\[WARN \] - 3 of 4)")));
+    EXPECT_EQ(readFile(logFile("errors.log")), "");
+}
+
+TEST_F(LogTest, LineHeadersAndTextFollowTheFixedFormat) {
+    writeLevelSetting(DEBUG);
+    const std::string longText(30000, 'x');
+    {
+        CBBLog plain("plain.log", false, kSystemLimit);
+        plain.AddLog("debug by default");
+        plain.AddLog(INFO, "%s", longText.c_str());
+        plain.AddRawLog("raw text without header");
+        plain.AddRawLog(nullptr);
+        plain.AddRawLog("\n");
+        CBBLog withPid("pid.log", true, kSystemLimit);
+        withPid.AddLog(WARN, "with pid");
+    }
+    const std::vector<std::string> lines = linesOf(readFile(logFile("plain.log")));
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_TRUE(std::regex_match(
+        lines[0], std::regex(std::string(kHeader) + R"(\[DEBUG\] - debug by default)")));
+    // Text is cut to the format buffer less its terminating NUL; the line stays whole.
+    EXPECT_TRUE(
+        std::regex_match(lines[1], std::regex(std::string(kHeader) + R"(\[INFO \] - x{20479})")));
+    EXPECT_EQ(lines[2], "raw text without header");
+
+    const std::string pidLine = readFile(logFile("pid.log"));
+    const std::regex withPid(std::string(kHeader) + R"(\[WARN \] )" + std::to_string(getpid()) +
+                             R"( - with pid\n)");
+    EXPECT_TRUE(std::regex_match(pidLine, withPid)) << pidLine;
+
+    // Every line is echoed to standard output as it is queued.
+    EXPECT_NE(capturedStdout().find("] - debug by default\n"), std::string::npos);
+    EXPECT_TRUE(std::regex_match(std::string(CBBLog::getTimeString()),
+                                 std::regex(R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3})")));
+}
+
+TEST_F(LogTest, DerivedLoggerReceivesEveryLineAndQueuedLinesAreVisible) {
+    writeLevelSetting(DEBUG);
+    auto log = boost::make_shared<CapturingLog>(/*holdWriter=*/true);
+    log->AddLog(INFO, "one");
+    ASSERT_TRUE(waitUntil([&] { return log->writerIsHeld(); }));
+    // The writer holds "one"; the next lines wait in the queue.
+    log->AddRawLog("two\n");
+    CBBLog::info(log, "three");
+    EXPECT_EQ(log->getLogs().substr(0, 4), "two\n");
+    EXPECT_NE(log->getLogs().find("[INFO ] - three\n"), std::string::npos);
+    log->release();
+    ASSERT_TRUE(waitUntil([&] { return log->lines().size() == 3; }));
+    EXPECT_EQ(log->getLogs(), "");
+
+    const std::vector<std::string> lines = log->lines();
+    EXPECT_NE(lines[0].find("[INFO ] - one\n"), std::string::npos);
+    EXPECT_EQ(lines[1], "two\n");
+    EXPECT_NE(lines[2].find("[INFO ] - three\n"), std::string::npos);
+    // Redirected: nothing reached the file.
+    EXPECT_EQ(log->getFileSize(), 0);
+}
+
+TEST_F(LogTest, RotatesWhenSizeLimitReachedAndKeepsOneBackup) {
+    auto line = [](char c) { return std::string(59, c) + "\n"; };  // 60 bytes
+    const std::string path = logFile("rotate.log");
+    CBBLog log("rotate.log", false, 100);
+    // The third line finds the file at 120 bytes: it goes to a fresh file.
+    for (char c : {'a', 'b', 'c'}) log.AddRawLog(line(c).c_str());
+    ASSERT_TRUE(waitUntil([&] { return readFile(path) == line('c'); }));
+    EXPECT_EQ(readFile(path + ".back"), line('a') + line('b'));
+    EXPECT_EQ(log.getFileSize(), 60);
+
+    // Another process holds the rotation lock: the writer waits for it, and the lines
+    // queued meanwhile are written afterwards under the same size rule.
+    log.AddRawLog(line('d').c_str());
+    ASSERT_TRUE(waitUntil([&] { return readFile(path) == line('c') + line('d'); }));
+    const int other = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_NE(other, -1);
+    ASSERT_EQ(flock(other, LOCK_EX), 0);
+    for (char c : {'e', 'f', 'g'}) log.AddRawLog(line(c).c_str());
+    EXPECT_EQ(readFile(path + ".back"), line('a') + line('b'));
+    close(other);  // releases the lock
+
+    // Two more rotations; each replaced the backup.
+    ASSERT_TRUE(waitUntil([&] { return readFile(path) == line('g'); }));
+    EXPECT_EQ(readFile(path + ".back"), line('e') + line('f'));
+}
+
+TEST_F(LogTest, ZeroLimitRotatesBeforeEveryLine) {
+    {
+        CBBLog log("zero.log", false, 0);
+        for (const char* text : {"1\n", "2\n", "3\n"}) log.AddRawLog(text);
+    }
+    EXPECT_EQ(readFile(logFile("zero.log")), "3\n");
+    EXPECT_EQ(readFile(logFile("zero.log.back")), "2\n");
+}
+
+TEST_F(LogTest, DeletedOrReplacedFileIsFollowedByTheNextLine) {
+    const std::string path = logFile("moved.log");
+    {
+        CBBLog log("moved.log", false, kSystemLimit);
+        log.AddRawLog("first\n");
+        ASSERT_TRUE(waitUntil([&] { return readFile(path) == "first\n"; }));
+        ASSERT_EQ(unlink(path.c_str()), 0);
+        log.AddRawLog("second\n");
+        ASSERT_TRUE(waitUntil([&] { return readFile(path) == "second\n"; }));
+
+        // As another process rotates: the file moves away and a new one takes its place.
+        ASSERT_EQ(rename(path.c_str(), (path + ".back").c_str()), 0);
+        logtest::writeFile(path, "other process\n");
+        log.AddRawLog("third\n");
+    }
+    EXPECT_EQ(readFile(path), "other process\nthird\n");
+    EXPECT_EQ(readFile(path + ".back"), "second\n");
+}
+
+TEST_F(LogTest, DestroyingRightAfterABurstWritesEveryLine) {
+    constexpr int kThreads = 4;
+    constexpr int kLinesPerThread = 5000;
+    {
+        CBBLog log("burst.log", false, 64 * 1024 * 1024);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&log, t] {
+                for (int i = 0; i < kLinesPerThread; ++i) log.AddLog(ERROR, "t%d %05d", t, i);
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+    }
+    int next[kThreads] = {};
+    const std::regex line(std::string(kHeader) + R"(\[ERROR\] - t(\d) (\d{5}))");
+    for (const std::string& text : linesOf(readFile(logFile("burst.log")))) {
+        std::smatch match;
+        ASSERT_TRUE(std::regex_match(text, match, line)) << text;
+        const int t = std::stoi(match[1]);
+        ASSERT_EQ(std::stoi(match[2]), next[t]) << "thread " << t;  // complete and in order
+        ++next[t];
+    }
+    for (int t = 0; t < kThreads; ++t) EXPECT_EQ(next[t], kLinesPerThread);
+}
+
+TEST_F(LogTest, FolderThatCannotBeCreatedReportsBothOpenFailures) {
+    const std::string blocker = root() + "/blocker";
+    logtest::writeFile(blocker, "a file where the folder should be");
+    writeLogsDirSetting(blocker);
+    {
+        CBBLog log("lost.log", false, kSystemLimit);
+        log.AddLog(FATAL, "dropped");
+        log.AddLog(ERROR, "dropped again");
+        EXPECT_EQ(log.getFileSize(), -1);
+    }
+    // Both name the main log's path; a failed open is not retried.
+    const std::string path = blocker + "/lost.log";
+    EXPECT_EQ(capturedStdout(), "Error: could not open log file '" + path +
+                                    "': " + std::to_string(ENOTDIR) + "\n" +
+                                    "Error: could not open error log file '" + path +
+                                    "': " + std::to_string(ENOTDIR) + "\n");
+}
+
+TEST_F(LogTest, UnopenableErrorLogLeavesTheMainLogWorking) {
+    std::filesystem::create_directories(logFile("errors.log"));  // a folder in its place
+    {
+        CBBLog log("main.log", false, kSystemLimit);
+        log.AddLog(FATAL, "still logged");
+    }
+    EXPECT_NE(capturedStdout().find("Error: could not open error log file '" + logFile("main.log") +
+                                    "': " + std::to_string(EISDIR) + "\n"),
+              std::string::npos);
+    EXPECT_NE(readFile(logFile("main.log")).find("[FATAL] - main - still logged\n"),
+              std::string::npos);
+}
+
+}  // namespace
