@@ -132,15 +132,16 @@ TEST(CrashReporterPrune, KeepsTheNewestDumpsAndReportsAndNothingElse) {
 }
 
 #if NIMB_HAVE_BREAKPAD
-bool keepDump(const google_breakpad::MinidumpDescriptor&, void*, bool succeeded) {
+bool keepDump(const google_breakpad::MinidumpDescriptor& descriptor, void* path, bool succeeded) {
+    if (succeeded) *static_cast<fs::path*>(path) = descriptor.path();
     return succeeded;
 }
 
-// A real dump of this process, taken on request.
+// A real dump of this process, taken on request; empty when none was written.
 fs::path writeRealDump(const fs::path& folder) {
-    google_breakpad::ExceptionHandler::WriteMinidump(folder.string(), &keepDump, nullptr);
-    const auto dumps = filesWithExtension(folder, ".dmp");
-    return dumps.empty() ? fs::path() : dumps.front();
+    fs::path dump;
+    google_breakpad::ExceptionHandler::WriteMinidump(folder.string(), &keepDump, &dump);
+    return dump;
 }
 
 TEST(CrashReporterProgram, ReportsARealDumpAndPrunesTheFolder) {
