@@ -103,6 +103,8 @@ void appendText(char* buffer, std::size_t capacity, std::size_t* length, const c
     *length = n;
 }
 
+// Hooks, installed only where crash dumps are built in.
+
 // Runs in: the thread started for a SIGUSR1 request. Faults on purpose.
 void* generateCrash(void*) {
     writeToAddressZero();
@@ -111,14 +113,14 @@ void* generateCrash(void*) {
 
 // Runs in: signal handler for SIGUSR1. Starts a thread that faults, so that the dump
 // shows a running process whose request came from a fresh thread; this thread goes on.
-void usr1Handler(int) {
+[[maybe_unused]] void usr1Handler(int) {
     PThread thread(PThreadDelegateFunction(&generateCrash), nullptr, "crash request");
     thread.detach();
     if (CBBLog::isInfoEnabled()) CBBLog::info("USR1 signal received, generating crash");
 }
 
 // Runs in: signal handler for SIGABRT. Turns abort() into a processor fault.
-void abortHandler(int) {
+[[maybe_unused]] void abortHandler(int) {
     static const char kMessage[] = "abort() was called";
     ssize_t ignored = write(STDOUT_FILENO, kMessage, sizeof(kMessage) - 1);
     (void)ignored;  // nothing to do when stdout is gone: the fault below still follows
@@ -127,7 +129,7 @@ void abortHandler(int) {
 
 // Runs in: normal context, on the thread whose exception went uncaught. Logs the
 // exception, then faults so that the dump handler takes a dump of this thread.
-[[noreturn]] void terminateHandler() {
+[[noreturn, maybe_unused]] void terminateHandler() {
     if (std::current_exception()) {
         try {
             throw;
