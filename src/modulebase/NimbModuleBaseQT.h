@@ -6,9 +6,9 @@
 // createNimbModuleInstance() and deleted by main(); lives on the Qt main thread.
 #pragma once
 
+#include <QObject>
 #include <vector>
 
-#include <QObject>
 #include <boost/shared_ptr.hpp>
 
 #include "CBBLog.h"

@@ -81,32 +81,34 @@ struct ChildResult {
     std::string output;     // standard output and error
 };
 
-// Runs `argv` with `environment` added to this process's environment, collecting its
-// standard output (and its errors, when `withErrors`) in `outputFile`; waits at most
-// `timeout`, then kills it.
-inline ChildResult runChild(const std::vector<std::string>& argv,
-                            const std::map<std::string, std::string>& environment,
-                            const fs::path& outputFile, bool withErrors = true,
-                            std::chrono::seconds timeout = std::chrono::seconds(60)) {
-    ChildResult result;
+// Starts `argv` with `environment` added to this process's environment, its standard
+// output (and its errors, when `withErrors`) going to `outputFile`. Returns the pid.
+inline pid_t spawnChild(const std::vector<std::string>& argv,
+                        const std::map<std::string, std::string>& environment,
+                        const fs::path& outputFile, bool withErrors = true) {
     const pid_t pid = fork();
-    if (pid == 0) {
-        for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
-        const int fd = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (fd >= 0) {
-            dup2(fd, STDOUT_FILENO);
-            if (withErrors) dup2(fd, STDERR_FILENO);
-        }
-        if (!withErrors) {
-            const int null = open("/dev/null", O_WRONLY);
-            if (null >= 0) dup2(null, STDERR_FILENO);
-        }
-        std::vector<char*> args;
-        for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
+    if (pid != 0) return pid;
+    for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
+    const int fd = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd >= 0) {
+        dup2(fd, STDOUT_FILENO);
+        if (withErrors) dup2(fd, STDERR_FILENO);
     }
+    if (!withErrors) {
+        const int null = open("/dev/null", O_WRONLY);
+        if (null >= 0) dup2(null, STDERR_FILENO);
+    }
+    std::vector<char*> args;
+    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+}
+
+// Waits at most `timeout` for `pid` to end, then kills it.
+inline ChildResult waitChild(pid_t pid, const fs::path& outputFile,
+                             std::chrono::seconds timeout = std::chrono::seconds(60)) {
+    ChildResult result;
     result.pid = pid;
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (pid > 0) {
@@ -124,6 +126,14 @@ inline ChildResult runChild(const std::vector<std::string>& argv,
     }
     result.output = readFile(outputFile);
     return result;
+}
+
+// Runs `argv` as spawnChild() does and waits for it as waitChild() does.
+inline ChildResult runChild(const std::vector<std::string>& argv,
+                            const std::map<std::string, std::string>& environment,
+                            const fs::path& outputFile, bool withErrors = true,
+                            std::chrono::seconds timeout = std::chrono::seconds(60)) {
+    return waitChild(spawnChild(argv, environment, outputFile, withErrors), outputFile, timeout);
 }
 
 // Standard output of `program args...` (bounded in time), whatever its exit status
