@@ -117,6 +117,9 @@ TEST_F(ModuleHostTest, FailingInitSkipsTheEventLoopAndExitsZero) {
     EXPECT_EQ(steps(), (Steps{"create", "init 3", "destroyed"}));
 }
 
+#if !NIMB_SANITIZED_BUILD
+// The child ends through abort(), a crash; and the sanitizers' own checks need free file
+// descriptors, so this one runs in normal builds only.
 TEST_F(ModuleHostTest, MissingSocketPairIsFatal) {
     const ChildResult child = waitChild(start("no-fds"), outputFile());
     EXPECT_TRUE(child.finished);
@@ -124,5 +127,6 @@ TEST_F(ModuleHostTest, MissingSocketPairIsFatal) {
         << child.output;
     EXPECT_EQ(steps(), (Steps{"create"}));
 }
+#endif
 
 }  // namespace
