@@ -194,9 +194,10 @@ void MiniDumper::initialize(bool installHooks, bool /*secondFlag*/) {
     }
 #if NIMB_HAVE_BREAKPAD
     // The dump handler runs on an alternate stack; give this thread a large one so
-    // that the callback has room after a stack overflow too. It stays for the life of
-    // the process, like the handler's hooks.
-    static PSignalStack mainSignalStack;
+    // that the callback has room after a stack overflow too. Deliberately never freed:
+    // it must stay usable until the process is gone, exit handlers included.
+    static PSignalStack* const mainSignalStack = new PSignalStack();
+    (void)mainSignalStack;
     handler = std::make_unique<google_breakpad::ExceptionHandler>(
         google_breakpad::MinidumpDescriptor(withoutTrailingSlash(dumpDir)), nullptr,
         &MiniDumper::descriptorCallback, this, true, -1);

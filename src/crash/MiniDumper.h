@@ -63,6 +63,7 @@ public:
                                   bool succeeded);
 
     // The command line the reporter is started with for a dump at `dumpPath`.
+    // Runs in: normal context.
     CStdStr commandLineFor(const CStdStr& dumpPath) const;
     const CStdStr& getAppName() const { return appName; }
     const CStdStr& getReporterPath() const { return reporterPath; }
@@ -79,6 +80,7 @@ public:
 
 private:
     // Adapts the handler's descriptor form to the directory + id form.
+    // Runs in: crash context.
     static bool descriptorCallback(const google_breakpad::MinidumpDescriptor& descriptor,
                                    void* context, bool succeeded);
     // Rebuilds the command-line pieces and buffers used by the crash path.
@@ -94,8 +96,7 @@ private:
     CStdStr reporterPath;
     CStdStr dumpDir;
     std::unique_ptr<google_breakpad::ExceptionHandler> handler;
-    CStdStr dumpPath;
-    CStdStr spareText;  // always empty
+    CStdStr dumpPath;  // where the handler will write its dump
     CStdStr appData;
 
     // Prepared in normal context for the crash path: the command line is
