@@ -62,7 +62,7 @@ public:
     }
 
     KibPacker& packer() { return packer_; }
-    bool value(const VARIANT& v) { return KibValueCodec::encode(packer_, v, limits_, error_); }
+    bool value(const VARIANT& v) { return KibValueCodec::encode(out_, v, limits_, error_); }
 
     int finish() {
         if (out_.size() > limits_.maxFrameBytes) {

@@ -5,16 +5,52 @@
 #include <cstdio>
 #include <mutex>
 
+#include <boost/weak_ptr.hpp>
+
+#include "CBBLog.h"
+
 namespace {
 
 std::mutex g_loggerMutex;
-// Written by KibSatellite::setLogger; read by every diagnostic.
-boost::shared_ptr<CBBLog> g_logger;
+// Written by KibSatellite::setLogger; read by every diagnostic. Held weakly, like the
+// process's default logger, so the library never keeps a logger alive.
+boost::weak_ptr<CBBLog> g_logger;
 
-void emit(const char* level, const char* format, va_list args) {
+enum class Level { Error, Info, Debug };
+
+void emit(Level level, const char* format, va_list args) {
+    boost::shared_ptr<CBBLog> logger;
+    {
+        const std::lock_guard<std::mutex> lock(g_loggerMutex);
+        logger = g_logger.lock();
+    }
     char text[1024];
     std::vsnprintf(text, sizeof text, format, args);
-    std::fprintf(stderr, "kib [%s] %s\n", level, text);
+    if (logger) {
+        switch (level) {
+            case Level::Error:
+                CBBLog::error(logger, "%s", text);
+                break;
+            case Level::Info:
+                CBBLog::info(logger, "%s", text);
+                break;
+            case Level::Debug:
+                CBBLog::debug(logger, "%s", text);
+                break;
+        }
+        return;
+    }
+    switch (level) {
+        case Level::Error:
+            CBBLog::error("%s", text);
+            break;
+        case Level::Info:
+            CBBLog::info("%s", text);
+            break;
+        case Level::Debug:
+            CBBLog::debug("%s", text);
+            break;
+    }
 }
 
 }  // namespace
@@ -27,20 +63,20 @@ void KibLog::setLogger(const boost::shared_ptr<CBBLog>& logger) {
 void KibLog::error(const char* format, ...) {
     va_list args;
     va_start(args, format);
-    emit("ERROR", format, args);
+    emit(Level::Error, format, args);
     va_end(args);
 }
 
 void KibLog::info(const char* format, ...) {
     va_list args;
     va_start(args, format);
+    emit(Level::Info, format, args);
     va_end(args);
-    (void)format;
 }
 
 void KibLog::debug(const char* format, ...) {
     va_list args;
     va_start(args, format);
+    emit(Level::Debug, format, args);
     va_end(args);
-    (void)format;
 }

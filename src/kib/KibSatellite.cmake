@@ -11,14 +11,23 @@ endif()
 find_package(msgpack CONFIG REQUIRED)
 
 set(NIMB_KIB_SOURCES
+    ${CMAKE_CURRENT_LIST_DIR}/KibAvailability.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/KibAvailability.h
     ${CMAKE_CURRENT_LIST_DIR}/KibCodec.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibCodec.h
     ${CMAKE_CURRENT_LIST_DIR}/KibLog.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibLog.h
+    ${CMAKE_CURRENT_LIST_DIR}/KibNats.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/KibNats.h
+    ${CMAKE_CURRENT_LIST_DIR}/KibSatellite.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/KibSatelliteImpl.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/KibSatelliteImpl.h
+    ${CMAKE_CURRENT_LIST_DIR}/KibSatelliteMessages.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibStatus.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibValueCodec.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibValueCodec.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibReply.h
+    ${CMAKE_CURRENT_LIST_DIR}/include/KibSatellite.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibSatelliteDelegate.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibStatus.h)
 add_library(nimb_kib STATIC ${NIMB_KIB_SOURCES})
@@ -27,8 +36,12 @@ add_library(nimb_kib STATIC ${NIMB_KIB_SOURCES})
 target_include_directories(nimb_kib PUBLIC ${CMAKE_CURRENT_LIST_DIR}/include
                                     PRIVATE ${CMAKE_CURRENT_LIST_DIR})
 target_link_libraries(nimb_kib PUBLIC nimb_kibvalue Boost::boost
-                               PRIVATE nimb_nats Threads::Threads)
+                               PRIVATE nimb_nats nimb_log Threads::Threads)
 target_link_libraries(nimb_kib PRIVATE msgpackc-cxx)
+# The exceptions that service handlers throw (KibException) live in the variant module.
+if(EXISTS ${CMAKE_SOURCE_DIR}/src/variant/CMakeLists.txt)
+    target_link_libraries(nimb_kib PUBLIC nimb_variant)
+endif()
 set_target_properties(nimb_kib PROPERTIES POSITION_INDEPENDENT_CODE ON)
 nimb_target_defaults(nimb_kib)
 

@@ -77,8 +77,8 @@ void store(void* slot, T value) {
 
 class Encoder {
 public:
-    Encoder(KibPacker& packer, std::string& error, const KibCodecLimits& limits)
-        : error_(error), limits_(limits), packer_(packer) {}
+    Encoder(std::string& out, std::string& error, const KibCodecLimits& limits)
+        : out_(out), error_(error), limits_(limits), sink_{&out}, packer_(sink_) {}
 
     bool value(const VARIANT& v, std::uint32_t depth) {
         if (depth > limits_.maxValueDepth) {
@@ -162,11 +162,11 @@ private:
                 packer_.pack_uint64(load<std::uint64_t>(slot));
                 break;
             case VT_R4:
-                packer_.pack_float(load<float>(slot));
+                packFloat<std::uint32_t>('\xCA', load<float>(slot));
                 break;
             case VT_R8:
             case VT_DATE:
-                packer_.pack_double(load<double>(slot));
+                packFloat<std::uint64_t>('\xCB', load<double>(slot));
                 break;
             case VT_BOOL:
                 if (load<VARIANT_BOOL>(slot) != 0) {
@@ -194,9 +194,23 @@ private:
         return true;
     }
 
+    // Floats are always written as float32 / float64: the packer would turn integral
+    // values into integers, which the grammar does not allow for R4, R8 and DATE.
+    template <typename Bits, typename Float>
+    void packFloat(char marker, Float value) {
+        Bits bits = 0;
+        std::memcpy(&bits, &value, sizeof bits);
+        out_.push_back(marker);
+        for (int shift = 8 * static_cast<int>(sizeof bits) - 8; shift >= 0; shift -= 8) {
+            out_.push_back(static_cast<char>((bits >> shift) & 0xFF));
+        }
+    }
+
+    std::string& out_;
     std::string& error_;
     const KibCodecLimits& limits_;
-    KibPacker& packer_;
+    KibStringSink sink_;
+    KibPacker packer_;
 };
 
 template <typename T>
@@ -414,9 +428,9 @@ bool KibValueCodec::asString(const msgpack::object& o, std::string& v) {
     return true;
 }
 
-bool KibValueCodec::encode(KibPacker& packer, const VARIANT& value, const KibCodecLimits& limits,
+bool KibValueCodec::encode(std::string& out, const VARIANT& value, const KibCodecLimits& limits,
                            std::string& error) {
-    return Encoder(packer, error, limits).value(value, 1);
+    return Encoder(out, error, limits).value(value, 1);
 }
 
 bool KibValueCodec::decode(const msgpack::object& o, const KibCodecLimits& limits, VARIANT& out,

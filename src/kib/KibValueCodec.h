@@ -21,8 +21,8 @@ using KibPacker = msgpack::packer<KibStringSink>;
 
 namespace KibValueCodec {
 
-// Packs `value`; false with `error` set when the format cannot carry it.
-bool encode(KibPacker& packer, const VARIANT& value, const KibCodecLimits& limits,
+// Appends `value` to `out`; false with `error` set when the format cannot carry it.
+bool encode(std::string& out, const VARIANT& value, const KibCodecLimits& limits,
             std::string& error);
 // Builds `out` (left untouched on failure) from `o`; false with `error` set.
 bool decode(const msgpack::object& o, const KibCodecLimits& limits, VARIANT& out,

@@ -39,6 +39,7 @@ constexpr int KIB_E_BAD_VALUE = kibErrorCode(0x0A);          // value cannot be 
 constexpr int KIB_E_DUPLICATE_SERVICE = kibErrorCode(0x0B);  // service name already added
 constexpr int KIB_E_NO_SUCH_SERVICE = kibErrorCode(0x0C);    // service name not added here
 constexpr int KIB_E_TRANSPORT = kibErrorCode(0x0D);          // any other transport failure
+constexpr int KIB_E_CONNECTION_LOST = kibErrorCode(0x0E);    // connection to the directory lost
 
 // Short English text for a status code ("ok", "timeout", ...); "unknown status"
 // for values that are not library codes.

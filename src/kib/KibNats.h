@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: MIT
+// KibNats: small owners for the NATS client's handles and the helpers that turn a
+// directory host into a server URL and a client status into a bus status. Internal
+// to the bus library; stateless.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <nats/nats.h>
+
+struct KibNatsDeleter {
+    void operator()(natsOptions* options) const { natsOptions_Destroy(options); }
+    void operator()(natsConnection* connection) const { natsConnection_Destroy(connection); }
+    void operator()(natsMsg* message) const { natsMsg_Destroy(message); }
+};
+using KibNatsOptions = std::unique_ptr<natsOptions, KibNatsDeleter>;
+using KibNatsConnection = std::unique_ptr<natsConnection, KibNatsDeleter>;
+using KibNatsMsg = std::unique_ptr<natsMsg, KibNatsDeleter>;
+
+class KibNats {
+public:
+    static constexpr unsigned short kDefaultPort = 4222;
+
+    // "nats://host:port" from "host", "host:port", "[v6]" or "[v6]:port"; a non-zero
+    // `port` replaces the host's port. Empty when `host` is null or empty.
+    static std::string url(const char* host, unsigned short port);
+    // The KIB_ status for a client status of a request or connect.
+    static int toStatus(natsStatus status);
+    // A satellite or service name usable as one subject token: 1 to 128 printable
+    // ASCII characters other than blank, '.', '*' and '>'.
+    static bool isValidName(const char* name);
+};

@@ -1,0 +1,352 @@
+// SPDX-License-Identifier: MIT
+#include "KibSatelliteImpl.h"
+
+#include <chrono>
+#include <random>
+
+#include "KibLog.h"
+#include "KibSatellite.h"
+
+namespace {
+
+// How long Connect waits for the directory, and how long teardown waits for a
+// running handler or the client's close notification.
+constexpr int kConnectTimeoutMs = 2000;
+constexpr auto kTeardownWait = std::chrono::seconds(5);
+constexpr int kFlushTimeoutMs = 2000;
+// Reconnection: every 250 ms (plus the client's jitter), without end.
+constexpr int kReconnectWaitMs = 250;
+// Dead-server detection: a ping every 2 s, two unanswered pings drop the connection.
+constexpr int kPingIntervalMs = 2000;
+constexpr int kMaxPingsOut = 2;
+// What may wait in one subscription's queue while its handler is busy; beyond it the
+// client drops messages (the requester then times out).
+constexpr int kPendingMessages = 1024;
+constexpr int kPendingBytes = 64 * 1024 * 1024;
+
+const char* const kSubjectService = "kib.svc.";
+const char* const kSubjectPing = "kib.ping.";
+const char* const kSubjectDiscover = "kib.discover";
+
+void onMessageThunk(natsConnection* nc, natsSubscription*, natsMsg* msg, void* closure) {
+    auto* s = static_cast<KibSubscription*>(closure);
+    s->impl->onMessage(*s, nc, msg);
+}
+
+// The client's promise that the subscription's handler will not run again.
+void onCompleteThunk(void* closure) {
+    auto* s = static_cast<KibSubscription*>(closure);
+    bool orphaned = false;
+    {
+        const std::lock_guard<std::mutex> lock(s->mutex);
+        s->complete = true;
+        orphaned = s->orphaned;
+        s->completed.notify_all();
+    }
+    if (orphaned) delete s;
+}
+
+KibConnectionLink& linkOf(void* closure) {
+    return **static_cast<std::shared_ptr<KibConnectionLink>*>(closure);
+}
+
+void onDisconnectedThunk(natsConnection*, void* closure) {
+    KibConnectionLink& link = linkOf(closure);
+    const std::lock_guard<std::mutex> lock(link.mutex);
+    if (link.owner != nullptr) link.owner->onDisconnected();
+}
+
+void onReconnectedThunk(natsConnection*, void* closure) {
+    KibConnectionLink& link = linkOf(closure);
+    const std::lock_guard<std::mutex> lock(link.mutex);
+    if (link.owner != nullptr) link.owner->onReconnected();
+}
+
+// The last callback of a connection: releases the closure.
+void onClosedThunk(natsConnection*, void* closure) {
+    auto* holder = static_cast<std::shared_ptr<KibConnectionLink>*>(closure);
+    {
+        KibConnectionLink& link = **holder;
+        const std::lock_guard<std::mutex> lock(link.mutex);
+        link.closed = true;
+        link.closedSignal.notify_all();
+    }
+    delete holder;
+}
+
+std::uint32_t randomInstanceId() {
+    std::random_device device;
+    std::uniform_int_distribution<std::uint32_t> distribution(1, 0x7FFFFFFF);
+    return distribution(device);
+}
+
+KibNatsOptions makeOptions(const std::string& url, const char* name) {
+    natsOptions* raw = nullptr;
+    if (natsOptions_Create(&raw) != NATS_OK) return nullptr;
+    KibNatsOptions options(raw);
+    natsOptions_SetURL(raw, url.c_str());
+    if (name != nullptr) natsOptions_SetName(raw, name);
+    natsOptions_SetSendAsap(raw, true);
+    natsOptions_SetTimeout(raw, kConnectTimeoutMs);
+    return options;
+}
+
+}  // namespace
+
+KibSatelliteImpl::KibSatelliteImpl(KibSatellite& owner) : owner_(owner) {}
+
+KibSatelliteImpl::~KibSatelliteImpl() { disconnect(); }
+
+int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
+    if (connection_ != nullptr) return KIB_E_ALREADY_CONNECTED;
+    const std::string url = KibNats::url(host, 0);
+    if (url.empty() || !KibNats::isValidName(satelliteName)) return KIB_E_INVALID_ARGUMENT;
+    KibNatsOptions options = makeOptions(url, satelliteName);
+    if (!options) return KIB_E_TRANSPORT;
+    natsOptions* raw = options.get();
+    natsOptions_SetMaxReconnect(raw, -1);
+    natsOptions_SetReconnectWait(raw, kReconnectWaitMs);
+    natsOptions_SetPingInterval(raw, kPingIntervalMs);
+    natsOptions_SetMaxPingsOut(raw, kMaxPingsOut);
+    if (!user_.empty()) natsOptions_SetUserInfo(raw, user_.c_str(), password_.c_str());
+    auto link = std::make_shared<KibConnectionLink>();
+    auto* holder = new std::shared_ptr<KibConnectionLink>(link);
+    natsOptions_SetDisconnectedCB(raw, &onDisconnectedThunk, holder);
+    natsOptions_SetReconnectedCB(raw, &onReconnectedThunk, holder);
+    natsOptions_SetClosedCB(raw, &onClosedThunk, holder);
+
+    natsConnection* connection = nullptr;
+    const natsStatus status = natsConnection_Connect(&connection, raw);
+    if (status != NATS_OK) {
+        delete holder;  // no connection, so no callback will ever see it
+        KibLog::error("Cannot connect to the bus directory %s: %s", url.c_str(),
+                      natsStatus_GetText(status));
+        return KibNats::toStatus(status) == KIB_E_TRANSPORT ? KIB_E_CONNECT_FAILED
+                                                            : KibNats::toStatus(status);
+    }
+    connection_ = connection;
+    link_ = link;
+    name_ = satelliteName;
+    instance_ = randomInstanceId();
+    {
+        const std::lock_guard<std::mutex> lock(link->mutex);
+        link->owner = this;
+    }
+    KibLog::info("Connected to %s as %s (%u)", url.c_str(), name_.c_str(), instance_);
+
+    int result = subscribeControl();
+    if (result == KIB_OK) result = owner_.CreateServices();
+    if (result == KIB_OK) result = owner_.RegisterServices();
+    if (result != KIB_OK) {
+        KibLog::error("Satellite %s not registered: %d", name_.c_str(), result);
+        disconnect();
+        return result;
+    }
+    natsConnection_FlushTimeout(connection_, kFlushTimeoutMs);
+    return KIB_OK;
+}
+
+void KibSatelliteImpl::setUser(const char* user, const char* password) {
+    user_ = user != nullptr ? user : "";
+    password_ = password != nullptr ? password : "";
+}
+
+int KibSatelliteImpl::disconnect() {
+    if (connection_ == nullptr) return KIB_OK;
+    unregisterServices(true);
+    std::map<std::string, std::unique_ptr<KibSubscription>> listeners;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        listeners.swap(listeners_);
+        availability_.clear();
+    }
+    for (auto& [name, listener] : listeners) unsubscribe(std::move(listener));
+    for (auto& control : control_) unsubscribe(std::move(control));
+    control_.clear();
+    natsConnection_FlushTimeout(connection_, kFlushTimeoutMs);
+    closeConnection();
+    name_.clear();
+    instance_ = 0;
+    return KIB_OK;
+}
+
+void KibSatelliteImpl::closeConnection() {
+    {
+        const std::lock_guard<std::mutex> lock(link_->mutex);
+        link_->owner = nullptr;
+    }
+    natsConnection_Close(connection_);
+    {
+        std::unique_lock<std::mutex> lock(link_->mutex);
+        if (!link_->closedSignal.wait_for(lock, kTeardownWait, [&] { return link_->closed; })) {
+            KibLog::error("The bus connection did not report its close");
+        }
+    }
+    natsConnection_Destroy(connection_);
+    connection_ = nullptr;
+    link_.reset();
+}
+
+std::unique_ptr<KibSubscription> KibSatelliteImpl::makeSubscription(KibSubscription::Kind kind,
+                                                                    const std::string& name) {
+    auto s = std::make_unique<KibSubscription>();
+    s->impl = this;
+    s->kind = kind;
+    s->name = name;
+    return s;
+}
+
+int KibSatelliteImpl::subscribe(KibSubscription& s, const std::string& subject, bool queue) {
+    natsStatus status =
+        queue ? natsConnection_QueueSubscribe(&s.sub, connection_, subject.c_str(), name_.c_str(),
+                                              &onMessageThunk, &s)
+              : natsConnection_Subscribe(&s.sub, connection_, subject.c_str(), &onMessageThunk, &s);
+    if (status == NATS_OK) status = natsSubscription_SetOnCompleteCB(s.sub, &onCompleteThunk, &s);
+    if (status == NATS_OK) {
+        status = natsSubscription_SetPendingLimits(s.sub, kPendingMessages, kPendingBytes);
+    }
+    if (status != NATS_OK) {
+        KibLog::error("Cannot subscribe to %s: %s", subject.c_str(), natsStatus_GetText(status));
+        if (s.sub != nullptr) {
+            natsSubscription_Destroy(s.sub);
+            s.sub = nullptr;
+        }
+        return KibNats::toStatus(status);
+    }
+    return KIB_OK;
+}
+
+// Stops the subscription and waits until its handler has returned for the last time.
+// If that takes too long (or this runs inside that handler) the subscription object
+// is handed to its completion callback, which deletes it later.
+void KibSatelliteImpl::unsubscribe(std::unique_ptr<KibSubscription> s) {
+    if (!s || s->sub == nullptr) return;
+    natsSubscription_Unsubscribe(s->sub);
+    natsSubscription_Destroy(s->sub);
+    s->sub = nullptr;
+    std::unique_lock<std::mutex> lock(s->mutex);
+    if (s->completed.wait_for(lock, kTeardownWait, [&] { return s->complete; })) return;
+    KibLog::error("Handler of %s still running; releasing it later", s->name.c_str());
+    s->orphaned = true;
+    lock.unlock();
+    s.release();  // deleted by onCompleteThunk
+}
+
+int KibSatelliteImpl::subscribeControl() {
+    const std::pair<KibSubscription::Kind, std::string> subjects[] = {
+        {KibSubscription::Kind::Ping, kSubjectPing + name_},
+        {KibSubscription::Kind::Discover, std::string(kSubjectDiscover) + "." + name_},
+        {KibSubscription::Kind::Discover, kSubjectDiscover},
+    };
+    for (const auto& [kind, subject] : subjects) {
+        auto s = makeSubscription(kind, name_);
+        const int status = subscribe(*s, subject, kind == KibSubscription::Kind::Ping);
+        if (status != KIB_OK) return status;
+        control_.push_back(std::move(s));
+    }
+    return KIB_OK;
+}
+
+int KibSatelliteImpl::registerServices() {
+    if (connection_ == nullptr) return KIB_E_NOT_CONNECTED;
+    int result = KIB_OK;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        for (auto& [name, service] : services_) {
+            if (service->sub != nullptr) continue;
+            const int status = subscribe(*service, kSubjectService + name_ + "." + name, true);
+            if (status != KIB_OK && result == KIB_OK) result = status;
+        }
+        registered_ = true;
+    }
+    announce(false);
+    natsConnection_FlushTimeout(connection_, kFlushTimeoutMs);
+    return result;
+}
+
+int KibSatelliteImpl::unregisterServices(bool removeServices) {
+    std::vector<std::unique_ptr<KibSubscription>> stopped;
+    bool wasRegistered = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        wasRegistered = registered_;
+        registered_ = false;
+        for (auto& [name, service] : services_) {
+            if (service->sub == nullptr) continue;
+            // Move the subscription into a fresh record so the service stays listed.
+            auto active = makeSubscription(KibSubscription::Kind::Service, name);
+            std::swap(active, service);
+            if (!removeServices) {
+                service->description = active->description;
+                service->delegate = std::move(active->delegate);
+            }
+            stopped.push_back(std::move(active));
+        }
+        if (removeServices) services_.clear();
+    }
+    if (wasRegistered && connection_ != nullptr) announce(true);
+    for (auto& s : stopped) unsubscribe(std::move(s));
+    return KIB_OK;
+}
+
+int KibSatelliteImpl::addService(const char* name, const char* description,
+                                 std::unique_ptr<KibSatelliteDelegateGeneric> delegate) {
+    if (!KibNats::isValidName(name) || !delegate) return KIB_E_INVALID_ARGUMENT;
+    int result = KIB_OK;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (services_.count(name) != 0) return KIB_E_DUPLICATE_SERVICE;
+        auto service = makeSubscription(KibSubscription::Kind::Service, name);
+        service->description = description != nullptr ? description : "";
+        service->delegate = std::move(delegate);
+        if (registered_ && connection_ != nullptr) {
+            result = subscribe(*service, kSubjectService + name_ + "." + name, true);
+        }
+        if (result == KIB_OK) services_.emplace(name, std::move(service));
+    }
+    if (result == KIB_OK && registered_ && connection_ != nullptr) {
+        announce(false);
+        natsConnection_FlushTimeout(connection_, kFlushTimeoutMs);
+    }
+    return result;
+}
+
+int KibSatelliteImpl::removeService(const char* name) {
+    if (name == nullptr) return KIB_E_INVALID_ARGUMENT;
+    std::unique_ptr<KibSubscription> service;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = services_.find(name);
+        if (found == services_.end()) return KIB_E_NO_SUCH_SERVICE;
+        service = std::move(found->second);
+        services_.erase(found);
+    }
+    if (registered_ && connection_ != nullptr) announce(false);
+    if (service->sub != nullptr) {
+        unsubscribe(std::move(service));
+        natsConnection_FlushTimeout(connection_, kFlushTimeoutMs);
+    }
+    return KIB_OK;
+}
+
+int KibSatelliteImpl::dispatch(const char* caller, const char* service, const VARIANT& in,
+                               VARIANT* out, int* result) {
+    KibSatelliteDelegateGeneric* delegate = nullptr;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = services_.find(service != nullptr ? service : "");
+        if (found == services_.end() || !found->second->delegate) return KIB_E_NO_SUCH_SERVICE;
+        delegate = found->second->delegate.get();
+    }
+    // The delegate stays alive while its subscription's handler runs (this call).
+    const int status = delegate->Invoke(caller, in, out);
+    if (result != nullptr) *result = status;
+    return KIB_OK;
+}
+
+int KibSatelliteImpl::satelliteId(int* id) const {
+    if (id == nullptr) return KIB_E_INVALID_ARGUMENT;
+    if (connection_ == nullptr) return KIB_E_NOT_CONNECTED;
+    *id = static_cast<int>(instance_);
+    return KIB_OK;
+}

@@ -1,0 +1,138 @@
+// SPDX-License-Identifier: MIT
+// KibSatelliteImpl: the machinery behind one KibSatellite: the NATS connection, the
+// subscriptions of its services and of the bus's control subjects, the announcements
+// and the request/reply exchange. Owned by its KibSatellite. Management calls come
+// from one thread at a time; message and connection callbacks run on the NATS
+// client's threads and find their way back here through KibSubscription and
+// KibConnectionLink.
+//
+// Subjects (satellite and service names are single subject tokens):
+//   kib.svc.<satellite>.<service>   requests, queue group <satellite>
+//   kib.ping.<satellite>            ping requests, queue group <satellite>
+//   kib.avail.<satellite>           announcements of <satellite>'s instances
+//   kib.discover.<satellite>        asks <satellite>'s instances to announce
+//   kib.discover                    asks every satellite to announce
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <nats/nats.h>
+
+#include "KibAvailability.h"
+#include "KibCodec.h"
+#include "KibNats.h"
+#include "KibReply.h"
+#include "KibSatelliteDelegate.h"
+#include "KibStatus.h"
+
+class KibSatellite;
+class KibSatelliteImpl;
+
+// One subscription and the closure its callbacks receive. Once subscribed it lives
+// until the client reports that its handler will not run again (or, if that report
+// is late, until the report arrives: see KibSatelliteImpl::unsubscribe).
+struct KibSubscription {
+    enum class Kind { Service, Ping, Discover, Availability };
+
+    KibSatelliteImpl* impl = nullptr;
+    Kind kind = Kind::Service;
+    std::string name;  // service name, or the watched satellite
+    std::string description;
+    std::unique_ptr<KibSatelliteDelegateGeneric> delegate;
+    natsSubscription* sub = nullptr;
+
+    std::mutex mutex;
+    std::condition_variable completed;
+    bool complete = false;  // guarded by mutex
+    bool orphaned = false;  // guarded by mutex: the completion callback deletes it
+};
+
+// The connection callbacks' closure; `owner` is cleared before the connection closes.
+struct KibConnectionLink {
+    std::mutex mutex;
+    std::condition_variable closedSignal;
+    KibSatelliteImpl* owner = nullptr;  // guarded by mutex
+    bool closed = false;                // guarded by mutex
+};
+
+class KibSatelliteImpl {
+public:
+    explicit KibSatelliteImpl(KibSatellite& owner);
+    KibSatelliteImpl(const KibSatelliteImpl&) = delete;
+    KibSatelliteImpl& operator=(const KibSatelliteImpl&) = delete;
+    ~KibSatelliteImpl();
+
+    int connect(const char* host, const char* satelliteName);
+    void setUser(const char* user, const char* password);
+    int disconnect();
+    int call(const char* satellite, const char* service, const VARIANT& in, KibReply& reply,
+             int timeoutMs, bool noReply);
+    int ping(const char* host, const char* satellite, unsigned short port, int timeoutMs,
+             KIBSTATUS* status);
+    int satelliteId(int* id) const;
+    int addListener(const char* satellite);
+    int removeListener(const char* satellite);
+    int registerServices();
+    int unregisterServices(bool removeServices);
+    int addService(const char* name, const char* description,
+                   std::unique_ptr<KibSatelliteDelegateGeneric> delegate);
+    int removeService(const char* name);
+    // Runs the named service's delegate (the library's OnServiceRequested).
+    int dispatch(const char* caller, const char* service, const VARIANT& in, VARIANT* out,
+                 int* result);
+
+    void setRequestTimeout(int timeoutMs) { requestTimeoutMs_ = timeoutMs; }
+    int requestTimeout() const { return requestTimeoutMs_; }
+    const std::string& name() const { return name_; }
+
+    // Callbacks from the NATS client's threads.
+    void onMessage(KibSubscription& s, natsConnection* nc, natsMsg* msg);
+    void onDisconnected();
+    void onReconnected();
+
+private:
+    void serveRequest(KibSubscription& s, natsConnection* nc, natsMsg* msg);
+    void servePing(natsConnection* nc, natsMsg* msg);
+    void onAnnouncement(natsMsg* msg);
+    void sendReply(natsConnection* nc, const char* subject, KibReply& reply);
+    int subscribe(KibSubscription& s, const std::string& subject, bool queue);
+    void unsubscribe(std::unique_ptr<KibSubscription> s);
+    std::unique_ptr<KibSubscription> makeSubscription(KibSubscription::Kind kind,
+                                                      const std::string& name);
+    int subscribeControl();
+    void announce(bool leaving);
+    void discover(const std::string& satellite);
+    void closeConnection();
+
+    // Immutable after construction.
+    KibSatellite& owner_;
+    const KibCodecLimits limits_{};
+
+    // Written by connect/disconnect (management thread); read by callbacks while the
+    // connection exists.
+    natsConnection* connection_ = nullptr;
+    std::shared_ptr<KibConnectionLink> link_;
+    std::string name_;
+    std::uint32_t instance_ = 0;
+    std::string user_;
+    std::string password_;
+    std::atomic<int> requestTimeoutMs_{5000};
+    std::atomic<int> requestSequence_{0};
+
+    // Control subscriptions (ping, discovery): management thread only.
+    std::vector<std::unique_ptr<KibSubscription>> control_;
+
+    std::mutex mutex_;
+    // Guarded by mutex_.
+    std::map<std::string, std::unique_ptr<KibSubscription>> services_;
+    std::map<std::string, std::unique_ptr<KibSubscription>> listeners_;
+    bool registered_ = false;
+    KibAvailability availability_;
+};

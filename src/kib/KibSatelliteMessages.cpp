@@ -1,0 +1,331 @@
+// SPDX-License-Identifier: MIT
+// KibSatelliteImpl, second half: requests made, requests served, pings,
+// announcements and connection-state callbacks.
+#include <exception>
+
+#if __has_include("KibException.h")
+#include "KibException.h"
+#define KIB_HAVE_KIB_EXCEPTION 1
+#endif
+
+#include "KibLog.h"
+#include "KibSatellite.h"
+#include "KibSatelliteImpl.h"
+
+namespace {
+
+const char* const kSubjectService = "kib.svc.";
+const char* const kSubjectPing = "kib.ping.";
+const char* const kSubjectAvail = "kib.avail.";
+const char* const kSubjectDiscover = "kib.discover";
+const char* const kUnknownException = "unknown exception";
+
+void setError(KibReply& reply, KibErrorKind kind, int status, const std::string& text) {
+    reply.status = status;
+    reply.value.reset();
+    reply.errorKind = kind;
+    reply.errorCode = status;
+    reply.errorText = text;
+}
+
+}  // namespace
+
+int KibSatelliteImpl::call(const char* satellite, const char* service, const VARIANT& in,
+                           KibReply& reply, int timeoutMs, bool noReply) {
+    reply = KibReply{};
+    if (!KibNats::isValidName(satellite) || !KibNats::isValidName(service)) {
+        setError(reply, KibErrorKind::Local, KIB_E_INVALID_ARGUMENT,
+                 "invalid satellite or service name");
+        return reply.status;
+    }
+    if (connection_ == nullptr) {
+        setError(reply, KibErrorKind::Local, KIB_E_NOT_CONNECTED, "not connected to the bus");
+        return reply.status;
+    }
+    std::string frame;
+    std::string error;
+    int status = KibCodec::encodeRequest(name_, in, frame, error, limits_);
+    if (status != KIB_OK) {
+        setError(reply, KibErrorKind::Local, status, "request cannot be sent: " + error);
+        return reply.status;
+    }
+    const std::string subject = kSubjectService + std::string(satellite) + "." + service;
+    if (noReply) {
+        const natsStatus sent = natsConnection_Publish(connection_, subject.c_str(), frame.data(),
+                                                       static_cast<int>(frame.size()));
+        if (sent != NATS_OK) {
+            setError(reply, KibErrorKind::Local, KibNats::toStatus(sent), natsStatus_GetText(sent));
+        }
+        return reply.status;
+    }
+    natsMsg* raw = nullptr;
+    const natsStatus sent = natsConnection_Request(&raw, connection_, subject.c_str(), frame.data(),
+                                                   static_cast<int>(frame.size()), timeoutMs);
+    KibNatsMsg msg(raw);
+    if (sent != NATS_OK) {
+        status = KibNats::toStatus(sent);
+        std::string text = natsStatus_GetText(sent);
+        if (status == KIB_E_NO_RESPONDERS) {
+            text = "no responders: no satellite " + std::string(satellite) + " offers service " +
+                   service;
+        } else if (status == KIB_E_TIMEOUT) {
+            text = "timeout: " + std::string(satellite) + "." + service +
+                   " did not answer within " + std::to_string(timeoutMs) + " ms";
+        }
+        setError(reply, KibErrorKind::Local, status, text);
+        return reply.status;
+    }
+    status = KibCodec::decodeReply(natsMsg_GetData(msg.get()),
+                                   static_cast<std::size_t>(natsMsg_GetDataLength(msg.get())),
+                                   reply, error, limits_);
+    if (status != KIB_OK) setError(reply, KibErrorKind::Local, status, "bad reply: " + error);
+    return reply.status;
+}
+
+int KibSatelliteImpl::ping(const char* host, const char* satellite, unsigned short port,
+                           int timeoutMs, KIBSTATUS* status) {
+    if (status != nullptr) *status = KIBSTATUS_DISCONNECTED;
+    if (!KibNats::isValidName(satellite)) return KIB_E_INVALID_ARGUMENT;
+    natsConnection* connection = connection_;
+    KibNatsConnection temporary;
+    if (host != nullptr && *host != '\0') {
+        natsOptions* options = nullptr;
+        if (natsOptions_Create(&options) != NATS_OK) return KIB_E_TRANSPORT;
+        KibNatsOptions owned(options);
+        natsOptions_SetURL(options, KibNats::url(host, port).c_str());
+        natsOptions_SetSendAsap(options, true);
+        natsOptions_SetTimeout(options, timeoutMs > 0 ? timeoutMs : 2000);
+        natsOptions_SetAllowReconnect(options, false);
+        const natsStatus opened = natsConnection_Connect(&connection, options);
+        if (opened != NATS_OK) return KIB_E_CONNECT_FAILED;
+        temporary.reset(connection);
+    }
+    if (connection == nullptr) return KIB_E_NOT_CONNECTED;
+    std::string frame;
+    std::string error;
+    VARIANT empty{};
+    VariantInit(&empty);
+    KibCodec::encodeRequest(name_, empty, frame, error, limits_);
+    const std::string subject = kSubjectPing + std::string(satellite);
+    natsMsg* raw = nullptr;
+    const natsStatus sent = natsConnection_Request(&raw, connection, subject.c_str(), frame.data(),
+                                                   static_cast<int>(frame.size()), timeoutMs);
+    KibNatsMsg msg(raw);
+    if (sent != NATS_OK) return KibNats::toStatus(sent);
+    if (status != nullptr) *status = KIBSTATUS_CONNECTED;
+    return KIB_OK;
+}
+
+void KibSatelliteImpl::onMessage(KibSubscription& s, natsConnection* nc, natsMsg* msg) {
+    KibNatsMsg owned(msg);
+    switch (s.kind) {
+        case KibSubscription::Kind::Service:
+            serveRequest(s, nc, msg);
+            break;
+        case KibSubscription::Kind::Ping:
+            servePing(nc, msg);
+            break;
+        case KibSubscription::Kind::Discover: {
+            bool registered = false;
+            {
+                const std::lock_guard<std::mutex> lock(mutex_);
+                registered = registered_;
+            }
+            if (registered) announce(false);
+            break;
+        }
+        case KibSubscription::Kind::Availability:
+            onAnnouncement(msg);
+            break;
+    }
+}
+
+// One request for service `s`: decode, run the handler, answer. Nothing thrown by the
+// handler leaves this function; the service keeps serving.
+void KibSatelliteImpl::serveRequest(KibSubscription& s, natsConnection* nc, natsMsg* msg) {
+    KibReply reply;
+    KibRequestFrame request;
+    std::string error;
+    const int decoded = KibCodec::decodeRequest(
+        natsMsg_GetData(msg), static_cast<std::size_t>(natsMsg_GetDataLength(msg)), request, error,
+        limits_);
+    if (decoded != KIB_OK) {
+        KibLog::error("Refused a request for %s: %s", s.name.c_str(), error.c_str());
+        setError(reply, KibErrorKind::Library, decoded, "bad request: " + error);
+    } else {
+        try {
+            int result = 0;
+            const int status = owner_.OnServiceRequested(++requestSequence_, request.caller.c_str(),
+                                                         s.name.c_str(), request.value.get(),
+                                                         reply.value.out(), &result);
+            reply.status = status == KIB_OK ? result : status;
+            if (status != KIB_OK) {
+                setError(reply, KibErrorKind::Library, status,
+                         "no such service: " + name_ + "." + s.name);
+            }
+#ifdef KIB_HAVE_KIB_EXCEPTION
+        } catch (const KibException& e) {
+            setError(reply, KibErrorKind::KibException, KIB_E_SERVICE_EXCEPTION, e.GetMessage());
+            reply.errorCode = e.GetCode();
+#endif
+        } catch (const std::exception& e) {
+            setError(reply, KibErrorKind::StdException, KIB_E_SERVICE_EXCEPTION, e.what());
+            reply.errorCode = 0;
+        } catch (...) {
+            setError(reply, KibErrorKind::OtherException, KIB_E_SERVICE_EXCEPTION,
+                     kUnknownException);
+            reply.errorCode = 0;
+        }
+        if (reply.failed()) {
+            KibLog::debug("%s.%s failed for %s: %s", name_.c_str(), s.name.c_str(),
+                          request.caller.c_str(), reply.errorText.c_str());
+        }
+    }
+    sendReply(nc, natsMsg_GetReply(msg), reply);
+}
+
+void KibSatelliteImpl::sendReply(natsConnection* nc, const char* subject, KibReply& reply) {
+    if (subject == nullptr || *subject == '\0') return;  // a one-way request
+    std::string frame;
+    std::string error;
+    const int status = KibCodec::encodeReply(reply, frame, error, limits_);
+    if (status != KIB_OK) {
+        KibLog::error("Reply cannot be sent: %s", error.c_str());
+        setError(reply, KibErrorKind::Library, status, "reply cannot be sent: " + error);
+        KibCodec::encodeReply(reply, frame, error, limits_);
+    }
+    const natsStatus sent =
+        natsConnection_Publish(nc, subject, frame.data(), static_cast<int>(frame.size()));
+    if (sent != NATS_OK) KibLog::error("Reply not sent: %s", natsStatus_GetText(sent));
+}
+
+void KibSatelliteImpl::servePing(natsConnection* nc, natsMsg* msg) {
+    KibReply reply;
+    VARIANT* id = reply.value.out();
+    id->vt = VT_I4;
+    id->lVal = static_cast<std::int32_t>(instance_);
+    sendReply(nc, natsMsg_GetReply(msg), reply);
+}
+
+void KibSatelliteImpl::announce(bool leaving) {
+    KibAnnounceFrame frame;
+    frame.satellite = name_;
+    frame.instance = instance_;
+    frame.leaving = leaving;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& [name, service] : services_) {
+            if (leaving || service->sub != nullptr) frame.services.push_back(name);
+        }
+    }
+    std::string data;
+    std::string error;
+    if (KibCodec::encodeAnnounce(frame, data, error, limits_) != KIB_OK) {
+        KibLog::error("Announcement not sent: %s", error.c_str());
+        return;
+    }
+    const std::string subject = kSubjectAvail + name_;
+    natsConnection_Publish(connection_, subject.c_str(), data.data(),
+                           static_cast<int>(data.size()));
+}
+
+void KibSatelliteImpl::discover(const std::string& satellite) {
+    std::string data;
+    KibCodec::encodeDiscover(name_, data);
+    const std::string subject =
+        satellite == "*" ? std::string(kSubjectDiscover) : kSubjectDiscover + ("." + satellite);
+    natsConnection_Publish(connection_, subject.c_str(), data.data(),
+                           static_cast<int>(data.size()));
+}
+
+int KibSatelliteImpl::addListener(const char* satellite) {
+    if (satellite == nullptr) return KIB_E_INVALID_ARGUMENT;
+    const std::string name = satellite;
+    if (name != "*" && !KibNats::isValidName(satellite)) return KIB_E_INVALID_ARGUMENT;
+    if (connection_ == nullptr) return KIB_E_NOT_CONNECTED;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (listeners_.count(name) != 0) return KIB_OK;
+        auto listener = makeSubscription(KibSubscription::Kind::Availability, name);
+        const int status = subscribe(*listener, kSubjectAvail + name, false);
+        if (status != KIB_OK) return status;
+        listeners_.emplace(name, std::move(listener));
+    }
+    natsConnection_FlushTimeout(connection_, 2000);
+    discover(name);
+    return KIB_OK;
+}
+
+int KibSatelliteImpl::removeListener(const char* satellite) {
+    if (satellite == nullptr) return KIB_E_INVALID_ARGUMENT;
+    std::unique_ptr<KibSubscription> listener;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = listeners_.find(satellite);
+        if (found == listeners_.end()) return KIB_E_INVALID_ARGUMENT;
+        listener = std::move(found->second);
+        listeners_.erase(found);
+        if (listeners_.count("*") == 0) {
+            if (std::string(satellite) == "*") {
+                availability_.clear();
+            } else {
+                availability_.forget(satellite);
+            }
+        }
+    }
+    unsubscribe(std::move(listener));
+    return KIB_OK;
+}
+
+void KibSatelliteImpl::onAnnouncement(natsMsg* msg) {
+    KibAnnounceFrame frame;
+    std::string error;
+    if (KibCodec::decodeAnnounce(natsMsg_GetData(msg),
+                                 static_cast<std::size_t>(natsMsg_GetDataLength(msg)), frame, error,
+                                 limits_) != KIB_OK) {
+        KibLog::error("Ignored an announcement: %s", error.c_str());
+        return;
+    }
+    std::vector<KibAvailabilityEvent> events;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        events = availability_.apply(frame);
+    }
+    for (const KibAvailabilityEvent& event : events) {
+        try {
+            owner_.OnServiceAvailabilityChanged(event.satellite.c_str(), event.service.c_str(),
+                                                event.available ? 1 : 0);
+        } catch (...) {
+            KibLog::error("OnServiceAvailabilityChanged threw; ignored");
+        }
+    }
+}
+
+void KibSatelliteImpl::onDisconnected() {
+    KibLog::error("Lost the bus connection of %s; reconnecting", name_.c_str());
+    try {
+        owner_.OnStatusChange(KIB_E_CONNECTION_LOST, KIBSTATUS_RECONNECTING);
+    } catch (...) {
+        KibLog::error("OnStatusChange threw; ignored");
+    }
+}
+
+// Back on the bus: the client has restored the subscriptions; tell the others what is
+// offered again and ask the watched satellites for theirs, which may have changed.
+void KibSatelliteImpl::onReconnected() {
+    KibLog::info("Bus connection of %s restored", name_.c_str());
+    std::vector<std::string> watched;
+    bool registered = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        registered = registered_;
+        for (const auto& [name, listener] : listeners_) watched.push_back(name);
+    }
+    if (registered) announce(false);
+    for (const std::string& satellite : watched) discover(satellite);
+    try {
+        owner_.OnStatusChange(KIB_OK, KIBSTATUS_CONNECTED);
+    } catch (...) {
+        KibLog::error("OnStatusChange threw; ignored");
+    }
+}

@@ -1,0 +1,227 @@
+// SPDX-License-Identifier: MIT
+#include "KibCodec.h"
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "TestValues.h"
+
+using namespace testvalues;
+
+namespace {
+
+std::string bytes(std::initializer_list<int> list) {
+    std::string out;
+    for (int b : list) out.push_back(static_cast<char>(b));
+    return out;
+}
+
+KibVariantHolder roundTrip(const VARIANT& value) {
+    std::string frame;
+    std::string error;
+    EXPECT_EQ(KibCodec::encodeRequest("Caller", value, frame, error), KIB_OK) << error;
+    KibRequestFrame request;
+    EXPECT_EQ(KibCodec::decodeRequest(frame.data(), frame.size(), request, error), KIB_OK) << error;
+    EXPECT_EQ(request.caller, "Caller");
+    return std::move(request.value);
+}
+
+// Every value kind the bus carries, nested arrays and both kinds of empty string
+// included.
+std::vector<KibVariantHolder> everyKindOfValue() {
+    std::vector<KibVariantHolder> values;
+    values.push_back(KibVariantHolder());
+    values.push_back(scalar(VT_NULL, 0));
+    values.push_back(scalar(VT_I1, static_cast<std::uint8_t>(-5)));
+    values.push_back(scalar(VT_UI1, 250));
+    values.push_back(scalar(VT_I2, static_cast<std::uint16_t>(-30000)));
+    values.push_back(scalar(VT_UI2, 65535));
+    values.push_back(i4(-2147483647 - 1));
+    values.push_back(scalar(VT_UI4, 4294967295u));
+    values.push_back(scalar(VT_I8, 0x8000000000000000ull));
+    values.push_back(scalar(VT_UI8, 0xFFFFFFFFFFFFFFFFull));
+    KibVariantHolder r4;
+    r4.out()->vt = VT_R4;
+    const_cast<VARIANT&>(r4.get()).fltVal = 1.5f;
+    values.push_back(std::move(r4));
+    values.push_back(r8(VT_R8, -0.1));
+    values.push_back(r8(VT_DATE, 46348.416666666664));
+    values.push_back(scalar(VT_BOOL, static_cast<std::uint16_t>(VARIANT_TRUE)));
+    values.push_back(scalar(VT_BOOL, 0));
+    values.push_back(str("text"));
+    values.push_back(str(std::string("a\0b", 3)));
+    values.push_back(str(""));
+    values.push_back(nullStr());
+    values.push_back(typed<std::int8_t>(VT_I1, {-1, 2}));
+    values.push_back(typed<std::uint8_t>(VT_UI1, {0, 255, 7}));
+    values.push_back(typed<std::int16_t>(VT_I2, {-2, 3}));
+    values.push_back(typed<std::uint16_t>(VT_UI2, {65535}));
+    values.push_back(typed<std::int32_t>(VT_I4, {1, -2, 2147483647}));
+    values.push_back(typed<std::uint32_t>(VT_UI4, {4294967295u, 0}));
+    values.push_back(typed<std::int64_t>(VT_I8, {-9, 1ll << 40}));
+    values.push_back(typed<std::uint64_t>(VT_UI8, {~0ull}));
+    values.push_back(typed<float>(VT_R4, {0.25f, -8.0f}));
+    values.push_back(typed<double>(VT_R8, {3.25, 1e300}));
+    values.push_back(typed<double>(VT_DATE, {25569.0, 25569.5}));
+    values.push_back(typed<VARIANT_BOOL>(VT_BOOL, {VARIANT_TRUE, VARIANT_FALSE}));
+    values.push_back(typed<std::int32_t>(VT_I4, {}));
+    values.push_back(typed<std::int32_t>(VT_I4, {4, 5}, 1));
+    values.push_back(strings({"a", "", nullptr}));
+    std::vector<KibVariantHolder> inner;
+    inner.push_back(str("inner"));
+    inner.push_back(typed<std::int32_t>(VT_I4, {7}));
+    std::vector<KibVariantHolder> outer;
+    outer.push_back(i4(1));
+    outer.push_back(variants(std::move(inner)));
+    outer.push_back(nullStr());
+    outer.push_back(KibVariantHolder());
+    values.push_back(variants(std::move(outer)));
+    return values;
+}
+
+}  // namespace
+
+TEST(KibCodecTest, EveryValueKindSurvivesARoundTrip) {
+    for (const KibVariantHolder& value : everyKindOfValue()) {
+        SCOPED_TRACE(value.vt());
+        const KibVariantHolder back = roundTrip(value.get());
+        EXPECT_TRUE(sameValue(value.get(), back.get()));
+    }
+}
+
+TEST(KibCodecTest, NullStringStaysDistinctFromEmptyString) {
+    const KibVariantHolder null = roundTrip(nullStr().get());
+    const KibVariantHolder empty = roundTrip(str("").get());
+    EXPECT_EQ(null.get().bstrVal, nullptr);
+    ASSERT_NE(empty.get().bstrVal, nullptr);
+    EXPECT_EQ(SysStringLen(empty.get().bstrVal), 0u);
+}
+
+TEST(KibCodecTest, SmallRequestHasExactBytes) {
+    std::string frame;
+    std::string error;
+    ASSERT_EQ(KibCodec::encodeRequest("A", i4(5).get(), frame, error), KIB_OK);
+    EXPECT_EQ(frame, bytes({0x94, 0x01, 0x00, 0xA1, 'A', 0x92, 0x03, 0x05}));
+}
+
+TEST(KibCodecTest, ReplyAndAnnouncementRoundTrip) {
+    KibReply reply;
+    reply.status = KIB_E_SERVICE_EXCEPTION;
+    reply.errorKind = KibErrorKind::KibException;
+    reply.errorCode = 1;
+    reply.errorText = "SetLogSource: invalid addr";
+    std::string frame;
+    std::string error;
+    ASSERT_EQ(KibCodec::encodeReply(reply, frame, error), KIB_OK);
+    KibReply back;
+    ASSERT_EQ(KibCodec::decodeReply(frame.data(), frame.size(), back, error), KIB_OK) << error;
+    EXPECT_EQ(back.status, KIB_E_SERVICE_EXCEPTION);
+    EXPECT_EQ(back.errorKind, KibErrorKind::KibException);
+    EXPECT_EQ(back.errorCode, 1);
+    EXPECT_EQ(back.errorText, "SetLogSource: invalid addr");
+
+    KibAnnounceFrame announce{"RemoteLogger", 42, true, {"AppendLog", "SetLogSource"}};
+    ASSERT_EQ(KibCodec::encodeAnnounce(announce, frame, error), KIB_OK);
+    KibAnnounceFrame announced;
+    ASSERT_EQ(KibCodec::decodeAnnounce(frame.data(), frame.size(), announced, error), KIB_OK);
+    EXPECT_EQ(announced.satellite, "RemoteLogger");
+    EXPECT_EQ(announced.instance, 42u);
+    EXPECT_TRUE(announced.leaving);
+    EXPECT_EQ(announced.services, announce.services);
+}
+
+TEST(KibCodecTest, EveryTruncatedPrefixIsRefused) {
+    std::vector<KibVariantHolder> values = everyKindOfValue();
+    std::string frame;
+    std::string error;
+    ASSERT_EQ(KibCodec::encodeRequest("Caller", values.back().get(), frame, error), KIB_OK);
+    for (std::size_t size = 0; size < frame.size(); ++size) {
+        KibRequestFrame request;
+        error.clear();
+        EXPECT_EQ(KibCodec::decodeRequest(frame.data(), size, request, error), KIB_E_BAD_FRAME)
+            << "prefix of " << size;
+        EXPECT_FALSE(error.empty());
+        EXPECT_EQ(request.value.vt(), VT_EMPTY);
+    }
+}
+
+TEST(KibCodecTest, HostileFramesAreRefused) {
+    struct Case {
+        const char* what;
+        std::string frame;
+    };
+    std::string deep;
+    for (int i = 0; i < 1000; ++i) deep += '\x91';
+    std::string deepValue = bytes({0x94, 0x01, 0x00, 0xA0});
+    for (int i = 0; i < 20; ++i) deepValue += bytes({0x92, 0xCD, 0x20, 0x0C, 0x91});
+    const std::vector<Case> cases = {
+        {"array that asks for 4 G elements",
+         bytes({0x94, 0x01, 0x00, 0xA0, 0xDD, 0xFF, 0xFF, 0xFF, 0xFF})},
+        {"value array that asks for 4 G elements",
+         bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0xCD, 0x20, 0x03, 0xDD, 0xFF, 0xFF, 0xFF, 0xFF})},
+        {"string that asks for 4 GiB", bytes({0x94, 0x01, 0x00, 0xDB, 0xFF, 0xFF, 0xFF, 0xFF})},
+        {"binary that asks for 4 GiB",
+         bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0xCD, 0x20, 0x11, 0xC6, 0xFF, 0xFF, 0xFF, 0xFF})},
+        {"raw nesting 1000 deep", deep},
+        {"values nested 20 deep", deepValue},
+        {"version 2", bytes({0x94, 0x02, 0x00, 0xA0, 0x92, 0x00, 0xC0})},
+        {"reply where a request is expected", bytes({0x94, 0x01, 0x01, 0xA0, 0x92, 0x00, 0xC0})},
+        {"three fields", bytes({0x93, 0x01, 0x00, 0xA0})},
+        {"not an array", bytes({0x01})},
+        {"map frame", bytes({0x81, 0x01, 0x00})},
+        {"trailing byte", bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0x00, 0xC0, 0xC0})},
+        {"caller is an integer", bytes({0x94, 0x01, 0x00, 0x05, 0x92, 0x00, 0xC0})},
+        {"type is a string", bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0xA1, 'x', 0xC0})},
+        {"unknown type 99", bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0x63, 0xC0})},
+        {"I4 above 32 bits",
+         bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0x03, 0xCF, 0, 0, 1, 0, 0, 0, 0, 0})},
+        {"I2 out of range", bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0x02, 0xCE, 0, 1, 0, 0})},
+        {"UI4 negative", bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0x13, 0xFF})},
+        {"bool payload for I4", bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0x03, 0xC3})},
+        {"integer payload for BSTR", bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0x08, 0x01})},
+        {"string payload for R8", bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0x05, 0xA1, '1'})},
+        {"payload for VT_EMPTY", bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0x00, 0x01})},
+        {"scalar VT_VARIANT", bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0x0C, 0xC0})},
+        {"array of VT_EMPTY", bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0xCD, 0x20, 0x00, 0x90})},
+        {"lower bound on a scalar", bytes({0x94, 0x01, 0x00, 0xA0, 0x93, 0x03, 0x01, 0x01})},
+        {"wrong element in I4 array",
+         bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0xCD, 0x20, 0x03, 0x92, 0x01, 0xA1, 'x'})},
+        {"bad element in VARIANT array", bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0xCD, 0x20, 0x0C,
+                                                0x92, 0x92, 0x08, 0xA0, 0x92, 0x63, 0xC0})},
+        {"ext value", bytes({0x94, 0x01, 0x00, 0xA0, 0xD4, 0x01, 0x00})},
+        {"empty frame", std::string()},
+    };
+    for (const Case& c : cases) {
+        KibRequestFrame request;
+        std::string error;
+        EXPECT_EQ(KibCodec::decodeRequest(c.frame.data(), c.frame.size(), request, error),
+                  KIB_E_BAD_FRAME)
+            << c.what;
+        EXPECT_FALSE(error.empty()) << c.what;
+        EXPECT_EQ(request.value.vt(), VT_EMPTY) << c.what;
+    }
+}
+
+TEST(KibCodecTest, LimitsBindBothDirections) {
+    KibCodecLimits limits;
+    limits.maxFrameBytes = 64;
+    const KibVariantHolder big = typed<std::uint8_t>(VT_UI1, std::vector<std::uint8_t>(100, 1));
+    std::string frame;
+    std::string error;
+    EXPECT_EQ(KibCodec::encodeRequest("A", big.get(), frame, error, limits), KIB_E_TOO_LARGE);
+    ASSERT_EQ(KibCodec::encodeRequest("A", big.get(), frame, error), KIB_OK);
+    KibRequestFrame request;
+    EXPECT_EQ(KibCodec::decodeRequest(frame.data(), frame.size(), request, error, limits),
+              KIB_E_TOO_LARGE);
+
+    KibVariantHolder deep = i4(1);
+    for (int i = 0; i < 20; ++i) {
+        std::vector<KibVariantHolder> one;
+        one.push_back(std::move(deep));
+        deep = variants(std::move(one));
+    }
+    EXPECT_EQ(KibCodec::encodeRequest("A", deep.get(), frame, error), KIB_E_BAD_VALUE);
+    EXPECT_EQ(KibCodec::encodeRequest("A", scalar(99, 0).get(), frame, error), KIB_E_BAD_VALUE);
+}

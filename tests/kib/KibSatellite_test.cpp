@@ -1,0 +1,282 @@
+// SPDX-License-Identifier: MIT
+#include "KibSatellite.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nats/nats.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#if __has_include("KibException.h")
+#include "KibException.h"
+#endif
+#include "NatsServer.h"
+#include "TestValues.h"
+
+using namespace testvalues;
+using namespace std::chrono_literals;
+
+namespace {
+
+int throwStd(const char*, const tagVARIANT&, tagVARIANT*) { throw std::runtime_error("disk full"); }
+int throwOther(const char*, const tagVARIANT&, tagVARIANT*) { throw 42; }
+int throwKib(const char*, const tagVARIANT&, tagVARIANT*) {
+#if __has_include("KibException.h")
+    throw KibInvalidParameterException("SetLogSource: invalid addr");
+#else
+    throw 1;
+#endif
+}
+
+// A satellite with an echo service that records what the library tells it.
+class TestSatellite : public KibSatellite {
+public:
+    int CreateServices() override {
+        AddService("Echo", "",
+                   new KibSatelliteDelegateMember<TestSatellite>(this, &TestSatellite::echo));
+        AddService("ThrowStd", "", &throwStd);
+        AddService("ThrowOther", "", &throwOther);
+        return AddService("ThrowKib", "", &throwKib);
+    }
+
+    int echo(const char* caller, const tagVARIANT& in, tagVARIANT* out) {
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            lastCaller_ = caller;
+        }
+        VariantCopy(out, &in);
+        return 7;
+    }
+
+    void OnStatusChange(int reason, KIBSTATUS status) override {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        statuses_.push_back({reason, status});
+        changed_.notify_all();
+    }
+
+    void OnServiceAvailabilityChanged(const char* satellite, const char* service,
+                                      int available) override {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back(std::string(satellite) + "." + service + (available ? "+" : "-"));
+        changed_.notify_all();
+    }
+
+    bool waitForStatus(KIBSTATUS status) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, 15s, [&] {
+            for (const auto& s : statuses_) {
+                if (s.second == status) return true;
+            }
+            return false;
+        });
+    }
+
+    bool waitForEvent(const std::string& event) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, 5s, [&] {
+            for (const auto& e : events_) {
+                if (e == event) return true;
+            }
+            return false;
+        });
+    }
+
+    std::string lastCaller() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return lastCaller_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::string lastCaller_;
+    std::vector<std::pair<int, KIBSTATUS>> statuses_;
+    std::vector<std::string> events_;
+};
+
+class KibSatelliteTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(server_.Connect(nats_.host().c_str(), "Server"), KIB_OK);
+        ASSERT_EQ(client_.Connect(nats_.host().c_str(), "Client"), KIB_OK);
+    }
+
+    NatsServer nats_;
+    TestSatellite server_;
+    TestSatellite client_;
+};
+
+}  // namespace
+
+TEST_F(KibSatelliteTest, RequestReachesTheServiceAndReturnsItsResult) {
+    std::vector<KibVariantHolder> parts;
+    parts.push_back(str("00:11:22"));
+    parts.push_back(nullStr());
+    parts.push_back(typed<std::int32_t>(VT_I4, {1, 2}));
+    const KibVariantHolder in = variants(std::move(parts));
+    KibVariantHolder out;
+    KibVariantHolder error;
+    EXPECT_EQ(client_.Request("Server", "Echo", in.get(), out.out(), KIBFLAG_NONE, error.out()), 7);
+    EXPECT_TRUE(sameValue(in.get(), out.get()));
+    EXPECT_EQ(error.vt(), VT_EMPTY);
+    EXPECT_EQ(server_.lastCaller(), "Client");
+}
+
+TEST_F(KibSatelliteTest, ThrowingHandlersAnswerWithTheirMessageAndKeepServing) {
+    KibReply reply;
+    EXPECT_EQ(client_.Call("Server", "ThrowKib", i4(1).get(), &reply, 5000),
+              KIB_E_SERVICE_EXCEPTION);
+    EXPECT_EQ(reply.errorKind, KibErrorKind::KibException);
+    EXPECT_EQ(reply.errorCode, 1);
+    EXPECT_EQ(reply.errorText, "SetLogSource: invalid addr");
+
+    EXPECT_EQ(client_.Call("Server", "ThrowStd", i4(1).get(), &reply, 5000),
+              KIB_E_SERVICE_EXCEPTION);
+    EXPECT_EQ(reply.errorKind, KibErrorKind::StdException);
+    EXPECT_EQ(reply.errorText, "disk full");
+
+    KibVariantHolder error;
+    EXPECT_EQ(
+        client_.Request("Server", "ThrowOther", i4(1).get(), nullptr, KIBFLAG_NONE, error.out()),
+        KIB_E_SERVICE_EXCEPTION);
+    ASSERT_EQ(error.vt(), VT_BSTR);
+    EXPECT_STREQ(error.get().bstrVal, "unknown exception");
+
+    EXPECT_EQ(client_.Call("Server", "Echo", i4(3).get(), &reply, 5000), 7);
+    EXPECT_FALSE(reply.failed());
+}
+
+TEST_F(KibSatelliteTest, RemovedServiceGivesNoResponders) {
+    ASSERT_EQ(server_.RemoveService("Echo"), KIB_OK);
+    KibVariantHolder error;
+    EXPECT_EQ(client_.Request("Server", "Echo", i4(1).get(), nullptr, KIBFLAG_NONE, error.out()),
+              KIB_E_NO_RESPONDERS);
+    ASSERT_EQ(error.vt(), VT_BSTR);
+    EXPECT_NE(std::string(error.get().bstrVal).find("no responders"), std::string::npos);
+    EXPECT_EQ(server_.RemoveService("Echo"), KIB_E_NO_SUCH_SERVICE);
+}
+
+TEST_F(KibSatelliteTest, MalformedRequestGetsAnErrorReply) {
+    natsConnection* nc = nullptr;
+    ASSERT_EQ(natsConnection_ConnectTo(&nc, ("nats://" + nats_.host()).c_str()), NATS_OK);
+    const char frame[] = {'\x94', '\x01', '\x00', '\xA0', '\xDD', '\xFF', '\xFF', '\xFF', '\xFF'};
+    natsMsg* msg = nullptr;
+    ASSERT_EQ(natsConnection_Request(&msg, nc, "kib.svc.Server.Echo", frame, sizeof frame, 5000),
+              NATS_OK);
+    const std::string data(natsMsg_GetData(msg), natsMsg_GetDataLength(msg));
+    natsMsg_Destroy(msg);
+    natsConnection_Destroy(nc);
+    EXPECT_NE(data.find("bad request"), std::string::npos);
+    KibReply reply;
+    EXPECT_EQ(client_.Call("Server", "Echo", i4(3).get(), &reply, 5000), 7);
+}
+
+TEST_F(KibSatelliteTest, PingAndSatelliteIds) {
+    KIBSTATUS status = KIBSTATUS_DISCONNECTED;
+    EXPECT_EQ(client_.DirectoryPingSatellite(nullptr, "Server", 0, 2000, &status), KIB_OK);
+    EXPECT_EQ(status, KIBSTATUS_CONNECTED);
+    EXPECT_EQ(client_.DirectoryPingSatellite(
+                  "127.0.0.1", "Server", static_cast<unsigned short>(nats_.port()), 2000, &status),
+              KIB_OK);
+    EXPECT_EQ(client_.DirectoryPingSatellite(nullptr, "Nobody", 0, 2000, &status),
+              KIB_E_NO_RESPONDERS);
+    EXPECT_EQ(status, KIBSTATUS_DISCONNECTED);
+    int a = 0;
+    int b = 0;
+    EXPECT_EQ(server_.GetSatelliteId(&a), KIB_OK);
+    EXPECT_EQ(client_.GetSatelliteId(&b), KIB_OK);
+    EXPECT_GT(a, 0);
+    EXPECT_NE(a, b);
+}
+
+TEST_F(KibSatelliteTest, AvailabilityListenersSeeServicesComeAndGo) {
+    ASSERT_EQ(client_.AddServiceAvailabilityListener("Server"), KIB_OK);
+    EXPECT_TRUE(client_.waitForEvent("Server.Echo+"));
+    EXPECT_TRUE(client_.waitForEvent("Server.ThrowKib+"));
+    ASSERT_EQ(server_.RemoveService("Echo"), KIB_OK);
+    EXPECT_TRUE(client_.waitForEvent("Server.Echo-"));
+    ASSERT_EQ(server_.Disconnect(), KIB_OK);
+    EXPECT_TRUE(client_.waitForEvent("Server.ThrowKib-"));
+}
+
+TEST_F(KibSatelliteTest, ManagementErrorsAreReported) {
+    EXPECT_EQ(server_.Connect(nats_.host().c_str(), "Server"), KIB_E_ALREADY_CONNECTED);
+    EXPECT_EQ(server_.AddService("Echo", "", &throwStd), KIB_E_DUPLICATE_SERVICE);
+    EXPECT_EQ(server_.AddService("bad.name", "", &throwStd), KIB_E_INVALID_ARGUMENT);
+    TestSatellite other;
+    EXPECT_EQ(other.Connect(nats_.host().c_str(), "a b"), KIB_E_INVALID_ARGUMENT);
+    EXPECT_EQ(other.Connect("", "Other"), KIB_E_INVALID_ARGUMENT);
+    EXPECT_EQ(other.Request("Server", "Echo", i4(1).get(), nullptr, KIBFLAG_NONE, nullptr),
+              KIB_E_NOT_CONNECTED);
+}
+
+TEST(KibSatelliteConnectTest, FirstConnectWithoutServerFailsCleanly) {
+    TestSatellite satellite;
+    const std::string host = "127.0.0.1:" + std::to_string(NatsServer::freePort());
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(satellite.Connect(host.c_str(), "Lonely"), KIB_E_CONNECT_FAILED);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+    int id = 0;
+    EXPECT_EQ(satellite.GetSatelliteId(&id), KIB_E_NOT_CONNECTED);
+}
+
+TEST(KibSatelliteReconnectTest, ServiceAnswersAgainAfterTheServerReturns) {
+    NatsServer nats;
+    TestSatellite server;
+    TestSatellite client;
+    ASSERT_EQ(server.Connect(nats.host().c_str(), "Server"), KIB_OK);
+    ASSERT_EQ(client.Connect(nats.host().c_str(), "Client"), KIB_OK);
+    nats.stop();
+    EXPECT_TRUE(server.waitForStatus(KIBSTATUS_RECONNECTING));
+    KibReply reply;
+    EXPECT_NE(client.Call("Server", "Echo", i4(1).get(), &reply, 300), 7);
+    ASSERT_TRUE(nats.start());
+    EXPECT_TRUE(server.waitForStatus(KIBSTATUS_CONNECTED));
+    EXPECT_TRUE(client.waitForStatus(KIBSTATUS_CONNECTED));
+    int status = KIB_E_TIMEOUT;
+    for (int attempt = 0; attempt < 50 && status != 7; ++attempt) {
+        status = client.Call("Server", "Echo", i4(1).get(), &reply, 200);
+        if (status != 7) std::this_thread::sleep_for(100ms);
+    }
+    EXPECT_EQ(status, 7);
+}
+
+TEST(KibSatelliteProcessTest, SatelliteInAnotherProcessAnswers) {
+    NatsServer nats;
+    int toParent[2];
+    ASSERT_EQ(::pipe(toParent), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(toParent[0]);
+        ::execl(KIB_TEST_PEER, "kib_test_peer", nats.host().c_str(), static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    ::close(toParent[1]);
+    // The peer prints "ready" once its service is registered (bounded by its own timeout).
+    char buffer[16] = {};
+    const ssize_t got = ::read(toParent[0], buffer, sizeof buffer - 1);
+    ::close(toParent[0]);
+    EXPECT_GT(got, 0);
+
+    TestSatellite client;
+    ASSERT_EQ(client.Connect(nats.host().c_str(), "Client"), KIB_OK);
+    KibReply reply;
+    EXPECT_EQ(client.Call("Peer", "Echo", str("over there").get(), &reply, 5000), KIB_OK);
+    EXPECT_TRUE(sameValue(reply.value.get(), str("over there").get()));
+    EXPECT_EQ(client.Call("Peer", "Caller", KibVariantHolder().get(), &reply, 5000), KIB_OK);
+    ASSERT_EQ(reply.value.vt(), VT_BSTR);
+    EXPECT_STREQ(reply.value.get().bstrVal, "Client");
+    ::kill(child, SIGTERM);
+    int wstatus = 0;
+    ::waitpid(child, &wstatus, 0);
+}
