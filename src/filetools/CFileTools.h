@@ -114,7 +114,7 @@ public:
     // The entry's value of the named field ("title", "size", "lastModified", ...);
     // "" for an unknown field. Size and date fields are "" under the no-attributes
     // flag. Dates are local time "YYYY-MM-DD hh:mm:ss".
-    CStdStr getFieldValue(const CStdStr& field);
+    CStdStr getFieldValue(const CStdStr& field) const;
     // The recognised sort keys and field names, in documentation order.
     static const std::vector<const char*>& sortKeyNames();
     static const std::vector<const char*>& fieldNames();

@@ -181,7 +181,7 @@ const std::vector<const char*>& CFileTools::fieldNames() {
     return kNames;
 }
 
-CStdStr CFileTools::getFieldValue(const CStdStr& field) {
+CStdStr CFileTools::getFieldValue(const CStdStr& field) const {
     if (field == "title" || field == "path.filename") return getDisplayName();
     if (field == "mediumId" || field == "nimbMediumId") return getMediumId();
     if (field == "path") return getPath();

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "CSettingsDomain.h"
 
+#include <QFile>
+#include <QFileInfo>
 #include <cstdlib>
 #include <vector>
 
@@ -60,7 +62,19 @@ CStdStr CSettingsDomain::filePath() const {
 bool CSettingsDomain::synchronize() {
     if (!settings_) return false;
     settings_->sync();
-    return settings_->status() == QSettings::NoError;
+    return isHealthy();
+}
+
+bool CSettingsDomain::isHealthy() const {
+    if (!settings_ || settings_->status() != QSettings::NoError) return false;
+    if (!settings_->allKeys().isEmpty()) return true;
+    // A file that cannot be parsed reads as an empty domain, and QSettings reports the
+    // fault only to the first reader in this process: later ones share its memory of
+    // the file until the file changes. So an empty domain checks its file itself.
+    QFile file(filePath().toQString());
+    if (!file.exists()) return true;
+    QSettings::SettingsMap ignored;
+    return file.open(QIODevice::ReadOnly) && JsonSettingsFormat::parse(file.readAll(), ignored);
 }
 
 std::optional<QVariant> CSettingsDomain::value(const CStdStr& name) const {
@@ -76,14 +90,42 @@ QStringList CSettingsDomain::names() const {
 
 bool CSettingsDomain::setValue(const CStdStr& name, const QVariant& value) {
     // A domain whose file could not be read is not written: that would replace the
-    // unreadable file with this one value.
-    if (!settings_ || name.empty() || settings_->status() != QSettings::NoError) return false;
+    // unreadable file with this one value. Checked before the change is made, as a
+    // change that fails to reach the file stays pending in QSettings' memory of it.
+    if (!settings_ || name.empty() || !isHealthy()) return false;
     settings_->setValue(name.toQString(), value);
     return synchronize();
 }
 
 bool CSettingsDomain::remove(const CStdStr& name) {
-    if (!settings_ || name.empty() || settings_->status() != QSettings::NoError) return false;
+    if (!settings_ || name.empty() || !isHealthy()) return false;
     settings_->remove(name.toQString());
     return synchronize();
+}
+
+bool CSettingsDomain::clear() {
+    if (!settings_ || !isHealthy()) return false;
+    settings_->clear();
+    return synchronize();
+}
+
+CStdStr CSettingsDomain::failureReason() const {
+    CStdStr reason;
+    if (!settings_) {
+        reason.Format("\"%s\" is not a usable domain name", domain_.c_str());
+        return reason;
+    }
+    if (isHealthy()) return reason;
+    const CStdStr path = filePath();
+    const QFileInfo info(path.toQString());
+    QFile file(path.toQString());
+    QSettings::SettingsMap ignored;
+    if (info.exists() && !file.open(QIODevice::ReadOnly)) {
+        reason.Format("cannot read %s", path.c_str());
+    } else if (info.exists() && !JsonSettingsFormat::parse(file.readAll(), ignored)) {
+        reason.Format("%s is not a valid settings file (a JSON object is expected)", path.c_str());
+    } else {
+        reason.Format("cannot write %s", path.c_str());
+    }
+    return reason;
 }

@@ -35,7 +35,7 @@ public:
 
     // Brings the domain and its file in line (reading changes made by other
     // processes). Returns false when the name is unusable or the file cannot be read,
-    // parsed or written; once false, the object stays failed.
+    // parsed or written.
     bool synchronize();
 
     // The stored value, or nothing when the name is not set. Does not synchronise.
@@ -48,8 +48,17 @@ public:
     // be written.
     bool setValue(const CStdStr& name, const QVariant& value);
     bool remove(const CStdStr& name);
+    // Removes every value of the domain (the file stays, empty) and synchronises.
+    bool clear();
+
+    // Why the last synchronisation failed, as one English sentence naming the domain
+    // or file; empty when nothing failed.
+    CStdStr failureReason() const;
 
 private:
+    // True when the last reading found the file usable (missing counts as empty).
+    bool isHealthy() const;
+
     // Immutable after construction.
     CStdStr domain_;
     std::unique_ptr<QSettings> settings_;  // null for an unusable name

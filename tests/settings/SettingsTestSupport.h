@@ -4,7 +4,9 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
 #include <cstdlib>
 #include <optional>
@@ -38,6 +40,7 @@ protected:
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
     static void writeStoreFile(const char* domain, const QByteArray& bytes) {
+        ASSERT_TRUE(QDir().mkpath(QFileInfo(storeFile(domain)).path()));
         QFile file(storeFile(domain));
         ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
         ASSERT_EQ(file.write(bytes), bytes.size());

@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: MIT
+// DeviceLogConverter: rewrites the timestamps found in a device's log text from the
+// device's clock to the server's. Timestamps are read as UTC, shifted by the clock
+// difference and written again in the server's local time as "YYYY/MM/DD hh:mm:ss".
+// Stateless: the compiled pattern and the month table are built once and only read,
+// so any thread may call it at any time.
+#pragma once
+
+#include <ctime>
+
+#include "StdString.h"
+
+class DeviceLogConverter {
+public:
+    // Returns `content` with every recognised timestamp rewritten; the text around the
+    // timestamps is kept byte for byte. `deviceTime` is the device's current time and
+    // `serverTime` the server's, both in seconds since 1970 UTC. Timestamps without a
+    // year take the device's current year, or the year before when they lie after the
+    // device's current moment. A numeric timestamp with a month outside 01-12 is left
+    // as it is.
+    static CStdStr convertLog(const CStdStr& content, long deviceTime, long serverTime);
+
+    // Converts one broken-down time (read as UTC; fields are not range-checked and
+    // carry over) into server time: t - deviceTime + serverTime, formatted in the
+    // server's local time zone.
+    static CStdStr convertDate(const tm& t, long deviceTime, long serverTime);
+
+    // Seconds since 1970 of a broken-down UTC time, by the calendar rule alone (no C
+    // library call, no range check: out-of-range fields carry into the next unit).
+    static long utcSeconds(const tm& t);
+};

@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: MIT
+// nimb-defaults: reads and changes the suite's settings store from the command line.
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "DefaultsTool.h"
+
+int main(int argc, char** argv) {
+    const std::vector<std::string> args(argv + 1, argv + argc);
+    DefaultsTool tool(std::cout, std::cerr);
+    const int status = tool.run(args);
+    std::cout.flush();
+    return status;
+}

@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: MIT
+// nimb-logs run as a child program on folders of collector-style log files.
+#include <string>
+
+#include "CFileTools.h"
+#include "FileToolsTestSupport.h"
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+class NimbLogsTest : public FileToolsTest {
+protected:
+    void SetUp() override {
+        FileToolsTest::SetUp();
+        logs_ = dir_ / "logs";
+        ASSERT_TRUE(boost::filesystem::create_directory(logs_));
+    }
+
+    // A log file of `size` bytes last modified `age` seconds before a fixed time.
+    void addLog(const std::string& name, size_t size, int age) {
+        const std::string path = logs_ + "/" + name;
+        writeFile(path, std::string(size, 'x'));
+        const timespec times[2] = {{kNow - age, 0}, {kNow - age, 0}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    }
+
+    void addCollectorLogs() {
+        addLog("puck001122334455-main.log", 400, 10);
+        addLog("puck001122334455-main.log.back", 524288, 500);
+        addLog("remote0A0B0C0D0E0F-player.log", 12, 30);
+        addLog("NimbRemoteLogger.log", 90, 20);
+        addLog(".hidden", 1, 0);
+    }
+
+    ProcessResult run(std::vector<std::string> args) {
+        args.insert(args.begin(), NIMB_LOGS_BIN);
+        return runProcess(args, dir_);
+    }
+
+    static constexpr time_t kNow = 1700000000;
+    std::string logs_;
+};
+
+TEST_F(NimbLogsTest, ListsTheFolderInAlignedColumns) {
+    addCollectorLogs();
+    const ProcessResult result =
+        run({"--dir", logs_, "--sort", "size:desc", "--fields", "title,size,mediaType"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.out,
+              "title                           size    mediaType\n"
+              "puck001122334455-main.log.back  524288  file\n"
+              "puck001122334455-main.log       400     text.file\n"
+              "NimbRemoteLogger.log            90      text.file\n"
+              "remote0A0B0C0D0E0F-player.log   12      text.file\n");
+}
+
+TEST_F(NimbLogsTest, TabSeparatedWithoutHeaderAndEscapedNames) {
+    addCollectorLogs();
+    addLog("odd\tname.log", 5, 40);
+    const ProcessResult result = run({"--dir=" + logs_, "--sort=lastModified:desc", "--tsv",
+                                      "--no-header", "--fields=title,size"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out,
+              "puck001122334455-main.log\t400\n"
+              "NimbRemoteLogger.log\t90\n"
+              "remote0A0B0C0D0E0F-player.log\t12\n"
+              "odd\\tname.log\t5\n"
+              "puck001122334455-main.log.back\t524288\n");
+}
+
+TEST_F(NimbLogsTest, DefaultsToTheLogsFolderSetting) {
+    addLog("puck001122334455-main.log", 3, 0);
+    setSuiteSetting("LogsDir", logs_);
+    ASSERT_EQ(CFileTools::GetLogsDirectory(), logs_);
+    const ProcessResult result = run({"--tsv", "--fields", "title,size,lastModified"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const CFileTools entry(logs_ + "/puck001122334455-main.log");
+    EXPECT_EQ(result.out, "title\tsize\tlastModified\npuck001122334455-main.log\t3\t" +
+                              entry.getFieldValue("lastModified") + "\n");
+}
+
+TEST_F(NimbLogsTest, UsageErrorsExitWithTwoAndSayWhy) {
+    struct Case {
+        std::vector<std::string> args;
+        const char* reason;
+    };
+    for (const Case& c : {Case{{"--sort", "Size:desc"}, "unknown sort key \"Size:desc\""},
+                          Case{{"--sort", ",size:asc"}, "unknown sort key \",size:asc\""},
+                          Case{{"--fields", "title,bogus"}, "unknown field \"bogus\""},
+                          Case{{"--fields", ""}, "unknown field \"\""},
+                          Case{{"--verbose"}, "unknown argument \"--verbose\""},
+                          Case{{"--dir"}, "--dir needs a value"}}) {
+        std::vector<std::string> args = c.args;
+        args.insert(args.begin(), {"--dir", logs_});
+        const ProcessResult result = run(args);
+        EXPECT_EQ(result.exitCode, 2) << c.reason;
+        EXPECT_EQ(result.out, "") << c.reason;
+        EXPECT_NE(result.err.find(c.reason), std::string::npos) << result.err;
+    }
+}
+
+TEST_F(NimbLogsTest, UnreadableFolderExitsWithOne) {
+    const ProcessResult result = run({"--dir", dir_ / "absent"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_NE(result.err.find("cannot read folder " + dir_ / "absent"), std::string::npos)
+        << result.err;
+}
+
+TEST_F(NimbLogsTest, HelpListsEveryKeyAndField) {
+    const ProcessResult result = run({"--sort", "bogus", "--help"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    for (const char* key : CFileTools::sortKeyNames()) {
+        EXPECT_NE(result.out.find(std::string("  ") + key + "\n"), std::string::npos) << key;
+    }
+    for (const char* field : CFileTools::fieldNames()) {
+        EXPECT_NE(result.out.find(std::string("  ") + field + "\n"), std::string::npos) << field;
+    }
+}
+
+}  // namespace
