@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Test support for the settings store: a fixture that points XDG_CONFIG_HOME at a
-// fresh temporary folder for the length of one test and restores it afterwards.
+// fresh temporary folder for the length of one test, with helpers for the raw files.
 #pragma once
 
-#include <QByteArray>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -44,6 +43,11 @@ protected:
         QFile file(storeFile(domain));
         ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
         ASSERT_EQ(file.write(bytes), bytes.size());
+    }
+    // Makes the store folder impossible to create by putting a file in its place.
+    void blockStoreFolder() const {
+        QFile blocker(QDir(homePath()).filePath("pellix"));
+        ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
     }
 
 private:

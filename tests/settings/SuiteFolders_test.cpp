@@ -8,29 +8,18 @@
 
 namespace {
 
-const char* const kSuite = "Software\\Pellix\\Nimb";
-
 using CSuiteFoldersTest = TempConfigHome;
 
-TEST_F(CSuiteFoldersTest, DefaultsWithoutSettings) {
+TEST_F(CSuiteFoldersTest, SettingsOverrideTheDefaultsUnlessEmpty) {
     EXPECT_EQ(CSuiteFolders::logsDirectory(), "/var/log/pellix");
     EXPECT_EQ(CSuiteFolders::dataDirectory(), "/var/lib/pellix");
-}
-
-TEST_F(CSuiteFoldersTest, SettingsOverrideTheDefaults) {
     auto registry = CRegistry::getInstance();
-    ASSERT_TRUE(registry->WriteSettingImpl(kSuite, "LogsDir", CStdStr("/tmp/nimb logs/")));
-    ASSERT_TRUE(registry->WriteSettingImpl(kSuite, "DataDir", CStdStr("/tmp/nimb-data")));
-    EXPECT_EQ(CSuiteFolders::logsDirectory(), "/tmp/nimb logs");
-    EXPECT_EQ(CSuiteFolders::dataDirectory(), "/tmp/nimb-data");
-}
-
-TEST_F(CSuiteFoldersTest, EmptySettingsFallBackToTheDefaults) {
-    auto registry = CRegistry::getInstance();
-    ASSERT_TRUE(registry->WriteSettingImpl(kSuite, "LogsDir", CStdStr()));
-    ASSERT_TRUE(registry->WriteSettingImpl(kSuite, "DataDir", CStdStr()));
+    ASSERT_TRUE(registry->WriteSettingImpl("Software\\Pellix\\Nimb", "LogsDir", CStdStr("/l/x/")));
+    ASSERT_TRUE(registry->WriteSettingImpl("Software\\Pellix\\Nimb", "DataDir", CStdStr("/d")));
+    EXPECT_EQ(CSuiteFolders::logsDirectory(), "/l/x");
+    EXPECT_EQ(CSuiteFolders::dataDirectory(), "/d");
+    ASSERT_TRUE(registry->WriteSettingImpl("Software\\Pellix\\Nimb", "LogsDir", CStdStr()));
     EXPECT_EQ(CSuiteFolders::logsDirectory(), "/var/log/pellix");
-    EXPECT_EQ(CSuiteFolders::dataDirectory(), "/var/lib/pellix");
 }
 
 }  // namespace

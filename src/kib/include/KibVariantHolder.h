@@ -2,7 +2,8 @@
 // KibVariantHolder: sole owner of one VARIANT and everything in it (strings, arrays,
 // nested values). It releases them in its destructor, moves freely, and copies only
 // through copyFrom() / deepCopy(). Readers get a const view; writers fill it through
-// out(). Like the value it holds, one holder must not be used by two threads at once.
+// out() or change it in place through edit(). Like the value it holds, one holder must not be used
+// by two threads at once.
 #pragma once
 
 #include <utility>
@@ -49,6 +50,10 @@ public:
     // The held value, lent for reading; valid until the holder changes.
     const VARIANT& get() const noexcept { return value_; }
     VARTYPE vt() const noexcept { return value_.vt; }
+
+    // Lends the held value for changing in place (storing array elements, for
+    // instance); it stays owned by the holder and must be left a valid value.
+    VARIANT& edit() noexcept { return value_; }
 
     // Releases the held value and lends the (now VT_EMPTY) storage for filling, for
     // instance as the target of SafeArrayGetElement or VariantCopy.

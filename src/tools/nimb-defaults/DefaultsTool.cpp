@@ -32,6 +32,13 @@ backslashes become full stops.
 Each domain is the file $XDG_CONFIG_HOME/pellix/DOMAIN.json
 (~/.config/pellix/DOMAIN.json when XDG_CONFIG_HOME is not set).
 
+Settings the suite reads:
+  Software\Pellix\Nimb\Config  kibDirectory.host  string  bus directory, host or host:port
+  Software\Pellix\Nimb         LogLevel           int     0 FATAL, 1 ERROR ... 4 DEBUG
+  Software\Pellix\Nimb         LogsDir            string  logs folder
+  Software\Pellix\Nimb         DataDir            string  data folder
+  Software\Pellix\Nimb         InstallDir         string  install folder
+
 Examples:
   nimb-defaults write 'Software\Pellix\Nimb' LogLevel -int 4
   nimb-defaults write 'Software\Pellix\Nimb' LogsDir -string /srv/pellix/logs
@@ -40,8 +47,6 @@ Examples:
 
 Exit status: 0 done, 1 value or domain missing or store unusable, 2 bad command line.
 )";
-
-const char kTypes[] = "-int, -string or -bool";
 
 // A value as JSON text: strings quoted and escaped, other types as JSON writes them.
 std::string jsonText(const QVariant& value) {
@@ -115,8 +120,7 @@ int DefaultsTool::run(const std::vector<std::string>& args) {
 }
 
 int DefaultsTool::read(const std::vector<std::string>& args) {
-    if (args.empty()) return usageError("read: missing domain or key");
-    if (args.size() > 2) return usageError("read: too many arguments");
+    if (args.empty() || args.size() > 2) return usageError("read takes DOMAIN_OR_KEY [NAME]");
     CSettingsDomain domain(domainFor(args[0]));
     if (!open(domain)) return kFailure;
     if (args.size() == 1) {
@@ -132,13 +136,11 @@ int DefaultsTool::read(const std::vector<std::string>& args) {
 }
 
 int DefaultsTool::write(const std::vector<std::string>& args) {
-    if (args.empty()) return usageError("write: missing domain or key");
-    if (args.size() < 2) return usageError("write: missing value name");
+    if (args.size() != 4) {
+        return usageError(
+            "write takes DOMAIN_OR_KEY NAME -int N | -string TEXT | -bool true|false");
+    }
     if (args[1].empty()) return usageError("write: the value name is empty");
-    if (args.size() < 3)
-        return usageError(std::string("write: missing value type (") + kTypes + ")");
-    if (args.size() < 4) return usageError("write: missing value after " + args[2]);
-    if (args.size() > 4) return usageError("write: too many arguments");
     QVariant value;
     if (!parseValue(args[2], args[3], value)) return kUsage;
     CSettingsDomain domain(domainFor(args[0]));
@@ -148,8 +150,7 @@ int DefaultsTool::write(const std::vector<std::string>& args) {
 }
 
 int DefaultsTool::remove(const std::vector<std::string>& args) {
-    if (args.empty()) return usageError("delete: missing domain or key");
-    if (args.size() > 2) return usageError("delete: too many arguments");
+    if (args.empty() || args.size() > 2) return usageError("delete takes DOMAIN_OR_KEY [NAME]");
     CSettingsDomain domain(domainFor(args[0]));
     if (!open(domain)) return kFailure;
     if (args.size() == 1) {
@@ -187,7 +188,7 @@ bool DefaultsTool::parseValue(const std::string& type, const std::string& text, 
         }
         value = QVariant(text == "true");
     } else {
-        usageError("write: unknown value type \"" + type + "\" (" + kTypes + ")");
+        usageError("write: unknown value type \"" + type + "\" (-int, -string or -bool)");
         return false;
     }
     return true;

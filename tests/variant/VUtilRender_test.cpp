@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: MIT
+// XML and friendly renderings.
+#include <cstdint>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "TestValues.h"
+#include "VUtil.h"
+
+using namespace testvalue;
+
+namespace {
+
+std::string xml(const KibVariantHolder& v, int depth = 0) {
+    CStdStr out;
+    VUtil::VariantToXML(&v.get(), depth, out);
+    return out;
+}
+
+std::string friendly(const KibVariantHolder& v) {
+    CStdStr out;
+    VUtil::VariantToFriendlyString(&v.get(), out);
+    return out;
+}
+
+KibVariantHolder date(double d) {
+    return make(VT_DATE, [d](VARIANT& v) { v.date = d; });
+}
+
+}  // namespace
+
+TEST(VUtilRender, XmlScalars) {
+    const struct {
+        KibVariantHolder value;
+        const char* text;
+    } cases[] = {
+        {KibVariantHolder(), "<var vt=\"VT_EMPTY\" />\n"},
+        {scalar(VT_NULL), "<var vt=\"VT_NULL\" />\n"},
+        {make(VT_I1, [](VARIANT& v) { v.cVal = -3; }), "<var vt=\"VT_I1\">-3</var>\n"},
+        {make(VT_UI1, [](VARIANT& v) { v.bVal = 200; }), "<var vt=\"VT_UI1\">200</var>\n"},
+        {make(VT_I2, [](VARIANT& v) { v.iVal = -2; }), "<var vt=\"VT_I2\">-2</var>\n"},
+        {make(VT_UI2, [](VARIANT& v) { v.uiVal = 65535; }), "<var vt=\"VT_UI2\">65535</var>\n"},
+        {i4(-7), "<var vt=\"VT_I4\">-7</var>\n"},
+        {make(VT_UI4, [](VARIANT& v) { v.ulVal = 4294967295u; }),
+         "<var vt=\"VT_UI4\">4294967295</var>\n"},
+        {make(VT_I8, [](VARIANT& v) { v.llVal = -5000000000; }),
+         "<var vt=\"VT_I8\">-5000000000</var>\n"},
+        {make(VT_R4, [](VARIANT& v) { v.fltVal = 1.5f; }), "<var vt=\"VT_R4\">1.500000</var>\n"},
+        {make(VT_R8, [](VARIANT& v) { v.dblVal = -0.25; }), "<var vt=\"VT_R8\">-0.250000</var>\n"},
+        {str("a<b&\"c\""), "<var vt=\"VT_BSTR\">a&lt;b&amp;&quot;c&quot;</var>\n"},
+        {str("it's >"), "<var vt=\"VT_BSTR\">it&apos;s &gt;</var>\n"},
+        {make(VT_BOOL, [](VARIANT& v) { v.boolVal = VARIANT_TRUE; }),
+         "<var vt=\"VT_BOOL\">TRUE</var>\n"},
+        {make(VT_BOOL, [](VARIANT& v) { v.boolVal = 0; }), "<var vt=\"VT_BOOL\">FALSE</var>\n"},
+        {date(25569.5), "<var vt=\"VT_DATE\">1970-01-01 12:00:00</var>\n"},
+        {scalar(VT_VARIANT), "<var vt=\"12 (unknown)\" />\n"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(xml(c.value), c.text);
+    }
+    EXPECT_EQ(xml(i4(1), 2), "      <var vt=\"VT_I4\">1</var>\n");
+}
+
+TEST(VUtilRender, XmlArrays) {
+    EXPECT_EQ(xml(variants(i4(1), KibVariantHolder())),
+              "<var vt=\"VT_ARRAY|VT_VARIANT\" count=\"2\">\n"
+              "   <var vt=\"VT_I4\">1</var>\n"
+              "   <var vt=\"VT_EMPTY\" />\n"
+              "</var>\n");
+    EXPECT_EQ(xml(variants(strings({"x&y"})), 1),
+              "   <var vt=\"VT_ARRAY|VT_VARIANT\" count=\"1\">\n"
+              "      <var vt=\"VT_ARRAY|VT_BSTR\" count=\"1\">\n"
+              "         <var vt=\"VT_BSTR\">x&amp;y</var>\n"
+              "      </var>\n"
+              "   </var>\n");
+    EXPECT_EQ(xml(typed<std::uint16_t>(VT_UI2, {9})),
+              "<var vt=\"VT_ARRAY|VT_UI2\" count=\"1\">\n   <var vt=\"VT_UI2\">9</var>\n</var>\n");
+    EXPECT_EQ(xml(typed<std::int32_t>(VT_I4, {-4, 4})),
+              "<var vt=\"VT_ARRAY|VT_I4\" count=\"2\">\n   <var vt=\"VT_I4\">-4</var>\n"
+              "   <var vt=\"VT_I4\">4</var>\n</var>\n");
+    EXPECT_EQ(xml(typed<std::uint32_t>(VT_UI4, {4000000000u})),
+              "<var vt=\"VT_ARRAY|VT_UI4\" count=\"1\">\n   <var vt=\"VT_UI4\">4000000000</var>\n"
+              "</var>\n");
+    EXPECT_EQ(xml(typed<std::int64_t>(VT_I8, {-1})),
+              "<var vt=\"VT_ARRAY|VT_I8\" count=\"1\">\n   <var vt=\"VT_I8\">-1</var>\n</var>\n");
+    EXPECT_EQ(xml(typed<std::uint64_t>(VT_UI8, {UINT64_MAX})),
+              "<var vt=\"VT_ARRAY|VT_UI8\" count=\"1\">\n"
+              "   <var vt=\"VT_UI8\">18446744073709551615</var>\n</var>\n");
+    EXPECT_EQ(xml(typed<std::uint8_t>(VT_UI1, std::vector<std::uint8_t>(10))),
+              "<var vt=\"VT_ARRAY|VT_UI1\" count=\"10\" />\n");
+    EXPECT_EQ(xml(typed<float>(VT_R4, {1, 2})), "<var vt=\"VT_ARRAY|VT_R4\" count=\"2\" />\n");
+    EXPECT_EQ(xml(typed<double>(VT_R8, {})), "<var vt=\"VT_ARRAY|VT_R8\" count=\"0\" />\n");
+    EXPECT_EQ(xml(typed<double>(VT_DATE, {1})), "<var vt=\"8199 (unknown)\" />\n");
+}
+
+TEST(VUtilRender, FailuresBecomeErrorElements) {
+    const KibVariantHolder oneBased = typed<std::int32_t>(VT_I4, {1}, 1);
+    EXPECT_EQ(xml(variants(i4(1), oneBased)),
+              "<var vt=\"VT_ARRAY|VT_VARIANT\" count=\"2\">\n"
+              "   <var vt=\"VT_I4\">1</var>\n"
+              "   <Error>Array is not zero indexed! (VUtil::GetArrayLength)</Error>\n"
+              "</var>\n");
+    EXPECT_EQ(friendly(oneBased),
+              "<Error>Array is not zero indexed! (VUtil::GetArrayLength)</Error>");
+    CStdStr out;
+    VUtil::VariantToXML(nullptr, out);
+    EXPECT_EQ(out, "<Error>no value to render</Error>\n");
+}
+
+TEST(VUtilRender, FriendlyForm) {
+    const struct {
+        KibVariantHolder value;
+        const char* text;
+    } cases[] = {
+        {KibVariantHolder(), "(empty)"},
+        {scalar(VT_NULL), "(null)"},
+        {make(VT_BOOL, [](VARIANT& v) { v.boolVal = VARIANT_TRUE; }), "true"},
+        {make(VT_BOOL, [](VARIANT& v) { v.boolVal = 0; }), "false"},
+        {date(25570.0), "(date)1970-01-02 00:00:00"},
+        {i4(-1), "-1"},
+        {make(VT_UI4, [](VARIANT& v) { v.ulVal = 7; }), "7"},
+        {make(VT_UI8, [](VARIANT& v) { v.ullVal = 8; }), "8"},
+        {make(VT_R8, [](VARIANT& v) { v.dblVal = 2; }), "2.000000"},
+        {str("q\""), "\"q&quot;\""},
+        {scalar(VT_VARIANT), "(unknown vt 12)"},
+        {typed<std::uint8_t>(VT_UI1, {1, 2, 3}), "[3 UI1 elements]"},
+        {typed<double>(VT_R8, {1}), "[1 R8 elements]"},
+        {strings({"a", "b"}), "[\n    \"a\",\n    \"b\"\n]"},
+        {variants(i4(1), variants(str("x"))), "[\n    1,\n    [\n        \"x\"\n    ]\n]"},
+        {variants(), "[\n]"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(friendly(c.value), c.text);
+    }
+}
+
+TEST(VUtilRender, DumpLabelsTheXml) {
+    EXPECT_EQ(VUtil::Dump(&i4(3).get(), "reply"), "Dumping reply: <var vt=\"VT_I4\">3</var>\n");
+}
