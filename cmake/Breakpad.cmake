@@ -25,9 +25,16 @@ set(_md_package "${_md_root}/package")
 
 # Fetches and extracts the package unless a complete copy is already cached. The copy is
 # extracted into a scratch folder and renamed into place, so an interrupted fetch never
-# leaves a half-filled cache behind.
+# leaves a half-filled cache behind; a lock keeps two configures of the same tree from
+# fetching at once.
 function(_nimb_fetch_minidump)
-    if(EXISTS "${_md_package}/deps/breakpad/src/client/linux/handler/exception_handler.cc")
+    set(_complete "${_md_package}/deps/breakpad/src/client/linux/handler/exception_handler.cc")
+    if(EXISTS "${_complete}")
+        return()
+    endif()
+    file(MAKE_DIRECTORY "${NIMB_MINIDUMP_CACHE_DIR}")
+    file(LOCK "${NIMB_MINIDUMP_CACHE_DIR}/minidump.lock" GUARD FUNCTION TIMEOUT 600)
+    if(EXISTS "${_complete}")
         return()
     endif()
     find_program(NIMB_NPM npm)

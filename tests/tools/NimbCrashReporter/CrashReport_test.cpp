@@ -54,11 +54,6 @@ TEST(CrashReporterArguments, AcceptsShortAppDataAndLongForms) {
     EXPECT_FALSE(parse({"", "App"}));
 }
 
-TEST(CrashReporterReport, NamesTheReportAfterTheDump) {
-    EXPECT_EQ(reportPathFor("/tmp/x/0a-1.dmp"), "/tmp/x/0a-1.txt");
-    EXPECT_EQ(reportPathFor("/tmp/x/core"), "/tmp/x/core.txt");
-}
-
 TEST(CrashReporterReport, ReadsReasonAndCrashingThreadFromStackwalk) {
     const std::string output =
         "OS|Linux|6.1\n"
