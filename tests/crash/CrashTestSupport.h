@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
-// Test support for crash dumps: a private temporary folder that is removed with
-// everything in it, child processes run with a bounded wait, and small file helpers.
-// Used by the dump manager's and the crash reporter's tests, on the test's thread.
+// Test support for tests that run child programs: a private temporary folder that is
+// removed with everything in it, child processes with a bounded wait, and small file
+// helpers. Used by the dump manager's, the crash reporter's and the module host's tests,
+// on the test's thread.
 #pragma once
 
 #include <algorithm>
