@@ -38,13 +38,16 @@ target_include_directories(nimb_kib PUBLIC ${CMAKE_CURRENT_LIST_DIR}/include
 target_link_libraries(nimb_kib PUBLIC nimb_kibvalue Boost::boost
                                PRIVATE nimb_nats nimb_log Threads::Threads)
 target_link_libraries(nimb_kib PRIVATE msgpackc-cxx)
-# The exceptions that service handlers throw (KibException) live in the variant module.
-if(EXISTS ${CMAKE_SOURCE_DIR}/src/variant/CMakeLists.txt)
-    target_link_libraries(nimb_kib PUBLIC nimb_variant)
-endif()
+# Handlers throw the KibException family, which lives in the variant module.
+target_link_libraries(nimb_kib PUBLIC nimb_variant)
 set_target_properties(nimb_kib PROPERTIES POSITION_INDEPENDENT_CODE ON)
 nimb_target_defaults(nimb_kib)
 
 add_library(nimb_kib_internal INTERFACE)
 target_include_directories(nimb_kib_internal INTERFACE ${CMAKE_CURRENT_LIST_DIR})
 target_link_libraries(nimb_kib_internal INTERFACE nimb_kib nimb_nats msgpackc-cxx)
+
+# The codec's fuzzer and seed writer live in fuzz/ at the top of the tree.
+if(EXISTS ${PROJECT_SOURCE_DIR}/fuzz/CMakeLists.txt)
+    add_subdirectory(${PROJECT_SOURCE_DIR}/fuzz ${PROJECT_BINARY_DIR}/fuzz)
+endif()

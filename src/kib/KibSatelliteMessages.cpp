@@ -3,11 +3,7 @@
 // announcements and connection-state callbacks.
 #include <exception>
 
-#if __has_include("KibException.h")
 #include "KibException.h"
-#define KIB_HAVE_KIB_EXCEPTION 1
-#endif
-
 #include "KibLog.h"
 #include "KibSatellite.h"
 #include "KibSatelliteImpl.h"
@@ -163,11 +159,9 @@ void KibSatelliteImpl::serveRequest(KibSubscription& s, natsConnection* nc, nats
                 setError(reply, KibErrorKind::Library, status,
                          "no such service: " + name_ + "." + s.name);
             }
-#ifdef KIB_HAVE_KIB_EXCEPTION
         } catch (const KibException& e) {
-            setError(reply, KibErrorKind::KibException, KIB_E_SERVICE_EXCEPTION, e.GetMessage());
-            reply.errorCode = e.GetCode();
-#endif
+            setError(reply, KibErrorKind::KibException, KIB_E_SERVICE_EXCEPTION, e.message());
+            reply.errorCode = e.code();
         } catch (const std::exception& e) {
             setError(reply, KibErrorKind::StdException, KIB_E_SERVICE_EXCEPTION, e.what());
             reply.errorCode = 0;
