@@ -271,11 +271,14 @@ CStdStr CBBLog::getTimeString() {
 
 void CBBLog::addQueue(CStdStr line) {
     PMutexLocker lock(queueLock);
+    // The writer waits only while the queue is empty, so only the first line into an
+    // empty queue needs to wake it; later ones find it awake or already woken.
+    const bool wakeWriter = queue.empty();
     queue.push_back(std::move(line));
     // Echoed under the queue lock, so echoed lines never interleave.
     fputs(queue.back().c_str(), stdout);
     fflush(stdout);
-    queueLock.broadcast();
+    if (wakeWriter) queueLock.broadcast();
 }
 
 CStdStr CBBLog::getLogs() {

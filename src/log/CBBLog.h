@@ -68,8 +68,10 @@ protected:
 
 public:
     // Appends `line` (a complete line) to "errors.log" at once, on the caller's thread,
-    // under fileMutex; opens the files first if needed. Allocates nothing and uses only
-    // system calls once the logger is initialised, so a crash handler may call it.
+    // under fileMutex; opens the files first if needed. Runs in: normal context, or
+    // crash context once the logger is initialised: it then allocates nothing and uses
+    // only system calls and fileMutex (a crash while this thread holds fileMutex, that
+    // is inside this function or initialize(), would deadlock a second call).
     virtual void _FatalError(const CStdStr& line);
 
     // Instance forms: each compares with the stored level only, so while the level is
@@ -111,6 +113,8 @@ public:
     static void warn(const char* format, ...) __attribute__((format(printf, 1, 2)));
     static void info(const char* format, ...) __attribute__((format(printf, 1, 2)));
     static void debug(const char* format, ...) __attribute__((format(printf, 1, 2)));
+    // `args` is borrowed and left usable. A literal 0 as the only argument after the
+    // format (debug("n: %d", 0)) selects this overload; it is formatted as that zero.
     static void debug(const char* format, va_list args);
     static void fatal(const boost::format& format);
     static void error(const boost::format& format);
@@ -160,6 +164,8 @@ private:
                          const char* format, va_list args);
     static void dispatch(const boost::shared_ptr<CBBLog>& log, LOGLEVEL messageLevel,
                          const boost::format& format);
+    static void forward(const boost::shared_ptr<CBBLog>& log, LOGLEVEL messageLevel,
+                        const char* format, ...);
     static bool isEnabled(LOGLEVEL messageLevel);
 
     // Immutable after construction.

@@ -3,6 +3,8 @@
 // strong reference to its logger for the length of the call, lets the message through
 // when the logger's level is unset or enabled (the final test, after the level has been
 // read, is made again inside _AddLog), and does nothing when there is no logger.
+#include <type_traits>
+
 #include "CBBLog.h"
 #include "VaListEnd.h"
 
@@ -15,6 +17,15 @@ namespace {
 PMutex& instanceMutex() {
     static PMutex mutex;
     return mutex;
+}
+
+template <class T>
+bool isNullVaList(T args) {
+    if constexpr (std::is_pointer_v<T>) {
+        return args == nullptr;
+    } else {
+        return false;
+    }
 }
 
 }  // namespace
@@ -57,6 +68,14 @@ void CBBLog::dispatch(const boost::shared_ptr<CBBLog>& log, LOGLEVEL messageLeve
     log->_AddLog(format, messageLevel);
 }
 
+void CBBLog::forward(const boost::shared_ptr<CBBLog>& log, LOGLEVEL messageLevel,
+                     const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    VaListEnd end(args);
+    dispatch(log, messageLevel, format, args);
+}
+
 // ---- printf-style, to the default logger ----
 
 void CBBLog::fatal(const char* format, ...) {
@@ -95,6 +114,13 @@ void CBBLog::debug(const char* format, ...) {
 }
 
 void CBBLog::debug(const char* format, va_list args) {
+    // Where va_list is a pointer, a call such as debug("retries: %d", 0) chooses this
+    // overload, the literal 0 being a null va_list; it is formatted as the single zero
+    // argument it was meant to be instead of being read through a null pointer.
+    if (isNullVaList(args)) {
+        forward(getLogger(), DEBUG, format, 0L);
+        return;
+    }
     // The caller owns `args`; a copy keeps it usable after this call.
     va_list copy;
     va_copy(copy, args);

@@ -2,10 +2,10 @@
 #include "CBBLog.h"
 
 #include <atomic>
+#include <csignal>
 #include <filesystem>
 #include <mutex>
 #include <regex>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,7 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "LogTestSupport.h"
-#include <dirent.h>
+#include "PThread.h"
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -30,38 +30,14 @@ using logtest::waitUntil;
 const char* const kHeader = R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3} )";
 constexpr long long kSystemLimit = 524288;
 
-// Names of this process's threads.
-std::vector<std::string> threadNames() {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string name = readFile(entry.path().string() + "/comm");
-        if (!name.empty() && name.back() == '\n') name.pop_back();
-        names.push_back(name);
-    }
-    return names;
-}
-
-int countThreadsNamed(const std::string& name) {
+// The number of this process's threads, or of those with the given name.
+int countThreads(const char* name = nullptr) {
     int count = 0;
-    for (const std::string& n : threadNames()) count += n == name ? 1 : 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        count += name == nullptr ||
+                 readFile(entry.path().string() + "/comm") == name + std::string("\n");
+    }
     return count;
-}
-
-// The level labels of the lines of a log file, in order.
-std::vector<std::string> labelsOf(const std::string& text) {
-    std::vector<std::string> labels;
-    const std::regex label(R"(\[([A-Z ]{5})\])");
-    for (const std::string& line : linesOf(text)) {
-        std::smatch match;
-        if (std::regex_search(line, match, label)) labels.push_back(match[1]);
-    }
-    return labels;
-}
-
-void logEveryLevel(CBBLog& log) {
-    for (int level = FATAL; level <= DEBUG; ++level) {
-        log.AddLog(static_cast<LOGLEVEL>(level), "message at level %d", level);
-    }
 }
 
 // A logger that keeps its lines instead of writing them; it can hold the writer thread
@@ -78,6 +54,8 @@ public:
 
     void release() { held_ = false; }
     bool writerIsHeld() const { return insideWrite_; }
+    // Whether the writer thread could take a signal on an alternate stack.
+    bool writerHadAltStack() const { return altStack_; }
     std::vector<std::string> lines() {
         std::lock_guard<std::mutex> lock(mutex_);
         return lines_;
@@ -85,6 +63,8 @@ public:
 
 protected:
     void logLineToFile(const CStdStr& line) override {
+        stack_t stack{};
+        altStack_ = sigaltstack(nullptr, &stack) == 0 && (stack.ss_flags & SS_DISABLE) == 0;
         insideWrite_ = true;
         for (int i = 0; i < 5000 && held_; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -96,15 +76,16 @@ protected:
 private:
     std::atomic<bool> held_{false};
     std::atomic<bool> insideWrite_{false};
+    std::atomic<bool> altStack_{false};
     std::mutex mutex_;
     std::vector<std::string> lines_;
 };
 
 TEST_F(LogTest, UnusedLoggerCreatesNoFileAndNoThreadUntilItsFirstLine) {
-    const size_t threadsBefore = threadNames().size();
+    const int threadsBefore = countThreads();
     {
         CBBLog log("unused.log", false, kSystemLimit);
-        EXPECT_EQ(threadNames().size(), threadsBefore);
+        EXPECT_EQ(countThreads(), threadsBefore);
         EXPECT_EQ(log.getFileSize(), -1);
     }
     EXPECT_FALSE(std::filesystem::exists(logsDir()));
@@ -112,7 +93,7 @@ TEST_F(LogTest, UnusedLoggerCreatesNoFileAndNoThreadUntilItsFirstLine) {
     {
         CBBLog log("used.log", false, kSystemLimit);
         log.AddLog(ERROR, "first");
-        EXPECT_EQ(countThreadsNamed("nimb-log"), 1);
+        EXPECT_EQ(countThreads("nimb-log"), 1);
         EXPECT_TRUE(std::filesystem::exists(logFile("used.log")));
         EXPECT_TRUE(std::filesystem::exists(logFile("errors.log")));
         // Shared by the suite's processes, whoever runs them.
@@ -120,27 +101,26 @@ TEST_F(LogTest, UnusedLoggerCreatesNoFileAndNoThreadUntilItsFirstLine) {
         ASSERT_EQ(stat(logFile("used.log").c_str(), &info), 0);
         EXPECT_EQ(info.st_mode & 0777, 0666u);
     }
-    EXPECT_EQ(countThreadsNamed("nimb-log"), 0);
+    EXPECT_EQ(countThreads("nimb-log"), 0);
 }
 
-TEST_F(LogTest, WithoutLevelSettingOnlyErrorAndFatalAreWritten) {
-    {
-        CBBLog log("levels.log", false, kSystemLimit);
-        logEveryLevel(log);
-        EXPECT_EQ(log.getLogLevel(), ERROR);
-    }
-    EXPECT_EQ(labelsOf(readFile(logFile("levels.log"))),
-              (std::vector<std::string>{"FATAL", "ERROR"}));
-}
-
-TEST_F(LogTest, LevelSettingFourWritesEveryLevelInOrder) {
-    writeLevelSetting(4);
-    {
-        CBBLog log("levels.log", false, kSystemLimit);
-        logEveryLevel(log);
-    }
-    EXPECT_EQ(labelsOf(readFile(logFile("levels.log"))),
-              (std::vector<std::string>{"FATAL", "ERROR", "WARN ", "INFO ", "DEBUG"}));
+TEST_F(LogTest, LevelSettingDecidesWhichLevelsAreWritten) {
+    auto labelsWritten = [this](const std::string& name) {
+        {
+            CBBLog log(name, false, kSystemLimit);
+            for (int level = FATAL; level <= DEBUG; ++level) {
+                log.AddLog(static_cast<LOGLEVEL>(level), "message at level %d", level);
+            }
+        }
+        std::string labels;
+        for (const std::string& line : linesOf(readFile(logFile(name)))) {
+            labels += line.substr(line.find('[') + 1, 5) + ";";
+        }
+        return labels;
+    };
+    EXPECT_EQ(labelsWritten("missing.log"), "FATAL;ERROR;");  // no setting: ERROR
+    writeLevelSetting(DEBUG);
+    EXPECT_EQ(labelsWritten("debug.log"), "FATAL;ERROR;WARN ;INFO ;DEBUG;");
 }
 
 TEST_F(LogTest, InstanceShortcutsNeedAKnownLevelWhileStaticFunctionsReadIt) {
@@ -202,6 +182,9 @@ TEST_F(LogTest, StaticFunctionsFollowTheDefaultLoggerAndIgnoreADestroyedOne) {
     EXPECT_FALSE(CBBLog::isDebugEnabled());
 
     CBBLog::warn(boost::format("%1% of %2%") % 3 % 4);
+    log->setLogLevel(DEBUG);
+    CBBLog::debug("retries: %d", 0);  // a literal 0 selects the va_list overload
+    log->setLogLevel(WARN);
     CBBLog::info(boost::format("%1%") % "not written");
     log.reset();
     EXPECT_FALSE(CBBLog::isWarnEnabled());
@@ -209,9 +192,10 @@ TEST_F(LogTest, StaticFunctionsFollowTheDefaultLoggerAndIgnoreADestroyedOne) {
     CBBLog::fatal(boost::format("%1%") % "nothing either");
 
     const std::vector<std::string> lines = linesOf(readFile(logFile("default.log")));
-    ASSERT_EQ(lines.size(), 1u);
+    ASSERT_EQ(lines.size(), 2u);
     EXPECT_TRUE(
         std::regex_match(lines[0], std::regex(std::string(kHeader) + R"(\[WARN \] - 3 of 4)")));
+    EXPECT_NE(lines[1].find("[DEBUG] - retries: 0"), std::string::npos) << lines[1];
     EXPECT_EQ(readFile(logFile("errors.log")), "");
 }
 
@@ -248,7 +232,7 @@ TEST_F(LogTest, LineHeadersAndTextFollowTheFixedFormat) {
                                  std::regex(R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3})")));
 }
 
-TEST_F(LogTest, DerivedLoggerReceivesEveryLineAndQueuedLinesAreVisible) {
+TEST_F(LogTest, DerivedLoggerReceivesEveryLineOnAWriterWithAltSignalStack) {
     writeLevelSetting(DEBUG);
     auto log = boost::make_shared<CapturingLog>(/*holdWriter=*/true);
     log->AddLog(INFO, "one");
@@ -268,6 +252,8 @@ TEST_F(LogTest, DerivedLoggerReceivesEveryLineAndQueuedLinesAreVisible) {
     EXPECT_NE(lines[2].find("[INFO ] - three\n"), std::string::npos);
     // Redirected: nothing reached the file.
     EXPECT_EQ(log->getFileSize(), 0);
+    // A crash handler can run on the writer thread after a stack overflow.
+    EXPECT_TRUE(log->writerHadAltStack());
 }
 
 TEST_F(LogTest, RotatesWhenSizeLimitReachedAndKeepsOneBackup) {
@@ -378,6 +364,16 @@ TEST_F(LogTest, UnopenableErrorLogLeavesTheMainLogWorking) {
               std::string::npos);
     EXPECT_NE(readFile(logFile("main.log")).find("[FATAL] - main - still logged\n"),
               std::string::npos);
+}
+
+TEST_F(LogTest, WriterThreadStartFailureReachesTheFirstCallerOnly) {
+    PThread::setCreateFunctionForTesting(
+        [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) { return EAGAIN; });
+    CBBLog log("nothread.log", false, kSystemLimit);
+    EXPECT_THROW(log.AddLog(ERROR, "first"), std::runtime_error);
+    PThread::setCreateFunctionForTesting(nullptr);
+    EXPECT_NO_THROW(log.AddLog(ERROR, "queued, never written"));
+    EXPECT_NE(log.getLogs().find("queued, never written"), std::string::npos);
 }
 
 }  // namespace
