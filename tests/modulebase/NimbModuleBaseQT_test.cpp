@@ -38,6 +38,7 @@ protected:
         auto registry = CRegistry::getInstance();
         registry->WriteSettingImpl("Software\\Pellix\\Nimb", "LogsDir", logs().string());
         registry->WriteSettingImpl("Software\\Pellix\\Nimb", "LogLevel", 4);
+        registry->WriteSettingImpl("Software\\Pellix\\Nimb", "InstallDir", "");
     }
 
     fs::path logs() const { return root_.path() / "logs"; }
@@ -45,8 +46,8 @@ protected:
     fs::path outputFile() const { return root_.path() / "output.txt"; }
     Steps steps() const { return readLines(recordFile()); }
 
-    pid_t start(const std::string& mode) {
-        return spawnChild({TEST_MODULE, mode, recordFile().string()},
+    pid_t start(const std::string& mode, const char* program = TEST_MODULE) {
+        return spawnChild({program, mode, recordFile().string()},
                           {{"TMPDIR", (root_.path() / "dumps").string()}}, outputFile());
     }
 
@@ -116,6 +117,30 @@ TEST_F(ModuleHostTest, FailingInitSkipsTheEventLoopAndExitsZero) {
     EXPECT_TRUE(exitedWithZero(child)) << child.output;
     EXPECT_EQ(steps(), (Steps{"create", "init 3", "destroyed"}));
 }
+
+#ifdef GUI_TEST_MODULE
+TEST_F(ModuleHostTest, OnlyAModuleThatAsksForItGetsAGuiApplicationAndThePluginPath) {
+    // The install folder as set holds "..": the plug-in path is the cleaned bin folder.
+    fs::create_directories(root_.path() / "suite" / "bin");
+    CRegistry::getInstance()->WriteSettingImpl("Software\\Pellix\\Nimb", "InstallDir",
+                                               (root_.path() / "other/../suite").string());
+    const std::string pluginPath = "libpath " + (root_.path() / "suite" / "bin").string();
+
+    ChildResult child = waitChild(start("describe"), outputFile());
+    EXPECT_TRUE(exitedWithZero(child)) << child.output;
+    Steps seen = steps();
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), "application QCoreApplication"), 1);
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), pluginPath), 0);
+
+    fs::remove(recordFile());
+    child = waitChild(start("describe", GUI_TEST_MODULE), outputFile());
+    EXPECT_TRUE(exitedWithZero(child)) << child.output;
+    seen = steps();
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), "application QApplication"), 1);
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), pluginPath), 1);
+    EXPECT_EQ(seen.back(), "destroyed");
+}
+#endif
 
 #if !NIMB_SANITIZED_BUILD
 // The child ends through abort(), a crash; and the sanitizers' own checks need free file

@@ -4,7 +4,10 @@
 //   test_module <mode> <record file>
 // Modes: run (wait for a signal), sigpipe (write into a closed socket first),
 // fail-init (init returns false), no-fds (no file descriptor left for the signal
-// socket pair when the module is built).
+// socket pair when the module is built), describe (record the application object's
+// class and plug-in paths as the module is created, then fail init).
+// Built twice: test_module, and gui_test_module (TEST_MODULE_GUI), which asks for a
+// QApplication.
 #include <QCoreApplication>
 #include <QTimer>
 #include <cerrno>
@@ -17,7 +20,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-bool g_nimbModuleRequiresQApplication = false;
+#ifndef TEST_MODULE_GUI
+#define TEST_MODULE_GUI 0
+#endif
+
+bool g_nimbModuleRequiresQApplication = TEST_MODULE_GUI;
 
 namespace {
 
@@ -61,7 +68,7 @@ public:
     bool init(const std::vector<CStdStr>& args) override {
         const std::string mode = args.size() > 1 ? args[1] : "";
         record("init " + std::to_string(args.size()));
-        if (mode == "fail-init") return false;
+        if (mode == "fail-init" || mode == "describe") return false;
         if (mode == "sigpipe") QTimer::singleShot(0, this, [] { writeIntoClosedSocket(); });
         QTimer::singleShot(0, this, [] { record("running"); });
         return true;
@@ -80,5 +87,11 @@ NimbModuleBaseQT* createNimbModuleInstance() {
     if (args.size() > 2) g_recordFile = args[2].toStdString();
     record("create");
     if (args.size() > 1 && args[1] == "no-fds") exhaustFileDescriptors();
+    if (args.size() > 1 && args[1] == "describe") {
+        record(std::string("application ") +
+               QCoreApplication::instance()->metaObject()->className());
+        for (const QString& path : QCoreApplication::libraryPaths())
+            record("libpath " + path.toStdString());
+    }
     return new TestModule;
 }
