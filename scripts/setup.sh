@@ -13,6 +13,12 @@ packages=(
     clang
 )
 
+# npm fetches the Breakpad sources at configure time (cmake/Breakpad.cmake). Machines
+# whose Node.js already brings npm keep it; Debian's own npm package otherwise.
+if ! command -v npm >/dev/null 2>&1; then
+    packages+=(npm)
+fi
+
 missing=()
 for p in "${packages[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed"; then

@@ -7,6 +7,8 @@
 
 #include <boost/smart_ptr/bad_weak_ptr.hpp>
 
+#include "PSignalStack.h"
+
 namespace {
 PThread::CreateFunction g_createFunction = &pthread_create;  // written by tests only
 }
@@ -50,6 +52,9 @@ void PThread::detach() {
 }
 
 void* PThread::_PThread_delegate_helper_function(void* thread) {
+    // Lets a fault handler run (and a crash dump be taken) even when this thread
+    // overflows its stack.
+    PSignalStack signalStack;
     boost::shared_ptr<ThreadData> data;
     try {
         data = boost::shared_ptr<ThreadData>(static_cast<PThread*>(thread)->data_);

@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: MIT
+// NimbCrashReporter: started by a crashed module's dump handler on its fresh minidump.
+// Writes a readable report beside the dump and prunes old dumps and reports from the
+// dump folder. Exit status: 0 done, 1 the report could not be written, 2 bad usage.
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "CRegistry.h"
+#include "CrashReport.h"
+#include <unistd.h>
+
+namespace {
+
+constexpr const char* kStackwalkName = "minidump_stackwalk";
+
+// minidump_stackwalk beside this program, else the first one on PATH; empty when none.
+std::string findStackwalk() {
+    std::error_code ec;
+    const auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
+    if (!ec) {
+        const auto beside = self.parent_path() / kStackwalkName;
+        if (access(beside.c_str(), X_OK) == 0) return beside.string();
+    }
+    const char* path = std::getenv("PATH");
+    std::string folders = path != nullptr ? path : "";
+    for (std::size_t start = 0; start <= folders.size();) {
+        std::size_t colon = folders.find(':', start);
+        if (colon == std::string::npos) colon = folders.size();
+        const std::string folder = folders.substr(start, colon - start);
+        if (!folder.empty()) {
+            const std::string candidate = folder + "/" + kStackwalkName;
+            if (access(candidate.c_str(), X_OK) == 0) return candidate;
+        }
+        start = colon + 1;
+    }
+    return {};
+}
+
+// The "CrashDumpsKept" setting under "Software\Pellix\Nimb", else the default.
+std::size_t keptDumps() {
+    int kept = static_cast<int>(kDefaultKeptDumps);
+    CRegistry::getInstance()->ReadSettingImpl("Software\\Pellix\\Nimb", "CrashDumpsKept", kept);
+    return kept > 0 ? static_cast<std::size_t>(kept) : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string error;
+    const auto request =
+        parseCrashReporterArguments(std::vector<std::string>(argv + 1, argv + argc), &error);
+    if (!request) {
+        std::fprintf(stderr, "%s\n", error.c_str());
+        return 2;
+    }
+    const bool written = writeCrashReport(*request, findStackwalk(), &error);
+    if (written) {
+        std::printf("crash report for %s written to %s\n", request->appName.c_str(),
+                    reportPathFor(request->dumpPath).c_str());
+    } else {
+        std::fprintf(stderr, "%s\n", error.c_str());
+    }
+    const auto folder = std::filesystem::path(request->dumpPath).parent_path();
+    pruneDumpFolder(folder.empty() ? "." : folder.string(), keptDumps());
+    return written ? 0 : 1;
+}

@@ -1,0 +1,187 @@
+// SPDX-License-Identifier: MIT
+// Crashes a child process in each way the dump manager handles and checks what is left:
+// exit status 0, one dump that minidump_stackwalk reads with the expected crash, the
+// reporter started with the expected arguments, and the FATAL line in the logs.
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "CrashTestSupport.h"
+#include <sys/stat.h>
+
+namespace {
+
+using namespace crashtest;
+
+constexpr const char* kChildName = "CrashChild";
+
+// Records its arguments, one a line, in "argv.txt" beside itself.
+constexpr const char* kStubReporter =
+    "#!/bin/sh\n"
+    "out=\"$(dirname \"$0\")/argv.txt\"\n"
+    ": > \"$out\"\n"
+    "for a in \"$@\"; do printf '%s\\n' \"$a\" >> \"$out\"; done\n";
+
+struct DumpFacts {
+    std::string reason;  // as minidump_stackwalk names it
+    std::string address;
+    unsigned long threadId = 0;  // the crashing thread
+};
+
+class MiniDumperCrashTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_FALSE(root_.path().empty());
+        // A blank in the install folder: the reporter path must reach the shell escaped.
+        bin_ = root_.path() / "install dir" / "bin";
+        for (const fs::path& folder :
+             {root_.path() / "config", root_.path() / "logs", root_.path() / "dumps", bin_}) {
+            fs::create_directories(folder);
+        }
+        writeFile(bin_ / "NimbCrashReporter", kStubReporter);
+        chmod((bin_ / "NimbCrashReporter").c_str(), 0755);
+    }
+
+    ChildResult crash(const std::string& mode, const std::string& name = kChildName,
+                      const std::vector<std::string>& extra = {}) {
+        std::vector<std::string> argv = {NIMB_CRASH_CHILD, mode, logs().string(),
+                                         (root_.path() / "install dir").string(), name};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        return runChild(
+            argv,
+            {{"XDG_CONFIG_HOME", (root_.path() / "config").string()}, {"TMPDIR", dumps().string()}},
+            root_.path() / "output.txt");
+    }
+
+    fs::path logs() const { return root_.path() / "logs"; }
+    fs::path dumps() const { return root_.path() / "dumps"; }
+    std::vector<std::string> reporterArgs() const { return readLines(bin_ / "argv.txt"); }
+
+    // The one dump the crash left; fails the test otherwise.
+    fs::path onlyDump() const {
+        const auto found = filesWithExtension(dumps(), ".dmp");
+        EXPECT_EQ(found.size(), 1u);
+        return found.empty() ? fs::path() : found.front();
+    }
+
+    DumpFacts readDump(const fs::path& dump) const {
+        DumpFacts facts;
+        std::istringstream walk(
+            captureOutput(root_.path(), {NIMB_MINIDUMP_STACKWALK, "-m", dump.string()}));
+        for (std::string line; std::getline(walk, line);) {
+            if (line.rfind("Crash|", 0) != 0) continue;
+            const auto second = line.find('|', 6);
+            facts.reason = line.substr(6, second - 6);
+            facts.address = line.substr(second + 1, line.find('|', second + 1) - second - 1);
+        }
+        const std::string raw = captureOutput(root_.path(), {NIMB_MINIDUMP_DUMP, dump.string()});
+        const auto exception = raw.find("MDException");
+        const auto id = raw.find("thread_id", exception);
+        if (exception != std::string::npos && id != std::string::npos) {
+            facts.threadId = std::stoul(raw.substr(raw.find('=', id) + 1), nullptr, 16);
+        }
+        return facts;
+    }
+
+    // What every handled crash leaves: exit status 0, one dump, the reporter called
+    // with the dump and the name, and the FATAL line with the dump's size.
+    fs::path expectHandled(const ChildResult& child, const std::string& name = kChildName) {
+        EXPECT_TRUE(child.finished);
+        EXPECT_TRUE(WIFEXITED(child.status) && WEXITSTATUS(child.status) == 0)
+            << "status " << child.status << "\n"
+            << child.output;
+        const fs::path dump = onlyDump();
+        if (dump.empty()) return dump;
+        const std::vector<std::string> args = reporterArgs();
+        EXPECT_GE(args.size(), 2u);
+        if (args.size() >= 2) {
+            EXPECT_EQ(args[0], dump.string());
+            EXPECT_EQ(args[1], name);
+        }
+        const std::string fatal = "crash of " + name + ". minidump generated as " + dump.string() +
+                                  " (" + std::to_string(fs::file_size(dump) / 1024) + "kB)";
+        EXPECT_NE(readFile(logs() / "errors.log").find(fatal), std::string::npos) << fatal;
+        fatalLine_ = fatal;
+        return dump;
+    }
+
+    // The FATAL line also reached the module's own log (through its writer thread).
+    void expectFatalInOwnLog() const {
+        const std::string own = readFile(logs() / "CrashChild.log");
+        EXPECT_NE(own.find("[FATAL] - CrashChild - " + fatalLine_), std::string::npos) << own;
+    }
+
+    TempFolder root_;
+    fs::path bin_;
+    std::string fatalLine_;  // the crash line of the last expectHandled()
+};
+
+TEST_F(MiniDumperCrashTest, NullWriteOnMainThread) {
+    const ChildResult child = crash("main-null");
+    const fs::path dump = expectHandled(child);
+    ASSERT_FALSE(dump.empty());
+    EXPECT_EQ(reporterArgs().size(), 2u);
+    expectFatalInOwnLog();
+    const DumpFacts facts = readDump(dump);
+    EXPECT_EQ(facts.reason, "SIGSEGV /SEGV_MAPERR");
+    EXPECT_EQ(facts.address, "0x0");
+    EXPECT_EQ(facts.threadId, static_cast<unsigned long>(child.pid));
+}
+
+TEST_F(MiniDumperCrashTest, EmptyNameAndAppDataReachTheReporter) {
+    const ChildResult child = crash("main-null", "", {"build \"42\" beta"});
+    const fs::path dump = expectHandled(child, "Unknown");
+    EXPECT_EQ(reporterArgs(),
+              (std::vector<std::string>{dump.string(), "Unknown", "-appData", "build  42  beta"}));
+}
+
+TEST_F(MiniDumperCrashTest, NullWriteOnLoggerWriterThread) {
+    const ChildResult child = crash("writer-null");
+    const DumpFacts facts = readDump(expectHandled(child));
+    EXPECT_EQ(facts.reason, "SIGSEGV /SEGV_MAPERR");
+    EXPECT_NE(facts.threadId, static_cast<unsigned long>(child.pid));
+}
+
+TEST_F(MiniDumperCrashTest, StackOverflowOnWorkerThread) {
+    const ChildResult child = crash("worker-overflow");
+    const fs::path dump = expectHandled(child);
+    expectFatalInOwnLog();
+    const DumpFacts facts = readDump(dump);
+    EXPECT_EQ(facts.reason.rfind("SIGSEGV", 0), 0u) << facts.reason;
+    EXPECT_NE(facts.threadId, static_cast<unsigned long>(child.pid));
+}
+
+TEST_F(MiniDumperCrashTest, AbortBecomesAFaultOnTheAbortingThread) {
+    const ChildResult child = crash("abort");
+    const fs::path dump = expectHandled(child);
+    expectFatalInOwnLog();
+    EXPECT_NE(child.output.find("abort() was called"), std::string::npos) << child.output;
+    const DumpFacts facts = readDump(dump);
+    EXPECT_EQ(facts.reason, "SIGSEGV /SEGV_MAPERR");
+    EXPECT_EQ(facts.threadId, static_cast<unsigned long>(child.pid));
+}
+
+TEST_F(MiniDumperCrashTest, UncaughtExceptionIsLoggedWithTypeAndMessage) {
+    const ChildResult child = crash("uncaught");
+    const fs::path dump = expectHandled(child);
+    const std::string line = "uncaught St13runtime_error c++ exception: boom in the child";
+    EXPECT_NE(readFile(logs() / "errors.log").find(line), std::string::npos);
+    EXPECT_NE(readFile(logs() / "CrashChild.log").find(line), std::string::npos);
+    EXPECT_EQ(readDump(dump).reason, "SIGSEGV /SEGV_MAPERR");
+}
+
+TEST_F(MiniDumperCrashTest, Usr1DumpsTheRunningProcessFromAFreshThread) {
+    const ChildResult child = crash("usr1");
+    const fs::path dump = expectHandled(child);
+    expectFatalInOwnLog();
+    EXPECT_NE(child.output.find("USR1 signal received, generating crash"), std::string::npos)
+        << child.output;
+    const DumpFacts facts = readDump(dump);
+    EXPECT_EQ(facts.reason, "SIGSEGV /SEGV_MAPERR");
+    EXPECT_NE(facts.threadId, 0ul);
+    EXPECT_NE(facts.threadId, static_cast<unsigned long>(child.pid));
+}
+
+}  // namespace
