@@ -13,7 +13,6 @@
 #include <new>
 #include <typeinfo>
 
-#include "AltSignalStack.h"
 #include "CRegistry.h"
 #include "PThread.h"
 #include "PThreadDelegate.h"
@@ -303,8 +302,8 @@ void CBBLog::_FatalError(const CStdStr& line) {
 // ---- The writer thread ----
 
 void* CBBLog::loggerThread(void*) {
-    // A crash handler may run on this thread after its stack overflowed.
-    AltSignalStack altStack;
+    // PThread gives this thread an alternate signal stack, so a crash handler can
+    // still run here after the stack overflowed.
     std::deque<CStdStr> batch;
     try {
         for (;;) {
