@@ -11,54 +11,7 @@
 
 namespace {
 
-bool isArrayElementType(VARTYPE t) {
-    switch (t) {
-        case VT_I1:
-        case VT_I2:
-        case VT_I4:
-        case VT_I8:
-        case VT_UI1:
-        case VT_UI2:
-        case VT_UI4:
-        case VT_UI8:
-        case VT_R4:
-        case VT_R8:
-        case VT_DATE:
-        case VT_BOOL:
-        case VT_BSTR:
-        case VT_VARIANT:
-            return true;
-        default:
-            return false;
-    }
-}
-
-std::size_t elementSize(VARTYPE t) {
-    switch (t) {
-        case VT_I1:
-        case VT_UI1:
-            return 1;
-        case VT_I2:
-        case VT_UI2:
-        case VT_BOOL:
-            return 2;
-        case VT_I4:
-        case VT_UI4:
-        case VT_R4:
-            return 4;
-        case VT_I8:
-        case VT_UI8:
-        case VT_R8:
-        case VT_DATE:
-            return 8;
-        case VT_BSTR:
-            return sizeof(BSTR);
-        case VT_VARIANT:
-            return sizeof(VARIANT);
-        default:
-            return 0;
-    }
-}
+bool isArrayElementType(VARTYPE t) { return KibArrayElementSize(t) != 0; }
 
 template <typename T>
 T load(const void* slot) {
@@ -109,7 +62,8 @@ private:
         if (!isArrayElementType(t)) return fail("array type " + std::to_string(v.vt) + " unknown");
         if (a == nullptr) return fail("array value without an array");
         if (a->cDims != 1) return fail("only one-dimensional arrays can be sent");
-        if (a->cbElements != elementSize(t)) return fail("array element size does not match");
+        if (a->cbElements != KibArrayElementSize(t))
+            return fail("array element size does not match");
         const std::uint32_t count = a->rgsabound[0].cElements;
         if (count > limits_.maxArrayElements) {
             return fail("array of " + std::to_string(count) + " elements is above the limit");

@@ -3,28 +3,6 @@
 
 namespace testvalues {
 
-std::size_t elementSize(VARTYPE t) {
-    switch (t) {
-        case VT_I1:
-        case VT_UI1:
-            return 1;
-        case VT_I2:
-        case VT_UI2:
-        case VT_BOOL:
-            return 2;
-        case VT_I4:
-        case VT_UI4:
-        case VT_R4:
-            return 4;
-        case VT_BSTR:
-            return sizeof(BSTR);
-        case VT_VARIANT:
-            return sizeof(VARIANT);
-        default:
-            return 8;
-    }
-}
-
 namespace {
 
 testing::AssertionResult sameString(BSTR a, BSTR b) {
@@ -46,7 +24,7 @@ testing::AssertionResult sameElement(VARTYPE t, const void* a, const void* b) {
         const bool y = *static_cast<const VARIANT_BOOL*>(b) != 0;
         return x == y ? testing::AssertionSuccess() : testing::AssertionFailure() << "bools differ";
     }
-    if (std::memcmp(a, b, elementSize(t)) != 0)
+    if (std::memcmp(a, b, KibArrayElementSize(t)) != 0)
         return testing::AssertionFailure() << "scalars differ (type " << t << ")";
     return testing::AssertionSuccess();
 }

@@ -92,8 +92,6 @@ inline KibVariantHolder variants(std::vector<KibVariantHolder> elements) {
     return KibVariantHolder::adopt(v);
 }
 
-std::size_t elementSize(VARTYPE t);
-
 // Deep comparison: types, bounds, bytes of scalars, string bytes and null-ness.
 testing::AssertionResult sameValue(const VARIANT& a, const VARIANT& b);
 

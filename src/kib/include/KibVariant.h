@@ -130,6 +130,9 @@ HRESULT SafeArrayUnaccessData(SAFEARRAY* array);
 // Deep copy of `array` into a new array (null gives null).
 HRESULT SafeArrayCopy(SAFEARRAY* array, SAFEARRAY** copy);
 
+// Bytes per element of an array of `vt`, or 0 when arrays of `vt` are not supported.
+unsigned int KibArrayElementSize(VARTYPE vt);
+
 // Strings: a length-prefixed, NUL-terminated 8-bit buffer; null reads as "".
 // SysAllocString(null) is null. SysAllocStringLen copies `length` bytes, embedded
 // NULs included (null `text` gives `length` NULs).

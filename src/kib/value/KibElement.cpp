@@ -73,3 +73,5 @@ HRESULT copyElement(VARTYPE vt, void* dest, const void* src) {
 }
 
 }  // namespace kibvalue
+
+unsigned int KibArrayElementSize(VARTYPE vt) { return kibvalue::elementSize(vt); }
