@@ -159,7 +159,7 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
     std::set<CStdStr> ids;
     for (const QString& logName : logNames)
         ids.insert(RemoteLogNames::logId(asDelivered(macAddr), asDelivered(logName)));
-    admitLogIds(ids);
+    admitLogIds(ids, logNames.size());
     reserveBacklog("SetLogSource", logNames.size(), 0);
 
     for (const QString& logName : logNames)
@@ -201,11 +201,12 @@ void NimbRemoteLoggerSatellite::setMaxLogSources(int limit) {
     maxLogSources = limit < 0 ? 0 : limit;
 }
 
-void NimbRemoteLoggerSatellite::admitLogIds(const std::set<CStdStr>& ids) {
+void NimbRemoteLoggerSatellite::admitLogIds(const std::set<CStdStr>& ids, size_t listLength) {
     const PMutexLocker lock(sourcesLock);
     size_t fresh = 0;
     for (const CStdStr& id : ids) fresh += knownLogIds.count(id) == 0 ? 1 : 0;
-    if (knownLogIds.size() + fresh > static_cast<size_t>(maxLogSources)) {
+    const size_t limit = static_cast<size_t>(maxLogSources);
+    if (knownLogIds.size() + fresh > limit || listLength > limit) {
         throw KibInvalidParameterException(
             boost::str(boost::format("SetLogSource: too many log sources: at most %1%") %
                        maxLogSources)

@@ -74,8 +74,9 @@ signals:
 
 private:
     // Admits the log ids of one request against the bound: ids seen before are free.
-    // Throws, admitting none, when the new ones do not fit.
-    void admitLogIds(const std::set<CStdStr>& ids);
+    // Throws, admitting none, when the new ones do not fit, or when the request's list
+    // (`listLength` names, repeats included) is itself longer than the bound.
+    void admitLogIds(const std::set<CStdStr>& ids, size_t listLength);
     // Waits for room for `calls` calls with `bytes` of text; throws "<service>: busy".
     void reserveBacklog(const char* service, std::size_t calls, std::size_t bytes);
 

@@ -208,6 +208,9 @@ TEST_F(SatelliteTest, LogSourcesAreBoundedAndReannouncementsAreFree) {
     EXPECT_EQ(announce("00:11", {"b", "c", "d"}), "SetLogSource: too many log sources: at most 3");
     EXPECT_EQ(announce("00:22", {"a"}), "");
     EXPECT_EQ(announce("00:33", {"a"}), "SetLogSource: too many log sources: at most 3");
+    // Repeating known names cannot multiply the work either.
+    EXPECT_EQ(announce("00:11", {"a", "a", "a", "a"}),
+              "SetLogSource: too many log sources: at most 3");
     EXPECT_EQ(added.size(), 5u);
 }
 

@@ -128,6 +128,18 @@ TEST_F(RemoteLoggerDaemonTest, AnnouncedLogsGetHeaderAndTextInTheirFile) {
     EXPECT_NE(listing.output.find(kSystemLog), std::string::npos) << listing.output;
 }
 
+TEST_F(RemoteLoggerDaemonTest, UnreachableBusEndsTheProgramWithZeroAndTheReason) {
+    writeFile(
+        root_.path() / "cfg/pellix/com.pellix.nimb.config.json",
+        R"({"kibDirectory.host": "127.0.0.1:)" + std::to_string(NatsServer::freePort()) + "\"}");
+    const ChildResult child =
+        runChild({NIMB_REMOTE_LOGGER}, environment(), root_.path() / "daemon.txt");
+    EXPECT_TRUE(child.finished && WIFEXITED(child.status) && WEXITSTATUS(child.status) == 0);
+    const std::string log = readFile(logs() / "NimbRemoteLogger.log");
+    EXPECT_NE(log.find("Failed to register: -2147202300 (0x80044b04)"), std::string::npos) << log;
+    EXPECT_NE(log.find("Failed to register 0x80044b04"), std::string::npos) << log;
+}
+
 TEST_F(RemoteLoggerDaemonTest, NamesReachingOutsideTheLogsFolderAreRefused) {
     start();
     const struct {
