@@ -8,41 +8,25 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-constexpr std::chrono::milliseconds kShort(20);
-}
-
-TEST(RemoteLogBacklog, RefusesBeyondEitherBoundUntilRoomIsReleased) {
+TEST(RemoteLogBacklog, BoundsCallsAndBytesWakesOnReleaseAndRefusesOnceStopped) {
+    const std::chrono::milliseconds brief(20);
     RemoteLogBacklog backlog(2, 100);
-    EXPECT_TRUE(backlog.acquire(1, 60, kShort));
-    EXPECT_FALSE(backlog.acquire(1, 60, kShort));  // bytes
-    EXPECT_TRUE(backlog.acquire(1, 40, kShort));
-    EXPECT_FALSE(backlog.acquire(1, 0, kShort));  // calls
-    backlog.release(60);
-    EXPECT_TRUE(backlog.acquire(1, 60, kShort));
-}
-
-TEST(RemoteLogBacklog, OversizedRequestFitsAnEmptyBacklogOnly) {
-    RemoteLogBacklog backlog(2, 100);
-    EXPECT_TRUE(backlog.acquire(5, 500, kShort));
-    EXPECT_FALSE(backlog.acquire(1, 1, kShort));
-}
-
-TEST(RemoteLogBacklog, WaiterWakesOnReleaseAndStopRefusesEverything) {
-    RemoteLogBacklog backlog(1, 100);
-    ASSERT_TRUE(backlog.acquire(1, 0, kShort));
-    std::thread releaser([&] {
+    EXPECT_TRUE(backlog.acquire(3, 300, brief));  // too big, but the backlog was empty
+    EXPECT_FALSE(backlog.acquire(1, 1, brief));
+    for (int bytes : {300, 0, 0}) backlog.release(bytes);  // one release per delivered call
+    EXPECT_TRUE(backlog.acquire(1, 60, brief));
+    EXPECT_FALSE(backlog.acquire(1, 60, brief));  // bytes
+    EXPECT_TRUE(backlog.acquire(1, 40, brief));
+    EXPECT_FALSE(backlog.acquire(1, 0, brief));  // calls
+    std::thread mainThread([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        backlog.release(0);
-    });
-    EXPECT_TRUE(backlog.acquire(1, 0, std::chrono::seconds(30)));
-    releaser.join();
-    std::thread stopper([&] {
+        backlog.release(60);
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         backlog.stop();
     });
-    EXPECT_FALSE(backlog.acquire(1, 0, std::chrono::seconds(30)));
-    stopper.join();
+    EXPECT_TRUE(backlog.acquire(1, 0, std::chrono::seconds(30)));
+    EXPECT_FALSE(backlog.acquire(1, 0, std::chrono::seconds(30)));  // woken by stop()
+    mainThread.join();
     backlog.release(0);
-    EXPECT_FALSE(backlog.acquire(1, 0, kShort));
+    EXPECT_FALSE(backlog.acquire(1, 0, brief));
 }
