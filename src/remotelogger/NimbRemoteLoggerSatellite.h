@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: MIT
+// NimbRemoteLoggerSatellite: the collector's presence on the component bus, as the
+// satellite "RemoteLogger" with the services "SetLogSource" and "AppendLog". The
+// handlers check a request, convert device timestamps and emit addLog / appendLog; they
+// never touch a log file. Owned by NimbRemoteLogger (its Qt parent), which deletes it
+// in close(). Constructed and connected on the main thread; the handlers run on the bus
+// library's threads, and the destructor waits for running handlers before it returns.
+#pragma once
+
+#include <QDateTime>
+#include <QObject>
+#include <QString>
+#include <ctime>
+#include <memory>
+#include <set>
+
+#include "KibSatellite.h"
+#include "PMutex.h"
+#include "RemoteLogBacklog.h"
+#include "StdString.h"
+
+class NimbRemoteLoggerSatellite : public QObject, public KibSatellite {
+    Q_OBJECT
+
+public:
+    // How many logs (distinct log ids) may be announced when the "MaxLogSources" setting
+    // is absent. Each one costs an open file, its rotation lock and a writer thread.
+    static constexpr int kDefaultMaxLogSources = 256;
+    // What may wait for the main thread: calls emitted but not yet delivered, and the
+    // text they carry (UTF-16 bytes). A handler waits up to kBacklogWaitMs for room,
+    // then refuses the request as busy (exception code kBusyCode).
+    static constexpr std::size_t kMaxQueuedCalls = 1024;
+    static constexpr std::size_t kMaxQueuedBytes = 32 * 1024 * 1024;
+    static constexpr int kBacklogWaitMs = 2000;
+    static constexpr std::int32_t kBusyCode = 2;
+
+    // Constructs both parts; connects nothing. Main thread.
+    explicit NimbRemoteLoggerSatellite(QObject* parent);
+    NimbRemoteLoggerSatellite(const NimbRemoteLoggerSatellite&) = delete;
+    NimbRemoteLoggerSatellite& operator=(const NimbRemoteLoggerSatellite&) = delete;
+    // Refuses further requests as busy and leaves the bus, waiting for running handlers,
+    // so that nothing is emitted from a half-destroyed object. Main thread.
+    ~NimbRemoteLoggerSatellite() override;
+
+    // Reads "kibDirectory.host" (default "127.0.0.1") and "MaxLogSources" under
+    // "Software\Pellix\Nimb\Config", connects to that bus directory as "RemoteLogger" and
+    // registers the services. Returns 0, or the bus library's non-zero status (logged).
+    // Main thread; blocks for at most a few seconds.
+    int connect();
+
+    // Adds "SetLogSource" and "AppendLog" (empty descriptions); the status of the second.
+    int CreateServices() override;
+
+    // [MAC address, (device id,) name, device time, log names]: emits addLog once per
+    // log name, in order, and returns 0. Throws KibInvalidParameterException for a bad
+    // request, before anything is emitted. Bus thread.
+    int KibServiceSetLogSource(const char* caller, const tagVARIANT& in, tagVARIANT* out);
+    // [MAC address, log name, content (, device time)]: emits appendLog once, with the
+    // content's timestamps moved into server time when the device time is given, and
+    // returns 0. Throws KibInvalidParameterException for a bad request. Bus thread.
+    int KibServiceAppendLog(const char* caller, const tagVARIANT& in, tagVARIANT* out);
+
+    // Timestamp rewriting of device log text; see DeviceLogConverter. Any thread.
+    CStdStr convertLog(const CStdStr& content, long deviceTime, long serverTime);
+    CStdStr convertDate(const tm& t, long deviceTime, long serverTime);
+
+    // The bound on announced logs; connect() sets it from the settings. Any thread.
+    void setMaxLogSources(int limit);
+
+signals:
+    void addLog(QString macAddr, QString deviceId, QString satName, QString displayName,
+                QDateTime puckTime, QString logName);
+    void appendLog(QString macAddr, QString logName, QString content);
+
+private:
+    // Admits the log ids of one request against the bound: ids seen before are free.
+    // Throws, admitting none, when the new ones do not fit, or when the request's list
+    // (`listLength` names, repeats included) is itself longer than the bound.
+    void admitLogIds(const std::set<CStdStr>& ids, size_t listLength);
+    // Waits for room for `calls` calls with `bytes` of text; throws "<service>: busy".
+    void reserveBacklog(const char* service, std::size_t calls, std::size_t bytes);
+
+    // Shared with the connections that release it on the main thread.
+    const std::shared_ptr<RemoteLogBacklog> backlog =
+        std::make_shared<RemoteLogBacklog>(kMaxQueuedCalls, kMaxQueuedBytes);
+
+    PMutex sourcesLock;
+    int maxLogSources NIMB_GUARDED_BY(sourcesLock) = kDefaultMaxLogSources;
+    // Log ids announced so far; never shrinks, as the module's logs never go away.
+    std::set<CStdStr> knownLogIds NIMB_GUARDED_BY(sourcesLock);
+};
