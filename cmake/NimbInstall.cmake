@@ -1,0 +1,30 @@
+# Installation layout (cmake --install build [--prefix P]):
+#
+#   P/bin/            every program of the suite and the "NimbLauncher" marker, so that
+#                     the programs find their own install folder and each other (the
+#                     daemon starts NimbCrashReporter from here)
+#   P/share/nimb/     the systemd unit and the bus directory's (nats-server) settings
+#   P/share/nimb/doc/ the operations, settings and bus pages
+#
+# The tools' install rules live beside their targets; the daemon's and the device push
+# tool's are here, added once their targets exist.
+
+if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
+    set(CMAKE_INSTALL_PREFIX /opt/pellix/nimb CACHE PATH "Install folder of the suite" FORCE)
+endif()
+
+foreach(program IN ITEMS NimbRemoteLogger nimb-logpush)
+    if(TARGET ${program})
+        install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    endif()
+endforeach()
+
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/NimbLauncher DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/nimb-remote-logger.service
+              ${PROJECT_SOURCE_DIR}/packaging/nats-server.conf
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/nimb)
+foreach(page IN ITEMS operations settings logging crash-dumps bus-protocol kib-call)
+    if(EXISTS ${PROJECT_SOURCE_DIR}/docs/${page}.md)
+        install(FILES ${PROJECT_SOURCE_DIR}/docs/${page}.md DESTINATION ${CMAKE_INSTALL_DATADIR}/nimb/doc)
+    endif()
+endforeach()
