@@ -1,0 +1,197 @@
+// SPDX-License-Identifier: MIT
+#include "NimbRemoteLoggerSatellite.h"
+
+#include <cassert>
+#include <vector>
+
+#include <boost/format.hpp>
+
+#include "CBBLog.h"
+#include "CRegistry.h"
+#include "DeviceLogConverter.h"
+#include "KibVariantHolder.h"
+#include "RemoteLogNames.h"
+#include "VUtil.h"
+
+namespace {
+
+const char* const kConfigKey = "Software\\Pellix\\Nimb\\Config";
+const char* const kSatelliteName = "RemoteLogger";
+
+// Device times accepted, in seconds since 1970: years 1 to 9999. Keeps the clock
+// arithmetic of the conversion far from overflow.
+constexpr long kEarliestTime = -62135596800L;
+constexpr long kLatestTime = 253402300799L;
+
+// Element `index` of `in`, checked to be a string; null reads as "".
+CStdStr stringElement(const tagVARIANT& in, int index, const char* context) {
+    KibVariantHolder element;
+    VUtil::GetElement(in, index, element.edit());
+    VUtil::CheckType(element.get(), VT_BSTR, context);
+    return CStdStr(element.get().bstrVal);
+}
+
+// The bytes that a string reaches the module with: decoded as UTF-8 into the signal's
+// QString, encoded again (malformed sequences become U+FFFD, three bytes each).
+CStdStr asDelivered(const QString& text) { return CStdStr(text); }
+
+void checkTime(long seconds, const char* context) {
+    if (seconds < kEarliestTime || seconds > kLatestTime) {
+        throw KibInvalidParameterException(
+            (CStdStr(context) + ": date outside the years 1 to 9999").c_str());
+    }
+}
+
+// The file names a request may produce must stay single components of the logs folder.
+void checkLogNames(const QString& macAddr, const QString& deviceId,
+                   const std::vector<QString>& logNames) {
+    const CStdStr mac = asDelivered(macAddr);
+    const CStdStr device = asDelivered(deviceId);
+    if (RemoteLogNames::hasSeparator(mac))
+        throw KibInvalidParameterException("SetLogSource: invalid addr: holds \"/\" or \"\\\"");
+    if (RemoteLogNames::hasSeparator(device)) {
+        throw KibInvalidParameterException(
+            "SetLogSource: invalid device id: holds \"/\" or \"\\\"");
+    }
+    const CStdStr tooLong =
+        boost::str(boost::format("file name longer than %1% bytes") % RemoteLogNames::kMaxFileName);
+    const CStdStr shortest = RemoteLogNames::logId(mac, "");
+    if (shortest.size() > RemoteLogNames::kMaxFileName)
+        throw KibInvalidParameterException(("SetLogSource: invalid addr: " + tooLong).c_str());
+    if (RemoteLogNames::fileName(device, shortest).size() > RemoteLogNames::kMaxFileName) {
+        throw KibInvalidParameterException(("SetLogSource: invalid device id: " + tooLong).c_str());
+    }
+    for (const QString& logName : logNames) {
+        const CStdStr name =
+            RemoteLogNames::fileName(device, RemoteLogNames::logId(mac, asDelivered(logName)));
+        if (!RemoteLogNames::isPlainFileName(name)) {
+            throw KibInvalidParameterException(
+                ("SetLogSource: invalid log name: " + tooLong).c_str());
+        }
+    }
+}
+
+}  // namespace
+
+NimbRemoteLoggerSatellite::NimbRemoteLoggerSatellite(QObject* parent) : QObject(parent) {}
+
+NimbRemoteLoggerSatellite::~NimbRemoteLoggerSatellite() { Disconnect(); }
+
+int NimbRemoteLoggerSatellite::connect() {
+    const boost::shared_ptr<CRegistry> registry = CRegistry::getInstance();
+    assert(registry);
+    CStdStr host = "127.0.0.1";
+    registry->ReadSettingImpl(kConfigKey, "kibDirectory.host", host);
+    int maxSources = kDefaultMaxLogSources;
+    if (registry->ReadSettingImpl(kConfigKey, "MaxLogSources", maxSources))
+        setMaxLogSources(maxSources);
+
+    CBBLog::info("Connecting to %s", host.c_str());
+    const int status = Connect(host.c_str(), kSatelliteName);
+    if (status != 0) {
+        CBBLog::error(boost::format("Failed to register: %1$d (0x%1$x)") % status);
+        return status;
+    }
+    // Written at error level on purpose, so that every start shows in the log.
+    CBBLog::error("connected");
+    return 0;
+}
+
+int NimbRemoteLoggerSatellite::CreateServices() {
+    using Delegate = KibSatelliteDelegateMember<NimbRemoteLoggerSatellite>;
+    AddService("SetLogSource", "",
+               new Delegate(this, &NimbRemoteLoggerSatellite::KibServiceSetLogSource));
+    return AddService("AppendLog", "",
+                      new Delegate(this, &NimbRemoteLoggerSatellite::KibServiceAppendLog));
+}
+
+int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const tagVARIANT& in,
+                                                      tagVARIANT*) {
+    const QString satName = QString::fromUtf8(caller != nullptr ? caller : "");
+    VUtil::CheckArrayType(in, VT_VARIANT, 4, true, "SetLogSource: invalid parameter");
+    const QString macAddr =
+        QString::fromUtf8(stringElement(in, 0, "SetLogSource: invalid addr").c_str());
+    QString deviceId = QStringLiteral("puck");
+    int next = 1;
+    if (VUtil::GetArrayLength(in) > 4) {
+        deviceId =
+            QString::fromUtf8(stringElement(in, 1, "SetLogSource: invalid device id").c_str());
+        next = 2;
+    }
+    const QString displayName =
+        QString::fromUtf8(stringElement(in, next, "SetLogSource: invalid name").c_str());
+
+    KibVariantHolder element;
+    VUtil::GetElement(in, next + 1, element.edit());
+    VUtil::CheckType(element.get(), VT_DATE, "SetLogSource: invalid time");
+    const long deviceTime = VUtil::DateToTime(element.get().date);
+    checkTime(deviceTime, "SetLogSource: invalid time");
+    const QDateTime puckTime = QDateTime::fromSecsSinceEpoch(deviceTime, Qt::UTC);
+
+    VUtil::GetElement(in, next + 2, element.edit());
+    VUtil::CheckArrayType(element.get(), VT_BSTR, 0, true, "SetLogSource: invalid log list");
+    std::vector<QString> logNames;
+    for (int i = 0; i < VUtil::GetArrayLength(element.get()); ++i) {
+        CStdStr logName;
+        VUtil::GetElement(element.get(), i, logName);
+        logNames.push_back(QString::fromUtf8(logName.c_str()));
+    }
+
+    // Everything is checked before the first signal, so a request is taken whole or not
+    // at all.
+    checkLogNames(macAddr, deviceId, logNames);
+    std::set<CStdStr> ids;
+    for (const QString& logName : logNames)
+        ids.insert(RemoteLogNames::logId(asDelivered(macAddr), asDelivered(logName)));
+    admitLogIds(ids);
+
+    for (const QString& logName : logNames)
+        emit addLog(macAddr, deviceId, satName, displayName, puckTime, logName);
+    return 0;
+}
+
+int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char* caller, const tagVARIANT& in,
+                                                   tagVARIANT*) {
+    const QString callerName = QString::fromUtf8(caller != nullptr ? caller : "");
+    (void)callerName;  // read, as every handler does, but not part of the result
+    VUtil::CheckArrayType(in, VT_VARIANT, 3, true, "AppendLog: invalid parameter");
+    const CStdStr macAddr = stringElement(in, 0, "AppendLog: invalid addr");
+    const CStdStr logName = stringElement(in, 1, "AppendLog: invalid log");
+    CStdStr content = stringElement(in, 2, "AppendLog: invalid content");
+    if (VUtil::GetArrayLength(in) > 3) {
+        const long deviceTime = VUtil::GetDateElement(in, 3);
+        checkTime(deviceTime, "AppendLog: invalid time");
+        const long serverTime = static_cast<long>(time(nullptr));
+        content = convertLog(content, deviceTime, serverTime);
+    }
+    emit appendLog(QString::fromUtf8(macAddr.c_str()), QString::fromUtf8(logName.c_str()),
+                   QString::fromUtf8(content.data(), static_cast<qsizetype>(content.size())));
+    return 0;
+}
+
+CStdStr NimbRemoteLoggerSatellite::convertLog(const CStdStr& content, long deviceTime,
+                                              long serverTime) {
+    return DeviceLogConverter::convertLog(content, deviceTime, serverTime);
+}
+
+CStdStr NimbRemoteLoggerSatellite::convertDate(const tm& t, long deviceTime, long serverTime) {
+    return DeviceLogConverter::convertDate(t, deviceTime, serverTime);
+}
+
+void NimbRemoteLoggerSatellite::setMaxLogSources(int limit) {
+    const PMutexLocker lock(sourcesLock);
+    maxLogSources = limit < 0 ? 0 : limit;
+}
+
+void NimbRemoteLoggerSatellite::admitLogIds(const std::set<CStdStr>& ids) {
+    const PMutexLocker lock(sourcesLock);
+    size_t fresh = 0;
+    for (const CStdStr& id : ids) fresh += knownLogIds.count(id) == 0 ? 1 : 0;
+    if (knownLogIds.size() + fresh > static_cast<size_t>(maxLogSources)) {
+        throw KibInvalidParameterException(
+            boost::str(boost::format("SetLogSource: too many log sources: at most %1%") %
+                       maxLogSources)
+                .c_str());
+    }
+    knownLogIds.insert(ids.begin(), ids.end());
+}

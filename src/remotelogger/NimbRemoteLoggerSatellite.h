@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: MIT
+// NimbRemoteLoggerSatellite: the collector's presence on the component bus, as the
+// satellite "RemoteLogger" with the services "SetLogSource" and "AppendLog". The
+// handlers check a request, convert device timestamps and emit addLog / appendLog; they
+// never touch a log file. Owned by NimbRemoteLogger (its Qt parent), which deletes it
+// in close(). Constructed and connected on the main thread; the handlers run on the bus
+// library's threads, and the destructor waits for running handlers before it returns.
+#pragma once
+
+#include <QDateTime>
+#include <QObject>
+#include <QString>
+#include <ctime>
+#include <set>
+
+#include "KibSatellite.h"
+#include "PMutex.h"
+#include "StdString.h"
+
+class NimbRemoteLoggerSatellite : public QObject, public KibSatellite {
+    Q_OBJECT
+
+public:
+    // How many logs (distinct log ids) may be announced when the "MaxLogSources" setting
+    // is absent. Each one costs an open file, its rotation lock and a writer thread.
+    static constexpr int kDefaultMaxLogSources = 256;
+
+    // Constructs both parts; connects nothing. Main thread.
+    explicit NimbRemoteLoggerSatellite(QObject* parent);
+    NimbRemoteLoggerSatellite(const NimbRemoteLoggerSatellite&) = delete;
+    NimbRemoteLoggerSatellite& operator=(const NimbRemoteLoggerSatellite&) = delete;
+    // Leaves the bus first, waiting for running handlers, so that no handler emits from
+    // a half-destroyed object. Main thread.
+    ~NimbRemoteLoggerSatellite() override;
+
+    // Reads "kibDirectory.host" (default "127.0.0.1") and "MaxLogSources" under
+    // "Software\Pellix\Nimb\Config", connects to that bus directory as "RemoteLogger" and
+    // registers the services. Returns 0, or the bus library's non-zero status (logged).
+    // Main thread; blocks for at most a few seconds.
+    int connect();
+
+    // Adds "SetLogSource" and "AppendLog" (empty descriptions); the status of the second.
+    int CreateServices() override;
+
+    // [MAC address, (device id,) name, device time, log names]: emits addLog once per
+    // log name, in order, and returns 0. Throws KibInvalidParameterException for a bad
+    // request, before anything is emitted. Bus thread.
+    int KibServiceSetLogSource(const char* caller, const tagVARIANT& in, tagVARIANT* out);
+    // [MAC address, log name, content (, device time)]: emits appendLog once, with the
+    // content's timestamps moved into server time when the device time is given, and
+    // returns 0. Throws KibInvalidParameterException for a bad request. Bus thread.
+    int KibServiceAppendLog(const char* caller, const tagVARIANT& in, tagVARIANT* out);
+
+    // Timestamp rewriting of device log text; see DeviceLogConverter. Any thread.
+    CStdStr convertLog(const CStdStr& content, long deviceTime, long serverTime);
+    CStdStr convertDate(const tm& t, long deviceTime, long serverTime);
+
+    // The bound on announced logs; connect() sets it from the settings. Any thread.
+    void setMaxLogSources(int limit);
+
+signals:
+    void addLog(QString macAddr, QString deviceId, QString satName, QString displayName,
+                QDateTime puckTime, QString logName);
+    void appendLog(QString macAddr, QString logName, QString content);
+
+private:
+    // Admits the log ids of one request against the bound: ids seen before are free.
+    // Throws, admitting none, when the new ones do not fit.
+    void admitLogIds(const std::set<CStdStr>& ids);
+
+    PMutex sourcesLock;
+    int maxLogSources NIMB_GUARDED_BY(sourcesLock) = kDefaultMaxLogSources;
+    // Log ids announced so far; never shrinks, as the module's logs never go away.
+    std::set<CStdStr> knownLogIds NIMB_GUARDED_BY(sourcesLock);
+};

@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: MIT
+#include "RemoteLogNames.h"
+
+namespace RemoteLogNames {
+
+CStdStr logId(const CStdStr& macAddr, const CStdStr& logName) {
+    CStdStr id = macAddr;
+    id.Replace(":", "");
+    const size_t separator = logName.find_last_of("/\\");
+    id += '-';
+    if (separator == CStdStr::npos)
+        id += logName;
+    else
+        id.append(logName, separator + 1);
+    return id;
+}
+
+CStdStr fileName(const CStdStr& deviceId, const CStdStr& logId) { return deviceId + logId; }
+
+bool hasSeparator(const CStdStr& text) { return text.find_first_of("/\\") != CStdStr::npos; }
+
+bool isPlainFileName(const CStdStr& name) {
+    return !name.empty() && name != "." && name != ".." && !hasSeparator(name) &&
+           name.find('\0') == CStdStr::npos && name.size() <= kMaxFileName;
+}
+
+}  // namespace RemoteLogNames

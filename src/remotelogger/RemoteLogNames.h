@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: MIT
+// RemoteLogNames: how a remote log is named. A log is known by its id (the device's MAC
+// address without colons, "-", the last component of the log's name) and written to the
+// file deviceId + id in the logs folder. Also the checks that keep a file name made from
+// remote input one plain component of that folder. Pure functions, any thread.
+#pragma once
+
+#include <cstddef>
+
+#include "StdString.h"
+
+namespace RemoteLogNames {
+
+// Longest file name accepted for a remote log, in bytes: the file system's 255 less the
+// ".back" that rotation appends, so that rotation can always rename the file.
+constexpr std::size_t kMaxFileName = 250;
+
+// `macAddr` without any ":", then "-", then the text of `logName` after its last "/" or
+// "\" (all of it when it has neither, "" when it ends in one).
+CStdStr logId(const CStdStr& macAddr, const CStdStr& logName);
+
+// The file name of a log: `deviceId` immediately followed by `logId`.
+CStdStr fileName(const CStdStr& deviceId, const CStdStr& logId);
+
+// Whether `text` holds "/" or "\".
+bool hasSeparator(const CStdStr& text);
+
+// Whether `name` is usable as a remote log's file name: not empty, not "." or "..", no
+// separator, no NUL, at most kMaxFileName bytes.
+bool isPlainFileName(const CStdStr& name);
+
+}  // namespace RemoteLogNames
