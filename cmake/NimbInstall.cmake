@@ -6,14 +6,14 @@
 #   P/share/nimb/     the systemd unit and the bus directory's (nats-server) settings
 #   P/share/nimb/doc/ the operations, settings and bus pages
 #
-# The tools' install rules live beside their targets; the daemon's and the device push
-# tool's are here, added once their targets exist.
+# Each program's install rule lives beside its target; the device push tool's is here
+# until its folder has one.
 
 if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
     set(CMAKE_INSTALL_PREFIX /opt/pellix/nimb CACHE PATH "Install folder of the suite" FORCE)
 endif()
 
-foreach(program IN ITEMS NimbRemoteLogger nimb-logpush)
+foreach(program IN ITEMS nimb-logpush)
     if(TARGET ${program})
         install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
     endif()
@@ -26,5 +26,15 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/nimb-remote-logger.service
 foreach(page IN ITEMS operations settings logging crash-dumps bus-protocol kib-call)
     if(EXISTS ${PROJECT_SOURCE_DIR}/docs/${page}.md)
         install(FILES ${PROJECT_SOURCE_DIR}/docs/${page}.md DESTINATION ${CMAKE_INSTALL_DATADIR}/nimb/doc)
+    endif()
+endforeach()
+
+# Every installed program, for builds that want the programs without the tests
+# (scripts/run.sh builds this target, then installs). A program added to the install
+# belongs in this list too.
+add_custom_target(nimb_programs)
+foreach(program IN ITEMS NimbRemoteLogger NimbCrashReporter nimb-logpush kib-call nimb-defaults nimb-logs)
+    if(TARGET ${program})
+        add_dependencies(nimb_programs ${program})
     endif()
 endforeach()

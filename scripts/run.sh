@@ -20,14 +20,13 @@ root=$PWD
 run_dir=$root/run
 prefix=$run_dir/install
 nats_pid_file=$run_dir/nats-server.pid
-
-programs=(NimbRemoteLogger NimbCrashReporter kib-call nimb-defaults nimb-logs nimb-logpush)
+collector_pid_file=$run_dir/collector.pid
 
 scripts/setup.sh
 
 # The same configuration as scripts/test.sh, so that both share build/ without rebuilding.
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNIMB_WERROR=ON >/dev/null
-cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target "${programs[@]}"
+cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target nimb_programs
 cmake --install build --prefix "$prefix" >/dev/null
 
 mkdir -p "$run_dir/config" "$run_dir/logs" "$run_dir/dumps"
@@ -46,21 +45,21 @@ listening() {
     (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null
 }
 
-# Stops the nats-server of an earlier run of this script, if it still runs.
-stop_previous_server() {
-    [ -f "$nats_pid_file" ] || return 0
-    local pid
-    pid=$(cat "$nats_pid_file" 2>/dev/null || true)
-    if [ -n "$pid" ] && tr '\0' ' ' <"/proc/$pid/cmdline" 2>/dev/null |
-        grep -q -- "--pid $nats_pid_file"; then
-        echo "run: stopping the nats-server left by an earlier run (pid $pid)"
+# Stops what an earlier run of this script left running when it was killed: its
+# collector and its nats-server, recognised by their pid files and command lines.
+stop_previous() {
+    local pid_file=$1 marker=$2 what=$3 pid
+    [ -f "$pid_file" ] || return 0
+    pid=$(cat "$pid_file" 2>/dev/null || true)
+    if [ -n "$pid" ] && tr '\0' ' ' <"/proc/$pid/cmdline" 2>/dev/null | grep -q -- "$marker"; then
+        echo "run: stopping the $what left by an earlier run (pid $pid)"
         kill "$pid" 2>/dev/null || true
         for _ in $(seq 50); do
             kill -0 "$pid" 2>/dev/null || break
             sleep 0.1
         done
     fi
-    rm -f "$nats_pid_file"
+    rm -f "$pid_file"
 }
 
 nats_pid=""
@@ -76,10 +75,11 @@ stop_server() {
         echo "run: nats-server stopped"
     fi
     nats_pid=""
-    rm -f "$nats_pid_file"
+    rm -f "$nats_pid_file" "$collector_pid_file"
 }
 
-stop_previous_server
+stop_previous "$collector_pid_file" "$prefix/bin/NimbRemoteLogger" collector
+stop_previous "$nats_pid_file" "--pid $nats_pid_file" nats-server
 
 if [ -n "${NIMB_RUN_PORT:-}" ]; then
     port=$NIMB_RUN_PORT
@@ -135,10 +135,16 @@ run: settings in run/config/pellix/, logs in run/logs/, crash dumps in run/dumps
 
 Push a log from another terminal (in $root):
 
+EOF
+if [ -x "$bin/nimb-logpush" ]; then
+    cat <<EOF
   XDG_CONFIG_HOME=\$PWD/run/config run/install/bin/nimb-logpush --log demo README.md
 
 or call the services directly:
 
+EOF
+fi
+cat <<EOF
   run/install/bin/kib-call --host 127.0.0.1:$port RemoteLogger SetLogSource \\
     '["00:11:22:33:44:55", "puck-7", "Living room", {"date":"$now"}, {"str[]":["system.log"]}]'
   run/install/bin/kib-call --host 127.0.0.1:$port RemoteLogger AppendLog \\
@@ -156,6 +162,7 @@ EOF
 # them; the script then stops the server (EXIT trap).
 "$bin/NimbRemoteLogger" &
 daemon_pid=$!
+echo "$daemon_pid" >"$collector_pid_file"
 forward() {
     kill "-$1" "$daemon_pid" 2>/dev/null || true
 }

@@ -66,13 +66,14 @@ struct Options {
     int lineBytes = 120;
     int window = 32;
     std::string daemon = NIMB_E2E_DAEMON;
+    std::string stdoutFile;
     bool keep = false;
 };
 
 void usage() {
     std::printf(
         "usage: e2e_bench [--devices N] [--logs N] [--lines N] [--lines-per-request N]\n"
-        "                 [--line-bytes N] [--window N] [--daemon PATH] [--keep]\n"
+        "                 [--line-bytes N] [--window N] [--daemon PATH] [--stdout FILE] [--keep]\n"
         "  --devices N            simulated devices, one bus connection each (8)\n"
         "  --logs N               logs per device (4)\n"
         "  --lines N              lines pushed into each log (6000)\n"
@@ -80,6 +81,7 @@ void usage() {
         "  --line-bytes N         bytes of one line, newline included (120)\n"
         "  --window N             requests in flight per device (32)\n"
         "  --daemon PATH          the collector to run (the one built beside this program)\n"
+        "  --stdout FILE          where the collector's standard output goes (/dev/null)\n"
         "  --keep                 keep the run's folder (settings, logs) afterwards\n");
 }
 
@@ -492,12 +494,16 @@ ProcessUsage processUsage(pid_t pid) {
     return result;
 }
 
-pid_t startDaemon(const std::string& path, const fs::path& output) {
+// The collector echoes every line it writes (pushed text included) to its standard
+// output; like the system service, the run discards it unless `output` names a file.
+pid_t startDaemon(const std::string& path, const std::string& output, const fs::path& errors) {
     const pid_t pid = ::fork();
     if (pid == 0) {
-        const int out = ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int out = ::open(output.empty() ? "/dev/null" : output.c_str(),
+                               O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int err = ::open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         ::dup2(out, STDOUT_FILENO);
-        ::dup2(out, STDERR_FILENO);
+        ::dup2(err, STDERR_FILENO);
         ::execl(path.c_str(), path.c_str(), static_cast<char*>(nullptr));
         ::_exit(127);
     }
@@ -562,7 +568,7 @@ int main(int argc, char** argv) {
     ::setenv("XDG_CONFIG_HOME", (folder / "config").c_str(), 1);
     ::setenv("TMPDIR", (folder / "dumps").c_str(), 1);
 
-    const pid_t daemon = startDaemon(options.daemon, folder / "daemon.out");
+    const pid_t daemon = startDaemon(options.daemon, options.stdoutFile, folder / "daemon.err");
 
     std::vector<std::unique_ptr<Device>> devices;
     for (int d = 0; d < options.devices; ++d)
