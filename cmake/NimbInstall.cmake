@@ -6,24 +6,19 @@
 #   P/share/nimb/     the systemd unit and the bus directory's (nats-server) settings
 #   P/share/nimb/doc/ the operations, settings and bus pages
 #
-# Each program's install rule lives beside its target; the device push tool's is here
-# until its folder has one.
+# Each program's install rule lives beside its target; this file adds the rest and sets
+# the default prefix.
 
 if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
     set(CMAKE_INSTALL_PREFIX /opt/pellix/nimb CACHE PATH "Install folder of the suite" FORCE)
 endif()
 
-foreach(program IN ITEMS nimb-logpush)
-    if(TARGET ${program})
-        install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-    endif()
-endforeach()
-
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/NimbLauncher DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/nimb-remote-logger.service
               ${PROJECT_SOURCE_DIR}/packaging/nats-server.conf
         DESTINATION ${CMAKE_INSTALL_DATADIR}/nimb)
-foreach(page IN ITEMS operations settings logging crash-dumps bus-protocol kib-call)
+foreach(page IN ITEMS operations settings logging crash-dumps bus-protocol kib-call
+                     logpush)
     if(EXISTS ${PROJECT_SOURCE_DIR}/docs/${page}.md)
         install(FILES ${PROJECT_SOURCE_DIR}/docs/${page}.md DESTINATION ${CMAKE_INSTALL_DATADIR}/nimb/doc)
     endif()

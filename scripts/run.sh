@@ -12,8 +12,8 @@
 #   4. prints how to push a log from another terminal and runs the collector in the
 #      foreground. Ctrl-C stops the collector, then the script stops the nats-server.
 #
-# Re-runnable: a nats-server left over by an earlier run that was killed is stopped
-# first; settings are rewritten; logs are kept.
+# Re-runnable: the collector and nats-server of an earlier run that was killed are
+# stopped first; settings are rewritten; logs are kept.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD

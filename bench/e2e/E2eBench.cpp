@@ -528,6 +528,10 @@ void writeFile(const fs::path& path, const std::string& text) { std::ofstream(pa
 
 int main(int argc, char** argv) {
     Options options;
+    if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
+        usage();
+        return 0;
+    }
     if (!parseOptions(argc, argv, options)) {
         usage();
         return 64;
