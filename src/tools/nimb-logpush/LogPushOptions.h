@@ -9,14 +9,14 @@
 
 #include "LogPushClient.h"
 
-struct LogPushInputSpec {
+struct LogPushSource {
     std::string path;  // "-" for standard input
     std::string logName;
 };
 
 struct LogPushOptions {
     LogPushClient::Settings client;
-    std::vector<LogPushInputSpec> inputs;
+    std::vector<LogPushSource> inputs;
     bool follow = false;
     bool helpShown = false;  // --help was given: the text has been printed
 

@@ -139,8 +139,8 @@ int run(const std::vector<std::string>& arguments) {
     if (options.helpShown) return kExitOk;
 
     Inputs inputs;
-    for (const LogPushInputSpec& spec : options.inputs) {
-        inputs.push_back(std::make_unique<LogInput>(spec.path, spec.logName, options.follow));
+    for (const LogPushSource& source : options.inputs) {
+        inputs.push_back(std::make_unique<LogInput>(source.path, source.logName, options.follow));
         if (!inputs.back()->open(error)) return fail(kExitUsage, error);
     }
     if (options.follow) installStopHandlers();
