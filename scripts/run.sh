@@ -139,6 +139,7 @@ EOF
 if [ -x "$bin/nimb-logpush" ]; then
     cat <<EOF
   XDG_CONFIG_HOME=\$PWD/run/config run/install/bin/nimb-logpush --log demo README.md
+  ls run/logs      # <host name><MAC address without colons>-demo
 
 or call the services directly:
 
