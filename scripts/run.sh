@@ -63,6 +63,7 @@ stop_previous() {
 }
 
 nats_pid=""
+# shellcheck disable=SC2317 # run from the EXIT trap
 stop_server() {
     if [ -n "$nats_pid" ] && kill -0 "$nats_pid" 2>/dev/null; then
         kill "$nats_pid" 2>/dev/null || true
@@ -164,6 +165,7 @@ EOF
 "$bin/NimbRemoteLogger" &
 daemon_pid=$!
 echo "$daemon_pid" >"$collector_pid_file"
+# shellcheck disable=SC2317 # run from the signal traps
 forward() {
     kill "-$1" "$daemon_pid" 2>/dev/null || true
 }
