@@ -42,6 +42,10 @@ void checkTime(long seconds, const char* context) {
     }
 }
 
+std::size_t textBytes(const QString& text) {
+    return static_cast<std::size_t>(text.size()) * sizeof(QChar);
+}
+
 // The file names a request may produce must stay single components of the logs folder.
 void checkLogNames(const QString& macAddr, const QString& deviceId,
                    const std::vector<QString>& logNames) {
@@ -73,9 +77,21 @@ void checkLogNames(const QString& macAddr, const QString& deviceId,
 
 }  // namespace
 
-NimbRemoteLoggerSatellite::NimbRemoteLoggerSatellite(QObject* parent) : QObject(parent) {}
+NimbRemoteLoggerSatellite::NimbRemoteLoggerSatellite(QObject* parent) : QObject(parent) {
+    // Queued like the module's own connections, so each call's room comes back when the
+    // main thread reaches it.
+    const std::shared_ptr<RemoteLogBacklog> room = backlog;
+    QObject::connect(this, &NimbRemoteLoggerSatellite::addLog, this, [room] { room->release(0); });
+    QObject::connect(this, &NimbRemoteLoggerSatellite::appendLog, this,
+                     [room](const QString&, const QString&, const QString& content) {
+                         room->release(textBytes(content));
+                     });
+}
 
-NimbRemoteLoggerSatellite::~NimbRemoteLoggerSatellite() { Disconnect(); }
+NimbRemoteLoggerSatellite::~NimbRemoteLoggerSatellite() {
+    backlog->stop();
+    Disconnect();
+}
 
 int NimbRemoteLoggerSatellite::connect() {
     const boost::shared_ptr<CRegistry> registry = CRegistry::getInstance();
@@ -143,7 +159,8 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
     std::set<CStdStr> ids;
     for (const QString& logName : logNames)
         ids.insert(RemoteLogNames::logId(asDelivered(macAddr), asDelivered(logName)));
-    admitLogIds(ids);
+    admitLogIds(ids, logNames.size());
+    reserveBacklog("SetLogSource", logNames.size(), 0);
 
     for (const QString& logName : logNames)
         emit addLog(macAddr, deviceId, satName, displayName, puckTime, logName);
@@ -164,8 +181,9 @@ int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char* caller, const tag
         const long serverTime = static_cast<long>(time(nullptr));
         content = convertLog(content, deviceTime, serverTime);
     }
-    emit appendLog(QString::fromUtf8(macAddr.c_str()), QString::fromUtf8(logName.c_str()),
-                   QString::fromUtf8(content.data(), static_cast<qsizetype>(content.size())));
+    const QString text = QString::fromUtf8(content.data(), static_cast<qsizetype>(content.size()));
+    reserveBacklog("AppendLog", 1, textBytes(text));
+    emit appendLog(QString::fromUtf8(macAddr.c_str()), QString::fromUtf8(logName.c_str()), text);
     return 0;
 }
 
@@ -183,15 +201,24 @@ void NimbRemoteLoggerSatellite::setMaxLogSources(int limit) {
     maxLogSources = limit < 0 ? 0 : limit;
 }
 
-void NimbRemoteLoggerSatellite::admitLogIds(const std::set<CStdStr>& ids) {
+void NimbRemoteLoggerSatellite::admitLogIds(const std::set<CStdStr>& ids, size_t listLength) {
     const PMutexLocker lock(sourcesLock);
     size_t fresh = 0;
     for (const CStdStr& id : ids) fresh += knownLogIds.count(id) == 0 ? 1 : 0;
-    if (knownLogIds.size() + fresh > static_cast<size_t>(maxLogSources)) {
+    const size_t limit = static_cast<size_t>(maxLogSources);
+    if (knownLogIds.size() + fresh > limit || listLength > limit) {
         throw KibInvalidParameterException(
             boost::str(boost::format("SetLogSource: too many log sources: at most %1%") %
                        maxLogSources)
                 .c_str());
     }
     knownLogIds.insert(ids.begin(), ids.end());
+}
+
+void NimbRemoteLoggerSatellite::reserveBacklog(const char* service, std::size_t calls,
+                                               std::size_t bytes) {
+    if (backlog->acquire(calls, bytes, std::chrono::milliseconds(kBacklogWaitMs))) return;
+    throw KibException(
+        (CStdStr(service) + ": busy: too much is waiting to be written, try again").c_str(),
+        kBusyCode);
 }

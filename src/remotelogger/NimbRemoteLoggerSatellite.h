@@ -11,10 +11,12 @@
 #include <QObject>
 #include <QString>
 #include <ctime>
+#include <memory>
 #include <set>
 
 #include "KibSatellite.h"
 #include "PMutex.h"
+#include "RemoteLogBacklog.h"
 #include "StdString.h"
 
 class NimbRemoteLoggerSatellite : public QObject, public KibSatellite {
@@ -24,13 +26,20 @@ public:
     // How many logs (distinct log ids) may be announced when the "MaxLogSources" setting
     // is absent. Each one costs an open file, its rotation lock and a writer thread.
     static constexpr int kDefaultMaxLogSources = 256;
+    // What may wait for the main thread: calls emitted but not yet delivered, and the
+    // text they carry (UTF-16 bytes). A handler waits up to kBacklogWaitMs for room,
+    // then refuses the request as busy (exception code kBusyCode).
+    static constexpr std::size_t kMaxQueuedCalls = 1024;
+    static constexpr std::size_t kMaxQueuedBytes = 32 * 1024 * 1024;
+    static constexpr int kBacklogWaitMs = 2000;
+    static constexpr std::int32_t kBusyCode = 2;
 
     // Constructs both parts; connects nothing. Main thread.
     explicit NimbRemoteLoggerSatellite(QObject* parent);
     NimbRemoteLoggerSatellite(const NimbRemoteLoggerSatellite&) = delete;
     NimbRemoteLoggerSatellite& operator=(const NimbRemoteLoggerSatellite&) = delete;
-    // Leaves the bus first, waiting for running handlers, so that no handler emits from
-    // a half-destroyed object. Main thread.
+    // Refuses further requests as busy and leaves the bus, waiting for running handlers,
+    // so that nothing is emitted from a half-destroyed object. Main thread.
     ~NimbRemoteLoggerSatellite() override;
 
     // Reads "kibDirectory.host" (default "127.0.0.1") and "MaxLogSources" under
@@ -65,8 +74,15 @@ signals:
 
 private:
     // Admits the log ids of one request against the bound: ids seen before are free.
-    // Throws, admitting none, when the new ones do not fit.
-    void admitLogIds(const std::set<CStdStr>& ids);
+    // Throws, admitting none, when the new ones do not fit, or when the request's list
+    // (`listLength` names, repeats included) is itself longer than the bound.
+    void admitLogIds(const std::set<CStdStr>& ids, size_t listLength);
+    // Waits for room for `calls` calls with `bytes` of text; throws "<service>: busy".
+    void reserveBacklog(const char* service, std::size_t calls, std::size_t bytes);
+
+    // Shared with the connections that release it on the main thread.
+    const std::shared_ptr<RemoteLogBacklog> backlog =
+        std::make_shared<RemoteLogBacklog>(kMaxQueuedCalls, kMaxQueuedBytes);
 
     PMutex sourcesLock;
     int maxLogSources NIMB_GUARDED_BY(sourcesLock) = kDefaultMaxLogSources;

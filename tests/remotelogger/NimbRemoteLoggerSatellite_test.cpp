@@ -1,0 +1,217 @@
+// SPDX-License-Identifier: MIT
+// The bus service handlers, called directly without a bus: request checks and their
+// messages, both SetLogSource layouts, the file-name hardening and the source bound.
+
+#include "NimbRemoteLoggerSatellite.h"
+
+#include <QDateTime>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "KibException.h"
+#include "TestValues.h"
+#include "VUtil.h"
+
+namespace {
+
+using namespace testvalues;
+using Values = std::vector<KibVariantHolder>;
+
+constexpr long kDeviceTime = 1795341600;  // 2026-11-22 10:00:00 UTC
+
+KibVariantHolder date(long seconds) { return r8(VT_DATE, VUtil::TimeToDate(seconds)); }
+
+template <typename... T>
+KibVariantHolder request(T&&... elements) {
+    Values values;
+    (values.push_back(std::forward<T>(elements)), ...);
+    return variants(std::move(values));
+}
+
+struct AddLogCall {
+    QString macAddr, deviceId, satName, displayName;
+    QDateTime puckTime;
+    QString logName;
+};
+
+class SatelliteTest : public ::testing::Test {
+protected:
+    SatelliteTest() {
+        QObject::connect(&satellite, &NimbRemoteLoggerSatellite::addLog,
+                         [this](QString mac, QString device, QString sat, QString name,
+                                QDateTime time, QString log) {
+                             added.push_back({mac, device, sat, name, time, log});
+                         });
+        QObject::connect(&satellite, &NimbRemoteLoggerSatellite::appendLog,
+                         [this](QString, QString, QString content) {
+                             appended.push_back(content.toStdString());
+                         });
+    }
+
+    int setLogSource(const KibVariantHolder& in) {
+        return satellite.KibServiceSetLogSource("dev1", in.get(), nullptr);
+    }
+    int appendLog(const KibVariantHolder& in) {
+        return satellite.KibServiceAppendLog("dev1", in.get(), nullptr);
+    }
+
+    // The message of the KibInvalidParameterException `call` throws ("" if none).
+    static std::string failure(const std::function<void()>& call) {
+        try {
+            call();
+        } catch (const KibInvalidParameterException& e) {
+            return e.message();
+        }
+        return "";
+    }
+
+    NimbRemoteLoggerSatellite satellite{nullptr};
+    std::vector<AddLogCall> added;
+    std::vector<std::string> appended;
+};
+
+TEST_F(SatelliteTest, FourElementLayoutUsesPuckAndFiveElementLayoutTheDeviceId) {
+    EXPECT_EQ(setLogSource(request(str("00:11"), str("Kitchen"), date(kDeviceTime),
+                                   strings({"system.log"}))),
+              0);
+    EXPECT_EQ(setLogSource(request(str("00:22"), str("puck-7"), str("Hall"), date(kDeviceTime),
+                                   strings({"a", "/b/c", "d"}), i4(99))),
+              0);
+    ASSERT_EQ(added.size(), 4u);
+    EXPECT_EQ(added[0].deviceId, "puck");
+    EXPECT_EQ(added[0].displayName, "Kitchen");
+    EXPECT_EQ(added[0].logName, "system.log");
+    std::vector<QString> logs;
+    for (size_t i = 1; i < added.size(); ++i) {
+        const AddLogCall& call = added[i];
+        EXPECT_EQ(call.macAddr, "00:22");
+        EXPECT_EQ(call.deviceId, "puck-7");
+        EXPECT_EQ(call.satName, "dev1");
+        EXPECT_EQ(call.displayName, "Hall");
+        logs.push_back(call.logName);
+    }
+    EXPECT_EQ(logs, (std::vector<QString>{"a", "/b/c", "d"}));
+    for (const AddLogCall& call : added) {
+        EXPECT_EQ(call.puckTime.timeSpec(), Qt::UTC);
+        EXPECT_EQ(call.puckTime.toSecsSinceEpoch(), kDeviceTime);
+    }
+}
+
+TEST_F(SatelliteTest, EmptyLogListSucceedsWithoutSignals) {
+    EXPECT_EQ(setLogSource(request(str("00:11"), str("Kitchen"), date(kDeviceTime), strings({}))),
+              0);
+    EXPECT_TRUE(added.empty());
+}
+
+TEST_F(SatelliteTest, RequestChecksFailInOrderWithTheirMessages) {
+    const struct {
+        bool setLogSource;
+        KibVariantHolder in;
+        const char* message;
+    } cases[] = {
+        {true, i4(1), "SetLogSource: invalid parameter"},
+        {true, request(str("m"), str("n"), date(0)), "SetLogSource: invalid parameter"},
+        {true, request(i4(3), i4(3), date(0), strings({})),
+         "SetLogSource: invalid addr: checkType failed, got 3, expected 8"},
+        {true, request(str("m"), i4(3), str("n"), date(0), strings({})),
+         "SetLogSource: invalid device id"},
+        {true, request(str("m"), i4(3), date(0), strings({})), "SetLogSource: invalid name"},
+        {true, request(str("m"), str("n"), i4(3), strings({})), "SetLogSource: invalid time"},
+        {true, request(str("m"), str("n"), date(0), str("x")), "SetLogSource: invalid log list"},
+        {true, request(str("m"), str("n"), date(0), request(str("x"))),
+         "SetLogSource: invalid log list"},
+        {true, request(str("m"), str("n"), r8(VT_DATE, 1e12), strings({})),
+         "SetLogSource: invalid time: date outside the years 1 to 9999"},
+        {false, request(str("m"), str("l")), "AppendLog: invalid parameter"},
+        {false, request(i4(3), i4(3), i4(3)), "AppendLog: invalid addr"},
+        {false, request(str("m"), i4(3), i4(3)), "AppendLog: invalid log"},
+        {false, request(str("m"), str("l"), i4(3)), "AppendLog: invalid content"},
+        {false, request(str("m"), str("l"), str("c"), r8(VT_DATE, 1e12)),
+         "AppendLog: invalid time: date outside the years 1 to 9999"},
+    };
+    for (const auto& c : cases) {
+        const std::string message =
+            failure([&] { c.setLogSource ? setLogSource(c.in) : appendLog(c.in); });
+        EXPECT_EQ(message.rfind(c.message, 0), 0u) << c.message << " / got: " << message;
+    }
+    // A time that is not a date is refused by the date reader itself.
+    EXPECT_FALSE(
+        failure([&] { appendLog(request(str("m"), str("l"), str("c"), str("now"))); }).empty());
+    EXPECT_TRUE(added.empty());
+    EXPECT_TRUE(appended.empty());
+}
+
+TEST_F(SatelliteTest, AppendLogPassesContentUnchangedWithoutDeviceTime) {
+    const std::string content = "2026/11/22 09:00:00 caf\xc3\xa9\nJan  5 07:08:09 second\n";
+    EXPECT_EQ(appendLog(request(str("00:11"), str("system.log"), str(content))), 0);
+    EXPECT_EQ(appendLog(request(str("00:11"), str("system.log"), str(""))), 0);
+    EXPECT_EQ(appended, (std::vector<std::string>{content, ""}));
+}
+
+TEST_F(SatelliteTest, AppendLogMovesTimestampsIntoServerTimeWithDeviceTime) {
+    // A device clock 26 years behind: the stamp it wrote "now" comes out near the present.
+    const long deviceNow = 946684800;  // 2000-01-01 00:00:00 UTC
+    EXPECT_EQ(appendLog(request(str("00:11"), str("l"), str("2000/01/01 00:00:00 boot\n"),
+                                date(deviceNow))),
+              0);
+    ASSERT_EQ(appended.size(), 1u);
+    const QString year = QString::number(QDateTime::currentDateTime().date().year());
+    EXPECT_EQ(appended[0].rfind(year.toStdString() + "/", 0), 0u) << appended[0];
+    EXPECT_EQ(appended[0].substr(19), " boot\n");
+}
+
+TEST_F(SatelliteTest, NamesThatWouldLeaveTheLogsFolderAreRefusedWhole) {
+    const std::string longName(260, 'x');
+    const std::string macNear(240, 'a');
+    // 83 bytes that are not UTF-8 arrive as 83 replacement characters (249 bytes).
+    const std::string malformed(83, '\xff');
+    const struct {
+        std::string mac, device;
+        std::vector<const char*> logs;
+        const char* message;
+    } cases[] = {
+        {"00/11", "puck", {"l"}, "SetLogSource: invalid addr: holds"},
+        {"00\\11", "puck", {"l"}, "SetLogSource: invalid addr: holds"},
+        {"00:11", "../x", {"l"}, "SetLogSource: invalid device id: holds"},
+        {"00:11", "..\\x", {"l"}, "SetLogSource: invalid device id: holds"},
+        {longName, "puck", {"l"}, "SetLogSource: invalid addr: file name longer than 250 bytes"},
+        {malformed, "puck", {"l"}, "SetLogSource: invalid device id: file name longer than 250"},
+        {macNear, std::string(10, 'd'), {"l"}, "SetLogSource: invalid device id: file name"},
+        {macNear, "puck", {"ok", longName.c_str()}, "SetLogSource: invalid log name: file name"},
+    };
+    for (const auto& c : cases) {
+        const std::string message = failure([&] {
+            setLogSource(
+                request(str(c.mac), str(c.device), str("n"), date(kDeviceTime), strings(c.logs)));
+        });
+        EXPECT_EQ(message.rfind(c.message, 0), 0u) << c.message << " / got: " << message;
+    }
+    EXPECT_TRUE(added.empty());
+    // Path components in a log name are fine: only the last one names the file.
+    EXPECT_EQ(setLogSource(request(str("00:11"), str("d"), str("n"), date(kDeviceTime),
+                                   strings({"../../etc/passwd", "dir/", ".."}))),
+              0);
+    EXPECT_EQ(added.size(), 3u);
+}
+
+TEST_F(SatelliteTest, LogSourcesAreBoundedAndReannouncementsAreFree) {
+    satellite.setMaxLogSources(3);
+    auto announce = [&](const char* mac, std::vector<const char*> logs) {
+        return failure(
+            [&] { setLogSource(request(str(mac), str("n"), date(kDeviceTime), strings(logs))); });
+    };
+    EXPECT_EQ(announce("00:11", {"a", "b"}), "");
+    EXPECT_EQ(announce("0011", {"/x/a", "b"}), "");  // the same two ids
+    EXPECT_EQ(announce("00:11", {"b", "c", "d"}), "SetLogSource: too many log sources: at most 3");
+    EXPECT_EQ(announce("00:22", {"a"}), "");
+    EXPECT_EQ(announce("00:33", {"a"}), "SetLogSource: too many log sources: at most 3");
+    // Repeating known names cannot multiply the work either.
+    EXPECT_EQ(announce("00:11", {"a", "a", "a", "a"}),
+              "SetLogSource: too many log sources: at most 3");
+    EXPECT_EQ(added.size(), 5u);
+}
+
+}  // namespace

@@ -1,0 +1,269 @@
+// SPDX-License-Identifier: MIT
+// The collector program end to end: NimbRemoteLogger runs as a child with its own
+// settings home, logs folder and temporary folder, on a real nats-server; kib-call (or,
+// for the burst, a satellite in this process) plays the device.
+
+#include <atomic>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "CrashTestSupport.h"
+#include "KibSatellite.h"
+#include "NatsServer.h"
+#include "TestValues.h"
+
+namespace {
+
+using namespace crashtest;
+
+const char* const kAnnounce =
+    R"(["00:11:22:33:44:55", "puck-7", "Living room", {"date":"2026-11-22T10:00:00Z"}, )";
+const char* const kSystemLog = "puck-7001122334455-system.log";
+
+class RemoteLoggerDaemonTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_FALSE(root_.path().empty());
+        for (const char* dir : {"cfg/pellix", "logs", "tmp"})
+            fs::create_directories(root_.path() / dir);
+        writeFile(root_.path() / "cfg/pellix/com.pellix.nimb.json",
+                  R"({"LogLevel": 3, "LogsDir": ")" + logs().string() + "\"}");
+        writeFile(root_.path() / "cfg/pellix/com.pellix.nimb.config.json",
+                  R"({"kibDirectory.host": ")" + server_.host() + "\"}");
+    }
+    void TearDown() override {
+        if (daemon_ > 0) stop(SIGKILL);
+    }
+
+    fs::path logs() const { return root_.path() / "logs"; }
+    std::map<std::string, std::string> environment() const {
+        return {{"XDG_CONFIG_HOME", (root_.path() / "cfg").string()},
+                {"TMPDIR", (root_.path() / "tmp").string()},
+                {"TZ", "UTC"}};
+    }
+
+    // Starts the collector and waits (boundedly) until it is on the bus.
+    void start() {
+        daemon_ = spawnChild({NIMB_REMOTE_LOGGER}, environment(), root_.path() / "daemon.txt");
+        for (int i = 0; i < 500; ++i) {
+            if (readFile(root_.path() / "daemon.txt").find("connected") != std::string::npos)
+                return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        FAIL() << "collector did not connect: " << readFile(root_.path() / "daemon.txt");
+    }
+
+    // Sends `signalNumber` and returns the exit status (-1 if it did not exit normally).
+    int stop(int signalNumber = SIGTERM) {
+        kill(daemon_, signalNumber);
+        const ChildResult child = waitChild(daemon_, root_.path() / "daemon.txt");
+        daemon_ = -1;
+        return child.finished && WIFEXITED(child.status) ? WEXITSTATUS(child.status) : -1;
+    }
+
+    struct CallResult {
+        int status = -1;
+        std::string output;
+    };
+    CallResult call(const std::string& service, const std::string& json) {
+        const ChildResult run = runChild(
+            {KIB_CALL, "--host", server_.host(), "--name", "dev1", "RemoteLogger", service, json},
+            environment(), root_.path() / "call.txt");
+        return {run.finished && WIFEXITED(run.status) ? WEXITSTATUS(run.status) : -1, run.output};
+    }
+
+    std::set<std::string> logFiles() const {
+        std::set<std::string> names;
+        for (const auto& entry : fs::directory_iterator(logs()))
+            names.insert(entry.path().filename().string());
+        return names;
+    }
+
+    NatsServer server_;
+    TempFolder root_;
+    pid_t daemon_ = -1;
+};
+
+TEST_F(RemoteLoggerDaemonTest, AnnouncedLogsGetHeaderAndTextInTheirFile) {
+    start();
+    // Text for a log nobody announced goes nowhere.
+    EXPECT_EQ(call("AppendLog", R"(["00:11:22:33:44:55", "early.log", "lost\n"])").status, 0);
+    EXPECT_EQ(call("SetLogSource", kAnnounce + std::string(R"({"str[]":["/var/log/system.log",
+                                                                         "C:\\logs\\app.txt"]}])"))
+                  .status,
+              0);
+    EXPECT_EQ(call("AppendLog", R"(["00:11:22:33:44:55", "system.log",
+                                    "2000/01/01 00:00:00 shifted\n", {"date":"2000-01-01T00:00:00Z"}])")
+                  .status,
+              0);
+    EXPECT_EQ(
+        call("AppendLog", R"(["001122334455", "/other/system.log", "2000/01/01 00:00:00 raw\n"])")
+            .status,
+        0);
+    EXPECT_EQ(call("SetLogSource", kAnnounce + std::string(R"({"str[]":["system.log"]}])")).status,
+              0);
+    EXPECT_EQ(stop(), 0);
+
+    EXPECT_EQ(logFiles(), (std::set<std::string>{"NimbRemoteLogger.log", "errors.log", kSystemLog,
+                                                 "puck-7001122334455-app.txt"}));
+    const std::string header =
+        R"(\n===== Living room - dev1 === 2026/11/22 10:00:00 <-> \d{4}/\d\d/\d\d \d\d:\d\d:\d\d =====\n)";
+    const std::string text = readFile(logs() / kSystemLog);
+    EXPECT_TRUE(
+        std::regex_match(text, std::regex(header + R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d shifted\n)" +
+                                          "2000/01/01 00:00:00 raw\n" + header)))
+        << text;
+    EXPECT_EQ(text.find("2000/01/01 00:00:00 shifted"), std::string::npos) << text;
+    EXPECT_TRUE(
+        std::regex_match(readFile(logs() / "puck-7001122334455-app.txt"), std::regex(header)));
+
+    // The listing tool sees what the collector wrote.
+    const ChildResult listing =
+        runChild({NIMB_LOGS, "--dir", logs().string()}, {}, root_.path() / "listing.txt");
+    EXPECT_NE(listing.output.find(kSystemLog), std::string::npos) << listing.output;
+}
+
+TEST_F(RemoteLoggerDaemonTest, UnreachableBusEndsTheProgramWithZeroAndTheReason) {
+    writeFile(
+        root_.path() / "cfg/pellix/com.pellix.nimb.config.json",
+        R"({"kibDirectory.host": "127.0.0.1:)" + std::to_string(NatsServer::freePort()) + "\"}");
+    const ChildResult child =
+        runChild({NIMB_REMOTE_LOGGER}, environment(), root_.path() / "daemon.txt");
+    EXPECT_TRUE(child.finished && WIFEXITED(child.status) && WEXITSTATUS(child.status) == 0);
+    const std::string log = readFile(logs() / "NimbRemoteLogger.log");
+    EXPECT_NE(log.find("Failed to register: -2147202300 (0x80044b04)"), std::string::npos) << log;
+    EXPECT_NE(log.find("Failed to register 0x80044b04"), std::string::npos) << log;
+}
+
+TEST_F(RemoteLoggerDaemonTest, NamesReachingOutsideTheLogsFolderAreRefused) {
+    start();
+    const struct {
+        const char* request;
+        const char* message;
+    } cases[] = {
+        {R"(["../../x", "d", "n", {"date":0}, {"str[]":["l"]}])", "SetLogSource: invalid addr"},
+        {R"(["a\\b", "d", "n", {"date":0}, {"str[]":["l"]}])", "SetLogSource: invalid addr"},
+        {R"(["00:11", "../../x", "n", {"date":0}, {"str[]":["l"]}])",
+         "SetLogSource: invalid device id"},
+        {R"(["00:11", "/tmp/x", "n", {"date":0}, {"str[]":["l"]}])",
+         "SetLogSource: invalid device id"},
+    };
+    for (const auto& c : cases) {
+        const CallResult result = call("SetLogSource", c.request);
+        EXPECT_EQ(result.status, 2) << c.request;
+        EXPECT_NE(result.output.find(c.message), std::string::npos) << result.output;
+    }
+    const std::string longLog(300, 'y');
+    const CallResult tooLong =
+        call("SetLogSource", R"(["00:11", "d", "n", {"date":0}, {"str[]":[")" + longLog + "\"]}]");
+    EXPECT_EQ(tooLong.status, 2);
+    EXPECT_NE(
+        tooLong.output.find("SetLogSource: invalid log name: file name longer than 250 bytes"),
+        std::string::npos)
+        << tooLong.output;
+    // Directories in a log name are dropped: the file stays in the logs folder.
+    EXPECT_EQ(
+        call("SetLogSource", R"(["00:11", "d", "n", {"date":0}, {"str[]":["../../esc"]}])").status,
+        0);
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(logFiles(),
+              (std::set<std::string>{"NimbRemoteLogger.log", "errors.log", "d0011-esc"}));
+    std::set<std::string> top;
+    for (const auto& entry : fs::directory_iterator(root_.path()))
+        top.insert(entry.path().filename().string());
+    EXPECT_EQ(top, (std::set<std::string>{"cfg", "logs", "tmp", "daemon.txt", "call.txt"}));
+}
+
+TEST_F(RemoteLoggerDaemonTest, RotatesIntoBackFileAtTheSizeLimit) {
+    start();
+    ASSERT_EQ(call("SetLogSource", kAnnounce + std::string(R"({"str[]":["system.log"]}])")).status,
+              0);
+    std::string sent;
+    for (char c = 'a'; c < 'h'; ++c) {  // the seventh chunk finds the file full
+        const std::string chunk = std::string(100000, c) + "\n";
+        ASSERT_EQ(call("AppendLog", R"(["00:11:22:33:44:55", "system.log", ")" +
+                                        std::string(100000, c) + R"(\n"])")
+                      .status,
+                  0);
+        sent += chunk;
+    }
+    EXPECT_EQ(stop(), 0);
+    const std::string back = readFile(logs() / (std::string(kSystemLog) + ".back"));
+    const std::string current = readFile(logs() / kSystemLog);
+    EXPECT_GE(back.size(), 524288u);
+    EXPECT_FALSE(current.empty());
+    const std::string all = back + current;
+    ASSERT_GT(all.size(), sent.size());
+    EXPECT_EQ(all.substr(all.size() - sent.size()), sent);
+}
+
+// A request is acknowledged as soon as its handler returned, before the main thread wrote
+// its text. Re-announcements (each starts a fresh logger on the main thread) keep the main
+// thread behind the bus, so that acknowledged text is still queued when the signal comes.
+TEST_F(RemoteLoggerDaemonTest, EndSignalDuringABurstKeepsEveryAcknowledgedLine) {
+    start();
+    ASSERT_EQ(call("SetLogSource", kAnnounce + std::string(R"({"str[]":["burst.log"]}])")).status,
+              0);
+    KibSatellite device;
+    ASSERT_EQ(device.Connect(server_.host().c_str(), "burst"), 0);
+    device.setRequestTimeout(2000);
+    auto send = [&](const char* service, std::vector<KibVariantHolder> values) {
+        const KibVariantHolder in = testvalues::variants(std::move(values));
+        KibVariantHolder out;
+        return device.Request("RemoteLogger", service, in.get(), out.out(), KIBFLAG_NONE,
+                              nullptr) == 0;
+    };
+    std::vector<int> acknowledged;
+    std::atomic<int> count{0};
+    std::atomic<bool> stopped{false};
+    std::thread sender([&] {
+        for (int i = 0, failures = 0; i < 20000 && failures < 3 && !stopped; ++i) {
+            std::vector<KibVariantHolder> values;
+            values.push_back(testvalues::str("00:11:22:33:44:55"));
+            values.push_back(testvalues::str("burst.log"));
+            values.push_back(testvalues::str("line " + std::to_string(i) + "\n"));
+            if (send("AppendLog", std::move(values))) {
+                acknowledged.push_back(i);
+                ++count;
+            } else {
+                ++failures;
+            }
+        }
+    });
+    // Each announcement makes the main thread start 100 fresh loggers.
+    std::vector<std::string> names;
+    for (int i = 0; i < 100; ++i) names.push_back("extra" + std::to_string(i));
+    std::vector<const char*> logNames{"burst.log"};
+    for (const std::string& name : names) logNames.push_back(name.c_str());
+    std::thread announcer([&] {
+        for (int i = 0, failures = 0; i < 20000 && failures < 3 && !stopped; ++i) {
+            std::vector<KibVariantHolder> values;
+            values.push_back(testvalues::str("00:11:22:33:44:55"));
+            values.push_back(testvalues::str("puck-7"));
+            values.push_back(testvalues::str("Living room"));
+            values.push_back(testvalues::r8(VT_DATE, 46348.41667));
+            values.push_back(testvalues::strings(logNames));
+            if (!send("SetLogSource", std::move(values))) ++failures;
+        }
+    });
+    for (int i = 0; i < 1000 && count < 500; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    const int status = stop();
+    stopped = true;
+    sender.join();
+    announcer.join();
+    EXPECT_EQ(status, 0);
+    ASSERT_GE(acknowledged.size(), 500u);
+    const std::string text = readFile(logs() / "puck-7001122334455-burst.log");
+    size_t missing = 0;
+    for (int i : acknowledged)
+        if (text.find("\nline " + std::to_string(i) + "\n") == std::string::npos) ++missing;
+    EXPECT_EQ(missing, 0u) << "of " << acknowledged.size() << " acknowledged lines";
+}
+
+}  // namespace
