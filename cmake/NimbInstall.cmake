@@ -4,7 +4,7 @@
 #                     the programs find their own install folder and each other (the
 #                     daemon starts NimbCrashReporter from here)
 #   P/share/nimb/     the systemd unit and the bus directory's (nats-server) settings
-#   P/share/nimb/doc/ the operations, settings and bus pages
+#   P/share/nimb/doc/ the pages an operator needs (operations, collector, settings, ...)
 #
 # Each program's install rule lives beside its target; this file adds the rest and sets
 # the default prefix.
@@ -20,7 +20,8 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/nimb-remote-logger.service
 foreach(page IN ITEMS operations collector settings logging crash-dumps bus-protocol
                      kib-call logpush)
     if(EXISTS ${PROJECT_SOURCE_DIR}/docs/${page}.md)
-        install(FILES ${PROJECT_SOURCE_DIR}/docs/${page}.md DESTINATION ${CMAKE_INSTALL_DATADIR}/nimb/doc)
+        install(FILES ${PROJECT_SOURCE_DIR}/docs/${page}.md
+                DESTINATION ${CMAKE_INSTALL_DATADIR}/nimb/doc)
     endif()
 endforeach()
 
@@ -28,7 +29,8 @@ endforeach()
 # (scripts/run.sh builds this target, then installs). A program added to the install
 # belongs in this list too.
 add_custom_target(nimb_programs)
-foreach(program IN ITEMS NimbRemoteLogger NimbCrashReporter nimb-logpush kib-call nimb-defaults nimb-logs)
+foreach(program IN ITEMS NimbRemoteLogger NimbCrashReporter nimb-logpush kib-call nimb-defaults
+                        nimb-logs)
     if(TARGET ${program})
         add_dependencies(nimb_programs ${program})
     endif()
