@@ -1,0 +1,214 @@
+// SPDX-License-Identifier: MIT
+#include "LogPushClient.h"
+
+#include <algorithm>
+#include <csignal>
+#include <ctime>
+#include <thread>
+#include <utility>
+
+#include "KibReply.h"
+#include "KibVariantHolder.h"
+#include "StdString.h"
+#include "VUtil.h"
+
+namespace {
+
+const char* const kSetLogSource = "SetLogSource";
+const char* const kAppendLog = "AppendLog";
+const char* const kOwnName = "nimb-logpush";
+
+constexpr std::chrono::milliseconds kFirstBackoff{250};
+constexpr std::chrono::milliseconds kLongestBackoff{5000};
+constexpr std::chrono::milliseconds kSleepStep{50};
+
+// Set from a signal handler; read by the main loop.
+volatile std::sig_atomic_t g_stopRetrying = 0;
+
+// Failures after which the request may succeed if made again: the request did not get
+// through, or its reply did not come back.
+bool isTransient(int status) {
+    switch (status) {
+        case KIB_E_TIMEOUT:
+        case KIB_E_NO_RESPONDERS:
+        case KIB_E_NOT_CONNECTED:
+        case KIB_E_CONNECT_FAILED:
+        case KIB_E_TRANSPORT:
+        case KIB_E_CONNECTION_LOST:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// Sleeps for `duration`, or less when retrying is stopped.
+void pause(std::chrono::milliseconds duration) {
+    const auto until = std::chrono::steady_clock::now() + duration;
+    while (g_stopRetrying == 0 && std::chrono::steady_clock::now() < until) {
+        std::this_thread::sleep_for(kSleepStep);
+    }
+}
+
+std::string secondsText(int ms) { return std::to_string((ms + 999) / 1000) + " s"; }
+
+}  // namespace
+
+LogPushClient::LogPushClient(Settings settings) : settings_(std::move(settings)), name_(kOwnName) {
+    setRequestTimeout(settings_.timeoutMs);
+}
+
+LogPushClient::~LogPushClient() { Disconnect(); }
+
+void LogPushClient::stopRetrying() { g_stopRetrying = 1; }
+
+void LogPushClient::OnStatusChange(int, KIBSTATUS status) {
+    linkUp_ = status == KIBSTATUS_CONNECTED;
+    if (status == KIBSTATUS_CONNECTED) ++forgotten_;
+}
+
+// Gains are not counted: the first report of a running collector arrives at some moment
+// after start-up and would only repeat the first announcement.
+void LogPushClient::OnServiceAvailabilityChanged(const char*, const char*, int available) {
+    if (available == 0) ++forgotten_;
+}
+
+bool LogPushClient::needsAnnouncement() const {
+    return !announced_ || announcedAt_ != forgotten_.load();
+}
+
+LogPushClient::Result LogPushClient::announce() {
+    return deliver(kSetLogSource, [this] { return announcement(); });
+}
+
+LogPushClient::Result LogPushClient::append(const std::string& logName, std::string_view content) {
+    return deliver(kAppendLog, [&] { return appendRequest(logName, content); });
+}
+
+// Each attempt builds the request anew, so that it carries the device's time of sending.
+LogPushClient::Result LogPushClient::deliver(const char* service, const Builder& build) {
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(settings_.retryMs);
+    std::chrono::milliseconds backoff = kFirstBackoff;
+    error_.clear();
+    while (true) {
+        std::string failure;
+        switch (attempt(service, build, failure)) {
+            case Attempt::Ok:
+                return Result::Sent;
+            case Attempt::Refused:
+                error_ = failure;
+                return Result::Refused;
+            case Attempt::Invalid:
+                error_ = failure;
+                return Result::Invalid;
+            case Attempt::Transient:
+                break;
+        }
+        // The collector may have restarted and forgotten the source: announce again before
+        // the next piece of text.
+        announced_ = false;
+        const bool budgetLeft =
+            settings_.retryMs < 0 || std::chrono::steady_clock::now() + backoff <= deadline;
+        if (g_stopRetrying != 0 || !budgetLeft) {
+            const std::string why =
+                g_stopRetrying != 0 ? "stopped" : "gave up after " + secondsText(settings_.retryMs);
+            error_ = "cannot reach " + settings_.satellite + " at " + settings_.host + ": " +
+                     failure + " (" + why + ")";
+            return Result::Unreachable;
+        }
+        pause(backoff);
+        backoff = std::min(backoff * 2, kLongestBackoff);
+    }
+}
+
+LogPushClient::Attempt LogPushClient::attempt(const char* service, const Builder& build,
+                                              std::string& failure) {
+    if (!connected_) {
+        const Attempt connected = connectOnce(failure);
+        if (connected != Attempt::Ok) return connected;
+    }
+    if (!linkUp_) {
+        failure = "connection lost, reconnecting";
+        return Attempt::Transient;
+    }
+    const bool isAnnouncement = service == kSetLogSource;
+    const int forgotten = forgotten_.load();
+    if (needsAnnouncement() && !isAnnouncement) {
+        const Attempt announced = call(kSetLogSource, announcement(), failure);
+        if (announced != Attempt::Ok) return announced;
+        announced_ = true;
+        announcedAt_ = forgotten;
+    }
+    const Attempt result = call(service, build(), failure);
+    if (result == Attempt::Ok && isAnnouncement) {
+        announced_ = true;
+        announcedAt_ = forgotten;
+    }
+    return result;
+}
+
+LogPushClient::Attempt LogPushClient::connectOnce(std::string& failure) {
+    const int status = Connect(settings_.host.c_str(), name_.c_str());
+    if (status == KIB_OK) {
+        connected_ = true;
+        linkUp_ = true;
+        // Without the listener a clean restart of an idle collector goes unnoticed until a
+        // request fails; everything else works the same, so a failure here is let pass.
+        AddServiceAvailabilityListener(settings_.satellite.c_str());
+        return Attempt::Ok;
+    }
+    failure = KibStatusText(status);
+    return isTransient(status) ? Attempt::Transient : Attempt::Invalid;
+}
+
+LogPushClient::Attempt LogPushClient::call(const char* service, const KibVariantHolder& request,
+                                           std::string& failure) {
+    KibReply reply;
+    Call(settings_.satellite.c_str(), service, request.get(), &reply, settings_.timeoutMs);
+    if (!reply.failed()) {
+        if (reply.status == 0) return Attempt::Ok;
+        failure = std::string(service) + ": returned status " + std::to_string(reply.status);
+        return Attempt::Refused;
+    }
+    failure = reply.errorText;
+    if (reply.errorKind == KibErrorKind::Local && isTransient(reply.status)) {
+        return Attempt::Transient;
+    }
+    // Handler exceptions carry the collector's own text ("SetLogSource: invalid addr: ...");
+    // other failures get the service's name in front.
+    if (reply.errorKind == KibErrorKind::Local || reply.errorKind == KibErrorKind::Library) {
+        failure = std::string(service) + ": " + failure;
+    }
+    return Attempt::Refused;
+}
+
+// [MAC address, device id, display name, device time, [log names]]
+KibVariantHolder LogPushClient::announcement() const {
+    KibVariantHolder names;
+    VUtil::CreateArray(names.edit(), VT_BSTR, settings_.logNames.size());
+    for (std::size_t i = 0; i < settings_.logNames.size(); ++i) {
+        VUtil::PutElement(names.edit(), static_cast<int>(i), CStdStr(settings_.logNames[i]));
+    }
+    KibVariantHolder request;
+    VUtil::CreateArray(request.edit(), VT_VARIANT, 5);
+    VUtil::PutElement(request.edit(), 0, CStdStr(settings_.macAddress));
+    VUtil::PutElement(request.edit(), 1, CStdStr(settings_.deviceId));
+    VUtil::PutElement(request.edit(), 2, CStdStr(settings_.displayName));
+    VUtil::PutDateElement(request.edit(), 3, static_cast<long>(std::time(nullptr)));
+    VUtil::PutElement(request.edit(), 4, names.get());
+    return request;
+}
+
+// [MAC address, log name, content] and, unless turned off, the device time.
+KibVariantHolder LogPushClient::appendRequest(const std::string& logName,
+                                              std::string_view content) const {
+    KibVariantHolder request;
+    VUtil::CreateArray(request.edit(), VT_VARIANT, settings_.sendTime ? 4 : 3);
+    VUtil::PutElement(request.edit(), 0, CStdStr(settings_.macAddress));
+    VUtil::PutElement(request.edit(), 1, CStdStr(logName));
+    VUtil::PutElement(request.edit(), 2, CStdStr(content.data(), content.size()));
+    if (settings_.sendTime) {
+        VUtil::PutDateElement(request.edit(), 3, static_cast<long>(std::time(nullptr)));
+    }
+    return request;
+}
