@@ -49,7 +49,9 @@ void pause(std::chrono::milliseconds duration) {
     }
 }
 
-std::string secondsText(int ms) { return std::to_string((ms + 999) / 1000) + " s"; }
+std::string durationText(int ms) {
+    return ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms";
+}
 
 }  // namespace
 
@@ -110,8 +112,9 @@ LogPushClient::Result LogPushClient::deliver(const char* service, const Builder&
         const bool budgetLeft =
             settings_.retryMs < 0 || std::chrono::steady_clock::now() + backoff <= deadline;
         if (g_stopRetrying != 0 || !budgetLeft) {
-            const std::string why =
-                g_stopRetrying != 0 ? "stopped" : "gave up after " + secondsText(settings_.retryMs);
+            const std::string why = g_stopRetrying != 0
+                                        ? "stopped"
+                                        : "gave up after " + durationText(settings_.retryMs);
             error_ = "cannot reach " + settings_.satellite + " at " + settings_.host + ": " +
                      failure + " (" + why + ")";
             return Result::Unreachable;

@@ -296,7 +296,7 @@ TEST_F(LogPushTest, FailuresExitWithTheirStatusAndText) {
 
 TEST_F(LogPushTest, FollowSurvivesRotationTruncationAndRestarts) {
     write("app.log", "one\n");
-    auto process = start({"-f", "--log", "app", file("app.log")});
+    auto process = start({"-f", "--timeout", "500", "--log", "app", file("app.log")});
     std::string expected = "one\n";
     const auto arrived = [&] { return collector_->contentOf("app") == expected; };
     ASSERT_TRUE(waitFor(arrived));
@@ -320,11 +320,11 @@ TEST_F(LogPushTest, FollowSurvivesRotationTruncationAndRestarts) {
     };
     EXPECT_EQ(announcements(), 1);
 
-    // The bus goes away while text is waiting; the collector stays and reconnects. The
-    // text goes once, after a new announcement.
+    // The bus goes away for longer than the reply timeout while text is waiting; the
+    // collector stays and reconnects. The text goes once, after a new announcement.
     nats_.stop();
     write("app.log", "\nduring\n", true);
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     ASSERT_TRUE(nats_.start());
     expected += "\nduring\n";
     ASSERT_TRUE(waitFor(arrived)) << collector_->contentOf("app");
