@@ -6,12 +6,14 @@
 #include <string>
 
 #include "CFileTools.h"
-#include "FileToolsTestSupport.h"
+#include "NimbTestSupport.h"
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 namespace {
+
+using namespace nimbtest;
 
 // An entry whose name, kind, size and times are set by the test; the path does not
 // exist, so the no-attributes flag is cleared by hand.
@@ -55,7 +57,7 @@ int32_t localTime(int year, int month, int day, int hour, int minute, int second
     return static_cast<int32_t>(std::mktime(&fields));
 }
 
-class EntryTest : public FileToolsTest {
+class EntryTest : public ConfigHomeTest {
 protected:
     // A file of `size` bytes with its access and modification times set.
     std::string makeFile(const std::string& name, size_t size, int32_t modified, int32_t accessed) {
@@ -103,7 +105,7 @@ TEST_F(EntryTest, FieldsOfARealFileAndFolder) {
     for (const auto& [field, value] : fields) EXPECT_EQ(entry.getFieldValue(field), value) << field;
     EXPECT_GE(entry.getDateCreated(), static_cast<int32_t>(info.st_ctime) - 5);
 
-    ASSERT_TRUE(boost::filesystem::create_directory(dir_ / "folder.d"));
+    ASSERT_TRUE(fs::create_directory(dir_ / "folder.d"));
     const CFileTools folder(dir_ / "folder.d/");
     EXPECT_EQ(folder.getDisplayName(), "folder.d");
     EXPECT_EQ(folder.getFieldValue("type"), "folder");
@@ -153,7 +155,7 @@ TEST_F(EntryTest, CreationMonthKeepsFourDigitsAndUnknownMediaTypeIsFile) {
 
 // Real files with set sizes and times, plus two folders that must lead every order.
 TEST_F(EntryTest, EveryKeyOrdersRealFilesWithFoldersFirst) {
-    ASSERT_TRUE(boost::filesystem::create_directory(dir_ / "zeta"));
+    ASSERT_TRUE(fs::create_directory(dir_ / "zeta"));
     // "config" (the settings home of the fixture) is the second folder.
     const int32_t base = localTime(2020, 6, 1, 12, 0, 0);
     makeFile("b.txt", 30, base + 20, base + 100);

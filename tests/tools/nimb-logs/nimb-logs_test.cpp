@@ -3,18 +3,20 @@
 #include <string>
 
 #include "CFileTools.h"
-#include "FileToolsTestSupport.h"
+#include "NimbTestSupport.h"
 #include <fcntl.h>
 #include <sys/stat.h>
 
 namespace {
 
-class NimbLogsTest : public FileToolsTest {
+using namespace nimbtest;
+
+class NimbLogsTest : public ConfigHomeTest {
 protected:
     void SetUp() override {
-        FileToolsTest::SetUp();
+        ConfigHomeTest::SetUp();
         logs_ = dir_ / "logs";
-        ASSERT_TRUE(boost::filesystem::create_directory(logs_));
+        ASSERT_TRUE(fs::create_directory(logs_));
     }
 
     // A log file of `size` bytes last modified `age` seconds before a fixed time.
@@ -33,9 +35,9 @@ protected:
         addLog(".hidden", 1, 0);
     }
 
-    ProcessResult run(std::vector<std::string> args) {
+    ChildResult run(std::vector<std::string> args) {
         args.insert(args.begin(), NIMB_LOGS_BIN);
-        return runProcess(args, dir_);
+        return runProgram(args, dir_);
     }
 
     static constexpr time_t kNow = 1700000000;
@@ -44,11 +46,11 @@ protected:
 
 TEST_F(NimbLogsTest, ListsTheFolderInAlignedColumns) {
     addCollectorLogs();
-    const ProcessResult result =
+    const ChildResult result =
         run({"--dir", logs_, "--sort", "size:desc", "--fields", "title,size,mediaType"});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_EQ(result.err, "");
-    EXPECT_EQ(result.out,
+    ASSERT_EQ(result.exitCode(), 0) << result.errors;
+    EXPECT_EQ(result.errors, "");
+    EXPECT_EQ(result.output,
               "title                           size    mediaType\n"
               "puck001122334455-main.log.back  524288  file\n"
               "puck001122334455-main.log       400     text.file\n"
@@ -59,10 +61,10 @@ TEST_F(NimbLogsTest, ListsTheFolderInAlignedColumns) {
 TEST_F(NimbLogsTest, TabSeparatedWithoutHeaderAndEscapedNames) {
     addCollectorLogs();
     addLog("odd\tname.log", 5, 40);
-    const ProcessResult result = run({"--dir=" + logs_, "--sort=lastModified:desc", "--tsv",
-                                      "--no-header", "--fields=title,size"});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_EQ(result.out,
+    const ChildResult result = run({"--dir=" + logs_, "--sort=lastModified:desc", "--tsv",
+                                    "--no-header", "--fields=title,size"});
+    ASSERT_EQ(result.exitCode(), 0) << result.errors;
+    EXPECT_EQ(result.output,
               "puck001122334455-main.log\t400\n"
               "NimbRemoteLogger.log\t90\n"
               "remote0A0B0C0D0E0F-player.log\t12\n"
@@ -74,11 +76,11 @@ TEST_F(NimbLogsTest, DefaultsToTheLogsFolderSetting) {
     addLog("puck001122334455-main.log", 3, 0);
     setSuiteSetting("LogsDir", logs_);
     ASSERT_EQ(CFileTools::GetLogsDirectory(), logs_);
-    const ProcessResult result = run({"--tsv", "--fields", "title,size,lastModified"});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const ChildResult result = run({"--tsv", "--fields", "title,size,lastModified"});
+    ASSERT_EQ(result.exitCode(), 0) << result.errors;
     const CFileTools entry(logs_ + "/puck001122334455-main.log");
-    EXPECT_EQ(result.out, "title\tsize\tlastModified\npuck001122334455-main.log\t3\t" +
-                              entry.getFieldValue("lastModified") + "\n");
+    EXPECT_EQ(result.output, "title\tsize\tlastModified\npuck001122334455-main.log\t3\t" +
+                                 entry.getFieldValue("lastModified") + "\n");
 }
 
 TEST_F(NimbLogsTest, UsageErrorsExitWithTwoAndSayWhy) {
@@ -94,29 +96,29 @@ TEST_F(NimbLogsTest, UsageErrorsExitWithTwoAndSayWhy) {
                           Case{{"--dir"}, "--dir needs a value"}}) {
         std::vector<std::string> args = c.args;
         args.insert(args.begin(), {"--dir", logs_});
-        const ProcessResult result = run(args);
-        EXPECT_EQ(result.exitCode, 2) << c.reason;
-        EXPECT_EQ(result.out, "") << c.reason;
-        EXPECT_NE(result.err.find(c.reason), std::string::npos) << result.err;
+        const ChildResult result = run(args);
+        EXPECT_EQ(result.exitCode(), 2) << c.reason;
+        EXPECT_EQ(result.output, "") << c.reason;
+        EXPECT_NE(result.errors.find(c.reason), std::string::npos) << result.errors;
     }
 }
 
 TEST_F(NimbLogsTest, UnreadableFolderExitsWithOne) {
-    const ProcessResult result = run({"--dir", dir_ / "absent"});
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(result.out, "");
-    EXPECT_NE(result.err.find("cannot read folder " + dir_ / "absent"), std::string::npos)
-        << result.err;
+    const ChildResult result = run({"--dir", dir_ / "absent"});
+    EXPECT_EQ(result.exitCode(), 1);
+    EXPECT_EQ(result.output, "");
+    EXPECT_NE(result.errors.find("cannot read folder " + dir_ / "absent"), std::string::npos)
+        << result.errors;
 }
 
 TEST_F(NimbLogsTest, HelpListsEveryKeyAndField) {
-    const ProcessResult result = run({"--sort", "bogus", "--help"});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const ChildResult result = run({"--sort", "bogus", "--help"});
+    ASSERT_EQ(result.exitCode(), 0) << result.errors;
     for (const char* key : CFileTools::sortKeyNames()) {
-        EXPECT_NE(result.out.find(std::string("  ") + key + "\n"), std::string::npos) << key;
+        EXPECT_NE(result.output.find(std::string("  ") + key + "\n"), std::string::npos) << key;
     }
     for (const char* field : CFileTools::fieldNames()) {
-        EXPECT_NE(result.out.find(std::string("  ") + field + "\n"), std::string::npos) << field;
+        EXPECT_NE(result.output.find(std::string("  ") + field + "\n"), std::string::npos) << field;
     }
 }
 
