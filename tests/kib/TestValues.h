@@ -79,12 +79,11 @@ inline KibVariantHolder strings(const std::vector<const char*>& texts) {
 }
 
 // An array of VARIANTs taking the given values.
-inline KibVariantHolder variants(std::vector<KibVariantHolder> elements) {
-    SAFEARRAY* a =
-        SafeArrayCreateVector(VT_VARIANT, 0, static_cast<std::uint32_t>(elements.size()));
-    for (std::size_t i = 0; i < elements.size(); ++i) {
-        static_cast<VARIANT*>(a->pvData)[i] = elements[i].release();
-    }
+template <typename... Holders>
+KibVariantHolder variants(Holders... elements) {
+    SAFEARRAY* a = SafeArrayCreateVector(VT_VARIANT, 0, sizeof...(elements));
+    std::size_t i = 0;
+    ((static_cast<VARIANT*>(a->pvData)[i++] = elements.release()), ...);
     VARIANT v{};
     VariantInit(&v);
     v.vt = VT_ARRAY | VT_VARIANT;
