@@ -2,9 +2,9 @@
 // The module host, run as a child program with a test module: start-up, the signals
 // that end it in order, SIGPIPE, a failing init and a failing socket pair.
 
+#include <algorithm>
 #include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -36,9 +36,9 @@ protected:
         fs::create_directories(logs());
         fs::create_directories(root_.path() / "dumps");
         auto registry = CRegistry::getInstance();
-        registry->WriteSettingImpl("Software\\Pellix\\Nimb", "LogsDir", logs().string());
-        registry->WriteSettingImpl("Software\\Pellix\\Nimb", "LogLevel", 4);
-        registry->WriteSettingImpl("Software\\Pellix\\Nimb", "InstallDir", "");
+        registry->WriteSettingImpl(kSuiteKey, "LogsDir", logs().string());
+        registry->WriteSettingImpl(kSuiteKey, "LogLevel", 4);
+        registry->WriteSettingImpl(kSuiteKey, "InstallDir", "");
     }
 
     fs::path logs() const { return root_.path() / "logs"; }
@@ -53,16 +53,12 @@ protected:
 
     // Waits (boundedly) until the module recorded `step`.
     bool waitForStep(const std::string& step) const {
-        for (int i = 0; i < 1000; ++i) {
-            for (const std::string& line : steps())
-                if (line == step) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
-    }
-
-    static bool exitedWithZero(const ChildResult& child) {
-        return child.finished && WIFEXITED(child.status) && WEXITSTATUS(child.status) == 0;
+        return waitUntil(
+            [&] {
+                const Steps seen = steps();
+                return std::find(seen.begin(), seen.end(), step) != seen.end();
+            },
+            std::chrono::seconds(10));
     }
 
     TempFolder root_;
@@ -79,7 +75,7 @@ TEST_F(ModuleHostTest, EachEndSignalClosesTheModuleBeforeItIsDestroyed) {
         ASSERT_TRUE(waitForStep("running"));
         kill(pid, signalNumber);
         const ChildResult child = waitChild(pid, outputFile());
-        EXPECT_TRUE(exitedWithZero(child)) << child.status << "\n" << child.output;
+        EXPECT_EQ(child.exitCode(), 0) << child.status << "\n" << child.output;
         EXPECT_EQ(steps(), (Steps{"create", "init 3", "running", "abort", "close", "destroyed"}));
     }
     // The module's own log, named after the module, saw it start and end.
@@ -94,7 +90,7 @@ TEST_F(ModuleHostTest, TwoQuickSignalsStillEndInOrder) {
     kill(pid, SIGTERM);
     kill(pid, SIGHUP);
     const ChildResult child = waitChild(pid, outputFile());
-    EXPECT_TRUE(exitedWithZero(child)) << child.output;
+    EXPECT_EQ(child.exitCode(), 0) << child.output;
     Steps seen = steps();
     ASSERT_GE(seen.size(), 2u);
     EXPECT_EQ(Steps(seen.end() - 2, seen.end()), (Steps{"close", "destroyed"}));
@@ -108,13 +104,13 @@ TEST_F(ModuleHostTest, SigpipeDoesNotEndTheProcess) {
     ASSERT_TRUE(waitForStep("running"));
     kill(pid, SIGTERM);
     const ChildResult child = waitChild(pid, outputFile());
-    EXPECT_TRUE(exitedWithZero(child)) << child.output;
+    EXPECT_EQ(child.exitCode(), 0) << child.output;
     EXPECT_TRUE(waitForStep("close"));
 }
 
 TEST_F(ModuleHostTest, FailingInitSkipsTheEventLoopAndExitsZero) {
     const ChildResult child = waitChild(start("fail-init"), outputFile());
-    EXPECT_TRUE(exitedWithZero(child)) << child.output;
+    EXPECT_EQ(child.exitCode(), 0) << child.output;
     EXPECT_EQ(steps(), (Steps{"create", "init 3", "destroyed"}));
 }
 
@@ -122,19 +118,19 @@ TEST_F(ModuleHostTest, FailingInitSkipsTheEventLoopAndExitsZero) {
 TEST_F(ModuleHostTest, OnlyAModuleThatAsksForItGetsAGuiApplicationAndThePluginPath) {
     // The install folder as set holds "..": the plug-in path is the cleaned bin folder.
     fs::create_directories(root_.path() / "suite" / "bin");
-    CRegistry::getInstance()->WriteSettingImpl("Software\\Pellix\\Nimb", "InstallDir",
+    CRegistry::getInstance()->WriteSettingImpl(kSuiteKey, "InstallDir",
                                                (root_.path() / "other/../suite").string());
     const std::string pluginPath = "libpath " + (root_.path() / "suite" / "bin").string();
 
     ChildResult child = waitChild(start("describe"), outputFile());
-    EXPECT_TRUE(exitedWithZero(child)) << child.output;
+    EXPECT_EQ(child.exitCode(), 0) << child.output;
     Steps seen = steps();
     EXPECT_EQ(std::count(seen.begin(), seen.end(), "application QCoreApplication"), 1);
     EXPECT_EQ(std::count(seen.begin(), seen.end(), pluginPath), 0);
 
     fs::remove(recordFile());
     child = waitChild(start("describe", GUI_TEST_MODULE), outputFile());
-    EXPECT_TRUE(exitedWithZero(child)) << child.output;
+    EXPECT_EQ(child.exitCode(), 0) << child.output;
     seen = steps();
     EXPECT_EQ(std::count(seen.begin(), seen.end(), "application QApplication"), 1);
     EXPECT_EQ(std::count(seen.begin(), seen.end(), pluginPath), 1);
