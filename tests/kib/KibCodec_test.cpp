@@ -206,7 +206,7 @@ TEST(KibCodecTest, LimitsBindBothDirections) {
 
     KibVariantHolder deep = i4(1);
     for (int i = 0; i < 20; ++i) {
-        deep = variants(std::move(deep));
+        deep = variants(deep);
     }
     EXPECT_EQ(KibCodec::encodeRequest("A", deep.get(), frame, error), KIB_E_BAD_VALUE);
     EXPECT_EQ(KibCodec::encodeRequest("A", scalar(99, 0).get(), frame, error), KIB_E_BAD_VALUE);

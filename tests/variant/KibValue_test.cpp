@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "KibVariant.h"
-#include "TestValues.h"
+#include "ValueTestSupport.h"
 
 using namespace testvalue;
 
