@@ -192,25 +192,28 @@ TEST_F(EntryTest, EveryKeyOrdersRealFilesWithFoldersFirst) {
 }
 
 // Creation times cannot be set on real files; sizes past 2^63 and times before 1970
-// cannot be made either.
-TEST_F(EntryTest, CreationDatesSignedTimesAndUnsignedSizes) {
+// cannot be made either. Titles ignore case and non-ASCII bytes sort first.
+TEST_F(EntryTest, FakeEntriesSortBySignedTimesUnsignedSizesAndCaselessTitles) {
     FakeEntry old("old", false, UINT64_MAX, -100), mid("mid", false, 5, 200),
         young("young", false, 1, 300), folder("dir", true, 0, 400);
-    std::vector<CFileTools*> entries = {&young, &old, &folder, &mid};
-    ASSERT_TRUE(CFileTools::SortFiles(entries, "creationDate:asc"));
-    EXPECT_EQ(titles(entries), "dir old mid young");
-    ASSERT_TRUE(CFileTools::SortFiles(entries, "creationDate:desc"));
-    EXPECT_EQ(titles(entries), "dir young mid old");
-    ASSERT_TRUE(CFileTools::SortFiles(entries, "size:desc"));
-    EXPECT_EQ(titles(entries), "dir old mid young");
-}
-
-TEST_F(EntryTest, TitlesIgnoreCaseAndNonAsciiBytesSortFirst) {
     FakeEntry apple("apple", false), banana("Banana", false), elan("\xC3\x89lan", false),
         cherry("cherry", false), app("app", false);
-    std::vector<CFileTools*> entries = {&cherry, &banana, &apple, &elan, &app};
-    ASSERT_TRUE(CFileTools::SortFiles(entries, "title:asc"));
-    EXPECT_EQ(titles(entries), "\xC3\x89lan app apple Banana cherry");
+    const struct {
+        std::vector<CFileTools*> entries;
+        const char* key;
+        const char* order;
+    } cases[] = {
+        {{&young, &old, &folder, &mid}, "creationDate:asc", "dir old mid young"},
+        {{&young, &old, &folder, &mid}, "creationDate:desc", "dir young mid old"},
+        {{&young, &old, &folder, &mid}, "size:desc", "dir old mid young"},
+        {{&cherry, &banana, &apple, &elan, &app},
+         "title:asc",
+         "\xC3\x89lan app apple Banana cherry"},
+    };
+    for (auto c : cases) {
+        ASSERT_TRUE(CFileTools::SortFiles(c.entries, c.key)) << c.key;
+        EXPECT_EQ(titles(c.entries), c.order) << c.key;
+    }
 }
 
 TEST_F(EntryTest, OnlyTheTextBeforeACommaPastTheStartIsTheKey) {
