@@ -18,37 +18,27 @@ namespace {
 using namespace crashtest;
 using Steps = std::vector<std::string>;
 
-class ModuleHostTest : public ::testing::Test {
+// Each test has its own folder and settings home; the children inherit the home.
+class ModuleHostTest : public ConfigHomeTest {
 protected:
-    // The settings store's home is fixed for the program (the store is a singleton);
-    // the children inherit it.
-    static void SetUpTestSuite() {
-        home_ = new TempFolder();
-        setenv("XDG_CONFIG_HOME", home_->path().c_str(), 1);
-    }
-    static void TearDownTestSuite() {
-        delete home_;
-        home_ = nullptr;
-    }
-
     void SetUp() override {
-        ASSERT_FALSE(root_.path().empty());
+        ConfigHomeTest::SetUp();
         fs::create_directories(logs());
-        fs::create_directories(root_.path() / "dumps");
+        fs::create_directories(root() / "dumps");
         auto registry = CRegistry::getInstance();
         registry->WriteSettingImpl(kSuiteKey, "LogsDir", logs().string());
         registry->WriteSettingImpl(kSuiteKey, "LogLevel", 4);
         registry->WriteSettingImpl(kSuiteKey, "InstallDir", "");
     }
 
-    fs::path logs() const { return root_.path() / "logs"; }
-    fs::path recordFile() const { return root_.path() / "steps.txt"; }
-    fs::path outputFile() const { return root_.path() / "output.txt"; }
+    fs::path logs() const { return root() / "logs"; }
+    fs::path recordFile() const { return root() / "steps.txt"; }
+    fs::path outputFile() const { return root() / "output.txt"; }
     Steps steps() const { return readLines(recordFile()); }
 
     pid_t start(const std::string& mode, const char* program = TEST_MODULE) {
         return spawnChild({program, mode, recordFile().string()},
-                          {{"TMPDIR", (root_.path() / "dumps").string()}}, outputFile());
+                          {{"TMPDIR", (root() / "dumps").string()}}, outputFile());
     }
 
     // Waits (boundedly) until the module recorded `step`.
@@ -61,11 +51,8 @@ protected:
             std::chrono::seconds(10));
     }
 
-    TempFolder root_;
-    static TempFolder* home_;
+    fs::path root() const { return dir_.path(); }
 };
-
-TempFolder* ModuleHostTest::home_ = nullptr;
 
 TEST_F(ModuleHostTest, EachEndSignalClosesTheModuleBeforeItIsDestroyed) {
     for (int signalNumber : {SIGTERM, SIGINT, SIGHUP}) {
@@ -117,10 +104,10 @@ TEST_F(ModuleHostTest, FailingInitSkipsTheEventLoopAndExitsZero) {
 #ifdef GUI_TEST_MODULE
 TEST_F(ModuleHostTest, OnlyAModuleThatAsksForItGetsAGuiApplicationAndThePluginPath) {
     // The install folder as set holds "..": the plug-in path is the cleaned bin folder.
-    fs::create_directories(root_.path() / "suite" / "bin");
+    fs::create_directories(root() / "suite" / "bin");
     CRegistry::getInstance()->WriteSettingImpl(kSuiteKey, "InstallDir",
-                                               (root_.path() / "other/../suite").string());
-    const std::string pluginPath = "libpath " + (root_.path() / "suite" / "bin").string();
+                                               (root() / "other/../suite").string());
+    const std::string pluginPath = "libpath " + (root() / "suite" / "bin").string();
 
     ChildResult child = waitChild(start("describe"), outputFile());
     EXPECT_EQ(child.exitCode(), 0) << child.output;
