@@ -2,6 +2,7 @@
 // Crashes a child process in each way the dump manager handles and checks what is left:
 // exit status 0, one dump that minidump_stackwalk reads with the expected crash, the
 // reporter started with the expected arguments, and the FATAL line in the logs.
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -118,18 +119,6 @@ protected:
     std::string fatalLine_;  // the crash line of the last expectHandled()
 };
 
-TEST_F(MiniDumperCrashTest, NullWriteOnMainThread) {
-    const ChildResult child = crash("main-null");
-    const fs::path dump = expectHandled(child);
-    ASSERT_FALSE(dump.empty());
-    EXPECT_EQ(reporterArgs().size(), 2u);
-    expectFatalInOwnLog();
-    const DumpFacts facts = readDump(dump);
-    EXPECT_EQ(facts.reason, "SIGSEGV /SEGV_MAPERR");
-    EXPECT_EQ(facts.address, "0x0");
-    EXPECT_EQ(facts.threadId, static_cast<unsigned long>(child.pid));
-}
-
 TEST_F(MiniDumperCrashTest, EmptyNameAndAppDataReachTheReporter) {
     const ChildResult child = crash("main-null", "", {"build \"42\" beta"});
     const fs::path dump = expectHandled(child, "Unknown");
@@ -137,51 +126,71 @@ TEST_F(MiniDumperCrashTest, EmptyNameAndAppDataReachTheReporter) {
               (std::vector<std::string>{dump.string(), "Unknown", "-appData", "build  42  beta"}));
 }
 
-TEST_F(MiniDumperCrashTest, NullWriteOnLoggerWriterThread) {
-    const ChildResult child = crash("writer-null");
-    const DumpFacts facts = readDump(expectHandled(child));
-    EXPECT_EQ(facts.reason, "SIGSEGV /SEGV_MAPERR");
-    EXPECT_NE(facts.threadId, static_cast<unsigned long>(child.pid));
-}
+enum class CrashingThread { Main, Other, Any };
 
-TEST_F(MiniDumperCrashTest, StackOverflowOnWorkerThread) {
-    const ChildResult child = crash("worker-overflow");
+struct CrashKind {
+    const char* mode;       // what the child does
+    const char* reason;     // how minidump_stackwalk names the fault (its start)
+    CrashingThread thread;  // where the dump says it happened
+    bool reachesOwnLog;     // the FATAL line also reaches the module's own log
+    const char* output;     // printed by the handler, or nullptr
+    const char* logged;     // logged in both logs besides the FATAL line, or nullptr
+};
+
+void PrintTo(const CrashKind& kind, std::ostream* out) { *out << kind.mode; }
+
+class MiniDumperCrashKindTest : public MiniDumperCrashTest,
+                                public ::testing::WithParamInterface<CrashKind> {};
+
+TEST_P(MiniDumperCrashKindTest, IsDumpedReportedAndLogged) {
+    const CrashKind& kind = GetParam();
+    const ChildResult child = crash(kind.mode);
     const fs::path dump = expectHandled(child);
-    expectFatalInOwnLog();
+    ASSERT_FALSE(dump.empty());
+    EXPECT_EQ(reporterArgs().size(), 2u);
+    if (kind.reachesOwnLog) expectFatalInOwnLog();
+    if (kind.output) {
+        EXPECT_NE(child.output.find(kind.output), std::string::npos) << child.output;
+    }
+    if (kind.logged) {
+        EXPECT_NE(readFile(logs() / "errors.log").find(kind.logged), std::string::npos);
+        EXPECT_NE(readFile(logs() / "CrashChild.log").find(kind.logged), std::string::npos);
+    }
     const DumpFacts facts = readDump(dump);
-    EXPECT_EQ(facts.reason.rfind("SIGSEGV", 0), 0u) << facts.reason;
-    EXPECT_NE(facts.threadId, static_cast<unsigned long>(child.pid));
-}
-
-TEST_F(MiniDumperCrashTest, AbortBecomesAFaultOnTheAbortingThread) {
-    const ChildResult child = crash("abort");
-    const fs::path dump = expectHandled(child);
-    expectFatalInOwnLog();
-    EXPECT_NE(child.output.find("abort() was called"), std::string::npos) << child.output;
-    const DumpFacts facts = readDump(dump);
-    EXPECT_EQ(facts.reason, "SIGSEGV /SEGV_MAPERR");
-    EXPECT_EQ(facts.threadId, static_cast<unsigned long>(child.pid));
-}
-
-TEST_F(MiniDumperCrashTest, UncaughtExceptionIsLoggedWithTypeAndMessage) {
-    const ChildResult child = crash("uncaught");
-    const fs::path dump = expectHandled(child);
-    const std::string line = "uncaught St13runtime_error c++ exception: boom in the child";
-    EXPECT_NE(readFile(logs() / "errors.log").find(line), std::string::npos);
-    EXPECT_NE(readFile(logs() / "CrashChild.log").find(line), std::string::npos);
-    EXPECT_EQ(readDump(dump).reason, "SIGSEGV /SEGV_MAPERR");
-}
-
-TEST_F(MiniDumperCrashTest, Usr1DumpsTheRunningProcessFromAFreshThread) {
-    const ChildResult child = crash("usr1");
-    const fs::path dump = expectHandled(child);
-    expectFatalInOwnLog();
-    EXPECT_NE(child.output.find("USR1 signal received, generating crash"), std::string::npos)
-        << child.output;
-    const DumpFacts facts = readDump(dump);
-    EXPECT_EQ(facts.reason, "SIGSEGV /SEGV_MAPERR");
+    EXPECT_EQ(facts.reason.rfind(kind.reason, 0), 0u) << facts.reason;
     EXPECT_NE(facts.threadId, 0ul);
-    EXPECT_NE(facts.threadId, static_cast<unsigned long>(child.pid));
+    if (kind.thread == CrashingThread::Main) {
+        EXPECT_EQ(facts.threadId, static_cast<unsigned long>(child.pid));
+    } else if (kind.thread == CrashingThread::Other) {
+        EXPECT_NE(facts.threadId, static_cast<unsigned long>(child.pid));
+    }
+    if (std::string(kind.mode) == "main-null") {
+        EXPECT_EQ(facts.address, "0x0");
+    }
 }
+
+// A null write on the main thread and on the logger's writer thread, a stack overflow
+// on a worker, abort() (made a fault on the aborting thread), an uncaught exception
+// (logged with its type and message) and SIGUSR1 (the running process dumped from a
+// fresh thread).
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, MiniDumperCrashKindTest,
+    ::testing::Values(
+        CrashKind{"main-null", "SIGSEGV /SEGV_MAPERR", CrashingThread::Main, true, nullptr,
+                  nullptr},
+        CrashKind{"writer-null", "SIGSEGV /SEGV_MAPERR", CrashingThread::Other, false, nullptr,
+                  nullptr},
+        CrashKind{"worker-overflow", "SIGSEGV", CrashingThread::Other, true, nullptr, nullptr},
+        CrashKind{"abort", "SIGSEGV /SEGV_MAPERR", CrashingThread::Main, true, "abort() was called",
+                  nullptr},
+        CrashKind{"uncaught", "SIGSEGV /SEGV_MAPERR", CrashingThread::Any, false, nullptr,
+                  "uncaught St13runtime_error c++ exception: boom in the child"},
+        CrashKind{"usr1", "SIGSEGV /SEGV_MAPERR", CrashingThread::Other, true,
+                  "USR1 signal received, generating crash", nullptr}),
+    [](const ::testing::TestParamInfo<CrashKind>& param) {
+        std::string name = param.param.mode;
+        name.erase(std::remove(name.begin(), name.end(), '-'), name.end());
+        return name;
+    });
 
 }  // namespace

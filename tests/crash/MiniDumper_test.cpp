@@ -16,22 +16,12 @@
 namespace {
 
 using crashtest::TempFolder;
+using nimbtest::kSuiteKey;
 
-constexpr const char* kSuiteKey = "Software\\Pellix\\Nimb";
-
-// One private settings home for the whole program: the settings store is a
-// process-wide singleton, so its home must not move between tests.
-class MiniDumperTest : public ::testing::Test {
+class MiniDumperTest : public nimbtest::ConfigHomeTest {
 protected:
-    static void SetUpTestSuite() {
-        home_ = new TempFolder();
-        setenv("XDG_CONFIG_HOME", home_->path().c_str(), 1);
-    }
-    static void TearDownTestSuite() {
-        delete home_;
-        home_ = nullptr;
-    }
     void SetUp() override {
+        ConfigHomeTest::SetUp();
         setInstallDir("");
         unsetenv("TMPDIR");
     }
@@ -43,11 +33,7 @@ protected:
     static std::unique_ptr<MiniDumper> quietDumper(const char* name) {
         return std::make_unique<MiniDumper>(name, true, true, false, true, true);
     }
-
-    static TempFolder* home_;
 };
-
-TempFolder* MiniDumperTest::home_ = nullptr;
 
 TEST_F(MiniDumperTest, ShortCommandLineQuotesDumpAndNameAndAppendsAppData) {
     auto dumper = quietDumper("NimbRemoteLogger");

@@ -6,12 +6,14 @@
 #include <string>
 
 #include "CFileTools.h"
-#include "FileToolsTestSupport.h"
+#include "NimbTestSupport.h"
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 namespace {
+
+using namespace nimbtest;
 
 // An entry whose name, kind, size and times are set by the test; the path does not
 // exist, so the no-attributes flag is cleared by hand.
@@ -55,7 +57,7 @@ int32_t localTime(int year, int month, int day, int hour, int minute, int second
     return static_cast<int32_t>(std::mktime(&fields));
 }
 
-class EntryTest : public FileToolsTest {
+class EntryTest : public ConfigHomeTest {
 protected:
     // A file of `size` bytes with its access and modification times set.
     std::string makeFile(const std::string& name, size_t size, int32_t modified, int32_t accessed) {
@@ -103,7 +105,7 @@ TEST_F(EntryTest, FieldsOfARealFileAndFolder) {
     for (const auto& [field, value] : fields) EXPECT_EQ(entry.getFieldValue(field), value) << field;
     EXPECT_GE(entry.getDateCreated(), static_cast<int32_t>(info.st_ctime) - 5);
 
-    ASSERT_TRUE(boost::filesystem::create_directory(dir_ / "folder.d"));
+    ASSERT_TRUE(fs::create_directory(dir_ / "folder.d"));
     const CFileTools folder(dir_ / "folder.d/");
     EXPECT_EQ(folder.getDisplayName(), "folder.d");
     EXPECT_EQ(folder.getFieldValue("type"), "folder");
@@ -153,7 +155,7 @@ TEST_F(EntryTest, CreationMonthKeepsFourDigitsAndUnknownMediaTypeIsFile) {
 
 // Real files with set sizes and times, plus two folders that must lead every order.
 TEST_F(EntryTest, EveryKeyOrdersRealFilesWithFoldersFirst) {
-    ASSERT_TRUE(boost::filesystem::create_directory(dir_ / "zeta"));
+    ASSERT_TRUE(fs::create_directory(dir_ / "zeta"));
     // "config" (the settings home of the fixture) is the second folder.
     const int32_t base = localTime(2020, 6, 1, 12, 0, 0);
     makeFile("b.txt", 30, base + 20, base + 100);
@@ -190,25 +192,28 @@ TEST_F(EntryTest, EveryKeyOrdersRealFilesWithFoldersFirst) {
 }
 
 // Creation times cannot be set on real files; sizes past 2^63 and times before 1970
-// cannot be made either.
-TEST_F(EntryTest, CreationDatesSignedTimesAndUnsignedSizes) {
+// cannot be made either. Titles ignore case and non-ASCII bytes sort first.
+TEST_F(EntryTest, FakeEntriesSortBySignedTimesUnsignedSizesAndCaselessTitles) {
     FakeEntry old("old", false, UINT64_MAX, -100), mid("mid", false, 5, 200),
         young("young", false, 1, 300), folder("dir", true, 0, 400);
-    std::vector<CFileTools*> entries = {&young, &old, &folder, &mid};
-    ASSERT_TRUE(CFileTools::SortFiles(entries, "creationDate:asc"));
-    EXPECT_EQ(titles(entries), "dir old mid young");
-    ASSERT_TRUE(CFileTools::SortFiles(entries, "creationDate:desc"));
-    EXPECT_EQ(titles(entries), "dir young mid old");
-    ASSERT_TRUE(CFileTools::SortFiles(entries, "size:desc"));
-    EXPECT_EQ(titles(entries), "dir old mid young");
-}
-
-TEST_F(EntryTest, TitlesIgnoreCaseAndNonAsciiBytesSortFirst) {
     FakeEntry apple("apple", false), banana("Banana", false), elan("\xC3\x89lan", false),
         cherry("cherry", false), app("app", false);
-    std::vector<CFileTools*> entries = {&cherry, &banana, &apple, &elan, &app};
-    ASSERT_TRUE(CFileTools::SortFiles(entries, "title:asc"));
-    EXPECT_EQ(titles(entries), "\xC3\x89lan app apple Banana cherry");
+    const struct {
+        std::vector<CFileTools*> entries;
+        const char* key;
+        const char* order;
+    } cases[] = {
+        {{&young, &old, &folder, &mid}, "creationDate:asc", "dir old mid young"},
+        {{&young, &old, &folder, &mid}, "creationDate:desc", "dir young mid old"},
+        {{&young, &old, &folder, &mid}, "size:desc", "dir old mid young"},
+        {{&cherry, &banana, &apple, &elan, &app},
+         "title:asc",
+         "\xC3\x89lan app apple Banana cherry"},
+    };
+    for (auto c : cases) {
+        ASSERT_TRUE(CFileTools::SortFiles(c.entries, c.key)) << c.key;
+        EXPECT_EQ(titles(c.entries), c.order) << c.key;
+    }
 }
 
 TEST_F(EntryTest, OnlyTheTextBeforeACommaPastTheStartIsTheKey) {

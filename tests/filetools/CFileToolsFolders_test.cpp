@@ -6,7 +6,7 @@
 #include <string>
 
 #include "CFileTools.h"
-#include "FileToolsTestSupport.h"
+#include "NimbTestSupport.h"
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -26,11 +26,13 @@ extern "C" int chmod(const char* path, mode_t mode) noexcept {
 
 namespace {
 
-class FolderTest : public FileToolsTest {
+using namespace nimbtest;
+
+class FolderTest : public ConfigHomeTest {
 protected:
     void TearDown() override {
         g_failChmodPath.clear();
-        FileToolsTest::TearDown();
+        ConfigHomeTest::TearDown();
     }
 
     static mode_t modeOf(const std::string& path) {
@@ -67,20 +69,20 @@ TEST_F(FolderTest, InstallDirSettingIsJoinedWithBinWithoutExistenceTest) {
 
 TEST_F(FolderTest, LauncherBesideTheExecutableMakesItsFolderTheInstallFolder) {
     const std::string bin = dir_ / "bin";
-    ASSERT_TRUE(boost::filesystem::create_directory(bin));
+    ASSERT_TRUE(fs::create_directory(bin));
     const std::string program = bin + "/print_bin_folder";
-    boost::filesystem::copy_file(NIMB_PRINT_BIN_FOLDER, program);
+    fs::copy_file(NIMB_PRINT_BIN_FOLDER, program);
 
-    ProcessResult without = runProcess({program}, dir_);
-    ASSERT_EQ(without.exitCode, 0) << without.err;
+    ChildResult without = runProgram({program}, dir_);
+    ASSERT_EQ(without.exitCode(), 0) << without.errors;
     if (!CFileTools::testNimbBinPath("/opt/pellix/nimb/bin")) {
-        EXPECT_EQ(without.out, "\n" + bin + "\n");
+        EXPECT_EQ(without.output, "\n" + bin + "\n");
     }
 
     writeFile(bin + "/NimbLauncher", "");
-    ProcessResult with = runProcess({program}, dir_);
-    ASSERT_EQ(with.exitCode, 0) << with.err;
-    EXPECT_EQ(with.out, bin + "\n" + bin + "\n");
+    ChildResult with = runProgram({program}, dir_);
+    ASSERT_EQ(with.exitCode(), 0) << with.errors;
+    EXPECT_EQ(with.output, bin + "\n" + bin + "\n");
 }
 
 // ---- Process folders ----
@@ -92,7 +94,7 @@ TEST_F(FolderTest, WorkingDirectoriesAndHome) {
     const std::string during = CFileTools::GetCurrentWorkingDirectory();
     const std::string startDuring = CFileTools::GetBinaryDirectory();
     ASSERT_EQ(::chdir(before.c_str()), 0);
-    EXPECT_EQ(during, boost::filesystem::canonical(dir_.path()).string());
+    EXPECT_EQ(during, fs::canonical(dir_.path()).string());
     EXPECT_EQ(startDuring, start);
 
     ScopedEnv home("HOME", "/nonexistent-home");
@@ -164,7 +166,7 @@ TEST_F(FolderTest, CreateDirectoryReportsFailuresOnStandardOutput) {
     EXPECT_TRUE(CFileTools::CreateDirectory(nested));
     EXPECT_FALSE(CFileTools::CreateDirectory(nested));
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    EXPECT_TRUE(boost::filesystem::is_directory(nested));
+    EXPECT_TRUE(fs::is_directory(nested));
 
     writeFile(dir_ / "plain", "");
     const std::string below = dir_ / "plain/sub";
@@ -208,7 +210,7 @@ TEST_F(FolderTest, TmpFolderPrefersTmpdirThenVarTmp) {
         ScopedEnv tmpdir("TMPDIR", dir_.path());
         EXPECT_EQ(CFileTools::getTmpFolder(), dir_.path());
     }
-    if (!boost::filesystem::is_directory("/var/tmp/")) GTEST_SKIP() << "no /var/tmp here";
+    if (!fs::is_directory("/var/tmp/")) GTEST_SKIP() << "no /var/tmp here";
     writeFile(dir_ / "regular", "");
     {
         ScopedEnv tmpdir("TMPDIR", dir_ / "regular");
@@ -221,7 +223,7 @@ TEST_F(FolderTest, TmpFolderPrefersTmpdirThenVarTmp) {
 TEST_F(FolderTest, TmpSubFolderIsCreatedWithOneSlashEachSide) {
     ScopedEnv tmpdir("TMPDIR", dir_.path());
     EXPECT_EQ(CFileTools::getTmpFolder("//a/b//"), dir_.path() + "/a/b/");
-    EXPECT_TRUE(boost::filesystem::is_directory(dir_ / "a/b"));
+    EXPECT_TRUE(fs::is_directory(dir_ / "a/b"));
     EXPECT_EQ(CFileTools::getTmpFolder("a/b"), dir_.path() + "/a/b/");
     EXPECT_EQ(CFileTools::getTmpFolder("/"), dir_.path() + "/");
 
@@ -238,7 +240,7 @@ TEST_F(FolderTest, GenerateTempFilePathGivesFreshNamesWithoutFiles) {
     for (const std::string& name : {first, second}) {
         EXPECT_EQ(name.rfind("/tmp/file", 0), 0u) << name;
         EXPECT_EQ(name.size(), std::strlen("/tmp/fileXXXXXX")) << name;
-        EXPECT_FALSE(boost::filesystem::exists(name)) << name;
+        EXPECT_FALSE(fs::exists(name)) << name;
     }
     EXPECT_NE(first, second);
     EXPECT_FALSE(CFileTools::DeleteFile(first));

@@ -29,55 +29,51 @@ KibVariantHolder roundTrip(const VARIANT& value) {
 }
 
 // Every value kind the bus carries, nested arrays and both kinds of empty string
-// included.
+// included (the comparison tells a null string from an empty one).
 std::vector<KibVariantHolder> everyKindOfValue() {
-    std::vector<KibVariantHolder> values;
-    values.push_back(KibVariantHolder());
-    values.push_back(scalar(VT_NULL, 0));
-    values.push_back(scalar(VT_I1, static_cast<std::uint8_t>(-5)));
-    values.push_back(scalar(VT_UI1, 250));
-    values.push_back(scalar(VT_I2, static_cast<std::uint16_t>(-30000)));
-    values.push_back(scalar(VT_UI2, 65535));
-    values.push_back(i4(-2147483647 - 1));
-    values.push_back(scalar(VT_UI4, 4294967295u));
-    values.push_back(scalar(VT_I8, 0x8000000000000000ull));
-    values.push_back(scalar(VT_UI8, 0xFFFFFFFFFFFFFFFFull));
     KibVariantHolder r4;
     r4.out()->vt = VT_R4;
     const_cast<VARIANT&>(r4.get()).fltVal = 1.5f;
-    values.push_back(std::move(r4));
-    values.push_back(r8(VT_R8, -0.1));
-    values.push_back(r8(VT_DATE, 46348.416666666664));
-    values.push_back(scalar(VT_BOOL, static_cast<std::uint16_t>(VARIANT_TRUE)));
-    values.push_back(scalar(VT_BOOL, 0));
-    values.push_back(str("text"));
-    values.push_back(str(std::string("a\0b", 3)));
-    values.push_back(str(""));
-    values.push_back(nullStr());
-    values.push_back(typed<std::int8_t>(VT_I1, {-1, 2}));
-    values.push_back(typed<std::uint8_t>(VT_UI1, {0, 255, 7}));
-    values.push_back(typed<std::int16_t>(VT_I2, {-2, 3}));
-    values.push_back(typed<std::uint16_t>(VT_UI2, {65535}));
-    values.push_back(typed<std::int32_t>(VT_I4, {1, -2, 2147483647}));
-    values.push_back(typed<std::uint32_t>(VT_UI4, {4294967295u, 0}));
-    values.push_back(typed<std::int64_t>(VT_I8, {-9, 1ll << 40}));
-    values.push_back(typed<std::uint64_t>(VT_UI8, {~0ull}));
-    values.push_back(typed<float>(VT_R4, {0.25f, -8.0f}));
-    values.push_back(typed<double>(VT_R8, {3.25, 1e300}));
-    values.push_back(typed<double>(VT_DATE, {25569.0, 25569.5}));
-    values.push_back(typed<VARIANT_BOOL>(VT_BOOL, {VARIANT_TRUE, VARIANT_FALSE}));
-    values.push_back(typed<std::int32_t>(VT_I4, {}));
-    values.push_back(typed<std::int32_t>(VT_I4, {4, 5}, 1));
-    values.push_back(strings({"a", "", nullptr}));
-    std::vector<KibVariantHolder> inner;
-    inner.push_back(str("inner"));
-    inner.push_back(typed<std::int32_t>(VT_I4, {7}));
-    std::vector<KibVariantHolder> outer;
-    outer.push_back(i4(1));
-    outer.push_back(variants(std::move(inner)));
-    outer.push_back(nullStr());
-    outer.push_back(KibVariantHolder());
-    values.push_back(variants(std::move(outer)));
+    KibVariantHolder list[] = {
+        KibVariantHolder(),
+        scalar(VT_NULL, 0),
+        scalar(VT_I1, static_cast<std::uint8_t>(-5)),
+        scalar(VT_UI1, 250),
+        scalar(VT_I2, static_cast<std::uint16_t>(-30000)),
+        scalar(VT_UI2, 65535),
+        i4(-2147483647 - 1),
+        scalar(VT_UI4, 4294967295u),
+        scalar(VT_I8, 0x8000000000000000ull),
+        scalar(VT_UI8, 0xFFFFFFFFFFFFFFFFull),
+        std::move(r4),
+        r8(VT_R8, -0.1),
+        r8(VT_DATE, 46348.416666666664),
+        scalar(VT_BOOL, static_cast<std::uint16_t>(VARIANT_TRUE)),
+        scalar(VT_BOOL, 0),
+        str("text"),
+        str(std::string("a\0b", 3)),
+        str(""),
+        nullStr(),
+        typed<std::int8_t>(VT_I1, {-1, 2}),
+        typed<std::uint8_t>(VT_UI1, {0, 255, 7}),
+        typed<std::int16_t>(VT_I2, {-2, 3}),
+        typed<std::uint16_t>(VT_UI2, {65535}),
+        typed<std::int32_t>(VT_I4, {1, -2, 2147483647}),
+        typed<std::uint32_t>(VT_UI4, {4294967295u, 0}),
+        typed<std::int64_t>(VT_I8, {-9, 1ll << 40}),
+        typed<std::uint64_t>(VT_UI8, {~0ull}),
+        typed<float>(VT_R4, {0.25f, -8.0f}),
+        typed<double>(VT_R8, {3.25, 1e300}),
+        typed<double>(VT_DATE, {25569.0, 25569.5}),
+        typed<VARIANT_BOOL>(VT_BOOL, {VARIANT_TRUE, VARIANT_FALSE}),
+        typed<std::int32_t>(VT_I4, {}),
+        typed<std::int32_t>(VT_I4, {4, 5}, 1),
+        strings({"a", "", nullptr}),
+        variants(i4(1), variants(str("inner"), typed<std::int32_t>(VT_I4, {7})), nullStr(),
+                 KibVariantHolder()),
+    };
+    std::vector<KibVariantHolder> values;
+    for (KibVariantHolder& value : list) values.push_back(std::move(value));
     return values;
 }
 
@@ -89,14 +85,6 @@ TEST(KibCodecTest, EveryValueKindSurvivesARoundTrip) {
         const KibVariantHolder back = roundTrip(value.get());
         EXPECT_TRUE(sameValue(value.get(), back.get()));
     }
-}
-
-TEST(KibCodecTest, NullStringStaysDistinctFromEmptyString) {
-    const KibVariantHolder null = roundTrip(nullStr().get());
-    const KibVariantHolder empty = roundTrip(str("").get());
-    EXPECT_EQ(null.get().bstrVal, nullptr);
-    ASSERT_NE(empty.get().bstrVal, nullptr);
-    EXPECT_EQ(SysStringLen(empty.get().bstrVal), 0u);
 }
 
 TEST(KibCodecTest, SmallRequestHasExactBytes) {
@@ -218,9 +206,7 @@ TEST(KibCodecTest, LimitsBindBothDirections) {
 
     KibVariantHolder deep = i4(1);
     for (int i = 0; i < 20; ++i) {
-        std::vector<KibVariantHolder> one;
-        one.push_back(std::move(deep));
-        deep = variants(std::move(one));
+        deep = variants(deep);
     }
     EXPECT_EQ(KibCodec::encodeRequest("A", deep.get(), frame, error), KIB_E_BAD_VALUE);
     EXPECT_EQ(KibCodec::encodeRequest("A", scalar(99, 0).get(), frame, error), KIB_E_BAD_VALUE);

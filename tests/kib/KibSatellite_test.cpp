@@ -3,11 +3,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -19,12 +14,11 @@
 #include <nats/nats.h>
 
 #include "CBBLog.h"
-#include "CRegistry.h"
 #include "KibException.h"
 #include "NatsServer.h"
+#include "NimbTestSupport.h"
 #include "TestValues.h"
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace testvalues;
@@ -94,6 +88,11 @@ public:
         });
     }
 
+    void resetCaller() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        lastCaller_.clear();
+    }
+
     std::string lastCaller() {
         const std::lock_guard<std::mutex> lock(mutex_);
         return lastCaller_;
@@ -122,16 +121,20 @@ protected:
 }  // namespace
 
 TEST_F(KibSatelliteTest, RequestReachesTheServiceAndReturnsItsResult) {
-    std::vector<KibVariantHolder> parts;
-    parts.push_back(str("00:11:22"));
-    parts.push_back(nullStr());
-    parts.push_back(typed<std::int32_t>(VT_I4, {1, 2}));
-    const KibVariantHolder in = variants(std::move(parts));
+    const KibVariantHolder in =
+        variants(str("00:11:22"), nullStr(), typed<std::int32_t>(VT_I4, {1, 2}));
     KibVariantHolder out;
     KibVariantHolder error;
     EXPECT_EQ(client_.Request("Server", "Echo", in.get(), out.out(), KIBFLAG_NONE, error.out()), 7);
     EXPECT_TRUE(sameValue(in.get(), out.get()));
     EXPECT_EQ(error.vt(), VT_EMPTY);
+    EXPECT_EQ(server_.lastCaller(), "Client");
+
+    // A one-way request reaches the handler too.
+    server_.resetCaller();
+    EXPECT_EQ(client_.Request("Server", "Echo", i4(1).get(), nullptr, KIBFLAG_NO_REPLY, nullptr),
+              KIB_OK);
+    for (int i = 0; i < 100 && server_.lastCaller().empty(); ++i) std::this_thread::sleep_for(20ms);
     EXPECT_EQ(server_.lastCaller(), "Client");
 }
 
@@ -159,7 +162,13 @@ TEST_F(KibSatelliteTest, ThrowingHandlersAnswerWithTheirMessageAndKeepServing) {
     EXPECT_FALSE(reply.failed());
 }
 
-TEST_F(KibSatelliteTest, RemovedServiceGivesNoResponders) {
+TEST_F(KibSatelliteTest, RemovedOrUnregisteredServicesGiveNoResponders) {
+    ASSERT_EQ(server_.UnregisterServices(false), KIB_OK);
+    KibReply reply;
+    EXPECT_EQ(client_.Call("Server", "Echo", i4(1).get(), &reply, 5000), KIB_E_NO_RESPONDERS);
+    ASSERT_EQ(server_.RegisterServices(), KIB_OK);
+    EXPECT_EQ(client_.Call("Server", "Echo", i4(1).get(), &reply, 5000), 7);
+
     ASSERT_EQ(server_.RemoveService("Echo"), KIB_OK);
     KibVariantHolder error;
     EXPECT_EQ(client_.Request("Server", "Echo", i4(1).get(), nullptr, KIBFLAG_NONE, error.out()),
@@ -167,21 +176,6 @@ TEST_F(KibSatelliteTest, RemovedServiceGivesNoResponders) {
     ASSERT_EQ(error.vt(), VT_BSTR);
     EXPECT_NE(std::string(error.get().bstrVal).find("no responders"), std::string::npos);
     EXPECT_EQ(server_.RemoveService("Echo"), KIB_E_NO_SUCH_SERVICE);
-}
-
-TEST_F(KibSatelliteTest, UnregisteredServicesComeBackWhenRegisteredAgain) {
-    ASSERT_EQ(server_.UnregisterServices(false), KIB_OK);
-    KibReply reply;
-    EXPECT_EQ(client_.Call("Server", "Echo", i4(1).get(), &reply, 5000), KIB_E_NO_RESPONDERS);
-    ASSERT_EQ(server_.RegisterServices(), KIB_OK);
-    EXPECT_EQ(client_.Call("Server", "Echo", i4(1).get(), &reply, 5000), 7);
-}
-
-TEST_F(KibSatelliteTest, OneWayRequestReachesTheHandler) {
-    EXPECT_EQ(client_.Request("Server", "Echo", i4(1).get(), nullptr, KIBFLAG_NO_REPLY, nullptr),
-              KIB_OK);
-    for (int i = 0; i < 100 && server_.lastCaller().empty(); ++i) std::this_thread::sleep_for(20ms);
-    EXPECT_EQ(server_.lastCaller(), "Client");
 }
 
 TEST_F(KibSatelliteTest, MalformedRequestGetsAnErrorReply) {
@@ -238,16 +232,6 @@ TEST_F(KibSatelliteTest, ManagementErrorsAreReported) {
               KIB_E_NOT_CONNECTED);
 }
 
-TEST(KibSatelliteConnectTest, FirstConnectWithoutServerFailsCleanly) {
-    TestSatellite satellite;
-    const std::string host = "127.0.0.1:" + std::to_string(NatsServer::freePort());
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(satellite.Connect(host.c_str(), "Lonely"), KIB_E_CONNECT_FAILED);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
-    int id = 0;
-    EXPECT_EQ(satellite.GetSatelliteId(&id), KIB_E_NOT_CONNECTED);
-}
-
 TEST(KibSatelliteReconnectTest, ServiceAnswersAgainAfterTheServerReturns) {
     NatsServer nats;
     TestSatellite server;
@@ -271,21 +255,13 @@ TEST(KibSatelliteReconnectTest, ServiceAnswersAgainAfterTheServerReturns) {
 
 TEST(KibSatelliteProcessTest, SatelliteInAnotherProcessAnswers) {
     NatsServer nats;
-    int toParent[2];
-    ASSERT_EQ(::pipe(toParent), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::dup2(toParent[1], STDOUT_FILENO);
-        ::execl(KIB_TEST_PEER, "kib_test_peer", nats.host().c_str(), static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    ::close(toParent[1]);
-    ASSERT_GT(child, 0);
-    // The peer prints "ready" once its service is registered (bounded by its own timeout).
-    char buffer[16] = {};
-    const ssize_t got = ::read(toParent[0], buffer, sizeof buffer - 1);
-    ::close(toParent[0]);
-    EXPECT_GT(got, 0);
+    nimbtest::TempDir scratch;
+    const std::string output = scratch / "peer.out";
+    const pid_t child = nimbtest::spawnChild({KIB_TEST_PEER, nats.host()}, {}, output);
+    // The peer prints "ready" once its service is registered.
+    EXPECT_TRUE(nimbtest::waitUntil(
+        [&] { return nimbtest::readFile(output).find("ready\n") != std::string::npos; },
+        std::chrono::seconds(15)));
 
     TestSatellite client;
     ASSERT_EQ(client.Connect(nats.host().c_str(), "Client"), KIB_OK);
@@ -296,39 +272,29 @@ TEST(KibSatelliteProcessTest, SatelliteInAnotherProcessAnswers) {
     ASSERT_EQ(reply.value.vt(), VT_BSTR);
     EXPECT_STREQ(reply.value.get().bstrVal, "Client");
     ::kill(child, SIGTERM);
-    int wstatus = 0;
-    ::waitpid(child, &wstatus, 0);
+    EXPECT_EQ(nimbtest::waitChild(child, output).exitCode(), 0);
 }
 
-TEST(KibSatelliteLogTest, DiagnosticsGoToTheGivenLogger) {
-    char root[] = "/tmp/kib-log-test-XXXXXX";
-    ASSERT_NE(::mkdtemp(root), nullptr);
-    const std::string saved = std::getenv("XDG_CONFIG_HOME") ? std::getenv("XDG_CONFIG_HOME") : "";
-    setenv("XDG_CONFIG_HOME", (std::string(root) + "/config").c_str(), 1);
-    const std::string logs = std::string(root) + "/logs";
-    ASSERT_TRUE(
-        CRegistry::getInstance()->WriteSettingImpl("Software\\Pellix\\Nimb", "LogsDir", logs));
+using KibSatelliteLogTest = nimbtest::ConfigHomeTest;
 
+TEST_F(KibSatelliteLogTest, FirstConnectWithoutServerFailsCleanlyAndSaysWhy) {
+    setSuiteSetting("LogsDir", dir_ / "logs");
     auto log = boost::make_shared<CBBLog>("KibTest.log", false, 524288);
     KibSatellite::setLogger(log);
     const std::string port = std::to_string(NatsServer::freePort());
     {
         TestSatellite satellite;
+        const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(satellite.Connect(("127.0.0.1:" + port).c_str(), "Lonely"), KIB_E_CONNECT_FAILED);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+        int id = 0;
+        EXPECT_EQ(satellite.GetSatelliteId(&id), KIB_E_NOT_CONNECTED);
     }
     KibSatellite::setLogger(boost::shared_ptr<CBBLog>());
     log.reset();  // drains the queue into the file
 
-    std::ifstream file(logs + "/KibTest.log");
-    const std::string text((std::istreambuf_iterator<char>(file)),
-                           std::istreambuf_iterator<char>());
+    const std::string text = nimbtest::readFile(dir_ / "logs/KibTest.log");
     EXPECT_NE(text.find("[ERROR] - Cannot connect to the bus directory nats://127.0.0.1:" + port),
               std::string::npos)
         << text;
-    if (saved.empty()) {
-        unsetenv("XDG_CONFIG_HOME");
-    } else {
-        setenv("XDG_CONFIG_HOME", saved.c_str(), 1);
-    }
-    std::filesystem::remove_all(root);
 }

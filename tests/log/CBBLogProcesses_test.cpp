@@ -11,11 +11,6 @@
 
 #include "CBBLog.h"
 #include "LogTestSupport.h"
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-
-extern char** environ;
 
 namespace {
 
@@ -34,31 +29,15 @@ protected:
         const std::string startFile = root() + "/start-" + name;
         std::vector<pid_t> children;
         for (const std::string& tag : tags) {
-            const std::string limitText = std::to_string(limit);
-            const std::string countText = std::to_string(kLinesPerProcess);
-            const char* argv[] = {
-                LOG_TEST_HELPER,   name.c_str(), limitText.c_str(), countText.c_str(), tag.c_str(),
-                startFile.c_str(), nullptr};
-            pid_t child = -1;
-            ASSERT_EQ(posix_spawn(&child, LOG_TEST_HELPER, nullptr, nullptr,
-                                  const_cast<char* const*>(argv), environ),
-                      0);
-            children.push_back(child);
-            pids_[tag] = child;
+            children.push_back(
+                nimbtest::spawnChild({LOG_TEST_HELPER, name, std::to_string(limit),
+                                      std::to_string(kLinesPerProcess), tag, startFile},
+                                     {}, root() + "/helper.out"));
+            pids_[tag] = children.back();
         }
         logtest::writeFile(startFile, "go");
         for (pid_t child : children) {
-            int status = -1;
-            bool exited = false;
-            for (int i = 0; i < 60000 && !exited; ++i) {
-                exited = waitpid(child, &status, WNOHANG) == child;
-                if (!exited) usleep(1000);
-            }
-            if (!exited) {
-                kill(child, SIGKILL);
-                waitpid(child, &status, 0);
-            }
-            EXPECT_TRUE(exited && WIFEXITED(status) && WEXITSTATUS(status) == 0);
+            EXPECT_EQ(nimbtest::waitChild(child, root() + "/helper.out").exitCode(), 0);
         }
     }
 

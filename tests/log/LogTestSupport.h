@@ -5,68 +5,28 @@
 // small file helpers. Used on the test's main thread only.
 #pragma once
 
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <optional>
-#include <sstream>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "CBBLog.h"
-#include "CRegistry.h"
+#include "NimbTestSupport.h"
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace logtest {
 
-inline const char* const kSuiteKey = "Software\\Pellix\\Nimb";
+using nimbtest::linesOf;
+using nimbtest::readFile;
+using nimbtest::waitUntil;
+using nimbtest::writeFile;
 
-inline std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream content;
-    content << in.rdbuf();
-    return content.str();
-}
-
-inline void writeFile(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << bytes;
-}
-
-// The lines of `text`, without their newlines; a last line without one is kept.
-inline std::vector<std::string> linesOf(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
-// Polls `done` every millisecond for at most five seconds.
-inline bool waitUntil(const std::function<bool()>& done) {
-    for (int i = 0; i < 5000; ++i) {
-        if (done()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return done();
-}
-
-class LogTest : public ::testing::Test {
+class LogTest : public nimbtest::ConfigHomeTest {
 protected:
     void SetUp() override {
-        std::string pattern = (std::filesystem::temp_directory_path() / "log_test.XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        root_ = pattern;
-        std::filesystem::create_directory(root_ + "/config");
-        if (const char* old = std::getenv("XDG_CONFIG_HOME")) savedConfigHome_ = old;
-        setenv("XDG_CONFIG_HOME", (root_ + "/config").c_str(), 1);
-        ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(kSuiteKey, "LogsDir", logsDir()));
+        ConfigHomeTest::SetUp();
+        writeLogsDirSetting(logsDir());
         startCapture();
     }
 
@@ -79,25 +39,15 @@ protected:
             fprintf(stdout, "---- captured standard output (end) ----\n%s\n",
                     output.substr(from).c_str());
         }
-        if (savedConfigHome_) {
-            setenv("XDG_CONFIG_HOME", savedConfigHome_->c_str(), 1);
-        } else {
-            unsetenv("XDG_CONFIG_HOME");
-        }
-        std::error_code ignored;
-        std::filesystem::remove_all(root_, ignored);
+        ConfigHomeTest::TearDown();
     }
 
-    const std::string& root() const { return root_; }
-    std::string logsDir() const { return root_ + "/logs"; }
+    const std::string& root() const { return dir_.path(); }
+    std::string logsDir() const { return dir_ / "logs"; }
     std::string logFile(const std::string& name) const { return logsDir() + "/" + name; }
 
-    void writeLevelSetting(int value) {
-        ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(kSuiteKey, "LogLevel", value));
-    }
-    void writeLogsDirSetting(const std::string& dir) {
-        ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(kSuiteKey, "LogsDir", dir));
-    }
+    static void writeLevelSetting(int value) { setSuiteSetting("LogLevel", value); }
+    static void writeLogsDirSetting(const std::string& dir) { setSuiteSetting("LogsDir", dir); }
 
     // What was written to standard output since the test began.
     std::string capturedStdout() const {
@@ -106,7 +56,7 @@ protected:
     }
 
 private:
-    std::string captureFile() const { return root_ + "/stdout.txt"; }
+    std::string captureFile() const { return dir_ / "stdout.txt"; }
 
     void startCapture() {
         fflush(stdout);
@@ -127,8 +77,6 @@ private:
         return output;
     }
 
-    std::string root_;
-    std::optional<std::string> savedConfigHome_;
     int savedStdout_ = -1;
 };
 

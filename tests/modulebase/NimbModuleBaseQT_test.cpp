@@ -2,9 +2,9 @@
 // The module host, run as a child program with a test module: start-up, the signals
 // that end it in order, SIGPIPE, a failing init and a failing socket pair.
 
+#include <algorithm>
 #include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -18,58 +18,41 @@ namespace {
 using namespace crashtest;
 using Steps = std::vector<std::string>;
 
-class ModuleHostTest : public ::testing::Test {
+// Each test has its own folder and settings home; the children inherit the home.
+class ModuleHostTest : public ConfigHomeTest {
 protected:
-    // The settings store's home is fixed for the program (the store is a singleton);
-    // the children inherit it.
-    static void SetUpTestSuite() {
-        home_ = new TempFolder();
-        setenv("XDG_CONFIG_HOME", home_->path().c_str(), 1);
-    }
-    static void TearDownTestSuite() {
-        delete home_;
-        home_ = nullptr;
-    }
-
     void SetUp() override {
-        ASSERT_FALSE(root_.path().empty());
+        ConfigHomeTest::SetUp();
         fs::create_directories(logs());
-        fs::create_directories(root_.path() / "dumps");
+        fs::create_directories(root() / "dumps");
         auto registry = CRegistry::getInstance();
-        registry->WriteSettingImpl("Software\\Pellix\\Nimb", "LogsDir", logs().string());
-        registry->WriteSettingImpl("Software\\Pellix\\Nimb", "LogLevel", 4);
-        registry->WriteSettingImpl("Software\\Pellix\\Nimb", "InstallDir", "");
+        registry->WriteSettingImpl(kSuiteKey, "LogsDir", logs().string());
+        registry->WriteSettingImpl(kSuiteKey, "LogLevel", 4);
+        registry->WriteSettingImpl(kSuiteKey, "InstallDir", "");
     }
 
-    fs::path logs() const { return root_.path() / "logs"; }
-    fs::path recordFile() const { return root_.path() / "steps.txt"; }
-    fs::path outputFile() const { return root_.path() / "output.txt"; }
+    fs::path logs() const { return root() / "logs"; }
+    fs::path recordFile() const { return root() / "steps.txt"; }
+    fs::path outputFile() const { return root() / "output.txt"; }
     Steps steps() const { return readLines(recordFile()); }
 
     pid_t start(const std::string& mode, const char* program = TEST_MODULE) {
         return spawnChild({program, mode, recordFile().string()},
-                          {{"TMPDIR", (root_.path() / "dumps").string()}}, outputFile());
+                          {{"TMPDIR", (root() / "dumps").string()}}, outputFile());
     }
 
     // Waits (boundedly) until the module recorded `step`.
     bool waitForStep(const std::string& step) const {
-        for (int i = 0; i < 1000; ++i) {
-            for (const std::string& line : steps())
-                if (line == step) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
+        return waitUntil(
+            [&] {
+                const Steps seen = steps();
+                return std::find(seen.begin(), seen.end(), step) != seen.end();
+            },
+            std::chrono::seconds(10));
     }
 
-    static bool exitedWithZero(const ChildResult& child) {
-        return child.finished && WIFEXITED(child.status) && WEXITSTATUS(child.status) == 0;
-    }
-
-    TempFolder root_;
-    static TempFolder* home_;
+    fs::path root() const { return dir_.path(); }
 };
-
-TempFolder* ModuleHostTest::home_ = nullptr;
 
 TEST_F(ModuleHostTest, EachEndSignalClosesTheModuleBeforeItIsDestroyed) {
     for (int signalNumber : {SIGTERM, SIGINT, SIGHUP}) {
@@ -79,7 +62,7 @@ TEST_F(ModuleHostTest, EachEndSignalClosesTheModuleBeforeItIsDestroyed) {
         ASSERT_TRUE(waitForStep("running"));
         kill(pid, signalNumber);
         const ChildResult child = waitChild(pid, outputFile());
-        EXPECT_TRUE(exitedWithZero(child)) << child.status << "\n" << child.output;
+        EXPECT_EQ(child.exitCode(), 0) << child.status << "\n" << child.output;
         EXPECT_EQ(steps(), (Steps{"create", "init 3", "running", "abort", "close", "destroyed"}));
     }
     // The module's own log, named after the module, saw it start and end.
@@ -94,7 +77,7 @@ TEST_F(ModuleHostTest, TwoQuickSignalsStillEndInOrder) {
     kill(pid, SIGTERM);
     kill(pid, SIGHUP);
     const ChildResult child = waitChild(pid, outputFile());
-    EXPECT_TRUE(exitedWithZero(child)) << child.output;
+    EXPECT_EQ(child.exitCode(), 0) << child.output;
     Steps seen = steps();
     ASSERT_GE(seen.size(), 2u);
     EXPECT_EQ(Steps(seen.end() - 2, seen.end()), (Steps{"close", "destroyed"}));
@@ -108,33 +91,33 @@ TEST_F(ModuleHostTest, SigpipeDoesNotEndTheProcess) {
     ASSERT_TRUE(waitForStep("running"));
     kill(pid, SIGTERM);
     const ChildResult child = waitChild(pid, outputFile());
-    EXPECT_TRUE(exitedWithZero(child)) << child.output;
+    EXPECT_EQ(child.exitCode(), 0) << child.output;
     EXPECT_TRUE(waitForStep("close"));
 }
 
 TEST_F(ModuleHostTest, FailingInitSkipsTheEventLoopAndExitsZero) {
     const ChildResult child = waitChild(start("fail-init"), outputFile());
-    EXPECT_TRUE(exitedWithZero(child)) << child.output;
+    EXPECT_EQ(child.exitCode(), 0) << child.output;
     EXPECT_EQ(steps(), (Steps{"create", "init 3", "destroyed"}));
 }
 
 #ifdef GUI_TEST_MODULE
 TEST_F(ModuleHostTest, OnlyAModuleThatAsksForItGetsAGuiApplicationAndThePluginPath) {
     // The install folder as set holds "..": the plug-in path is the cleaned bin folder.
-    fs::create_directories(root_.path() / "suite" / "bin");
-    CRegistry::getInstance()->WriteSettingImpl("Software\\Pellix\\Nimb", "InstallDir",
-                                               (root_.path() / "other/../suite").string());
-    const std::string pluginPath = "libpath " + (root_.path() / "suite" / "bin").string();
+    fs::create_directories(root() / "suite" / "bin");
+    CRegistry::getInstance()->WriteSettingImpl(kSuiteKey, "InstallDir",
+                                               (root() / "other/../suite").string());
+    const std::string pluginPath = "libpath " + (root() / "suite" / "bin").string();
 
     ChildResult child = waitChild(start("describe"), outputFile());
-    EXPECT_TRUE(exitedWithZero(child)) << child.output;
+    EXPECT_EQ(child.exitCode(), 0) << child.output;
     Steps seen = steps();
     EXPECT_EQ(std::count(seen.begin(), seen.end(), "application QCoreApplication"), 1);
     EXPECT_EQ(std::count(seen.begin(), seen.end(), pluginPath), 0);
 
     fs::remove(recordFile());
     child = waitChild(start("describe", GUI_TEST_MODULE), outputFile());
-    EXPECT_TRUE(exitedWithZero(child)) << child.output;
+    EXPECT_EQ(child.exitCode(), 0) << child.output;
     seen = steps();
     EXPECT_EQ(std::count(seen.begin(), seen.end(), "application QApplication"), 1);
     EXPECT_EQ(std::count(seen.begin(), seen.end(), pluginPath), 1);

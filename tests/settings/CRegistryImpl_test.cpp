@@ -39,7 +39,10 @@ protected:
     CRegistryImpl registry_;
 };
 
-TEST(CRegistryImplCreateKey, MapsKeyPathsToDomains) {
+TEST(CRegistryImplCreateKey, OneSharedInstanceMapsKeyPathsToDomains) {
+    boost::shared_ptr<CRegistry> shared = CRegistry::getInstance();
+    EXPECT_NE(dynamic_cast<CRegistryImpl*>(shared.get()), nullptr);
+    EXPECT_EQ(shared.get(), CRegistry::getInstance().get());
     CRegistryImpl registry;
     EXPECT_EQ(registry.createKey(kConfig), "com.pellix.nimb.config");
     EXPECT_EQ(registry.createKey("SOFTWARE\\PELLIX\\NIMB"), "com.pellix.nimb");
@@ -70,7 +73,7 @@ TEST_F(CRegistryImplTest, ValuesReadBackWithTheirTypesInAnotherProcess) {
     EXPECT_EQ(runHelper({"read-int", kSuite, "Missing"}).first, 1);
 }
 
-TEST_F(CRegistryImplTest, MissingValuesLeaveTheOutputUntouched) {
+TEST_F(CRegistryImplTest, MissingValuesLeaveTheOutputAndBooleansTakeTheKeyAsDomain) {
     ASSERT_TRUE(registry_.WriteSettingImpl(kSuite, "Other", 1));
     int level = 42;
     CStdStr host("default");
@@ -81,14 +84,11 @@ TEST_F(CRegistryImplTest, MissingValuesLeaveTheOutputUntouched) {
     EXPECT_EQ(level, 42);
     EXPECT_EQ(host, "default");
     EXPECT_TRUE(flag);
-}
 
-TEST_F(CRegistryImplTest, BooleanReadTakesTheKeyAsTheDomainName) {
-    ASSERT_TRUE(CSettingsDomain(kSuite).setValue("Flag", QVariant(true)));
-    ASSERT_TRUE(CSettingsDomain("com.pellix.nimb").setValue("Other", QVariant(true)));
-    bool flag = false;
+    // A boolean is read from the domain named by the key as given.
+    ASSERT_TRUE(CSettingsDomain(kSuite).setValue("Flag", QVariant(false)));
     EXPECT_TRUE(registry_.ReadSettingImpl(kSuite, "Flag", flag));
-    EXPECT_TRUE(flag);
+    EXPECT_FALSE(flag);
     EXPECT_FALSE(registry_.ReadSettingImpl(kSuite, "Other", flag));
     EXPECT_TRUE(QFile::exists(QDir(homePath()).filePath("pellix/Software\\Pellix\\Nimb.json")));
 }

@@ -1,36 +1,21 @@
 // SPDX-License-Identifier: MIT
-// Test support for the settings store: a fixture that points XDG_CONFIG_HOME at a
-// fresh temporary folder for the length of one test, with helpers for the raw files.
+// Test support for the settings store: the shared fixture that gives each test its own
+// settings home (XDG_CONFIG_HOME), with helpers for the raw store files.
 #pragma once
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QTemporaryDir>
-#include <cstdlib>
-#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "CSettingsDomain.h"
+#include "NimbTestSupport.h"
 
-class TempConfigHome : public ::testing::Test {
+class TempConfigHome : public nimbtest::ConfigHomeTest {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(home_.isValid());
-        if (const char* old = std::getenv("XDG_CONFIG_HOME")) saved_ = std::string(old);
-        setenv("XDG_CONFIG_HOME", home_.path().toUtf8().constData(), 1);
-    }
-    void TearDown() override {
-        if (saved_) {
-            setenv("XDG_CONFIG_HOME", saved_->c_str(), 1);
-        } else {
-            unsetenv("XDG_CONFIG_HOME");
-        }
-    }
-
-    QString homePath() const { return home_.path(); }
+    QString homePath() const { return QString::fromStdString(dir_ / "config"); }
     static QString storeFile(const char* domain) {
         return CSettingsDomain(domain).filePath().toQString();
     }
@@ -49,8 +34,4 @@ protected:
         QFile blocker(QDir(homePath()).filePath("pellix"));
         ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
     }
-
-private:
-    QTemporaryDir home_;
-    std::optional<std::string> saved_;
 };

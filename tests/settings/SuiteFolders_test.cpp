@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include "CRegistry.h"
 #include "SettingsTestSupport.h"
 
 namespace {
@@ -13,12 +12,11 @@ using CSuiteFoldersTest = TempConfigHome;
 TEST_F(CSuiteFoldersTest, SettingsOverrideTheDefaultsUnlessEmpty) {
     EXPECT_EQ(CSuiteFolders::logsDirectory(), "/var/log/pellix");
     EXPECT_EQ(CSuiteFolders::dataDirectory(), "/var/lib/pellix");
-    auto registry = CRegistry::getInstance();
-    ASSERT_TRUE(registry->WriteSettingImpl("Software\\Pellix\\Nimb", "LogsDir", CStdStr("/l/x/")));
-    ASSERT_TRUE(registry->WriteSettingImpl("Software\\Pellix\\Nimb", "DataDir", CStdStr("/d")));
+    setSuiteSetting("LogsDir", "/l/x/");
+    setSuiteSetting("DataDir", "/d");
     EXPECT_EQ(CSuiteFolders::logsDirectory(), "/l/x");
     EXPECT_EQ(CSuiteFolders::dataDirectory(), "/d");
-    ASSERT_TRUE(registry->WriteSettingImpl("Software\\Pellix\\Nimb", "LogsDir", CStdStr()));
+    setSuiteSetting("LogsDir", "");
     EXPECT_EQ(CSuiteFolders::logsDirectory(), "/var/log/pellix");
 }
 

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "NimbTestSupport.h"
 #include "PCondMutex.h"
 
 namespace {
@@ -35,15 +36,6 @@ private:
     std::atomic<bool>* ran_;
 };
 
-template <class Pred>
-bool waitFor(Pred pred) {
-    for (int i = 0; i < 5000; ++i) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return pred();
-}
-
 struct Target {
     std::atomic<int> calls{0};
     void* arg = nullptr;
@@ -70,7 +62,7 @@ TEST(PThread, ConstructorReturnsOnlyAfterTheThreadBegan) {
         PThread thread(CountingDelegate(&release, &ran), nullptr, "nimb-test");
         // started was set under the handshake before the constructor returned; the
         // delegate runs right after it.
-        EXPECT_TRUE(waitFor([&] { return ran.load(); }));
+        EXPECT_TRUE(nimbtest::waitUntil([&] { return ran.load(); }));
         release = true;
         thread.join();
         EXPECT_TRUE(thread.isReleased());
@@ -82,30 +74,25 @@ TEST(PThread, DestroyingAJoinableThreadLeavesItRunningAndFreesItsDelegateAtTheEn
     std::atomic<bool> release{false}, ran{false};
     { PThread thread(CountingDelegate(&release, &ran), nullptr); }
     // The object is gone; the thread still runs with its own copy of the delegate.
-    EXPECT_TRUE(waitFor([&] { return ran.load(); }));
+    EXPECT_TRUE(nimbtest::waitUntil([&] { return ran.load(); }));
     EXPECT_EQ(g_liveDelegates.load(), 1);
     release = true;
-    EXPECT_TRUE(waitFor([] { return g_liveDelegates.load() == 0; }));
+    EXPECT_TRUE(nimbtest::waitUntil([] { return g_liveDelegates.load() == 0; }));
 }
 
-TEST(PThread, MemberDelegateDispatchesVirtuallyAndPassesTheArgument) {
+TEST(PThread, MemberAndFunctionDelegatesRunWithTheArgument) {
     DerivedTarget target;
     int value = 7;
-    PThread thread(PThreadDelegateMember<Target>(&target, &Target::run), &value);
-    thread.join();
-    EXPECT_EQ(target.calls.load(), 10);
+    PThread member(PThreadDelegateMember<Target>(&target, &Target::run), &value);
+    member.join();
+    EXPECT_EQ(target.calls.load(), 10);  // dispatched virtually
     EXPECT_EQ(target.arg, &value);
-}
 
-TEST(PThread, FunctionDelegateRuns) {
-    static std::atomic<int> hits{0};
-    PThread thread(PThreadDelegateFunction([](void*) -> void* {
-                       ++hits;
-                       return nullptr;
-                   }),
-                   nullptr);
-    thread.join();
-    EXPECT_EQ(hits.load(), 1);
+    static std::atomic<void*> seen{nullptr};
+    PThread function(PThreadDelegateFunction([](void* arg) -> void* { return seen = arg; }),
+                     &value);
+    function.join();
+    EXPECT_EQ(seen.load(), &value);
 }
 
 TEST(PThread, CreateFailureThrowsWithTheCodeAndStartsNothing) {
@@ -127,16 +114,12 @@ TEST(PCondMutex, BroadcastWakesEveryWaiter) {
     PCondMutex cond;
     bool go = false;
     std::atomic<int> woken{0};
-    std::thread a([&] {
+    auto waiter = [&] {
         PMutexLocker lock(cond);
         while (!go) cond.wait();
         ++woken;
-    });
-    std::thread b([&] {
-        PMutexLocker lock(cond);
-        while (!go) cond.wait();
-        ++woken;
-    });
+    };
+    std::thread a(waiter), b(waiter);
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     {
         PMutexLocker lock(cond);

@@ -8,22 +8,11 @@
 
 #include <gtest/gtest.h>
 
+#include "TestValues.h"
+
 namespace {
 
-KibVariantHolder stringArray(std::initializer_list<const char*> texts) {
-    KibVariantHolder holder;
-    VARIANT* v = holder.out();
-    v->parray = SafeArrayCreateVector(VT_BSTR, 0, static_cast<std::uint32_t>(texts.size()));
-    v->vt = VT_ARRAY | VT_BSTR;
-    std::int32_t i = 0;
-    for (const char* text : texts) {
-        BSTR s = SysAllocString(text);
-        EXPECT_EQ(SafeArrayPutElement(v->parray, &i, s), S_OK);
-        SysFreeString(s);
-        ++i;
-    }
-    return holder;
-}
+using testvalues::strings;
 
 std::string element(const VARIANT& v, std::int32_t i) {
     BSTR s = nullptr;
@@ -36,7 +25,7 @@ std::string element(const VARIANT& v, std::int32_t i) {
 }  // namespace
 
 TEST(KibVariantHolder, MovesOwnershipAndCopiesOnlyOnRequest) {
-    KibVariantHolder a = stringArray({"one", "two"});
+    KibVariantHolder a = strings({"one", "two"});
     KibVariantHolder b = std::move(a);
     EXPECT_EQ(a.vt(), VT_EMPTY);  // NOLINT(bugprone-use-after-move): moved-from is empty
     EXPECT_EQ(b.vt(), VT_ARRAY | VT_BSTR);
@@ -44,7 +33,7 @@ TEST(KibVariantHolder, MovesOwnershipAndCopiesOnlyOnRequest) {
     KibVariantHolder copy;
     ASSERT_EQ(b.deepCopy(copy), S_OK);
     EXPECT_NE(copy.get().parray, b.get().parray);
-    b = stringArray({"three"});  // the old array is released
+    b = strings({"three"});  // the old array is released
     EXPECT_EQ(element(copy.get(), 1), "two");
     EXPECT_EQ(element(b.get(), 0), "three");
 }

@@ -7,8 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include "TestValues.h"
 #include "VUtil.h"
+#include "ValueTestSupport.h"
 
 using namespace testvalue;
 

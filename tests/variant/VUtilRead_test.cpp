@@ -6,83 +6,37 @@
 
 #include <gtest/gtest.h>
 
-#include "TestValues.h"
 #include "VUtil.h"
+#include "ValueTestSupport.h"
 
 using namespace testvalue;
+
+// The message of reading element 0 of `v` into a T.
+template <typename T>
+std::string readMessage(const tagVARIANT& v) {
+    return thrownMessage([&] {
+        T out{};
+        VUtil::GetElement(v, 0, out);
+    });
+}
 
 TEST(VUtilGetElement, EachOverloadNamesItsArrayType) {
     // An array of bytes matches none of the overloads.
     const KibVariantHolder bytes = typed<std::uint8_t>(VT_UI1, {1});
     const tagVARIANT& v = bytes.get();
-    const struct {
-        std::function<void()> read;
-        const char* message;
-    } cases[] = {
-        {[&] {
-             tagVARIANT o{};
-             VUtil::GetElement(v, 0, o);
-         },
-         "Variant passed to VUtil::GetElement is not a variant array"},
-        {[&] {
-             CStdStr o;
-             VUtil::GetElement(v, 0, o);
-         },
-         "Variant passed to VUtil::GetElement is not a string array"},
-        {[&] {
-             long o;
-             VUtil::GetElement(v, 0, o);
-         },
-         "Variant passed to VUtil::GetElement is not a long array"},
-        {[&] {
-             int o;
-             VUtil::GetElement(v, 0, o);
-         },
-         "Variant passed to VUtil::GetElement is not an int array"},
-        {[&] {
-             short o;
-             VUtil::GetElement(v, 0, o);
-         },
-         "Variant passed to VUtil::GetElement is not a short array"},
-        {[&] {
-             unsigned short o;
-             VUtil::GetElement(v, 0, o);
-         },
-         "Variant passed to VUtil::GetElement is not a unsigned short array"},
-        {[&] {
-             unsigned long o;
-             VUtil::GetElement(v, 0, o);
-         },
-         "Variant passed to VUtil::GetElement is not a unsigned long array"},
-        {[&] {
-             long long o;
-             VUtil::GetElement(v, 0, o);
-         },
-         "Variant passed to VUtil::GetElement is not a int64 array"},
-        {[&] {
-             unsigned long long o;
-             VUtil::GetElement(v, 0, o);
-         },
-         "Variant passed to VUtil::GetElement is not a unsigned int64 array"},
-        {[&] {
-             float o;
-             VUtil::GetElement(v, 0, o);
-         },
-         "Variant passed to VUtil::GetElement is not a float array"},
-        {[&] {
-             double o;
-             VUtil::GetElement(v, 0, o);
-         },
-         "Variant passed to VUtil::GetElement is not a double array"},
-        {[&] {
-             bool o;
-             VUtil::GetElement(v, 0, o);
-         },
-         "Variant passed to VUtil::GetElement is not a short array"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(thrownMessage(c.read), c.message);
-    }
+    const std::string prefix = "Variant passed to VUtil::GetElement is not ";
+    EXPECT_EQ(readMessage<tagVARIANT>(v), prefix + "a variant array");
+    EXPECT_EQ(readMessage<CStdStr>(v), prefix + "a string array");
+    EXPECT_EQ(readMessage<long>(v), prefix + "a long array");
+    EXPECT_EQ(readMessage<int>(v), prefix + "an int array");
+    EXPECT_EQ(readMessage<short>(v), prefix + "a short array");
+    EXPECT_EQ(readMessage<unsigned short>(v), prefix + "a unsigned short array");
+    EXPECT_EQ(readMessage<unsigned long>(v), prefix + "a unsigned long array");
+    EXPECT_EQ(readMessage<long long>(v), prefix + "a int64 array");
+    EXPECT_EQ(readMessage<unsigned long long>(v), prefix + "a unsigned int64 array");
+    EXPECT_EQ(readMessage<float>(v), prefix + "a float array");
+    EXPECT_EQ(readMessage<double>(v), prefix + "a double array");
+    EXPECT_EQ(readMessage<bool>(v), prefix + "a short array");
 }
 
 TEST(VUtilGetElement, ReadsThirtyTwoBitElementsIntoLongs) {
@@ -110,19 +64,14 @@ TEST(VUtilGetElement, ReadsThirtyTwoBitElementsIntoLongs) {
 TEST(VUtilGetElement, BadIndexFailsTheRead) {
     const KibVariantHolder numbers = typed<std::int32_t>(VT_I4, {1, 2});
     for (int index : {-1, 2}) {
-        EXPECT_EQ(thrownMessage([&] {
-                      int o = 0;
-                      VUtil::GetElement(numbers.get(), index, o);
-                  }),
+        int o = 0;
+        EXPECT_EQ(thrownMessage([&] { VUtil::GetElement(numbers.get(), index, o); }),
                   "SafeArrayGetElement failed in VUtil::GetElement");
     }
     // A type code that does not match the array it carries is not read.
     const KibVariantHolder mismatched =
         make(VT_ARRAY | VT_I4, [](VARIANT& v) { v.parray = SafeArrayCreateVector(VT_I2, 0, 1); });
-    EXPECT_EQ(thrownMessage([&] {
-                  int o = 0;
-                  VUtil::GetElement(mismatched.get(), 0, o);
-              }),
+    EXPECT_EQ(readMessage<int>(mismatched.get()),
               "SafeArrayGetElement failed in VUtil::GetElement");
 }
 

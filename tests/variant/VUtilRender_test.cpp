@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include "TestValues.h"
 #include "VUtil.h"
+#include "ValueTestSupport.h"
 
 using namespace testvalue;
 
@@ -24,9 +24,7 @@ std::string friendly(const KibVariantHolder& v) {
     return out;
 }
 
-KibVariantHolder date(double d) {
-    return make(VT_DATE, [d](VARIANT& v) { v.date = d; });
-}
+KibVariantHolder date(double d) { return r8(VT_DATE, d); }
 
 }  // namespace
 
@@ -37,22 +35,20 @@ TEST(VUtilRender, XmlScalars) {
     } cases[] = {
         {KibVariantHolder(), "<var vt=\"VT_EMPTY\" />\n"},
         {scalar(VT_NULL), "<var vt=\"VT_NULL\" />\n"},
-        {make(VT_I1, [](VARIANT& v) { v.cVal = -3; }), "<var vt=\"VT_I1\">-3</var>\n"},
-        {make(VT_UI1, [](VARIANT& v) { v.bVal = 200; }), "<var vt=\"VT_UI1\">200</var>\n"},
+        {scalar(VT_I1, 0xFD), "<var vt=\"VT_I1\">-3</var>\n"},
+        {scalar(VT_UI1, 200), "<var vt=\"VT_UI1\">200</var>\n"},
         {make(VT_I2, [](VARIANT& v) { v.iVal = -2; }), "<var vt=\"VT_I2\">-2</var>\n"},
-        {make(VT_UI2, [](VARIANT& v) { v.uiVal = 65535; }), "<var vt=\"VT_UI2\">65535</var>\n"},
+        {scalar(VT_UI2, 65535), "<var vt=\"VT_UI2\">65535</var>\n"},
         {i4(-7), "<var vt=\"VT_I4\">-7</var>\n"},
-        {make(VT_UI4, [](VARIANT& v) { v.ulVal = 4294967295u; }),
-         "<var vt=\"VT_UI4\">4294967295</var>\n"},
-        {make(VT_I8, [](VARIANT& v) { v.llVal = -5000000000; }),
+        {scalar(VT_UI4, 4294967295u), "<var vt=\"VT_UI4\">4294967295</var>\n"},
+        {scalar(VT_I8, static_cast<std::uint64_t>(-5000000000)),
          "<var vt=\"VT_I8\">-5000000000</var>\n"},
         {make(VT_R4, [](VARIANT& v) { v.fltVal = 1.5f; }), "<var vt=\"VT_R4\">1.500000</var>\n"},
-        {make(VT_R8, [](VARIANT& v) { v.dblVal = -0.25; }), "<var vt=\"VT_R8\">-0.250000</var>\n"},
+        {r8(VT_R8, -0.25), "<var vt=\"VT_R8\">-0.250000</var>\n"},
         {str("a<b&\"c\""), "<var vt=\"VT_BSTR\">a&lt;b&amp;&quot;c&quot;</var>\n"},
         {str("it's >"), "<var vt=\"VT_BSTR\">it&apos;s &gt;</var>\n"},
-        {make(VT_BOOL, [](VARIANT& v) { v.boolVal = VARIANT_TRUE; }),
-         "<var vt=\"VT_BOOL\">TRUE</var>\n"},
-        {make(VT_BOOL, [](VARIANT& v) { v.boolVal = 0; }), "<var vt=\"VT_BOOL\">FALSE</var>\n"},
+        {scalar(VT_BOOL, 0xFFFF), "<var vt=\"VT_BOOL\">TRUE</var>\n"},
+        {scalar(VT_BOOL, 0), "<var vt=\"VT_BOOL\">FALSE</var>\n"},
         {date(25569.5), "<var vt=\"VT_DATE\">1970-01-01 12:00:00</var>\n"},
         {scalar(VT_VARIANT), "<var vt=\"12 (unknown)\" />\n"},
     };
@@ -115,13 +111,13 @@ TEST(VUtilRender, FriendlyForm) {
     } cases[] = {
         {KibVariantHolder(), "(empty)"},
         {scalar(VT_NULL), "(null)"},
-        {make(VT_BOOL, [](VARIANT& v) { v.boolVal = VARIANT_TRUE; }), "true"},
-        {make(VT_BOOL, [](VARIANT& v) { v.boolVal = 0; }), "false"},
+        {scalar(VT_BOOL, 0xFFFF), "true"},
+        {scalar(VT_BOOL, 0), "false"},
         {date(25570.0), "(date)1970-01-02 00:00:00"},
         {i4(-1), "-1"},
-        {make(VT_UI4, [](VARIANT& v) { v.ulVal = 7; }), "7"},
-        {make(VT_UI8, [](VARIANT& v) { v.ullVal = 8; }), "8"},
-        {make(VT_R8, [](VARIANT& v) { v.dblVal = 2; }), "2.000000"},
+        {scalar(VT_UI4, 7), "7"},
+        {scalar(VT_UI8, 8), "8"},
+        {r8(VT_R8, 2), "2.000000"},
         {str("q\""), "\"q&quot;\""},
         {scalar(VT_VARIANT), "(unknown vt 12)"},
         {typed<std::uint8_t>(VT_UI1, {1, 2, 3}), "[3 UI1 elements]"},

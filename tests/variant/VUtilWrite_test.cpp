@@ -2,13 +2,12 @@
 // Array creation, element writers, pairs and binary blocks.
 #include <cstdint>
 #include <cstdlib>
-#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "TestValues.h"
 #include "VUtil.h"
+#include "ValueTestSupport.h"
 
 using namespace testvalue;
 
@@ -132,41 +131,28 @@ TEST(VUtilPutElement, RefusesOtherArrays) {
     KibVariantHolder bytes = created(VT_I1, 1);
     KibVariantHolder numbers = created(VT_I4, 1);
     VARIANT& b = bytes.edit();
-    const struct {
-        std::function<void()> put;
-        const char* message;
-    } cases[] = {
-        {[&] { VUtil::PutElement(b, 0, short{1}); },
-         "PutElement failed: not an array of I2 nor VARIANT"},
-        {[&] { VUtil::PutElement(b, 0, 1); }, "PutElement failed: not an array of I4 nor VARIANT"},
-        {[&] { VUtil::PutElement(b, 0, 1L); }, "PutElement failed: not an array of I4 nor VARIANT"},
-        {[&] { VUtil::PutElement(b, 0, static_cast<unsigned short>(1)); },
-         "PutElement failed: not an array of UI2 nor VARIANT"},
-        {[&] { VUtil::PutElement(b, 0, static_cast<unsigned char>(1)); },
-         "PutElement failed: not an array of UI1 nor VARIANT"},
-        {[&] { VUtil::PutElement(b, 0, 1LL); },
-         "PutElement failed: not an array of I8 nor VARIANT"},
-        {[&] { VUtil::PutElement(b, 0, 1ULL); },
-         "PutElement failed: not an array of UI8 nor VARIANT"},
-        {[&] { VUtil::PutElement(b, 0, 1.0f); },
-         "PutElement failed: not an array of R4 nor VARIANT"},
-        {[&] { VUtil::PutElement(b, 0, 1.0); },
-         "PutElement failed: not an array of R8 nor VARIANT"},
-        {[&] { VUtil::PutElement(b, 0, CStdStr("x")); },
-         "PutElement failed: not an array of BSTR nor VARIANT"},
-        {[&] { VUtil::PutElement(numbers.edit(), 0, "x"); },
-         "PutElement failed: not an array of BSTR nor VARIANT"},
-        {[&] { VUtil::PutBoolElement(b, 0, true); },
-         "PutElement failed: not an array of BOOL nor VARIANT"},
-        {[&] { VUtil::PutDateElement(b, 0, 0); },
-         "PutElement failed: not an array of DATE nor VARIANT"},
-        {[&] { VUtil::PutElement(b, 1, static_cast<void*>(nullptr)); },
-         "SafeArrayPutElement failed"},
-        {[&] { VUtil::PutElement(b, 0, i4(1).get()); }, "SafeArrayPutElement failed"},
+    auto refused = [&](auto value) {
+        return thrownMessage([&] { VUtil::PutElement(b, 0, value); });
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(thrownMessage(c.put), c.message);
-    }
+    const std::string prefix = "PutElement failed: not an array of ";
+    EXPECT_EQ(refused(short{1}), prefix + "I2 nor VARIANT");
+    EXPECT_EQ(refused(1), prefix + "I4 nor VARIANT");
+    EXPECT_EQ(refused(1L), prefix + "I4 nor VARIANT");
+    EXPECT_EQ(refused(static_cast<unsigned short>(1)), prefix + "UI2 nor VARIANT");
+    EXPECT_EQ(refused(static_cast<unsigned char>(1)), prefix + "UI1 nor VARIANT");
+    EXPECT_EQ(refused(1LL), prefix + "I8 nor VARIANT");
+    EXPECT_EQ(refused(1ULL), prefix + "UI8 nor VARIANT");
+    EXPECT_EQ(refused(1.0f), prefix + "R4 nor VARIANT");
+    EXPECT_EQ(refused(1.0), prefix + "R8 nor VARIANT");
+    EXPECT_EQ(refused(CStdStr("x")), prefix + "BSTR nor VARIANT");
+    EXPECT_EQ(thrownMessage([&] { VUtil::PutElement(numbers.edit(), 0, "x"); }),
+              prefix + "BSTR nor VARIANT");
+    EXPECT_EQ(thrownMessage([&] { VUtil::PutBoolElement(b, 0, true); }),
+              prefix + "BOOL nor VARIANT");
+    EXPECT_EQ(thrownMessage([&] { VUtil::PutDateElement(b, 0, 0); }), prefix + "DATE nor VARIANT");
+    EXPECT_EQ(thrownMessage([&] { VUtil::PutElement(b, 1, static_cast<void*>(nullptr)); }),
+              "SafeArrayPutElement failed");
+    EXPECT_EQ(refused(i4(1).get()), "SafeArrayPutElement failed");
 }
 
 TEST(VUtilPutElement, UntypedWritersCopy) {

@@ -151,14 +151,13 @@ TEST(CrashReporterProgram, ReportsARealDumpAndPrunesTheFolder) {
     const fs::path dump = writeRealDump(dumps);
     ASSERT_FALSE(dump.empty());
     // The keep count comes from the settings of the crashed process's environment.
-    setenv("XDG_CONFIG_HOME", config.c_str(), 1);
-    CRegistry::getInstance()->WriteSettingImpl("Software\\Pellix\\Nimb", "CrashDumpsKept", 2);
+    const ScopedEnv home("XDG_CONFIG_HOME", config.string());
+    CRegistry::getInstance()->WriteSettingImpl(kSuiteKey, "CrashDumpsKept", 2);
 
     const ChildResult run = runChild(
         {NIMB_CRASH_REPORTER, dump.string(), "NimbRemoteLogger", "NimbRemoteLogger", "beta"},
         {{"XDG_CONFIG_HOME", config.string()}}, folder.path() / "out.txt");
-    ASSERT_TRUE(run.finished && WIFEXITED(run.status) && WEXITSTATUS(run.status) == 0)
-        << run.output;
+    ASSERT_EQ(run.exitCode(), 0) << run.output;
     const std::string report = readFile(reportPathFor(dump.string()));
     EXPECT_NE(report.find("Application: NimbRemoteLogger\n"), std::string::npos) << report;
     EXPECT_NE(report.find("Arguments: \"NimbRemoteLogger\" \"beta\"\n"), std::string::npos);

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "DefaultsTool.h"
 
-#include <QProcess>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -116,16 +115,12 @@ TEST_F(DefaultsToolTest, ReportsMissingValuesAndUnusableStores) {
 }
 
 TEST_F(DefaultsToolTest, ProgramReportsThroughItsStreamsAndStatus) {
-    QProcess tool;
-    tool.start(QStringLiteral(NIMB_DEFAULTS), {"--help"});
-    ASSERT_TRUE(tool.waitForFinished(30000));
-    EXPECT_EQ(tool.exitCode(), 0);
-    EXPECT_TRUE(tool.readAllStandardOutput().startsWith("Usage: nimb-defaults read"));
-    tool.start(QStringLiteral(NIMB_DEFAULTS), {"read", kConfig, "N"});
-    ASSERT_TRUE(tool.waitForFinished(30000));
-    EXPECT_EQ(tool.exitCode(), 1);
-    EXPECT_EQ(tool.readAllStandardError(),
-              "nimb-defaults: no value \"N\" in domain com.pellix.nimb.config\n");
+    const auto help = nimbtest::runProgram({NIMB_DEFAULTS, "--help"}, dir_);
+    EXPECT_EQ(help.exitCode(), 0);
+    EXPECT_EQ(help.output.rfind("Usage: nimb-defaults read", 0), 0u) << help.output;
+    const auto missing = nimbtest::runProgram({NIMB_DEFAULTS, "read", kConfig, "N"}, dir_);
+    EXPECT_EQ(missing.exitCode(), 1);
+    EXPECT_EQ(missing.errors, "nimb-defaults: no value \"N\" in domain com.pellix.nimb.config\n");
 }
 
 }  // namespace

@@ -3,18 +3,20 @@
 #include <string>
 
 #include "CFileTools.h"
-#include "FileToolsTestSupport.h"
+#include "NimbTestSupport.h"
 #include <fcntl.h>
 #include <sys/stat.h>
 
 namespace {
 
-class NimbLogsTest : public FileToolsTest {
+using namespace nimbtest;
+
+class NimbLogsTest : public ConfigHomeTest {
 protected:
     void SetUp() override {
-        FileToolsTest::SetUp();
+        ConfigHomeTest::SetUp();
         logs_ = dir_ / "logs";
-        ASSERT_TRUE(boost::filesystem::create_directory(logs_));
+        ASSERT_TRUE(fs::create_directory(logs_));
     }
 
     // A log file of `size` bytes last modified `age` seconds before a fixed time.
@@ -33,9 +35,9 @@ protected:
         addLog(".hidden", 1, 0);
     }
 
-    ProcessResult run(std::vector<std::string> args) {
+    ChildResult run(std::vector<std::string> args) {
         args.insert(args.begin(), NIMB_LOGS_BIN);
-        return runProcess(args, dir_);
+        return runProgram(args, dir_);
     }
 
     static constexpr time_t kNow = 1700000000;
@@ -44,11 +46,11 @@ protected:
 
 TEST_F(NimbLogsTest, ListsTheFolderInAlignedColumns) {
     addCollectorLogs();
-    const ProcessResult result =
+    const ChildResult result =
         run({"--dir", logs_, "--sort", "size:desc", "--fields", "title,size,mediaType"});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_EQ(result.err, "");
-    EXPECT_EQ(result.out,
+    ASSERT_EQ(result.exitCode(), 0) << result.errors;
+    EXPECT_EQ(result.errors, "");
+    EXPECT_EQ(result.output,
               "title                           size    mediaType\n"
               "puck001122334455-main.log.back  524288  file\n"
               "puck001122334455-main.log       400     text.file\n"
@@ -59,10 +61,10 @@ TEST_F(NimbLogsTest, ListsTheFolderInAlignedColumns) {
 TEST_F(NimbLogsTest, TabSeparatedWithoutHeaderAndEscapedNames) {
     addCollectorLogs();
     addLog("odd\tname.log", 5, 40);
-    const ProcessResult result = run({"--dir=" + logs_, "--sort=lastModified:desc", "--tsv",
-                                      "--no-header", "--fields=title,size"});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_EQ(result.out,
+    const ChildResult result = run({"--dir=" + logs_, "--sort=lastModified:desc", "--tsv",
+                                    "--no-header", "--fields=title,size"});
+    ASSERT_EQ(result.exitCode(), 0) << result.errors;
+    EXPECT_EQ(result.output,
               "puck001122334455-main.log\t400\n"
               "NimbRemoteLogger.log\t90\n"
               "remote0A0B0C0D0E0F-player.log\t12\n"
@@ -74,49 +76,44 @@ TEST_F(NimbLogsTest, DefaultsToTheLogsFolderSetting) {
     addLog("puck001122334455-main.log", 3, 0);
     setSuiteSetting("LogsDir", logs_);
     ASSERT_EQ(CFileTools::GetLogsDirectory(), logs_);
-    const ProcessResult result = run({"--tsv", "--fields", "title,size,lastModified"});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const ChildResult result = run({"--tsv", "--fields", "title,size,lastModified"});
+    ASSERT_EQ(result.exitCode(), 0) << result.errors;
     const CFileTools entry(logs_ + "/puck001122334455-main.log");
-    EXPECT_EQ(result.out, "title\tsize\tlastModified\npuck001122334455-main.log\t3\t" +
-                              entry.getFieldValue("lastModified") + "\n");
+    EXPECT_EQ(result.output, "title\tsize\tlastModified\npuck001122334455-main.log\t3\t" +
+                                 entry.getFieldValue("lastModified") + "\n");
 }
 
-TEST_F(NimbLogsTest, UsageErrorsExitWithTwoAndSayWhy) {
+TEST_F(NimbLogsTest, UsageErrorsExitWithTwoAndUnreadableFoldersWithOne) {
     struct Case {
         std::vector<std::string> args;
-        const char* reason;
+        int exitCode;
+        std::string reason;
     };
-    for (const Case& c : {Case{{"--sort", "Size:desc"}, "unknown sort key \"Size:desc\""},
-                          Case{{"--sort", ",size:asc"}, "unknown sort key \",size:asc\""},
-                          Case{{"--fields", "title,bogus"}, "unknown field \"bogus\""},
-                          Case{{"--fields", ""}, "unknown field \"\""},
-                          Case{{"--verbose"}, "unknown argument \"--verbose\""},
-                          Case{{"--dir"}, "--dir needs a value"}}) {
+    const std::string absent = dir_ / "absent";
+    for (const Case& c : {Case{{"--sort", "Size:desc"}, 2, "unknown sort key \"Size:desc\""},
+                          Case{{"--sort", ",size:asc"}, 2, "unknown sort key \",size:asc\""},
+                          Case{{"--fields", "title,bogus"}, 2, "unknown field \"bogus\""},
+                          Case{{"--fields", ""}, 2, "unknown field \"\""},
+                          Case{{"--verbose"}, 2, "unknown argument \"--verbose\""},
+                          Case{{"--dir"}, 2, "--dir needs a value"},
+                          Case{{"--dir", absent}, 1, "cannot read folder " + absent}}) {
         std::vector<std::string> args = c.args;
         args.insert(args.begin(), {"--dir", logs_});
-        const ProcessResult result = run(args);
-        EXPECT_EQ(result.exitCode, 2) << c.reason;
-        EXPECT_EQ(result.out, "") << c.reason;
-        EXPECT_NE(result.err.find(c.reason), std::string::npos) << result.err;
+        const ChildResult result = run(args);
+        EXPECT_EQ(result.exitCode(), c.exitCode) << c.reason;
+        EXPECT_EQ(result.output, "") << c.reason;
+        EXPECT_NE(result.errors.find(c.reason), std::string::npos) << result.errors;
     }
-}
-
-TEST_F(NimbLogsTest, UnreadableFolderExitsWithOne) {
-    const ProcessResult result = run({"--dir", dir_ / "absent"});
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(result.out, "");
-    EXPECT_NE(result.err.find("cannot read folder " + dir_ / "absent"), std::string::npos)
-        << result.err;
 }
 
 TEST_F(NimbLogsTest, HelpListsEveryKeyAndField) {
-    const ProcessResult result = run({"--sort", "bogus", "--help"});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const ChildResult result = run({"--sort", "bogus", "--help"});
+    ASSERT_EQ(result.exitCode(), 0) << result.errors;
     for (const char* key : CFileTools::sortKeyNames()) {
-        EXPECT_NE(result.out.find(std::string("  ") + key + "\n"), std::string::npos) << key;
+        EXPECT_NE(result.output.find(std::string("  ") + key + "\n"), std::string::npos) << key;
     }
     for (const char* field : CFileTools::fieldNames()) {
-        EXPECT_NE(result.out.find(std::string("  ") + field + "\n"), std::string::npos) << field;
+        EXPECT_NE(result.output.find(std::string("  ") + field + "\n"), std::string::npos) << field;
     }
 }
 
