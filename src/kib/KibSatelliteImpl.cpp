@@ -286,7 +286,14 @@ int KibSatelliteImpl::unregisterServices(bool removeServices) {
         if (removeServices) services_.clear();
     }
     if (wasRegistered && connection_ != nullptr) announce(true);
+    const bool anyStopped = !stopped.empty();
     for (auto& s : stopped) unsubscribe(std::move(s));
+    // As in removeService: the server must have seen the unsubscriptions before the
+    // caller goes on, or a request sent right afterwards may still be routed here.
+    if (anyStopped && connection_ != nullptr &&
+        natsConnection_Status(connection_.get()) == NATS_CONN_STATUS_CONNECTED) {
+        natsConnection_FlushTimeout(connection_.get(), kFlushTimeoutMs);
+    }
     return KIB_OK;
 }
 

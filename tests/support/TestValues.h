@@ -99,6 +99,19 @@ KibVariantHolder variants(const Holders&... elements) {
     return KibVariantHolder::adopt(raw);
 }
 
+// An array of VARIANTs holding copies of the elements of `elements`.
+inline KibVariantHolder variants(const std::vector<KibVariantHolder>& elements) {
+    VARIANT raw;
+    VariantInit(&raw);
+    raw.vt = VT_ARRAY | VT_VARIANT;
+    raw.parray = SafeArrayCreateVector(VT_VARIANT, 0, static_cast<std::uint32_t>(elements.size()));
+    for (std::int32_t i = 0; i < static_cast<std::int32_t>(elements.size()); ++i) {
+        EXPECT_EQ(SafeArrayPutElement(raw.parray, &i, &elements[static_cast<size_t>(i)].get()),
+                  S_OK);
+    }
+    return KibVariantHolder::adopt(raw);
+}
+
 // Deep comparison: types, bounds, bytes of scalars, string bytes and null-ness.
 inline testing::AssertionResult sameValue(const VARIANT& a, const VARIANT& b);
 
