@@ -33,6 +33,27 @@ Raw readRaw(const tagVARIANT& v, int index, VARTYPE elementVt, const char* wrong
     return raw;
 }
 
+// The common shape of the typed getters: element `index` of a typed array of
+// `elementVt`, read directly, or of an array of VARIANTs whose element must be
+// `elementVt`; `take` picks the value out of such an element.
+template <typename T, typename Take>
+T readTyped(const tagVARIANT& v, int index, VARTYPE elementVt, Take take, const char* notArray,
+            const char* notElement) {
+    if (v.vt == arrayOfType(elementVt)) {
+        T value{};
+        GetElement(v, index, value);
+        return value;
+    }
+    if (v.vt != arrayOfType(VT_VARIANT)) {
+        fail(notArray);
+    }
+    const KibVariantHolder element = fetchVariant(v, index);
+    if (element.vt() != elementVt) {
+        fail(notElement);
+    }
+    return static_cast<T>(take(element.get()));
+}
+
 }  // namespace
 
 void GetElement(const tagVARIANT& v, int index, tagVARIANT& out) {
@@ -104,19 +125,9 @@ void GetElement(const tagVARIANT& v, int index, bool& out) {
 }
 
 long GetLongElement(const tagVARIANT& v, int index) {
-    if (v.vt == arrayOfType(VT_I4)) {
-        long value = 0;
-        GetElement(v, index, value);
-        return value;
-    }
-    if (v.vt != arrayOfType(VT_VARIANT)) {
-        fail("Not an array of variant or long");
-    }
-    const KibVariantHolder element = fetchVariant(v, index);
-    if (element.vt() != VT_I4) {
-        fail("Element is not a long");
-    }
-    return element.get().lVal;
+    return readTyped<long>(
+        v, index, VT_I4, [](const VARIANT& e) { return e.lVal; }, "Not an array of variant or long",
+        "Element is not a long");
 }
 
 long GetLongElementEmpty(const tagVARIANT& v, int index) {
@@ -139,67 +150,27 @@ long GetLongElementEmpty(const tagVARIANT& v, int index) {
 }
 
 int GetIntElement(const tagVARIANT& v, int index) {
-    if (v.vt == arrayOfType(VT_I4)) {
-        int value = 0;
-        GetElement(v, index, value);
-        return value;
-    }
-    if (v.vt != arrayOfType(VT_VARIANT)) {
-        fail("Not an array of variant or int");
-    }
-    const KibVariantHolder element = fetchVariant(v, index);
-    if (element.vt() != VT_I4) {
-        fail("Element is not an int");
-    }
-    return element.get().lVal;
+    return readTyped<int>(
+        v, index, VT_I4, [](const VARIANT& e) { return e.lVal; }, "Not an array of variant or int",
+        "Element is not an int");
 }
 
 short GetShortElement(const tagVARIANT& v, int index) {
-    if (v.vt == arrayOfType(VT_I2)) {
-        short value = 0;
-        GetElement(v, index, value);
-        return value;
-    }
-    if (v.vt != arrayOfType(VT_VARIANT)) {
-        fail("Not an array of variant or short");
-    }
-    const KibVariantHolder element = fetchVariant(v, index);
-    if (element.vt() != VT_I2) {
-        fail("Element is not a short");
-    }
-    return element.get().iVal;
+    return readTyped<short>(
+        v, index, VT_I2, [](const VARIANT& e) { return e.iVal; },
+        "Not an array of variant or short", "Element is not a short");
 }
 
 unsigned short GetUnsignedShortElement(const tagVARIANT& v, int index) {
-    if (v.vt == arrayOfType(VT_UI2)) {
-        unsigned short value = 0;
-        GetElement(v, index, value);
-        return value;
-    }
-    if (v.vt != arrayOfType(VT_VARIANT)) {
-        fail("Not an array of variant or unsigned short");
-    }
-    const KibVariantHolder element = fetchVariant(v, index);
-    if (element.vt() != VT_UI2) {
-        fail("Element is not an unsigned short");
-    }
-    return element.get().uiVal;
+    return readTyped<unsigned short>(
+        v, index, VT_UI2, [](const VARIANT& e) { return e.uiVal; },
+        "Not an array of variant or unsigned short", "Element is not an unsigned short");
 }
 
 double GetDoubleElement(const tagVARIANT& v, int index) {
-    if (v.vt == arrayOfType(VT_R8)) {
-        double value = 0;
-        GetElement(v, index, value);
-        return value;
-    }
-    if (v.vt != arrayOfType(VT_VARIANT)) {
-        fail("Not an array of variant or double");
-    }
-    const KibVariantHolder element = fetchVariant(v, index);
-    if (element.vt() != VT_R8) {
-        fail("Element is not a double");
-    }
-    return element.get().dblVal;
+    return readTyped<double>(
+        v, index, VT_R8, [](const VARIANT& e) { return e.dblVal; },
+        "Not an array of variant or double", "Element is not a double");
 }
 
 float GetFloatElement(const tagVARIANT& v, int index) {
