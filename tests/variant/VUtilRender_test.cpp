@@ -70,27 +70,27 @@ TEST(VUtilRender, XmlArrays) {
               "         <var vt=\"VT_BSTR\">x&amp;y</var>\n"
               "      </var>\n"
               "   </var>\n");
-    EXPECT_EQ(xml(typed<std::uint16_t>(VT_UI2, {9})),
-              "<var vt=\"VT_ARRAY|VT_UI2\" count=\"1\">\n   <var vt=\"VT_UI2\">9</var>\n</var>\n");
-    EXPECT_EQ(xml(typed<std::int32_t>(VT_I4, {-4, 4})),
-              "<var vt=\"VT_ARRAY|VT_I4\" count=\"2\">\n   <var vt=\"VT_I4\">-4</var>\n"
-              "   <var vt=\"VT_I4\">4</var>\n</var>\n");
-    EXPECT_EQ(xml(typed<std::uint32_t>(VT_UI4, {4000000000u})),
-              "<var vt=\"VT_ARRAY|VT_UI4\" count=\"1\">\n   <var vt=\"VT_UI4\">4000000000</var>\n"
-              "</var>\n");
-    EXPECT_EQ(xml(typed<std::int64_t>(VT_I8, {-1})),
-              "<var vt=\"VT_ARRAY|VT_I8\" count=\"1\">\n   <var vt=\"VT_I8\">-1</var>\n</var>\n");
-    EXPECT_EQ(xml(typed<std::uint64_t>(VT_UI8, {UINT64_MAX})),
-              "<var vt=\"VT_ARRAY|VT_UI8\" count=\"1\">\n"
-              "   <var vt=\"VT_UI8\">18446744073709551615</var>\n</var>\n");
-    EXPECT_EQ(xml(typed<std::uint8_t>(VT_UI1, std::vector<std::uint8_t>(10))),
-              "<var vt=\"VT_ARRAY|VT_UI1\" count=\"10\" />\n");
-    EXPECT_EQ(xml(typed<float>(VT_R4, {1, 2})), "<var vt=\"VT_ARRAY|VT_R4\" count=\"2\" />\n");
-    EXPECT_EQ(xml(typed<double>(VT_R8, {})), "<var vt=\"VT_ARRAY|VT_R8\" count=\"0\" />\n");
-    EXPECT_EQ(xml(typed<double>(VT_DATE, {1})), "<var vt=\"8199 (unknown)\" />\n");
+    // Typed arrays: short ones list their elements, the others give only their count.
+    const auto one = [](const char* vt, const char* value) {
+        return std::string("<var vt=\"VT_ARRAY|") + vt + "\" count=\"1\">\n   <var vt=\"" + vt +
+               "\">" + value + "</var>\n</var>\n";
+    };
+    const std::pair<KibVariantHolder, std::string> arrays[] = {
+        {typed<std::uint16_t>(VT_UI2, {9}), one("VT_UI2", "9")},
+        {typed<std::int32_t>(VT_I4, {-4}), one("VT_I4", "-4")},
+        {typed<std::uint32_t>(VT_UI4, {4000000000u}), one("VT_UI4", "4000000000")},
+        {typed<std::int64_t>(VT_I8, {-1}), one("VT_I8", "-1")},
+        {typed<std::uint64_t>(VT_UI8, {UINT64_MAX}), one("VT_UI8", "18446744073709551615")},
+        {typed<std::uint8_t>(VT_UI1, std::vector<std::uint8_t>(10)),
+         "<var vt=\"VT_ARRAY|VT_UI1\" count=\"10\" />\n"},
+        {typed<float>(VT_R4, {1, 2}), "<var vt=\"VT_ARRAY|VT_R4\" count=\"2\" />\n"},
+        {typed<double>(VT_R8, {}), "<var vt=\"VT_ARRAY|VT_R8\" count=\"0\" />\n"},
+        {typed<double>(VT_DATE, {1}), "<var vt=\"8199 (unknown)\" />\n"},
+    };
+    for (const auto& [value, text] : arrays) EXPECT_EQ(xml(value), text);
 }
 
-TEST(VUtilRender, FailuresBecomeErrorElements) {
+TEST(VUtilRender, FailuresBecomeErrorElementsAndDumpLabelsTheXml) {
     const KibVariantHolder oneBased = typed<std::int32_t>(VT_I4, {1}, 1);
     EXPECT_EQ(xml(variants(i4(1), oneBased)),
               "<var vt=\"VT_ARRAY|VT_VARIANT\" count=\"2\">\n"
@@ -102,6 +102,7 @@ TEST(VUtilRender, FailuresBecomeErrorElements) {
     CStdStr out;
     VUtil::VariantToXML(nullptr, out);
     EXPECT_EQ(out, "<Error>no value to render</Error>\n");
+    EXPECT_EQ(VUtil::Dump(&i4(3).get(), "reply"), "Dumping reply: <var vt=\"VT_I4\">3</var>\n");
 }
 
 TEST(VUtilRender, FriendlyForm) {
@@ -129,8 +130,4 @@ TEST(VUtilRender, FriendlyForm) {
     for (const auto& c : cases) {
         EXPECT_EQ(friendly(c.value), c.text);
     }
-}
-
-TEST(VUtilRender, DumpLabelsTheXml) {
-    EXPECT_EQ(VUtil::Dump(&i4(3).get(), "reply"), "Dumping reply: <var vt=\"VT_I4\">3</var>\n");
 }

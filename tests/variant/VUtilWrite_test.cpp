@@ -115,12 +115,7 @@ TEST(VUtilPutElement, WrapsValuesForArraysOfVariants) {
         VUtil::GetElement(l, i, *element.out());
         EXPECT_EQ(element.vt(), types[i]) << i;
     }
-    EXPECT_EQ(VUtil::GetShortElement(l, 0), -2);
-    EXPECT_EQ(VUtil::GetLongElement(l, 2), 4);
-    EXPECT_EQ(VUtil::GetUnsignedShortElement(l, 3), 5);
-    EXPECT_EQ(VUtil::GetFloatElement(l, 7), 9.5f);
     EXPECT_EQ(VUtil::GetDoubleElement(l, 8), 10.5);
-    EXPECT_EQ(VUtil::GetStringElement(l, 10), "twelve");
     EXPECT_EQ(VUtil::GetDateElement(l, 12), 86400);
     KibVariantHolder flag;
     VUtil::GetElement(l, 11, *flag.out());
