@@ -214,7 +214,7 @@ std::string sampleLog() {
 
 }  // namespace
 
-TEST_F(LogPushTest, AnnouncesTheSourceThenSendsTheFileInLineChunks) {
+TEST_F(LogPushTest, AnnouncesTheSourceThenSendsFilesInLineChunksAndStandardInput) {
     const std::string text = sampleLog();
     write("app.log", text);
     const RunResult r = run({"--mac", "00:11:22:33:44:55", "--device-id", "puck-7", "--name",
@@ -243,25 +243,24 @@ TEST_F(LogPushTest, AnnouncesTheSourceThenSendsTheFileInLineChunks) {
         }
     }
     EXPECT_TRUE(collector_->contentOf("syslog") == text);
-}
 
-TEST_F(LogPushTest, SendsStandardInputAndFilesUnderTheirNamesWithoutDeviceTime) {
+    // Standard input and files go under their own names; --no-time leaves the time out.
     write("first.log", "from a file\n");
     const std::string file = path("first.log");
-    const RunResult r = run({"--no-time", QString::fromStdString(file), "-"}, "alpha\nbeta\n");
-    ASSERT_EQ(r.exitCode, 0) << r.err;
-
-    const std::vector<Received> got = collector_->received();
-    ASSERT_EQ(got.size(), 3u);
-    EXPECT_EQ(got[0].logs, (std::vector<std::string>{file, "stdin"}));
-    EXPECT_TRUE(got[0].deviceId == QSysInfo::machineHostName().toStdString() &&
-                got[0].displayName == QSysInfo::machineHostName().toStdString());
-    EXPECT_EQ(got[0].mac.size(), 17u) << got[0].mac;
-    EXPECT_EQ(got[1].log, file);
-    EXPECT_EQ(got[1].content, "from a file\n");
-    EXPECT_EQ(got[2].log, "stdin");
-    EXPECT_EQ(got[2].content, "alpha\nbeta\n");
-    EXPECT_EQ(got[1].time + got[2].time, -2);
+    const RunResult second = run({"--no-time", QString::fromStdString(file), "-"}, "alpha\nbeta\n");
+    ASSERT_EQ(second.exitCode, 0) << second.err;
+    const std::vector<Received> all = collector_->received();
+    ASSERT_EQ(all.size(), got.size() + 3);
+    const Received* next = all.data() + got.size();
+    EXPECT_EQ(next[0].logs, (std::vector<std::string>{file, "stdin"}));
+    EXPECT_TRUE(next[0].deviceId == QSysInfo::machineHostName().toStdString() &&
+                next[0].displayName == QSysInfo::machineHostName().toStdString());
+    EXPECT_EQ(next[0].mac.size(), 17u) << next[0].mac;
+    EXPECT_EQ(next[1].log, file);
+    EXPECT_EQ(next[1].content, "from a file\n");
+    EXPECT_EQ(next[2].log, "stdin");
+    EXPECT_EQ(next[2].content, "alpha\nbeta\n");
+    EXPECT_EQ(next[1].time + next[2].time, -2);
 }
 
 TEST_F(LogPushTest, FailuresExitWithTheirStatusAndText) {
