@@ -28,32 +28,39 @@ KibVariantHolder date(double d) { return r8(VT_DATE, d); }
 
 }  // namespace
 
-TEST(VUtilRender, XmlScalars) {
+TEST(VUtilRender, ScalarsInBothForms) {
+    const auto tag = [](const char* vt, const char* text) {
+        return std::string("<var vt=\"") + vt + "\">" + text + "</var>\n";
+    };
     const struct {
         KibVariantHolder value;
-        const char* text;
+        std::string xml;
+        const char* friendly;
     } cases[] = {
-        {KibVariantHolder(), "<var vt=\"VT_EMPTY\" />\n"},
-        {scalar(VT_NULL), "<var vt=\"VT_NULL\" />\n"},
-        {scalar(VT_I1, 0xFD), "<var vt=\"VT_I1\">-3</var>\n"},
-        {scalar(VT_UI1, 200), "<var vt=\"VT_UI1\">200</var>\n"},
-        {make(VT_I2, [](VARIANT& v) { v.iVal = -2; }), "<var vt=\"VT_I2\">-2</var>\n"},
-        {scalar(VT_UI2, 65535), "<var vt=\"VT_UI2\">65535</var>\n"},
-        {i4(-7), "<var vt=\"VT_I4\">-7</var>\n"},
-        {scalar(VT_UI4, 4294967295u), "<var vt=\"VT_UI4\">4294967295</var>\n"},
-        {scalar(VT_I8, static_cast<std::uint64_t>(-5000000000)),
-         "<var vt=\"VT_I8\">-5000000000</var>\n"},
-        {make(VT_R4, [](VARIANT& v) { v.fltVal = 1.5f; }), "<var vt=\"VT_R4\">1.500000</var>\n"},
-        {r8(VT_R8, -0.25), "<var vt=\"VT_R8\">-0.250000</var>\n"},
-        {str("a<b&\"c\""), "<var vt=\"VT_BSTR\">a&lt;b&amp;&quot;c&quot;</var>\n"},
-        {str("it's >"), "<var vt=\"VT_BSTR\">it&apos;s &gt;</var>\n"},
-        {scalar(VT_BOOL, 0xFFFF), "<var vt=\"VT_BOOL\">TRUE</var>\n"},
-        {scalar(VT_BOOL, 0), "<var vt=\"VT_BOOL\">FALSE</var>\n"},
-        {date(25569.5), "<var vt=\"VT_DATE\">1970-01-01 12:00:00</var>\n"},
-        {scalar(VT_VARIANT), "<var vt=\"12 (unknown)\" />\n"},
+        {KibVariantHolder(), "<var vt=\"VT_EMPTY\" />\n", "(empty)"},
+        {scalar(VT_NULL), "<var vt=\"VT_NULL\" />\n", "(null)"},
+        {scalar(VT_I1, 0xFD), tag("VT_I1", "-3"), "-3"},
+        {scalar(VT_UI1, 200), tag("VT_UI1", "200"), "200"},
+        {make(VT_I2, [](VARIANT& v) { v.iVal = -2; }), tag("VT_I2", "-2"), "-2"},
+        {scalar(VT_UI2, 65535), tag("VT_UI2", "65535"), "65535"},
+        {i4(-7), tag("VT_I4", "-7"), "-7"},
+        {scalar(VT_UI4, 4294967295u), tag("VT_UI4", "4294967295"), "4294967295"},
+        {scalar(VT_I8, static_cast<std::uint64_t>(-5000000000)), tag("VT_I8", "-5000000000"),
+         "-5000000000"},
+        {scalar(VT_UI8, UINT64_MAX), tag("VT_UI8", "18446744073709551615"), "18446744073709551615"},
+        {make(VT_R4, [](VARIANT& v) { v.fltVal = 1.5f; }), tag("VT_R4", "1.500000"), "1.500000"},
+        {r8(VT_R8, -0.25), tag("VT_R8", "-0.250000"), "-0.250000"},
+        {str("a<b&\"c\""), tag("VT_BSTR", "a&lt;b&amp;&quot;c&quot;"),
+         "\"a&lt;b&amp;&quot;c&quot;\""},
+        {str("it's >"), tag("VT_BSTR", "it&apos;s &gt;"), "\"it&apos;s &gt;\""},
+        {scalar(VT_BOOL, 0xFFFF), tag("VT_BOOL", "TRUE"), "true"},
+        {scalar(VT_BOOL, 0), tag("VT_BOOL", "FALSE"), "false"},
+        {date(25569.5), tag("VT_DATE", "1970-01-01 12:00:00"), "(date)1970-01-01 12:00:00"},
+        {scalar(VT_VARIANT), "<var vt=\"12 (unknown)\" />\n", "(unknown vt 12)"},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(xml(c.value), c.text);
+        EXPECT_EQ(xml(c.value), c.xml);
+        EXPECT_EQ(friendly(c.value), c.friendly);
     }
     EXPECT_EQ(xml(i4(1), 2), "      <var vt=\"VT_I4\">1</var>\n");
 }
@@ -105,29 +112,10 @@ TEST(VUtilRender, FailuresBecomeErrorElementsAndDumpLabelsTheXml) {
     EXPECT_EQ(VUtil::Dump(&i4(3).get(), "reply"), "Dumping reply: <var vt=\"VT_I4\">3</var>\n");
 }
 
-TEST(VUtilRender, FriendlyForm) {
-    const struct {
-        KibVariantHolder value;
-        const char* text;
-    } cases[] = {
-        {KibVariantHolder(), "(empty)"},
-        {scalar(VT_NULL), "(null)"},
-        {scalar(VT_BOOL, 0xFFFF), "true"},
-        {scalar(VT_BOOL, 0), "false"},
-        {date(25570.0), "(date)1970-01-02 00:00:00"},
-        {i4(-1), "-1"},
-        {scalar(VT_UI4, 7), "7"},
-        {scalar(VT_UI8, 8), "8"},
-        {r8(VT_R8, 2), "2.000000"},
-        {str("q\""), "\"q&quot;\""},
-        {scalar(VT_VARIANT), "(unknown vt 12)"},
-        {typed<std::uint8_t>(VT_UI1, {1, 2, 3}), "[3 UI1 elements]"},
-        {typed<double>(VT_R8, {1}), "[1 R8 elements]"},
-        {strings({"a", "b"}), "[\n    \"a\",\n    \"b\"\n]"},
-        {variants(i4(1), variants(str("x"))), "[\n    1,\n    [\n        \"x\"\n    ]\n]"},
-        {variants(), "[\n]"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(friendly(c.value), c.text);
-    }
+TEST(VUtilRender, FriendlyArrays) {
+    EXPECT_EQ(friendly(typed<std::uint8_t>(VT_UI1, {1, 2, 3})), "[3 UI1 elements]");
+    EXPECT_EQ(friendly(strings({"a", "b"})), "[\n    \"a\",\n    \"b\"\n]");
+    EXPECT_EQ(friendly(variants(i4(1), variants(str("x")))),
+              "[\n    1,\n    [\n        \"x\"\n    ]\n]");
+    EXPECT_EQ(friendly(variants()), "[\n]");
 }
