@@ -88,17 +88,14 @@ TEST_F(EntryTest, FieldsOfARealFileAndFolder) {
         std::to_string(major(info.st_dev)) + ":" + std::to_string(minor(info.st_dev));
     const std::pair<const char*, std::string> fields[] = {
         {"title", "Song.Final.MP3"},
-        {"path.filename", "Song.Final.MP3"},
         {"path", path},
         {"path.extension", "MP3"},
         {"path.directory", dir_.path()},
         {"mediumId", medium},
-        {"nimbMediumId", medium},
         {"type", "file"},
         {"mediaType", "audio.file"},
         {"size", "1234"},
         {"lastModified", "2021-03-14 15:09:26"},
-        {"dateModified", "2021-03-14 15:09:26"},
         {"lastAccessTime", "2021-03-14 15:10:26"},
         {"Title", ""},
     };

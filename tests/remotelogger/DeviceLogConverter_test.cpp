@@ -45,7 +45,7 @@ const char* kCentralEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
 
 }  // namespace
 
-TEST(DeviceLogConverter, ShiftsNumericTimestampsByTheClockDifference) {
+TEST(DeviceLogConverter, ShiftsTimestampsByTheClockDifferenceAndRecognisesItsOwnOutput) {
     ScopedTimeZone tz("UTC");
     const long server = utc(2008, 3, 1, 12, 0, 0);
     EXPECT_EQ(DeviceLogConverter::convertLog("2008/03/01 10:00:00 boot", server - 100, server),
@@ -53,6 +53,14 @@ TEST(DeviceLogConverter, ShiftsNumericTimestampsByTheClockDifference) {
     // Device ahead of the server by a day: the shift crosses the month end backwards.
     EXPECT_EQ(DeviceLogConverter::convertLog("x 2008/03/01 00:00:05 y", server + 86400, server),
               "x 2008/02/29 00:00:05 y");
+    // Converted text is recognised again.
+    const long july = utc(2010, 7, 1, 0, 0, 0);
+    const CStdStr once = DeviceLogConverter::convertLog("Feb 28 23:59:30 a", july, july + 60);
+    EXPECT_EQ(once, "2010/03/01 00:00:30 a");
+    EXPECT_EQ(DeviceLogConverter::convertLog(once, july, july + 60), "2010/03/01 00:01:30 a");
+    // Out-of-range clock fields carry over.
+    EXPECT_EQ(DeviceLogConverter::convertLog("2009/05/31 23:59:60", july, july),
+              "2009/06/01 00:00:00");
 }
 
 TEST(DeviceLogConverter, InfersTheYearOfMonthNameTimestampsAroundNewYear) {
@@ -84,14 +92,6 @@ TEST(DeviceLogConverter, LeavesNonTimestampsAndSurroundingBytesAlone) {
               CStdStr(kOut, sizeof(kOut) - 1));
 }
 
-TEST(DeviceLogConverter, ConvertedTextIsRecognisedAgain) {
-    ScopedTimeZone tz("UTC");
-    const long now = utc(2010, 7, 1, 0, 0, 0);
-    const CStdStr once = DeviceLogConverter::convertLog("Feb 28 23:59:30 a", now, now + 60);
-    EXPECT_EQ(once, "2010/03/01 00:00:30 a");
-    EXPECT_EQ(DeviceLogConverter::convertLog(once, now, now + 60), "2010/03/01 00:01:30 a");
-}
-
 TEST(DeviceLogConverter, LeapDayAndTheDayAfter) {
     ScopedTimeZone tz("UTC");
     const long now = utc(2012, 6, 1, 0, 0, 0);
@@ -118,13 +118,6 @@ TEST(DeviceLogConverter, LeapDayAndTheDayAfter) {
                 << year << "-" << month;
         }
     }
-}
-
-TEST(DeviceLogConverter, OutOfRangeClockFieldsCarryOver) {
-    ScopedTimeZone tz("UTC");
-    const long now = utc(2009, 6, 1, 0, 0, 0);
-    EXPECT_EQ(DeviceLogConverter::convertLog("2009/05/31 23:59:60", now, now),
-              "2009/06/01 00:00:00");
 }
 
 TEST(DeviceLogConverter, WritesServerLocalTimeWithDaylightSaving) {
