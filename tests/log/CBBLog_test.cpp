@@ -33,6 +33,15 @@ testing::AssertionResult headed(const std::string& line, const std::string& rest
     return testing::AssertionFailure() << "line: " << line;
 }
 
+// The number of this process's threads named `name`.
+int countThreads(const char* name) {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        count += readFile(entry.path().string() + "/comm") == name + std::string("\n");
+    }
+    return count;
+}
+
 // A logger that keeps its lines instead of writing them, and notes whether its writer
 // thread could take a signal on an alternate stack.
 class CapturingLog : public CBBLog {
@@ -60,10 +69,13 @@ private:
     std::vector<std::string> lines_;
 };
 
-TEST_F(LogTest, UnusedLoggerCreatesNoFileAndTheFirstLineCreatesSharedFiles) {
-    CBBLog("unused.log", false, kSystemLimit);
+TEST_F(LogTest, UnusedLoggerCreatesNoFileAndNoThreadUntilItsFirstLine) {
+    CBBLog unused("unused.log", false, kSystemLimit);
     EXPECT_FALSE(std::filesystem::exists(logsDir()));
-    CBBLog("used.log", false, kSystemLimit).AddLog(ERROR, "first");
+    EXPECT_EQ(countThreads("nimb-log"), 0);
+    CBBLog used("used.log", false, kSystemLimit);
+    used.AddLog(ERROR, "first");
+    EXPECT_EQ(countThreads("nimb-log"), 1);
     EXPECT_TRUE(std::filesystem::exists(logFile("errors.log")));
     // Shared by the suite's processes, whoever runs them.
     struct stat info {};
