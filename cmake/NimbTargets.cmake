@@ -50,3 +50,14 @@ function(nimb_add_test name)
     nimb_target_defaults(${name})
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
 endfunction()
+
+# Adds every direct subfolder of the current folder that has a CMakeLists.txt (tools,
+# their tests, benchmarks: one folder each).
+function(nimb_add_subfolders)
+    file(GLOB dirs LIST_DIRECTORIES true ${CMAKE_CURRENT_SOURCE_DIR}/*)
+    foreach(dir IN LISTS dirs)
+        if(IS_DIRECTORY ${dir} AND EXISTS ${dir}/CMakeLists.txt)
+            add_subdirectory(${dir})
+        endif()
+    endforeach()
+endfunction()

@@ -46,14 +46,7 @@ std::string titles(const std::vector<CFileTools*>& entries) {
 
 // Seconds since 1970 of a local date and time.
 int32_t localTime(int year, int month, int day, int hour, int minute, int second) {
-    tm fields{};
-    fields.tm_year = year - 1900;
-    fields.tm_mon = month - 1;
-    fields.tm_mday = day;
-    fields.tm_hour = hour;
-    fields.tm_min = minute;
-    fields.tm_sec = second;
-    fields.tm_isdst = -1;
+    tm fields = nimbtest::dateTime(year, month, day, hour, minute, second);
     return static_cast<int32_t>(std::mktime(&fields));
 }
 

@@ -7,37 +7,14 @@
 
 #include <gtest/gtest.h>
 
+#include "NimbTestSupport.h"
+
 namespace {
 
-// Sets TZ for the test's duration and restores the previous value.
-class ScopedTimeZone {
-public:
-    explicit ScopedTimeZone(const char* tz) {
-        if (const char* old = std::getenv("TZ")) previous_ = old, hadPrevious_ = true;
-        setenv("TZ", tz, 1);
-        tzset();
-    }
-    ~ScopedTimeZone() {
-        if (hadPrevious_)
-            setenv("TZ", previous_.c_str(), 1);
-        else
-            unsetenv("TZ");
-        tzset();
-    }
-
-private:
-    std::string previous_;
-    bool hadPrevious_ = false;
-};
+using nimbtest::ScopedTimeZone;
 
 long utc(int year, int month, int day, int h, int m, int s) {
-    tm t{};
-    t.tm_year = year - 1900;
-    t.tm_mon = month - 1;
-    t.tm_mday = day;
-    t.tm_hour = h;
-    t.tm_min = m;
-    t.tm_sec = s;
+    tm t = nimbtest::dateTime(year, month, day, h, m, s);
     return static_cast<long>(timegm(&t));
 }
 

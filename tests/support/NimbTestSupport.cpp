@@ -41,6 +41,28 @@ ScopedEnv::~ScopedEnv() {
     }
 }
 
+ScopedTimeZone::ScopedTimeZone(const char* tz) {
+    tz_.emplace("TZ", std::string(tz));
+    tzset();
+}
+
+ScopedTimeZone::~ScopedTimeZone() {
+    tz_.reset();  // the previous TZ is back; make the C library read it again
+    tzset();
+}
+
+tm dateTime(int year, int month, int day, int hour, int minute, int second) {
+    tm fields{};
+    fields.tm_year = year - 1900;
+    fields.tm_mon = month - 1;
+    fields.tm_mday = day;
+    fields.tm_hour = hour;
+    fields.tm_min = minute;
+    fields.tm_sec = second;
+    fields.tm_isdst = -1;
+    return fields;
+}
+
 std::string readFile(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream content;

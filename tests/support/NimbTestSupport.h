@@ -6,6 +6,7 @@
 #pragma once
 
 #include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -50,6 +51,21 @@ private:
     std::string name_;
     std::optional<std::string> saved_;
 };
+
+// Sets TZ (and re-reads it) until the end of scope.
+class ScopedTimeZone {
+public:
+    explicit ScopedTimeZone(const char* tz);
+    ScopedTimeZone(const ScopedTimeZone&) = delete;
+    ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
+    ~ScopedTimeZone();
+
+private:
+    std::optional<ScopedEnv> tz_;
+};
+
+// A broken-down time with the given fields (month 1-12), daylight saving left to mktime.
+tm dateTime(int year, int month, int day, int hour, int minute, int second);
 
 std::string readFile(const fs::path& path);
 void writeFile(const fs::path& path, const std::string& bytes);
