@@ -2,10 +2,15 @@
 #include "DeviceLogConverter.h"
 
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <string>
 
 #include <boost/xpressive/xpressive_static.hpp>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace xp = boost::xpressive;
 
@@ -39,10 +44,177 @@ const xp::sregex kTimestamp = [] {
                        (minute = repeat<2>(_d)) >> ':' >> (second = repeat<2>(_d))));
 }();
 
-int toInt(const xp::ssub_match& field) {
+// The pattern's "digit" and "space" classes as byte tables, asked of the pattern
+// library itself so that the scan below and the pattern agree on every byte.
+struct ByteClasses {
+    bool digit[256] = {};
+    bool spaceOrDigit[256] = {};
+};
+
+const ByteClasses kBytes = [] {
+    ByteClasses classes;
+    const xp::sregex digit = xp::_d;
+    const xp::sregex space = xp::_s;
+    for (int c = 0; c < 256; ++c) {
+        const std::string one(1, static_cast<char>(c));
+        classes.digit[c] = xp::regex_match(one, digit);
+        classes.spaceOrDigit[c] = classes.digit[c] || xp::regex_match(one, space);
+    }
+    return classes;
+}();
+
+bool isDigit(char c) { return kBytes.digit[static_cast<unsigned char>(c)]; }
+
+bool isSpaceOrDigit(char c) { return kBytes.spaceOrDigit[static_cast<unsigned char>(c)]; }
+
+// "dd:dd:dd" at `p` (8 bytes readable).
+bool isTimeOfDay(const char* p) {
+    return isDigit(p[0]) && isDigit(p[1]) && p[2] == ':' && isDigit(p[3]) && isDigit(p[4]) &&
+           p[5] == ':' && isDigit(p[6]) && isDigit(p[7]);
+}
+
+int toInt(const char* p, std::size_t length) {
     int value = 0;
-    for (char c : field.str()) value = value * 10 + (c - '0');
+    for (std::size_t i = 0; i < length; ++i) value = value * 10 + (p[i] - '0');
     return value;
+}
+
+// One match of the pattern: where it starts and where the pattern put its fields.
+struct Stamp {
+    std::size_t start = 0;
+    std::size_t size = 0;                     // bytes matched
+    std::size_t offset[kMonthName + 1] = {};  // of each field, from `start`
+    std::size_t length[kMonthName + 1] = {};
+    bool matched[kMonthName + 1] = {};
+    int monthOfName = 0;  // tm_mon of the month name, when the match has one
+};
+
+Stamp stampOf(const CStdStr& text, const xp::smatch& match) {
+    Stamp stamp;
+    stamp.start = static_cast<std::size_t>(match[0].first - text.begin());
+    stamp.size = static_cast<std::size_t>(match.length(0));
+    for (int field = kYear; field <= kMonthName; ++field) {
+        stamp.matched[field] = match[field].matched;
+        stamp.offset[field] = static_cast<std::size_t>(match[field].first - match[0].first);
+        stamp.length[field] = static_cast<std::size_t>(match.length(field));
+    }
+    if (stamp.matched[kMonthName])
+        stamp.monthOfName = kMonths.find(match[kMonthName].str())->second;
+    return stamp;
+}
+
+// The pattern's verdicts on candidate positions. The pattern tells digits apart only as
+// digits, so its verdict on a candidate, and where the fields of its match lie, are the
+// same for every text that differs from it only in which digits stand where. Verdicts
+// are therefore kept by shape (the candidate's bytes up to the end of its time of day,
+// every digit read as '0'), and the pattern is asked once per shape: a log repeats a few
+// shapes over and over. One judge serves one conversion, on one thread.
+class PatternJudge {
+public:
+    // True when the pattern, anchored at `start`, matches; `stamp` then holds the match.
+    // `timeEnd` is the end of the candidate's time of day: nothing of a match from
+    // `start` lies past it.
+    bool matchesAt(const CStdStr& text, std::size_t start, std::size_t timeEnd, Stamp& stamp) {
+        const std::size_t size = timeEnd - start;
+        const char* const candidate = text.data() + start;
+        for (const Verdict& verdict : verdicts_) {
+            if (verdict.size == size && hasShape(candidate, verdict)) {
+                stamp = verdict.stamp;
+                stamp.start = start;
+                return verdict.matched;
+            }
+        }
+        const bool matched =
+            xp::regex_search(text.begin() + static_cast<std::ptrdiff_t>(start), text.end(), match_,
+                             kTimestamp, xp::regex_constants::match_continuous);
+        if (matched) stamp = stampOf(text, match_);
+        if (size <= kMaxShape && (!matched || stamp.size == size))
+            remember(candidate, size, matched, stamp);
+        return matched;
+    }
+
+private:
+    static constexpr std::size_t kMaxShape = 48;
+    static constexpr std::size_t kVerdicts = 8;
+
+    struct Verdict {
+        std::size_t size = 0;  // of the shape; 0: unused
+        char shape[kMaxShape] = {};
+        bool matched = false;
+        Stamp stamp;
+    };
+
+    static char shapeOf(char c) { return isDigit(c) ? '0' : c; }
+
+    static bool hasShape(const char* candidate, const Verdict& verdict) {
+        for (std::size_t i = 0; i < verdict.size; ++i) {
+            if (shapeOf(candidate[i]) != verdict.shape[i]) return false;
+        }
+        return true;
+    }
+
+    void remember(const char* candidate, std::size_t size, bool matched, const Stamp& stamp) {
+        Verdict& verdict = verdicts_[next_];
+        next_ = (next_ + 1) % kVerdicts;
+        verdict.size = size;
+        for (std::size_t i = 0; i < size; ++i) verdict.shape[i] = shapeOf(candidate[i]);
+        verdict.matched = matched;
+        verdict.stamp = stamp;
+    }
+
+    Verdict verdicts_[kVerdicts];
+    std::size_t next_ = 0;
+    xp::smatch match_;
+};
+
+// The candidates of one time of day whose first ':' is at `colon` (2 bytes before it
+// and 6 from it readable), tried in the order of their starts: a numeric match can
+// only start at hour - 11, a month-name one only three bytes before the run of white
+// space and digits that ends at the hour; the pattern, anchored there, decides. No
+// match starts before `from`.
+bool stampEndingAt(const CStdStr& text, std::size_t from, std::size_t colon, PatternJudge& judge,
+                   Stamp& stamp) {
+    const char* const base = text.data();
+    const std::size_t hour = colon - 2;
+    if (!isTimeOfDay(base + hour)) return false;
+    if (hour >= from + 11 && base[hour - 1] == ' ' && base[hour - 4] == '/' &&
+        base[hour - 7] == '/' && judge.matchesAt(text, hour - 11, hour + 8, stamp)) {
+        return true;
+    }
+    std::size_t dayStart = hour;
+    while (dayStart > from + 3 && isSpaceOrDigit(base[dayStart - 1])) --dayStart;
+    return dayStart < hour && !isSpaceOrDigit(base[dayStart - 1]) &&
+           judge.matchesAt(text, dayStart - 3, hour + 8, stamp);
+}
+
+// Finds the match that a pattern search from `from` would find, by looking only where
+// one can be. Every match ends in a time of day "hh:mm:ss", and nothing before it in a
+// match is a ':', so the scan looks for two ':' three bytes apart, 16 positions at a
+// time where the processor allows. A match ending in a later time of day starts after
+// this one's first ':', so candidates come in the order of their starts.
+bool findStamp(const CStdStr& text, std::size_t from, PatternJudge& judge, Stamp& stamp) {
+    const char* const base = text.data();
+    const std::size_t size = text.size();
+    // The shortest match, "Jan5hh:mm:ss", has its first ':' 6 bytes in and 6 from its end.
+    std::size_t at = from + 6;
+#if defined(__SSE2__)
+    const __m128i colons = _mm_set1_epi8(':');
+    for (; at + 19 <= size; at += 16) {
+        const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(base + at));
+        const __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i*>(base + at + 3));
+        unsigned pairs = static_cast<unsigned>(_mm_movemask_epi8(
+            _mm_and_si128(_mm_cmpeq_epi8(first, colons), _mm_cmpeq_epi8(second, colons))));
+        for (; pairs != 0; pairs &= pairs - 1) {
+            const std::size_t colon = at + static_cast<std::size_t>(__builtin_ctz(pairs));
+            if (colon + 6 <= size && stampEndingAt(text, from, colon, judge, stamp)) return true;
+        }
+    }
+#endif
+    for (; at + 6 <= size; ++at) {
+        if (base[at] == ':' && base[at + 3] == ':' && stampEndingAt(text, from, at, judge, stamp))
+            return true;
+    }
+    return false;
 }
 
 // True when the timestamp's (month, day, hour, minute, second) lies after `now`'s.
@@ -53,6 +225,110 @@ bool isLaterInYear(const tm& t, const tm& now) {
         if (a[i] != b[i]) return a[i] > b[i];
     }
     return false;
+}
+
+// The broken-down UTC time of a match in `text`, its year inferred from the device's
+// current date `now` when the stamp has none. False for a numeric month outside 01-12:
+// such a match is not a date and stays as it is.
+bool readStamp(const CStdStr& text, const Stamp& stamp, const tm& now, tm& t) {
+    const char* const begin = text.data() + stamp.start;
+    auto field = [&](int f) { return toInt(begin + stamp.offset[f], stamp.length[f]); };
+    t = tm{};
+    t.tm_sec = field(kSecond);
+    t.tm_min = field(kMinute);
+    t.tm_hour = field(kHour);
+    t.tm_mday = field(kDay);
+    if (stamp.matched[kMonth]) {
+        t.tm_mon = field(kMonth) - 1;
+        if (t.tm_mon < 0 || t.tm_mon > 11) return false;
+    } else {
+        t.tm_mon = stamp.monthOfName;
+    }
+    if (stamp.matched[kYear]) {
+        t.tm_year = field(kYear) - 1900;
+    } else {
+        t.tm_year = isLaterInYear(t, now) ? now.tm_year - 1 : now.tm_year;
+    }
+    return true;
+}
+
+constexpr std::size_t kStampSize = 19;  // "YYYY/MM/DD hh:mm:ss"
+
+void putTwoDigits(char* p, int value) {
+    p[0] = static_cast<char>('0' + value / 10);
+    p[1] = static_cast<char>('0' + value % 10);
+}
+
+// Appends `local` as printf's "%04d/%02d/%02d %02d:%02d:%02d" would write it.
+void appendLocal(const tm& local, CStdStr& out) {
+    const int year = local.tm_year + 1900;
+    const int fields[] = {local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
+                          local.tm_sec};
+    bool plain = year >= 0 && year <= 9999;
+    for (int field : fields) plain = plain && field >= 0 && field <= 99;
+    if (!plain) {
+        out.AppendFormat("%04d/%02d/%02d %02d:%02d:%02d", year, fields[0], fields[1], fields[2],
+                         fields[3], fields[4]);
+        return;
+    }
+    char text[kStampSize] = {0, 0, 0, 0, '/', 0, 0, '/', 0, 0, ' ', 0, 0, ':', 0, 0, ':', 0, 0};
+    putTwoDigits(text, year / 100);
+    putTwoDigits(text + 2, year % 100);
+    for (int i = 0; i < 5; ++i) putTwoDigits(text + 5 + 3 * i, fields[i]);
+    out.append(text, kStampSize);
+}
+
+// Appends the server's local time of a second, for stamps that come in runs: one
+// localtime_r call per new local minute instead of one per stamp. A minute is kept only
+// when its first and last second both break down to that same minute (":00" and ":59"),
+// so a minute holding a change of the zone's offset or a leap second is never kept and
+// its seconds go to the C library one by one.
+class LocalMinute {
+public:
+    void append(time_t seconds, CStdStr& out) {
+        if (kept_ && seconds >= first_ && seconds - first_ <= 59) {
+            out.append(text_, kStampSize);
+            putTwoDigits(&out[out.size() - 2], static_cast<int>(seconds - first_));
+            return;
+        }
+        tm local{};
+        localtime_r(&seconds, &local);
+        const std::size_t at = out.size();
+        appendLocal(local, out);
+        const time_t first = seconds - local.tm_sec;
+        const time_t last = first + 59;
+        tm start{};
+        tm end{};
+        localtime_r(&first, &start);
+        localtime_r(&last, &end);
+        if (out.size() - at == kStampSize && sameMinute(start, local) && sameMinute(end, local) &&
+            start.tm_sec == 0 && end.tm_sec == 59) {
+            kept_ = true;
+            first_ = first;
+            out.copy(text_, kStampSize, at);
+        }
+    }
+
+private:
+    static bool sameMinute(const tm& a, const tm& b) {
+        return a.tm_year == b.tm_year && a.tm_mon == b.tm_mon && a.tm_mday == b.tm_mday &&
+               a.tm_hour == b.tm_hour && a.tm_min == b.tm_min;
+    }
+
+    bool kept_ = false;
+    time_t first_ = 0;            // the minute kept: [first_, first_ + 59]
+    char text_[kStampSize] = {};  // its stamp (the seconds are written over)
+};
+
+time_t shifted(const tm& t, long deviceTime, long serverTime) {
+    return static_cast<time_t>(DeviceLogConverter::utcSeconds(t) - deviceTime + serverTime);
+}
+
+tm deviceNow(long deviceTime) {
+    const time_t seconds = static_cast<time_t>(deviceTime);
+    tm now{};
+    gmtime_r(&seconds, &now);
+    return now;
 }
 
 }  // namespace
@@ -70,46 +346,48 @@ long DeviceLogConverter::utcSeconds(const tm& t) {
 }
 
 CStdStr DeviceLogConverter::convertDate(const tm& t, long deviceTime, long serverTime) {
-    const time_t shifted = static_cast<time_t>(utcSeconds(t) - deviceTime + serverTime);
+    const time_t seconds = shifted(t, deviceTime, serverTime);
     tm local{};
-    localtime_r(&shifted, &local);
+    localtime_r(&seconds, &local);
     CStdStr out;
-    out.Format("%04d/%02d/%02d %02d:%02d:%02d", local.tm_year + 1900, local.tm_mon + 1,
-               local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    appendLocal(local, out);
     return out;
 }
 
 CStdStr DeviceLogConverter::convertLog(const CStdStr& content, long deviceTime, long serverTime) {
-    const time_t deviceNow = static_cast<time_t>(deviceTime);
-    tm now{};
-    gmtime_r(&deviceNow, &now);
-
+    PatternJudge judge;
+    Stamp stamp;
+    if (!findStamp(content, 0, judge, stamp)) return content;
+    const tm now = deviceNow(deviceTime);
+    LocalMinute minute;
     CStdStr out;
-    auto copiedUpTo = content.begin();
+    out.reserve(content.size() + content.size() / 8);
+    std::size_t copiedUpTo = 0;
+    do {
+        tm t{};
+        if (readStamp(content, stamp, now, t)) {
+            out.append(content, copiedUpTo, stamp.start - copiedUpTo);
+            minute.append(shifted(t, deviceTime, serverTime), out);
+            copiedUpTo = stamp.start + stamp.size;
+        }
+    } while (findStamp(content, stamp.start + stamp.size, judge, stamp));
+    out.append(content, copiedUpTo, std::string::npos);
+    return out;
+}
+
+CStdStr DeviceLogConverter::convertLogByPattern(const CStdStr& content, long deviceTime,
+                                                long serverTime) {
     xp::sregex_iterator it(content.begin(), content.end(), kTimestamp), end;
     if (it == end) return content;
-    out.reserve(content.size() + content.size() / 8);
+    const tm now = deviceNow(deviceTime);
+    CStdStr out;
+    auto copiedUpTo = content.begin();
     for (; it != end; ++it) {
-        const xp::smatch& match = *it;
         tm t{};
-        t.tm_sec = toInt(match[kSecond]);
-        t.tm_min = toInt(match[kMinute]);
-        t.tm_hour = toInt(match[kHour]);
-        t.tm_mday = toInt(match[kDay]);
-        if (match[kMonth].matched) {
-            t.tm_mon = toInt(match[kMonth]) - 1;
-            if (t.tm_mon < 0 || t.tm_mon > 11) continue;  // not a date: left as it is
-        } else {
-            t.tm_mon = kMonths.find(match[kMonthName].str())->second;
-        }
-        if (match[kYear].matched) {
-            t.tm_year = toInt(match[kYear]) - 1900;
-        } else {
-            t.tm_year = isLaterInYear(t, now) ? now.tm_year - 1 : now.tm_year;
-        }
-        out.append(copiedUpTo, match[0].first);
+        if (!readStamp(content, stampOf(content, *it), now, t)) continue;
+        out.append(copiedUpTo, (*it)[0].first);
         out += convertDate(t, deviceTime, serverTime);
-        copiedUpTo = match[0].second;
+        copiedUpTo = (*it)[0].second;
     }
     out.append(copiedUpTo, content.end());
     return out;
