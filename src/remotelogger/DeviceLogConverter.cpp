@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "DeviceLogConverter.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -49,6 +51,7 @@ const xp::sregex kTimestamp = [] {
 struct ByteClasses {
     bool digit[256] = {};
     bool spaceOrDigit[256] = {};
+    bool digitsAreAscii = false;  // the digits are '0' to '9' and nothing else
 };
 
 const ByteClasses kBytes = [] {
@@ -60,6 +63,9 @@ const ByteClasses kBytes = [] {
         classes.digit[c] = xp::regex_match(one, digit);
         classes.spaceOrDigit[c] = classes.digit[c] || xp::regex_match(one, space);
     }
+    classes.digitsAreAscii = true;
+    for (int c = 0; c < 256; ++c)
+        classes.digitsAreAscii &= classes.digit[c] == (c >= '0' && c <= '9');
     return classes;
 }();
 
@@ -74,34 +80,41 @@ bool isTimeOfDay(const char* p) {
 }
 
 int toInt(const char* p, std::size_t length) {
+    if (length == 2) return (p[0] - '0') * 10 + (p[1] - '0');
     int value = 0;
     for (std::size_t i = 0; i < length; ++i) value = value * 10 + (p[i] - '0');
     return value;
 }
 
-// One match of the pattern: where it starts and where the pattern put its fields.
-struct Stamp {
-    std::size_t start = 0;
-    std::size_t size = 0;                     // bytes matched
-    std::size_t offset[kMonthName + 1] = {};  // of each field, from `start`
+// Where the pattern put the fields of a match, as offsets from the match's start.
+struct Layout {
+    std::size_t size = 0;  // bytes matched
+    std::size_t offset[kMonthName + 1] = {};
     std::size_t length[kMonthName + 1] = {};
     bool matched[kMonthName + 1] = {};
     int monthOfName = 0;  // tm_mon of the month name, when the match has one
 };
 
-Stamp stampOf(const CStdStr& text, const xp::smatch& match) {
-    Stamp stamp;
-    stamp.start = static_cast<std::size_t>(match[0].first - text.begin());
-    stamp.size = static_cast<std::size_t>(match.length(0));
+Layout layoutOf(const xp::smatch& match) {
+    Layout layout;
+    layout.size = static_cast<std::size_t>(match.length(0));
     for (int field = kYear; field <= kMonthName; ++field) {
-        stamp.matched[field] = match[field].matched;
-        stamp.offset[field] = static_cast<std::size_t>(match[field].first - match[0].first);
-        stamp.length[field] = static_cast<std::size_t>(match.length(field));
+        layout.matched[field] = match[field].matched;
+        layout.offset[field] = static_cast<std::size_t>(match[field].first - match[0].first);
+        layout.length[field] = static_cast<std::size_t>(match.length(field));
     }
-    if (stamp.matched[kMonthName])
-        stamp.monthOfName = kMonths.find(match[kMonthName].str())->second;
-    return stamp;
+    if (layout.matched[kMonthName])
+        layout.monthOfName = kMonths.find(match[kMonthName].str())->second;
+    return layout;
 }
+
+// One match of the pattern in a text: where it starts and how its fields lie.
+struct Stamp {
+    std::size_t start = 0;
+    const Layout* layout = nullptr;  // borrowed from whoever matched
+
+    std::size_t end() const { return start + layout->size; }
+};
 
 // The pattern's verdicts on candidate positions. The pattern tells digits apart only as
 // digits, so its verdict on a candidate, and where the fields of its match lie, are the
@@ -111,25 +124,28 @@ Stamp stampOf(const CStdStr& text, const xp::smatch& match) {
 // shapes over and over. One judge serves one conversion, on one thread.
 class PatternJudge {
 public:
-    // True when the pattern, anchored at `start`, matches; `stamp` then holds the match.
-    // `timeEnd` is the end of the candidate's time of day: nothing of a match from
-    // `start` lies past it.
+    // True when the pattern, anchored at `start`, matches; `stamp` then holds the match,
+    // its layout valid until the next call. `timeEnd` is the end of the candidate's time
+    // of day: nothing of a match from `start` lies past it.
     bool matchesAt(const CStdStr& text, std::size_t start, std::size_t timeEnd, Stamp& stamp) {
         const std::size_t size = timeEnd - start;
         const char* const candidate = text.data() + start;
-        for (const Verdict& verdict : verdicts_) {
+        stamp.start = start;
+        for (std::size_t i = 0; i < kVerdicts; ++i) {
+            const Verdict& verdict = verdicts_[(lastUsed_ + i) % kVerdicts];
             if (verdict.size == size && hasShape(candidate, verdict)) {
-                stamp = verdict.stamp;
-                stamp.start = start;
+                lastUsed_ = (lastUsed_ + i) % kVerdicts;
+                stamp.layout = &verdict.layout;
                 return verdict.matched;
             }
         }
         const bool matched =
             xp::regex_search(text.begin() + static_cast<std::ptrdiff_t>(start), text.end(), match_,
                              kTimestamp, xp::regex_constants::match_continuous);
-        if (matched) stamp = stampOf(text, match_);
-        if (size <= kMaxShape && (!matched || stamp.size == size))
-            remember(candidate, size, matched, stamp);
+        if (matched) layout_ = layoutOf(match_);
+        stamp.layout = &layout_;
+        if (size >= 8 && size <= kMaxShape && (!matched || layout_.size == size))
+            stamp.layout = &remember(candidate, size, matched);
         return matched;
     }
 
@@ -140,31 +156,71 @@ private:
     struct Verdict {
         std::size_t size = 0;  // of the shape; 0: unused
         char shape[kMaxShape] = {};
+        std::uint64_t digitMask[kMaxShape / 8] = {};  // 0xff at each digit, by word
+        std::uint64_t literal[kMaxShape / 8] = {};    // the other bytes, by word
         bool matched = false;
-        Stamp stamp;
+        Layout layout;
     };
 
     static char shapeOf(char c) { return isDigit(c) ? '0' : c; }
 
+    // Shapes are compared 8 bytes at a time: the words at 0, 8, ... and the last 8 bytes
+    // (shapes are at least 12 bytes long).
+    static std::size_t words(std::size_t size) { return (size + 7) / 8; }
+    static std::size_t wordAt(std::size_t word, std::size_t size) {
+        return std::min(word * 8, size - 8);
+    }
+    static std::uint64_t load(const char* p) {
+        std::uint64_t word = 0;
+        std::memcpy(&word, p, sizeof word);
+        return word;
+    }
+
     static bool hasShape(const char* candidate, const Verdict& verdict) {
-        for (std::size_t i = 0; i < verdict.size; ++i) {
-            if (shapeOf(candidate[i]) != verdict.shape[i]) return false;
+        if (!kBytes.digitsAreAscii) {
+            for (std::size_t i = 0; i < verdict.size; ++i) {
+                if (shapeOf(candidate[i]) != verdict.shape[i]) return false;
+            }
+            return true;
+        }
+        constexpr std::uint64_t kZeros = 0x3030303030303030u;
+        constexpr std::uint64_t kHigh = 0x8080808080808080u;
+        constexpr std::uint64_t kTenUp = 0x7676767676767676u;
+        for (std::size_t w = 0; w < words(verdict.size); ++w) {
+            const std::uint64_t bytes = load(candidate + wordAt(w, verdict.size));
+            const std::uint64_t digits = verdict.digitMask[w];
+            if ((bytes & ~digits) != verdict.literal[w]) return false;
+            // Bytes at digit positions, minus '0': each must be below 10. A byte of 10 or
+            // more sets its own top bit in one of the two terms; carries only leave a
+            // byte that has failed already.
+            const std::uint64_t offsets = (bytes ^ kZeros) & digits;
+            if (((offsets + kTenUp) | offsets) & kHigh) return false;
         }
         return true;
     }
 
-    void remember(const char* candidate, std::size_t size, bool matched, const Stamp& stamp) {
-        Verdict& verdict = verdicts_[next_];
+    const Layout& remember(const char* candidate, std::size_t size, bool matched) {
+        lastUsed_ = next_;
         next_ = (next_ + 1) % kVerdicts;
+        Verdict& verdict = verdicts_[lastUsed_];
         verdict.size = size;
         for (std::size_t i = 0; i < size; ++i) verdict.shape[i] = shapeOf(candidate[i]);
+        char digitAt[kMaxShape];
+        for (std::size_t i = 0; i < size; ++i) digitAt[i] = isDigit(candidate[i]) ? '\xff' : 0;
+        for (std::size_t w = 0; w < words(size); ++w) {
+            verdict.digitMask[w] = load(digitAt + wordAt(w, size));
+            verdict.literal[w] = load(verdict.shape + wordAt(w, size)) & ~verdict.digitMask[w];
+        }
         verdict.matched = matched;
-        verdict.stamp = stamp;
+        verdict.layout = layout_;
+        return verdict.layout;
     }
 
     Verdict verdicts_[kVerdicts];
-    std::size_t next_ = 0;
+    std::size_t next_ = 0;      // the verdict to replace next
+    std::size_t lastUsed_ = 0;  // the verdict to compare first
     xp::smatch match_;
+    Layout layout_;  // of the last match the pattern was asked about
 };
 
 // The candidates of one time of day whose first ':' is at `colon` (2 bytes before it
@@ -219,12 +275,14 @@ bool findStamp(const CStdStr& text, std::size_t from, PatternJudge& judge, Stamp
 
 // True when the timestamp's (month, day, hour, minute, second) lies after `now`'s.
 bool isLaterInYear(const tm& t, const tm& now) {
-    const int a[] = {t.tm_mon, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec};
-    const int b[] = {now.tm_mon, now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec};
-    for (int i = 0; i < 5; ++i) {
-        if (a[i] != b[i]) return a[i] > b[i];
-    }
-    return false;
+    // Fields of up to 99 (two digits at most) compared as one number, field by field.
+    auto key = [](const tm& x) {
+        return ((((static_cast<long>(x.tm_mon) * 128 + x.tm_mday) * 128 + x.tm_hour) * 128 +
+                 x.tm_min) *
+                128) +
+               x.tm_sec;
+    };
+    return key(t) > key(now);
 }
 
 // The broken-down UTC time of a match in `text`, its year inferred from the device's
@@ -232,19 +290,20 @@ bool isLaterInYear(const tm& t, const tm& now) {
 // such a match is not a date and stays as it is.
 bool readStamp(const CStdStr& text, const Stamp& stamp, const tm& now, tm& t) {
     const char* const begin = text.data() + stamp.start;
-    auto field = [&](int f) { return toInt(begin + stamp.offset[f], stamp.length[f]); };
+    const Layout& layout = *stamp.layout;
+    auto field = [&](int f) { return toInt(begin + layout.offset[f], layout.length[f]); };
     t = tm{};
     t.tm_sec = field(kSecond);
     t.tm_min = field(kMinute);
     t.tm_hour = field(kHour);
     t.tm_mday = field(kDay);
-    if (stamp.matched[kMonth]) {
+    if (layout.matched[kMonth]) {
         t.tm_mon = field(kMonth) - 1;
         if (t.tm_mon < 0 || t.tm_mon > 11) return false;
     } else {
-        t.tm_mon = stamp.monthOfName;
+        t.tm_mon = layout.monthOfName;
     }
-    if (stamp.matched[kYear]) {
+    if (layout.matched[kYear]) {
         t.tm_year = field(kYear) - 1900;
     } else {
         t.tm_year = isLaterInYear(t, now) ? now.tm_year - 1 : now.tm_year;
@@ -324,6 +383,27 @@ time_t shifted(const tm& t, long deviceTime, long serverTime) {
     return static_cast<time_t>(DeviceLogConverter::utcSeconds(t) - deviceTime + serverTime);
 }
 
+// DeviceLogConverter::utcSeconds for stamps that come in runs: the calendar rule is
+// worked out once per month; day, hour, minute and second add linearly, as in the rule.
+class MonthStart {
+public:
+    long utcSeconds(const tm& t) {
+        if (t.tm_year != year_ || t.tm_mon != month_) {
+            tm first{};
+            first.tm_year = year_ = t.tm_year;
+            first.tm_mon = month_ = t.tm_mon;
+            first.tm_mday = 1;
+            seconds_ = DeviceLogConverter::utcSeconds(first);
+        }
+        return seconds_ + (t.tm_mday - 1) * 86400L + t.tm_hour * 3600L + t.tm_min * 60L + t.tm_sec;
+    }
+
+private:
+    int year_ = 0;
+    int month_ = -1;  // none yet
+    long seconds_ = 0;
+};
+
 tm deviceNow(long deviceTime) {
     const time_t seconds = static_cast<time_t>(deviceTime);
     tm now{};
@@ -359,6 +439,7 @@ CStdStr DeviceLogConverter::convertLog(const CStdStr& content, long deviceTime, 
     Stamp stamp;
     if (!findStamp(content, 0, judge, stamp)) return content;
     const tm now = deviceNow(deviceTime);
+    MonthStart month;
     LocalMinute minute;
     CStdStr out;
     out.reserve(content.size() + content.size() / 8);
@@ -366,12 +447,12 @@ CStdStr DeviceLogConverter::convertLog(const CStdStr& content, long deviceTime, 
     do {
         tm t{};
         if (readStamp(content, stamp, now, t)) {
-            out.append(content, copiedUpTo, stamp.start - copiedUpTo);
-            minute.append(shifted(t, deviceTime, serverTime), out);
-            copiedUpTo = stamp.start + stamp.size;
+            out.append(content.data() + copiedUpTo, stamp.start - copiedUpTo);
+            minute.append(static_cast<time_t>(month.utcSeconds(t) - deviceTime + serverTime), out);
+            copiedUpTo = stamp.end();
         }
-    } while (findStamp(content, stamp.start + stamp.size, judge, stamp));
-    out.append(content, copiedUpTo, std::string::npos);
+    } while (findStamp(content, stamp.end(), judge, stamp));
+    out.append(content.data() + copiedUpTo, content.size() - copiedUpTo);
     return out;
 }
 
@@ -384,7 +465,9 @@ CStdStr DeviceLogConverter::convertLogByPattern(const CStdStr& content, long dev
     auto copiedUpTo = content.begin();
     for (; it != end; ++it) {
         tm t{};
-        if (!readStamp(content, stampOf(content, *it), now, t)) continue;
+        const Layout layout = layoutOf(*it);
+        const Stamp stamp{static_cast<std::size_t>((*it)[0].first - content.begin()), &layout};
+        if (!readStamp(content, stamp, now, t)) continue;
         out.append(copiedUpTo, (*it)[0].first);
         out += convertDate(t, deviceTime, serverTime);
         copiedUpTo = (*it)[0].second;
