@@ -573,7 +573,7 @@ int main(int argc, char** argv) {
     const Clock::time_point launched = Clock::now();
     const pid_t daemon = startDaemon(options.daemon, options.stdoutFile, folder / "daemon.err");
     const bool connected =
-        waitForText(logs / "NimbRemoteLogger.log", "connected", daemon, std::chrono::seconds(10));
+        waitForText(logs / "NimbRemoteLogger.log", "connected", daemon, std::chrono::seconds(30));
     const double startupMs =
         std::chrono::duration<double, std::milli>(Clock::now() - launched).count();
     if (!connected) {

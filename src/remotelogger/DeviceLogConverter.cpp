@@ -121,7 +121,7 @@ struct Stamp {
 // same for every text that differs from it only in which digits stand where. Verdicts
 // are therefore kept by shape (the candidate's bytes up to the end of its time of day,
 // every digit read as '0'), and the pattern is asked once per shape: a log repeats a few
-// shapes over and over. One judge serves one conversion, on one thread.
+// shapes over and over. A judge serves one thread.
 class PatternJudge {
 public:
     // True when the pattern, anchored at `start`, matches; `stamp` then holds the match,
@@ -337,46 +337,43 @@ void appendLocal(const tm& local, CStdStr& out) {
     out.append(text, kStampSize);
 }
 
-// Appends the server's local time of a second, for stamps that come in runs: one
-// localtime_r call per new local minute instead of one per stamp. A minute is kept only
-// when its first and last second both break down to that same minute (":00" and ":59"),
-// so a minute holding a change of the zone's offset or a leap second is never kept and
-// its seconds go to the C library one by one.
+// Appends the server's local time of a second, for stamps that come in runs: two
+// localtime_r calls per new local minute instead of one per stamp. From a stamp on, the
+// rest of its minute is kept when the minute's last second breaks down to that same
+// minute at ":59", the seconds between having advanced one by one; so a minute holding
+// a change of the zone's offset or a leap second is never kept, and its seconds go to
+// the C library one by one.
 class LocalMinute {
 public:
     void append(time_t seconds, CStdStr& out) {
-        if (kept_ && seconds >= first_ && seconds - first_ <= 59) {
+        if (kept_ && seconds >= from_ && seconds <= last_) {
             out.append(text_, kStampSize);
-            putTwoDigits(&out[out.size() - 2], static_cast<int>(seconds - first_));
+            putTwoDigits(&out[out.size() - 2], static_cast<int>(seconds - last_ + 59));
             return;
         }
         tm local{};
         localtime_r(&seconds, &local);
         const std::size_t at = out.size();
         appendLocal(local, out);
-        const time_t first = seconds - local.tm_sec;
-        const time_t last = first + 59;
-        tm start{};
+        if (out.size() - at != kStampSize || local.tm_sec > 59) return;
+        const time_t last = seconds + (59 - local.tm_sec);
         tm end{};
-        localtime_r(&first, &start);
         localtime_r(&last, &end);
-        if (out.size() - at == kStampSize && sameMinute(start, local) && sameMinute(end, local) &&
-            start.tm_sec == 0 && end.tm_sec == 59) {
+        if (end.tm_sec == 59 && end.tm_min == local.tm_min && end.tm_hour == local.tm_hour &&
+            end.tm_mday == local.tm_mday && end.tm_mon == local.tm_mon &&
+            end.tm_year == local.tm_year) {
             kept_ = true;
-            first_ = first;
+            from_ = seconds;
+            last_ = last;
             out.copy(text_, kStampSize, at);
         }
     }
 
 private:
-    static bool sameMinute(const tm& a, const tm& b) {
-        return a.tm_year == b.tm_year && a.tm_mon == b.tm_mon && a.tm_mday == b.tm_mday &&
-               a.tm_hour == b.tm_hour && a.tm_min == b.tm_min;
-    }
-
     bool kept_ = false;
-    time_t first_ = 0;            // the minute kept: [first_, first_ + 59]
-    char text_[kStampSize] = {};  // its stamp (the seconds are written over)
+    time_t from_ = 0;  // the seconds kept: [from_, last_], last_ at ":59"
+    time_t last_ = 0;
+    char text_[kStampSize] = {};  // their stamp (the seconds are written over)
 };
 
 time_t shifted(const tm& t, long deviceTime, long serverTime) {
@@ -435,7 +432,8 @@ CStdStr DeviceLogConverter::convertDate(const tm& t, long deviceTime, long serve
 }
 
 CStdStr DeviceLogConverter::convertLog(const CStdStr& content, long deviceTime, long serverTime) {
-    PatternJudge judge;
+    // The verdicts depend on the pattern alone, so each thread keeps its judge.
+    thread_local PatternJudge judge;
     Stamp stamp;
     if (!findStamp(content, 0, judge, stamp)) return content;
     const tm now = deviceNow(deviceTime);

@@ -30,9 +30,10 @@ class StampCorpus {
 public:
     explicit StampCorpus(unsigned seed) : rng_(seed) {}
 
-    // Appends about `pieces` pieces to `out`; returns how many were stamps (whole or
-    // mutated).
-    int append(std::string& out, int pieces) {
+    // Appends about `pieces` pieces to `out`, for a conversion that moves stamps by
+    // `shift` seconds; returns how many were stamps (whole or mutated).
+    int append(std::string& out, int pieces, long shift) {
+        shift_ = shift;
         int stamps = 0;
         for (int i = 0; i < pieces; ++i) {
             const int kind = pick(10);
@@ -58,14 +59,17 @@ private:
 
     void advance() {
         static const long kJumps[] = {
-            // Seconds before the spring and autumn changes of 2009 in central Europe.
+            // Seconds before the spring and autumn changes of 2009 in central Europe (as
+            // converted).
             1238288400 - 90, 1256432400 - 90,
             // Around new year, for month-name stamps without a year.
             1262304000 - 300, 0, 946684800, 2145916800};
-        if (pick(200) == 0) {
-            moment_ = kJumps[pick(6)] + pick(60);
+        if (pick(50) == 0) {
+            moment_ = kJumps[pick(6)] - shift_ + pick(60);
         } else if (pick(500) == 0) {
             moment_ = std::uniform_int_distribution<long>(0, 4102444800L)(rng_);
+        } else if (pick(8) == 0) {
+            moment_ -= pick(40);  // log lines are not always in order
         } else {
             moment_ += pick(70);
         }
@@ -120,6 +124,7 @@ private:
     }
 
     std::mt19937 rng_;
+    long shift_ = 0;
     long moment_ = 1238288400 - 3600;
 };
 
@@ -239,9 +244,10 @@ TEST(DeviceLogConverter, WritesWhatThePlainPatternLoopWrites) {
     for (int round = 0; round < 60; ++round) {
         ScopedTimeZone tz(kZones[round % 3]);
         std::string text;
-        stamps += corpus.append(text, 3000);
+        const long shift = (round % 5) * 3599 - 7000;
+        stamps += corpus.append(text, 3000, shift);
         const long device = corpus.moment() + round * 997 - 30000;
-        const long server = device + (round % 5) * 3599 - 7000;
+        const long server = device + shift;
         // Whole and cut into request-sized pieces, which start and end anywhere.
         ASSERT_EQ(DeviceLogConverter::convertLog(text, device, server),
                   DeviceLogConverter::convertLogByPattern(text, device, server))
