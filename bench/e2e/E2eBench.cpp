@@ -395,10 +395,9 @@ std::unique_ptr<Device> makeDevice(int index, int sources, int logsPerSource, in
     const double now = oleDateNow();
     for (int s = 0; s < sources; ++s) {
         auto source = std::make_unique<Source>();
-        const int number = index * sources + s;
-        char mac[32];
-        std::snprintf(mac, sizeof mac, "02:00:%02x:%02x:%02x:%02x", number >> 24 & 255,
-                      number >> 16 & 255, number >> 8 & 255, number & 255);
+        char mac[32];  // unique per device and source
+        std::snprintf(mac, sizeof mac, "02:00:%02x:%02x:%02x:%02x", index >> 8 & 255, index & 255,
+                      s >> 8 & 255, s & 255);
         source->mac = mac;
         source->deviceId = sources == 1 ? device->caller : device->caller + "s" + std::to_string(s);
         std::string macDigits = source->mac;
