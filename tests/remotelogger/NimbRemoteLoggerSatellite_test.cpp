@@ -147,6 +147,17 @@ TEST_F(SatelliteTest, RequestChecksAndUnsafeNamesFailWithTheirMessages) {
         {true, named(macNear, std::string(10, 'd')), "SetLogSource: invalid device id: file name"},
         {true, named(macNear, "puck", {"ok", longName.c_str()}),
          "SetLogSource: invalid log name: file name"},
+        // Hidden files, control characters and NUL bytes never reach a file name.
+        {true, named("00:11", ".."), "SetLogSource: invalid device id: starts with \".\""},
+        {true, named(":.11", ""), "SetLogSource: invalid addr: starts with \".\""},
+        {true, named("00:11", "a\nb"), "SetLogSource: invalid device id: holds a control"},
+        {true, named("00\x1b[2J", "puck"), "SetLogSource: invalid addr: holds a control"},
+        {true, named(std::string("00\0evil", 7), "puck"),
+         "SetLogSource: invalid addr: holds a control character"},
+        {true, named("00:11", std::string("puck\0x", 6)),
+         "SetLogSource: invalid device id: holds a control character"},
+        {true, named("00:11", "d", {"ok", "x\ry"}),
+         "SetLogSource: invalid log name: holds a control character"},
     };
     for (const auto& c : cases) {
         const std::string message =
@@ -161,6 +172,31 @@ TEST_F(SatelliteTest, RequestChecksAndUnsafeNamesFailWithTheirMessages) {
     // Path components in a log name are fine: only the last one names the file.
     EXPECT_EQ(setLogSource(named("00:11", "d", {"../../etc/passwd", "dir/", ".."})), 0);
     EXPECT_EQ(added.size(), 3u);
+}
+
+// A display name or caller holding line breaks cannot forge a second header line (with
+// another device's clock tie) in the file: control characters arrive escaped.
+TEST_F(SatelliteTest, HeaderStringsArriveWithControlCharactersEscaped) {
+    const std::string forged =
+        "Hall\n===== Kitchen - dev2 === 2000/01/01 00:00:00 <-> 2000/01/01 00:00:00 =====\r\n";
+    EXPECT_EQ(
+        satellite.KibServiceSetLogSource(
+            "sat\x1b[1m\tx",
+            request(str("00:11"), str(forged), date(kDeviceTime), strings({"l"})).get(), nullptr),
+        0);
+    EXPECT_EQ(satellite.KibServiceSetLogSource("plain",
+                                               request(str("00:11"), str(std::string("a\0b", 3)),
+                                                       date(kDeviceTime), strings({"l"}))
+                                                   .get(),
+                                               nullptr),
+              0);
+    ASSERT_EQ(added.size(), 2u);
+    EXPECT_EQ(added[0].displayName,
+              "Hall\\n===== Kitchen - dev2 === 2000/01/01 00:00:00 <-> 2000/01/01 00:00:00 "
+              "=====\\r\\n");
+    EXPECT_EQ(added[0].satName, "sat\\x1b[1m\\tx");
+    EXPECT_EQ(added[1].displayName, "a\\0b");
+    EXPECT_EQ(added[1].satName, "plain");
 }
 
 TEST_F(SatelliteTest, AppendLogConvertsTimestampsOnlyWithDeviceTime) {
