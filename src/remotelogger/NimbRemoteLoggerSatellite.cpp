@@ -2,6 +2,8 @@
 #include "NimbRemoteLoggerSatellite.h"
 
 #include <cassert>
+#include <cmath>
+#include <ctime>
 #include <vector>
 
 #include <boost/format.hpp>
@@ -85,6 +87,20 @@ void checkTime(long seconds, const char* context) {
         throw KibInvalidParameterException(
             (CStdStr(context) + ": date outside the years 1 to 9999").c_str());
     }
+}
+
+// Server time minus the device time in element `index` of `in`, rounded to whole seconds
+// from both clocks read to the millisecond. (Rounding the device time and cutting the
+// server time separately would move the stamps of a device whose clock equals the
+// server's back a second whenever its milliseconds are 500 or more.)
+long clockOffset(const tagVARIANT& in, int index) {
+    KibVariantHolder element;
+    VUtil::GetElement(in, index, element.edit());
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const long long serverMs = static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    const long long deviceMs = VUtil::DateToMilliseconds(element.get().date);
+    return static_cast<long>(std::llround(static_cast<double>(serverMs - deviceMs) / 1000.0));
 }
 
 std::size_t textBytes(const QString& text) {
@@ -242,8 +258,7 @@ int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char* caller, const tag
     if (VUtil::GetArrayLength(in) > 3) {
         const long deviceTime = VUtil::GetDateElement(in, 3);
         checkTime(deviceTime, "AppendLog: invalid time");
-        const long serverTime = static_cast<long>(time(nullptr));
-        content = convertLog(content, deviceTime, serverTime);
+        content = convertLog(content, deviceTime, deviceTime + clockOffset(in, 3));
     }
     const QString text = QString::fromUtf8(content.data(), static_cast<qsizetype>(content.size()));
     reserveBacklog("AppendLog", 1, textBytes(text));
