@@ -362,7 +362,7 @@ size_t CBBLog::writeParts(int fd, iovec* part, int count, int& error) {
         const off_t end = lseek(fd, 0, SEEK_CUR);
         if (end < static_cast<off_t>(torn) ||
             io->ftruncate(fd, end - static_cast<off_t>(torn)) != 0) {
-            reportFailure(failureMessage("cut a torn line off", errno));
+            reportFailure("Log file failure: " + failureMessage("cut a torn line off", errno));
         }
     }
     return whole;
@@ -397,9 +397,9 @@ void CBBLog::noteOutcome(int error, const CStdStr& message, size_t texts) {
     if (error == 0) {
         writable.store(true);
         if (failing) {
-            reportFailure("'" + logPath + "' is written again; " +
-                          std::to_string(unreportedFailures) +
-                          " more texts could not be written before");
+            reportFailure("Log file recovered: '" + logPath +
+                          "' is written again (texts not written before: " +
+                          std::to_string(unreportedFailures) + ")");
         }
         failing = false;
         unreportedFailures = 0;
@@ -411,8 +411,8 @@ void CBBLog::noteOutcome(int error, const CStdStr& message, size_t texts) {
     unreportedFailures += texts;
     const long long now = io->nowMs();
     if (now < failureReportAt) return;
-    reportFailure(message + "; " + std::to_string(unreportedFailures) +
-                  " texts could not be written");
+    reportFailure("Log file failure: " + message +
+                  " (texts not written: " + std::to_string(unreportedFailures) + ")");
     unreportedFailures = 0;
     failureReportAt = now + kReportIntervalMs;
 }
@@ -420,7 +420,7 @@ void CBBLog::noteOutcome(int error, const CStdStr& message, size_t texts) {
 void CBBLog::reportFailure(const CStdStr& text) {
     const boost::shared_ptr<CBBLog> own = getLogger();
     if (own && own.get() != this && own->writable.load()) {
-        CBBLog::error(own, "Log file failure: %s", text.c_str());
+        CBBLog::error(own, "%s", text.c_str());
         return;
     }
     // journald keeps what a service writes to standard error.
