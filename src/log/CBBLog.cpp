@@ -34,7 +34,7 @@ const char* const kErrorLogName = "errors.log";
 const char* const kBackupSuffix = ".back";
 const char* const kWriterThreadName = "nimb-log";
 // The most lines one batched write hands to the kernel (the writev limit).
-constexpr int kMaxLinesPerWrite = IOV_MAX;
+constexpr size_t kMaxLinesPerWrite = IOV_MAX;
 
 const char* levelLabel(LOGLEVEL messageLevel) {
     // A level outside the table (possible through AddLog) gets a blank label.
@@ -124,6 +124,7 @@ void CBBLog::initialize() {
         mkdir(dir.c_str(), 0777);  // an existing folder is fine; a failure shows in the opens
         int fd = -1;
         if (!openFile(fd, logPath, false)) {
+            logOpenError = errno;
             printf("Error: could not open log file '%s': %d\n", logPath.c_str(), errno);
         } else {
             logOpen = true;
@@ -197,6 +198,39 @@ void CBBLog::AddRawLog(const char* text) {
     }
 }
 
+void CBBLog::AddRawLog(CStdStr text, WriteDone done) {
+    int error = ENOMEM;
+    try {
+        if (!initialized.load(std::memory_order_acquire)) initialize();
+        if (!logOpen) {
+            error = logOpenError;
+        } else if (addQueue(std::move(text), &done)) {
+            return;
+        } else {
+            error = ECANCELED;
+        }
+    } catch (const std::bad_alloc&) {
+        error = ENOMEM;
+    } catch (const std::exception&) {
+        error = EAGAIN;  // the writer thread could not be started
+    }
+    CStdStr message;
+    try {
+        message = error == ECANCELED ? "cannot write '" + logPath + "': the logger has stopped"
+                                     : failureMessage(logOpen ? "write" : "open", error);
+    } catch (const std::bad_alloc&) {
+        // The code alone still tells the caller why.
+    }
+    done(error, message);
+}
+
+CStdStr CBBLog::failureMessage(const char* action, int error) const {
+    char reason[256];
+    // The GNU strerror_r returns the text, which need not be in `reason`.
+    const char* text = strerror_r(error, reason, sizeof(reason));
+    return CStdStr("cannot ") + action + " '" + logPath + "': " + text;
+}
+
 void CBBLog::_AddLog(const boost::format& format, LOGLEVEL messageLevel) {
     if (getLogLevel() == kLevelUnset) readLogLevel();
     if (getLogLevel() < messageLevel) return;
@@ -268,16 +302,21 @@ CStdStr CBBLog::getTimeString() {
     return buffer;
 }
 
-void CBBLog::addQueue(CStdStr line) {
+bool CBBLog::addQueue(CStdStr line, WriteDone* done) {
     PMutexLocker lock(queueLock);
+    // Once stopping, the writer may already have ended: a text that wants its outcome
+    // is refused rather than left waiting forever.
+    if (done != nullptr && stop) return false;
     // The writer waits only while the queue is empty, so only the first line into an
     // empty queue needs to wake it; later ones find it awake or already woken.
     const bool wakeWriter = queue.empty();
+    if (done != nullptr) completions.push_back({queue.size(), std::move(*done)});
     queue.push_back(std::move(line));
     // Echoed under the queue lock, so echoed lines never interleave.
     fputs(queue.back().c_str(), stdout);
     fflush(stdout);
     if (wakeWriter) queueLock.broadcast();
+    return true;
 }
 
 CStdStr CBBLog::getLogs() {
@@ -305,6 +344,7 @@ void* CBBLog::loggerThread(void*) {
     // PThread gives this thread an alternate signal stack, so a crash handler can
     // still run here after the stack overflowed.
     std::deque<CStdStr> batch;
+    std::vector<Completion> batchDone;
     try {
         for (;;) {
             {
@@ -314,9 +354,11 @@ void* CBBLog::loggerThread(void*) {
                 // set has been written.
                 if (queue.empty()) break;
                 batch.swap(queue);
+                batchDone.swap(completions);
             }
-            writeLines(batch);
+            writeLines(batch, batchDone);
             batch.clear();
+            batchDone.clear();
         }
     } catch (const std::exception& e) {
         fprintf(stderr, "%s: writer thread failed: %s\n", kWriterThreadName, e.what());
@@ -328,14 +370,31 @@ void* CBBLog::loggerThread(void*) {
     return nullptr;
 }
 
-void CBBLog::writeLines(std::deque<CStdStr>& lines) {
+void CBBLog::writeLines(std::deque<CStdStr>& lines, std::vector<Completion>& done) {
     // A derived logger sees every line through its own logLineToFile; a plain logger
     // writes runs of lines at once.
     if (typeid(*this) == typeid(CBBLog)) {
-        writeBatched(lines);
+        writeBatched(lines, done);
         return;
     }
-    for (const CStdStr& line : lines) logLineToFile(line);
+    size_t next = 0;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        logLineToFile(lines[i]);
+        complete(done, next, i + 1, i + 1, 0);
+    }
+}
+
+void CBBLog::complete(std::vector<Completion>& done, size_t& next, size_t end, size_t failedFrom,
+                      int error) {
+    CStdStr message;
+    for (; next < done.size() && done[next].index < end; ++next) {
+        if (done[next].index < failedFrom) {
+            done[next].done(0, CStdStr());
+            continue;
+        }
+        if (message.empty()) message = failureMessage("write", error);
+        done[next].done(error, message);
+    }
 }
 
 void CBBLog::logLineToFile(const CStdStr& line) {
@@ -355,25 +414,69 @@ void CBBLog::logLineToFile(const CStdStr& line) {
 // What is checked once per run instead of per line is whether another process deleted
 // or rotated the file meanwhile; lines written in that window land in the old file,
 // just as a line written between the check and the write does in the per-line case.
-void CBBLog::writeBatched(std::deque<CStdStr>& lines) {
-    iovec parts[kMaxLinesPerWrite];
+void CBBLog::writeBatched(std::deque<CStdStr>& lines, std::vector<Completion>& done) {
     int fd = logFd.load();
     size_t next = 0;
+    size_t nextDone = 0;
     while (next < lines.size()) {
         const long long size = rotateAndGetSize(fd, logPath);
         logFd.store(fd);
-        int count = 0;
+        const size_t first = next;
         long long pending = 0;
         do {
-            CStdStr& line = lines[next++];
-            parts[count++] = {line.data(), line.size()};
-            pending += static_cast<long long>(line.size());
-        } while (next < lines.size() && count < kMaxLinesPerWrite && size >= 0 &&
+            pending += static_cast<long long>(lines[next++].size());
+        } while (next < lines.size() && next - first < kMaxLinesPerWrite && size >= 0 &&
                  size + pending < maxSize);
-        if (writev(fd, parts, count) < 0) {
-            // Not retried, as for a single line.
+        int error = 0;
+        const size_t written = writeRun(fd, lines, first, next, error);
+        complete(done, nextDone, next, first + written, error);
+    }
+}
+
+size_t CBBLog::writeRun(int fd, std::deque<CStdStr>& lines, size_t first, size_t last, int& error) {
+    iovec parts[kMaxLinesPerWrite];
+    int count = 0;
+    for (size_t i = first; i < last; ++i) parts[count++] = {lines[i].data(), lines[i].size()};
+    // A short write (a full disk) is continued until the kernel refuses with an error.
+    iovec* part = parts;
+    size_t whole = 0;  // lines written completely
+    size_t torn = 0;   // bytes of the next line already written
+    for (;;) {
+        while (count > 0 && part->iov_len == 0) {  // nothing to write for an empty text
+            ++whole;
+            ++part;
+            --count;
+        }
+        if (count == 0) break;
+        const ssize_t n = writev(fd, part, count);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            error = n < 0 ? errno : EIO;
+            break;
+        }
+        size_t left = static_cast<size_t>(n);
+        while (count > 0 && left >= part->iov_len) {
+            left -= part->iov_len;
+            torn = 0;
+            ++whole;
+            ++part;
+            --count;
+        }
+        if (left > 0) {
+            part->iov_base = static_cast<char*>(part->iov_base) + left;
+            part->iov_len -= left;
+            torn += left;
         }
     }
+    if (torn > 0) {
+        // The file position is just past this logger's last byte (appending), so the
+        // torn line is cut off without touching what came before it.
+        const off_t end = lseek(fd, 0, SEEK_CUR);
+        if (end >= static_cast<off_t>(torn) && ftruncate(fd, end - static_cast<off_t>(torn)) != 0) {
+            // The torn bytes stay; the line is still reported as failed.
+        }
+    }
+    return whole;
 }
 
 // ---- Files ----

@@ -9,7 +9,9 @@
 #include <atomic>
 #include <cstdarg>
 #include <deque>
+#include <functional>
 #include <memory>
+#include <vector>
 
 #include <boost/format.hpp>
 #include <boost/shared_ptr.hpp>
@@ -32,6 +34,10 @@ public:
     static constexpr size_t kFormatBufferSize = 20480;
     // The level a logger has before it was read from the settings.
     static constexpr LOGLEVEL kLevelUnset = static_cast<LOGLEVEL>(-1);
+    // The outcome of one queued text: 0 when the whole text reached the kernel (write or
+    // writev returned all of it), else the errno that stopped it; `message` then names the
+    // file and the reason, as "cannot write '<path>': <reason>". Must not throw.
+    using WriteDone = std::function<void(int error, const CStdStr& message)>;
 
     // Stores the settings; opens nothing and starts nothing until the first line.
     // `logName` is the file name inside the logs folder (callers pass "<module>.log");
@@ -73,6 +79,14 @@ public:
     // only system calls and fileMutex (a crash while this thread holds fileMutex, that
     // is inside this function or initialize(), would deadlock a second call).
     virtual void _FatalError(const CStdStr& line);
+
+    // Queues `text` like AddRawLog(const char*) and calls `done` exactly once: on the
+    // writer thread after the write of the batch holding the text succeeded or failed, or
+    // at once on the calling thread when the logger cannot take it (stopped, main log not
+    // open, no memory). Any thread; never blocks on the disk; never throws. A text that
+    // fails leaves nothing of itself in the file. A derived logger that overrides
+    // logLineToFile reports success once its logLineToFile returned.
+    virtual void AddRawLog(CStdStr text, WriteDone done);
 
     // Instance forms: each compares with the stored level only, so while the level is
     // still unset they write nothing and do not read the settings.
@@ -156,9 +170,26 @@ private:
     void* loggerThread(void*);
     // Adds the header and the newline to `text` and hands the line on.
     void emitLine(const char* text, size_t length, LOGLEVEL messageLevel);
-    void addQueue(CStdStr line);
-    void writeLines(std::deque<CStdStr>& lines);
-    void writeBatched(std::deque<CStdStr>& lines);
+    // A queued text's completion: `index` is the text's position in the queue.
+    struct Completion {
+        size_t index = 0;
+        WriteDone done;
+    };
+    // Queues `line` and echoes it; with `done`, also its completion. Returns false, with
+    // nothing queued, when the writer has stopped.
+    bool addQueue(CStdStr line, WriteDone* done = nullptr);
+    void writeLines(std::deque<CStdStr>& lines, std::vector<Completion>& done);
+    void writeBatched(std::deque<CStdStr>& lines, std::vector<Completion>& done);
+    // Writes lines[first, last) with as few writev calls as the kernel allows; on a
+    // failure, cuts a partly written line off the file again. Returns the number of lines
+    // written whole; `error` is the errno of the failure (0 when all were written).
+    size_t writeRun(int fd, std::deque<CStdStr>& lines, size_t first, size_t last, int& error);
+    // Calls the completions of lines[.., end) from done[next..]: those before `failedFrom`
+    // with success, the others with `error`.
+    void complete(std::vector<Completion>& done, size_t& next, size_t end, size_t failedFrom,
+                  int error);
+    // "cannot <action> '<path>': <reason>" for a failure on the main log.
+    CStdStr failureMessage(const char* action, int error) const;
     long long rotateAndGetSize(int& fd, const CStdStr& path);
     static void dispatch(const boost::shared_ptr<CBBLog>& log, LOGLEVEL messageLevel,
                          const char* format, va_list args);
@@ -177,6 +208,8 @@ private:
     std::atomic<bool> initialized{false};
     bool logOpen = false;
     bool errorLogOpen = false;
+    // The errno of the failed open of the main log (0 while it is open or untried).
+    int logOpenError = 0;
     CStdStr logPath;
     CStdStr errorLogPath;
     CStdStr shortName;
@@ -194,6 +227,8 @@ private:
     PCondMutex queueLock;
     bool stop NIMB_GUARDED_BY(queueLock) = false;
     std::deque<CStdStr> queue NIMB_GUARDED_BY(queueLock);
+    // Completions of queued texts, in queue order (most lines have none).
+    std::vector<Completion> completions NIMB_GUARDED_BY(queueLock);
 
     // The default logger; read and replaced under a process-wide lock, so that taking a
     // reference is safe against a concurrent setLogger().
