@@ -35,6 +35,23 @@ CStdStr stringElement(const tagVARIANT& in, int index, const char* context) {
 // QString, encoded again (malformed sequences become U+FFFD, three bytes each).
 CStdStr asDelivered(const QString& text) { return CStdStr(text); }
 
+// Element `index` of `in` as a string of any bytes: its whole length, NULs included.
+CStdStr bytesElement(const tagVARIANT& in, int index, const char* context) {
+    KibVariantHolder element;
+    VUtil::GetElement(in, index, element.edit());
+    VUtil::CheckType(element.get(), VT_BSTR, context);
+    const BSTR text = element.get().bstrVal;
+    return text != nullptr ? CStdStr(text, SysStringLen(text)) : CStdStr();
+}
+
+// `content` as the text it is written as: UTF-8, with every NUL byte replaced by U+FFFD
+// like the bytes that are not UTF-8 (the decoding replaces those), so nothing after a
+// NUL is lost.
+QString deliveredText(CStdStr content) {
+    content.Replace(std::string_view("\0", 1), "\xEF\xBF\xBD");
+    return QString::fromUtf8(content.data(), static_cast<qsizetype>(content.size()));
+}
+
 void checkTime(long seconds, const char* context) {
     if (seconds < kEarliestTime || seconds > kLatestTime) {
         throw KibInvalidParameterException(
@@ -91,6 +108,23 @@ NimbRemoteLoggerSatellite::NimbRemoteLoggerSatellite(QObject* parent) : QObject(
 NimbRemoteLoggerSatellite::~NimbRemoteLoggerSatellite() {
     backlog->stop();
     Disconnect();
+}
+
+void NimbRemoteLoggerSatellite::leaveBus() {
+    backlog->stopBounding();
+    UnregisterServices(false);
+}
+
+std::shared_ptr<RemoteLogReply> NimbRemoteLoggerSatellite::takeReply() {
+    const std::lock_guard<std::mutex> lock(emitLock);
+    if (pendingReplies.empty()) return nullptr;
+    std::shared_ptr<RemoteLogReply> reply = std::move(pendingReplies.front());
+    pendingReplies.pop_front();
+    return reply;
+}
+
+void NimbRemoteLoggerSatellite::queueReplyLocked(const std::shared_ptr<RemoteLogReply>& reply) {
+    pendingReplies.push_back(reply);
 }
 
 int NimbRemoteLoggerSatellite::connect() {
@@ -161,9 +195,15 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
         ids.insert(RemoteLogNames::logId(asDelivered(macAddr), asDelivered(logName)));
     admitLogIds(ids, logNames.size());
     reserveBacklog("SetLogSource", logNames.size(), 0);
+    if (logNames.empty()) return 0;
 
-    for (const QString& logName : logNames)
+    const auto reply = std::make_shared<RemoteLogReply>(DeferReply(), "SetLogSource",
+                                                        static_cast<int>(logNames.size()));
+    const std::lock_guard<std::mutex> lock(emitLock);
+    for (const QString& logName : logNames) {
+        queueReplyLocked(reply);
         emit addLog(macAddr, deviceId, satName, displayName, puckTime, logName);
+    }
     return 0;
 }
 
@@ -174,15 +214,18 @@ int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char* caller, const tag
     VUtil::CheckArrayType(in, VT_VARIANT, 3, true, "AppendLog: invalid parameter");
     const CStdStr macAddr = stringElement(in, 0, "AppendLog: invalid addr");
     const CStdStr logName = stringElement(in, 1, "AppendLog: invalid log");
-    CStdStr content = stringElement(in, 2, "AppendLog: invalid content");
+    CStdStr content = bytesElement(in, 2, "AppendLog: invalid content");
     if (VUtil::GetArrayLength(in) > 3) {
         const long deviceTime = VUtil::GetDateElement(in, 3);
         checkTime(deviceTime, "AppendLog: invalid time");
         const long serverTime = static_cast<long>(time(nullptr));
         content = convertLog(content, deviceTime, serverTime);
     }
-    const QString text = QString::fromUtf8(content.data(), static_cast<qsizetype>(content.size()));
+    const QString text = deliveredText(std::move(content));
     reserveBacklog("AppendLog", 1, textBytes(text));
+    const auto reply = std::make_shared<RemoteLogReply>(DeferReply(), "AppendLog", 1);
+    const std::lock_guard<std::mutex> lock(emitLock);
+    queueReplyLocked(reply);
     emit appendLog(QString::fromUtf8(macAddr.c_str()), QString::fromUtf8(logName.c_str()), text);
     return 0;
 }

@@ -91,8 +91,13 @@ protected:
 
 TEST_F(RemoteLoggerDaemonTest, AnnouncedLogsGetHeaderAndTextInTheirFile) {
     start();
-    // Text for a log nobody announced goes nowhere.
-    EXPECT_EQ(call("AppendLog", R"(["00:11:22:33:44:55", "early.log", "lost\n"])").status, 0);
+    // Text for a log nobody announced is not taken: the device is told to announce it.
+    const CallResult early = call("AppendLog", R"(["00:11:22:33:44:55", "early.log", "lost\n"])");
+    EXPECT_EQ(early.status, 1);
+    EXPECT_NE(early.output.find(R"({"status":2,"value":"AppendLog: unknown source: announce it )"
+                                R"(with SetLogSource first"})"),
+              std::string::npos)
+        << early.output;
     EXPECT_EQ(call("SetLogSource", kAnnounce + std::string(R"({"str[]":["/var/log/system.log",
                                                                          "C:\\logs\\app.txt"]}])"))
                   .status,
@@ -107,6 +112,7 @@ TEST_F(RemoteLoggerDaemonTest, AnnouncedLogsGetHeaderAndTextInTheirFile) {
         0);
     EXPECT_EQ(call("SetLogSource", kAnnounce + std::string(R"({"str[]":["system.log"]}])")).status,
               0);
+    EXPECT_EQ(call("AppendLog", R"(["00:11:22:33:44:55", "app.txt", "a\u0000b\n"])").status, 0);
     EXPECT_EQ(stop(), 0);
 
     EXPECT_EQ(logFiles(), (std::set<std::string>{"NimbRemoteLogger.log", "errors.log", kSystemLog,
@@ -119,8 +125,12 @@ TEST_F(RemoteLoggerDaemonTest, AnnouncedLogsGetHeaderAndTextInTheirFile) {
                                           "2000/01/01 00:00:00 raw\n" + header)))
         << text;
     EXPECT_EQ(text.find("2000/01/01 00:00:00 shifted"), std::string::npos) << text;
-    EXPECT_TRUE(
-        std::regex_match(readFile(logs() / "puck-7001122334455-app.txt"), std::regex(header)));
+    const std::string app = readFile(logs() / "puck-7001122334455-app.txt");
+    ASSERT_GT(app.size(), 7u);
+    EXPECT_TRUE(std::regex_match(app.substr(0, app.size() - 6), std::regex(header))) << app;
+    EXPECT_EQ(app.substr(app.size() - 6),
+              "a\xEF\xBF\xBD"
+              "b\n");
 
     // The listing tool sees what the collector wrote.
     const ChildResult listing =
