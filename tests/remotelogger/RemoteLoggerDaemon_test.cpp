@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "CollectorProcess.h"
 #include "CrashTestSupport.h"
 #include "KibSatellite.h"
 #include "NatsServer.h"
@@ -27,44 +28,10 @@ const char* const kSystemLog = "puck-7001122334455-system.log";
 
 class RemoteLoggerDaemonTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_FALSE(root_.path().empty());
-        for (const char* dir : {"cfg/pellix", "logs", "tmp"})
-            fs::create_directories(root_.path() / dir);
-        writeFile(root_.path() / "cfg/pellix/com.pellix.nimb.json",
-                  R"({"LogLevel": 3, "LogsDir": ")" + logs().string() + "\"}");
-        writeFile(root_.path() / "cfg/pellix/com.pellix.nimb.config.json",
-                  R"({"kibDirectory.host": ")" + server_.host() + "\"}");
-    }
-    void TearDown() override {
-        if (daemon_ > 0) stop(SIGKILL);
-    }
-
-    fs::path logs() const { return root_.path() / "logs"; }
-    std::map<std::string, std::string> environment() const {
-        return {{"XDG_CONFIG_HOME", (root_.path() / "cfg").string()},
-                {"TMPDIR", (root_.path() / "tmp").string()},
-                {"TZ", "UTC"}};
-    }
-
-    // Starts the collector and waits (boundedly) until it is on the bus.
-    void start() {
-        daemon_ = spawnChild({NIMB_REMOTE_LOGGER}, environment(), root_.path() / "daemon.txt");
-        for (int i = 0; i < 500; ++i) {
-            if (readFile(root_.path() / "daemon.txt").find("connected") != std::string::npos)
-                return;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        FAIL() << "collector did not connect: " << readFile(root_.path() / "daemon.txt");
-    }
-
-    // Sends `signalNumber` and returns the exit status (-1 if it did not exit normally).
-    int stop(int signalNumber = SIGTERM) {
-        kill(daemon_, signalNumber);
-        const ChildResult child = waitChild(daemon_, root_.path() / "daemon.txt");
-        daemon_ = -1;
-        return child.finished && WIFEXITED(child.status) ? WEXITSTATUS(child.status) : -1;
-    }
+    fs::path logs() const { return collector_.logs(); }
+    void start() { ASSERT_TRUE(collector_.start()); }
+    int stop(int signalNumber = SIGTERM) { return collector_.stop(signalNumber); }
+    std::map<std::string, std::string> environment() const { return collector_.environment(); }
 
     struct CallResult {
         int status = -1;
@@ -86,7 +53,7 @@ protected:
 
     NatsServer server_;
     TempFolder root_;
-    pid_t daemon_ = -1;
+    CollectorProcess collector_{root_.path(), server_.host()};
 };
 
 TEST_F(RemoteLoggerDaemonTest, AnnouncedLogsGetHeaderAndTextInTheirFile) {
@@ -195,71 +162,6 @@ TEST_F(RemoteLoggerDaemonTest, RefusesNamesReachingOutsideTheLogsFolderAndRotate
     for (const auto& entry : fs::directory_iterator(root_.path()))
         top.insert(entry.path().filename().string());
     EXPECT_EQ(top, (std::set<std::string>{"cfg", "logs", "tmp", "daemon.txt", "call.txt"}));
-}
-
-// A request is acknowledged as soon as its handler returned, before the main thread wrote
-// its text. Re-announcements (each starts a fresh logger on the main thread) keep the main
-// thread behind the bus, so that acknowledged text is still queued when the signal comes.
-TEST_F(RemoteLoggerDaemonTest, EndSignalDuringABurstKeepsEveryAcknowledgedLine) {
-    start();
-    ASSERT_EQ(call("SetLogSource", kAnnounce + std::string(R"({"str[]":["burst.log"]}])")).status,
-              0);
-    KibSatellite device;
-    ASSERT_EQ(device.Connect(server_.host().c_str(), "burst"), 0);
-    device.setRequestTimeout(2000);
-    auto send = [&](const char* service, std::vector<KibVariantHolder> values) {
-        const KibVariantHolder in = testvalues::variants(std::move(values));
-        KibVariantHolder out;
-        return device.Request("RemoteLogger", service, in.get(), out.out(), KIBFLAG_NONE,
-                              nullptr) == 0;
-    };
-    std::vector<int> acknowledged;
-    std::atomic<int> count{0};
-    std::atomic<bool> stopped{false};
-    std::thread sender([&] {
-        for (int i = 0, failures = 0; i < 20000 && failures < 3 && !stopped; ++i) {
-            std::vector<KibVariantHolder> values;
-            values.push_back(testvalues::str("00:11:22:33:44:55"));
-            values.push_back(testvalues::str("burst.log"));
-            values.push_back(testvalues::str("line " + std::to_string(i) + "\n"));
-            if (send("AppendLog", std::move(values))) {
-                acknowledged.push_back(i);
-                ++count;
-            } else {
-                ++failures;
-            }
-        }
-    });
-    // Each announcement makes the main thread start 100 fresh loggers.
-    std::vector<std::string> names;
-    for (int i = 0; i < 100; ++i) names.push_back("extra" + std::to_string(i));
-    std::vector<const char*> logNames{"burst.log"};
-    for (const std::string& name : names) logNames.push_back(name.c_str());
-    std::thread announcer([&] {
-        for (int i = 0, failures = 0; i < 20000 && failures < 3 && !stopped; ++i) {
-            std::vector<KibVariantHolder> values;
-            values.push_back(testvalues::str("00:11:22:33:44:55"));
-            values.push_back(testvalues::str("puck-7"));
-            values.push_back(testvalues::str("Living room"));
-            values.push_back(testvalues::r8(VT_DATE, 46348.41667));
-            values.push_back(testvalues::strings(logNames));
-            if (!send("SetLogSource", std::move(values))) ++failures;
-        }
-    });
-    for (int i = 0; i < 1000 && count < 500; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    const int status = stop();
-    stopped = true;
-    sender.join();
-    announcer.join();
-    EXPECT_EQ(status, 0);
-    ASSERT_GE(acknowledged.size(), 500u);
-    const fs::path file = logs() / "puck-7001122334455-burst.log";
-    const std::string text = readFile(file.string() + ".back") + readFile(file);
-    size_t missing = 0;
-    for (int i : acknowledged)
-        if (text.find("\nline " + std::to_string(i) + "\n") == std::string::npos) ++missing;
-    EXPECT_EQ(missing, 0u) << "of " << acknowledged.size() << " acknowledged lines";
 }
 
 }  // namespace

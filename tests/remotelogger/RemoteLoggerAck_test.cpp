@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: MIT
+// A success reply means the text is in its file: simulated devices (8 devices x 5 logs,
+// one request in flight per log) push numbered lines while the collector is killed,
+// stopped by a signal, or loses its bus; every acknowledged line must then be found in
+// its file, in order, whole.
+
+#include <random>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "CollectorProcess.h"
+#include "CrashTestSupport.h"
+#include "DeviceSimulator.h"
+#include "NatsServer.h"
+
+namespace {
+
+using namespace crashtest;
+using namespace std::chrono_literals;
+
+std::string describe(const nimbtest::DeviceSimulator::Report& report) {
+    std::string text = std::to_string(report.acknowledged) + " acknowledged, " +
+                       std::to_string(report.lost) + " lost, " + std::to_string(report.outOfOrder) +
+                       " out of order, " + std::to_string(report.duplicated) + " duplicated, " +
+                       std::to_string(report.torn) + " torn";
+    for (const std::string& problem : report.problems) text += "\n  " + problem;
+    return text;
+}
+
+class RemoteLoggerAckTest : public ::testing::Test {
+protected:
+    nimbtest::DeviceSimulator::Options options(int linesPerLog) const {
+        nimbtest::DeviceSimulator::Options result;
+        result.host = server_.host();
+        result.linesPerLog = linesPerLog;
+        return result;
+    }
+
+    // A pause of 100 to 600 ms drawn from `random`.
+    static std::chrono::milliseconds moment(std::mt19937& random) {
+        return std::chrono::milliseconds(std::uniform_int_distribution<int>(100, 600)(random));
+    }
+
+    // Lets the devices finish, stops the collector in order and checks the files.
+    void finish(nimbtest::DeviceSimulator& devices, bool tornAllowed) {
+        EXPECT_TRUE(devices.waitUntilDone(60s))
+            << devices.acknowledged() << " of " << devices.total() << " acknowledged";
+        devices.stop();
+        EXPECT_EQ(collector_.stop(SIGTERM), 0);
+        const nimbtest::DeviceSimulator::Report report = devices.check(collector_.logs());
+        EXPECT_TRUE(report.clean(tornAllowed)) << describe(report);
+        EXPECT_EQ(report.acknowledged, devices.total());
+    }
+
+    NatsServer server_;
+    TempFolder root_;
+    CollectorProcess collector_{root_.path(), server_.host()};
+};
+
+// A killed collector loses only what it had not acknowledged; a write it was killed in
+// may leave a piece of a line that was never acknowledged.
+class RemoteLoggerKillTest : public RemoteLoggerAckTest,
+                             public ::testing::WithParamInterface<unsigned> {};
+
+TEST_P(RemoteLoggerKillTest, SigkillLosesNoAcknowledgedLine) {
+    std::mt19937 random(GetParam());
+    ASSERT_TRUE(collector_.start());
+    nimbtest::DeviceSimulator devices(options(400));
+    ASSERT_TRUE(devices.start());
+    for (int kill = 0; kill < 3; ++kill) {
+        devices.waitForAcknowledged(devices.acknowledged() + 200, 10s);
+        std::this_thread::sleep_for(moment(random));
+        EXPECT_EQ(collector_.stop(SIGKILL), -1);
+        ASSERT_TRUE(collector_.start());
+    }
+    finish(devices, true);
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, RemoteLoggerKillTest, ::testing::Values(1u, 2u, 3u));
+
+TEST_F(RemoteLoggerAckTest, EndSignalsUnderLoadExitZeroAndLoseNothing) {
+    std::mt19937 random(7);
+    ASSERT_TRUE(collector_.start());
+    nimbtest::DeviceSimulator devices(options(500));
+    ASSERT_TRUE(devices.start());
+    for (const int signalNumber : {SIGTERM, SIGINT, SIGHUP}) {
+        devices.waitForAcknowledged(devices.acknowledged() + 200, 10s);
+        std::this_thread::sleep_for(moment(random));
+        EXPECT_EQ(collector_.stop(signalNumber), 0) << "signal " << signalNumber;
+        ASSERT_TRUE(collector_.start());
+    }
+    finish(devices, false);
+    EXPECT_EQ(readFile(collector_.output()).find("no such service"), std::string::npos);
+}
+
+TEST_F(RemoteLoggerAckTest, BusRestartLosesNothingAndTheCollectorSaysItIsBack) {
+    ASSERT_TRUE(collector_.start());
+    nimbtest::DeviceSimulator devices(options(400));
+    ASSERT_TRUE(devices.start());
+    devices.waitForAcknowledged(2000, 10s);
+    server_.stop();
+    std::this_thread::sleep_for(1500ms);
+    ASSERT_TRUE(server_.start());
+    finish(devices, false);
+    const std::string log = readFile(collector_.logs() / "NimbRemoteLogger.log");
+    EXPECT_NE(log.find("Lost the bus connection of RemoteLogger; reconnecting"), std::string::npos);
+    EXPECT_NE(log.find("Reconnected RemoteLogger to nats://127.0.0.1:"), std::string::npos) << log;
+}
+
+}  // namespace
