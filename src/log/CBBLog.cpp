@@ -31,10 +31,7 @@ const char* const kLevelLabels[] = {"FATAL", "ERROR", "WARN", "INFO", "DEBUG"};
 const char* const kSettingsKey = "Software\\Pellix\\Nimb";
 const char* const kLogLevelValue = "LogLevel";
 const char* const kErrorLogName = "errors.log";
-const char* const kBackupSuffix = ".back";
 const char* const kWriterThreadName = "nimb-log";
-// The most lines one batched write hands to the kernel (the writev limit).
-constexpr size_t kMaxLinesPerWrite = IOV_MAX;
 
 const char* levelLabel(LOGLEVEL messageLevel) {
     // A level outside the table (possible through AddLog) gets a blank label.
@@ -121,27 +118,9 @@ void CBBLog::initialize() {
     if (!dir.empty()) {
         logPath = dir + "/" + name;
         errorLogPath = dir + "/" + kErrorLogName;
-        mkdir(dir.c_str(), 0777);  // an existing folder is fine; a failure shows in the opens
-        int fd = -1;
-        if (!openFile(fd, logPath, false)) {
-            logOpenError = errno;
-            printf("Error: could not open log file '%s': %d\n", logPath.c_str(), errno);
-        } else {
-            logOpen = true;
-            fchmod(fd, 0666);  // shared by the suite's processes, whichever user they run as
-            logFd.store(fd);
-        }
-        if (!openFile(errorFd, errorLogPath, false)) {
-            // Names the main log's path, as this message always has.
-            printf("Error: could not open error log file '%s': %d\n", logPath.c_str(), errno);
-        } else {
-            errorLogOpen = true;
-            fchmod(errorFd, 0666);
-        }
-        fflush(stdout);
     }
     shortName = shortNameOf(name);
-    // Set also when the opens failed: a failed open is not retried.
+    prepareProcess();
     initialized.store(true, std::memory_order_release);
 
     // A failure to start the thread propagates to the caller, with fileMutex unlocked.
@@ -170,6 +149,8 @@ CStdStr CBBLog::getLogsDirectory() {
     }
 }
 
+void CBBLog::setFileIoForTesting(std::shared_ptr<LogFileIo> fileIo) { io = std::move(fileIo); }
+
 void CBBLog::setLogLevel(LOGLEVEL newLevel) { level.store(newLevel, std::memory_order_relaxed); }
 
 // ---- Formatting and queueing (callers' threads) ----
@@ -190,7 +171,6 @@ void CBBLog::AddLog(LOGLEVEL messageLevel, const char* format, ...) {
 
 void CBBLog::AddRawLog(const char* text) {
     if (!initialized.load(std::memory_order_acquire)) initialize();
-    if (!logOpen) return;
     try {
         addQueue(CStdStr(text));
     } catch (const std::bad_alloc&) {
@@ -199,16 +179,10 @@ void CBBLog::AddRawLog(const char* text) {
 }
 
 void CBBLog::AddRawLog(CStdStr text, WriteDone done) {
-    int error = ENOMEM;
+    int error = ECANCELED;
     try {
         if (!initialized.load(std::memory_order_acquire)) initialize();
-        if (!logOpen) {
-            error = logOpenError;
-        } else if (addQueue(std::move(text), &done)) {
-            return;
-        } else {
-            error = ECANCELED;
-        }
+        if (addQueue(std::move(text), &done)) return;
     } catch (const std::bad_alloc&) {
         error = ENOMEM;
     } catch (const std::exception&) {
@@ -217,18 +191,11 @@ void CBBLog::AddRawLog(CStdStr text, WriteDone done) {
     CStdStr message;
     try {
         message = error == ECANCELED ? "cannot write '" + logPath + "': the logger has stopped"
-                                     : failureMessage(logOpen ? "write" : "open", error);
+                                     : failureMessage("write", error);
     } catch (const std::bad_alloc&) {
         // The code alone still tells the caller why.
     }
     done(error, message);
-}
-
-CStdStr CBBLog::failureMessage(const char* action, int error) const {
-    char reason[256];
-    // The GNU strerror_r returns the text, which need not be in `reason`.
-    const char* text = strerror_r(error, reason, sizeof(reason));
-    return CStdStr("cannot ") + action + " '" + logPath + "': " + text;
 }
 
 void CBBLog::_AddLog(const boost::format& format, LOGLEVEL messageLevel) {
@@ -255,16 +222,15 @@ void CBBLog::_AddLog(const char* format, va_list args, LOGLEVEL messageLevel) {
 
 void CBBLog::emitLine(const char* text, size_t length, LOGLEVEL messageLevel) {
     if (!initialized.load(std::memory_order_acquire)) initialize();
-    if (!logOpen && !errorLogOpen) return;
     try {
         CStdStr line = buildLineHeader(messageLevel);
         line.reserve(line.size() + length + 1);
         line.append(text, length);
         line.push_back('\n');
         if (messageLevel == FATAL) {
-            if (logOpen) addQueue(line);
+            addQueue(line);
             _FatalError(line);
-        } else if (logOpen) {
+        } else {
             addQueue(std::move(line));
         }
     } catch (const std::bad_alloc&) {
@@ -273,25 +239,28 @@ void CBBLog::emitLine(const char* text, size_t length, LOGLEVEL messageLevel) {
 }
 
 CStdStr CBBLog::buildLineHeader(LOGLEVEL messageLevel) const {
-    const ClockFields t = localNow();
     char header[kFormatBufferSize];
-    int length;
-    if (showPid) {
-        length =
-            snprintf(header, sizeof(header), "%04d/%02d/%02d %02d:%02d:%02d.%03d [%-5.5s] %u - ",
-                     t.year, t.month, t.day, t.hour, t.minute, t.second, t.millisecond,
-                     levelLabel(messageLevel), pid);
-    } else {
-        length = snprintf(header, sizeof(header), "%04d/%02d/%02d %02d:%02d:%02d.%03d [%-5.5s] - ",
-                          t.year, t.month, t.day, t.hour, t.minute, t.second, t.millisecond,
-                          levelLabel(messageLevel));
-    }
-    CStdStr result(header, static_cast<size_t>(std::max(length, 0)));
+    CStdStr result(header, formatHeader(header, sizeof(header), messageLevel));
     if (messageLevel == FATAL) {
         result += shortName;
         result += " - ";
     }
     return result;
+}
+
+size_t CBBLog::formatHeader(char* out, size_t size, LOGLEVEL messageLevel) const {
+    const ClockFields t = localNow();
+    int length;
+    if (showPid) {
+        length = snprintf(out, size, "%04d/%02d/%02d %02d:%02d:%02d.%03d [%-5.5s] %u - ", t.year,
+                          t.month, t.day, t.hour, t.minute, t.second, t.millisecond,
+                          levelLabel(messageLevel), pid);
+    } else {
+        length =
+            snprintf(out, size, "%04d/%02d/%02d %02d:%02d:%02d.%03d [%-5.5s] - ", t.year, t.month,
+                     t.day, t.hour, t.minute, t.second, t.millisecond, levelLabel(messageLevel));
+    }
+    return std::min(static_cast<size_t>(std::max(length, 0)), size - 1);
 }
 
 CStdStr CBBLog::getTimeString() {
@@ -330,12 +299,10 @@ CStdStr CBBLog::getLogs() {
 
 void CBBLog::_FatalError(const CStdStr& line) {
     if (!initialized.load(std::memory_order_acquire)) initialize();
-    if (!errorLogOpen) return;
     PMutexLocker lock(fileMutex);
-    rotateIfNeeded(errorFd, errorLogPath);
-    if (write(errorFd, line.data(), line.size()) < 0) {
-        // Not retried: a fatal line that cannot be written is lost, as any other.
-    }
+    if (errorFd == -1) openErrorLogLocked();
+    if (errorFd == -1) return;  // a fatal line that cannot be written is lost, as any other
+    writeErrorLogLocked(line.data(), line.size());
 }
 
 // ---- The writer thread ----
@@ -346,6 +313,12 @@ void* CBBLog::loggerThread(void*) {
     std::deque<CStdStr> batch;
     std::vector<Completion> batchDone;
     try {
+        // The files are opened here, never on a caller's thread; the main log first.
+        openMainLog();
+        {
+            PMutexLocker lock(fileMutex);
+            openErrorLogLocked();
+        }
         for (;;) {
             {
                 PMutexLocker lock(queueLock);
@@ -368,168 +341,4 @@ void* CBBLog::loggerThread(void*) {
         std::abort();
     }
     return nullptr;
-}
-
-void CBBLog::writeLines(std::deque<CStdStr>& lines, std::vector<Completion>& done) {
-    // A derived logger sees every line through its own logLineToFile; a plain logger
-    // writes runs of lines at once.
-    if (typeid(*this) == typeid(CBBLog)) {
-        writeBatched(lines, done);
-        return;
-    }
-    size_t next = 0;
-    for (size_t i = 0; i < lines.size(); ++i) {
-        logLineToFile(lines[i]);
-        complete(done, next, i + 1, i + 1, 0);
-    }
-}
-
-void CBBLog::complete(std::vector<Completion>& done, size_t& next, size_t end, size_t failedFrom,
-                      int error) {
-    CStdStr message;
-    for (; next < done.size() && done[next].index < end; ++next) {
-        if (done[next].index < failedFrom) {
-            done[next].done(0, CStdStr());
-            continue;
-        }
-        if (message.empty()) message = failureMessage("write", error);
-        done[next].done(error, message);
-    }
-}
-
-void CBBLog::logLineToFile(const CStdStr& line) {
-    int fd = logFd.load();
-    rotateIfNeeded(fd, logPath);
-    logFd.store(fd);
-    if (write(fd, line.data(), line.size()) < 0) {
-        // Not retried; the next line tries again (and reopens a vanished file first).
-    }
-}
-
-// Writes the same bytes in the same order as one logLineToFile per line, with fewer
-// system calls: after each rotation check, the lines that follow are gathered into one
-// writev as long as the size the file would have before each of them stays below
-// maxSize, that is, as long as logLineToFile would not rotate before that line. The
-// run ends at the line that crosses the limit, so the next run starts with a rotation.
-// What is checked once per run instead of per line is whether another process deleted
-// or rotated the file meanwhile; lines written in that window land in the old file,
-// just as a line written between the check and the write does in the per-line case.
-void CBBLog::writeBatched(std::deque<CStdStr>& lines, std::vector<Completion>& done) {
-    int fd = logFd.load();
-    size_t next = 0;
-    size_t nextDone = 0;
-    while (next < lines.size()) {
-        const long long size = rotateAndGetSize(fd, logPath);
-        logFd.store(fd);
-        const size_t first = next;
-        long long pending = 0;
-        do {
-            pending += static_cast<long long>(lines[next++].size());
-        } while (next < lines.size() && next - first < kMaxLinesPerWrite && size >= 0 &&
-                 size + pending < maxSize);
-        int error = 0;
-        const size_t written = writeRun(fd, lines, first, next, error);
-        complete(done, nextDone, next, first + written, error);
-    }
-}
-
-size_t CBBLog::writeRun(int fd, std::deque<CStdStr>& lines, size_t first, size_t last, int& error) {
-    iovec parts[kMaxLinesPerWrite];
-    int count = 0;
-    for (size_t i = first; i < last; ++i) parts[count++] = {lines[i].data(), lines[i].size()};
-    // A short write (a full disk) is continued until the kernel refuses with an error.
-    iovec* part = parts;
-    size_t whole = 0;  // lines written completely
-    size_t torn = 0;   // bytes of the next line already written
-    for (;;) {
-        while (count > 0 && part->iov_len == 0) {  // nothing to write for an empty text
-            ++whole;
-            ++part;
-            --count;
-        }
-        if (count == 0) break;
-        const ssize_t n = writev(fd, part, count);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            error = n < 0 ? errno : EIO;
-            break;
-        }
-        size_t left = static_cast<size_t>(n);
-        while (count > 0 && left >= part->iov_len) {
-            left -= part->iov_len;
-            torn = 0;
-            ++whole;
-            ++part;
-            --count;
-        }
-        if (left > 0) {
-            part->iov_base = static_cast<char*>(part->iov_base) + left;
-            part->iov_len -= left;
-            torn += left;
-        }
-    }
-    if (torn > 0) {
-        // The file position is just past this logger's last byte (appending), so the
-        // torn line is cut off without touching what came before it.
-        const off_t end = lseek(fd, 0, SEEK_CUR);
-        if (end >= static_cast<off_t>(torn) && ftruncate(fd, end - static_cast<off_t>(torn)) != 0) {
-            // The torn bytes stay; the line is still reported as failed.
-        }
-    }
-    return whole;
-}
-
-// ---- Files ----
-
-bool CBBLog::openFile(int& fd, const CStdStr& path, bool truncate) {
-    const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | (truncate ? O_TRUNC : 0);
-    fd = open(path.c_str(), flags, 0666);
-    return fd != -1;
-}
-
-void CBBLog::rotateIfNeeded(int& fd, const CStdStr& path) { rotateAndGetSize(fd, path); }
-
-// The rotation check before a write to `fd`; returns the size of the file `fd` then
-// names (-1 when unknown). Uses system calls only and builds the backup name on the
-// stack, so the synchronous error-log path stays free of allocations.
-long long CBBLog::rotateAndGetSize(int& fd, const CStdStr& path) {
-    struct stat opened {};
-    if (fstat(fd, &opened) != 0) return -1;  // not open: the write fails on its own
-    struct stat named {};
-    bool reopen = false;
-    if (stat(path.c_str(), &named) != 0) {
-        if (errno != ENOENT) return opened.st_size;
-        reopen = true;  // deleted or moved away: start a new file at the path
-    } else if (named.st_ino != opened.st_ino || named.st_dev != opened.st_dev) {
-        reopen = true;  // another process rotated it: follow to the new file
-    } else if (opened.st_size < maxSize) {
-        return opened.st_size;
-    }
-    if (!reopen) {
-        // Size reached. The exclusive lock serialises rotation between processes; the
-        // second stat under it sees whether another process rotated first, in which
-        // case the path already names a fresh file and is left alone.
-        if (flock(fd, LOCK_EX) != 0) return opened.st_size;  // try again before the next line
-        char backup[PATH_MAX];
-        const size_t suffixLength = strlen(kBackupSuffix);
-        if (stat(path.c_str(), &named) == 0 && named.st_ino == opened.st_ino &&
-            named.st_dev == opened.st_dev && path.size() + suffixLength < sizeof(backup)) {
-            memcpy(backup, path.data(), path.size());
-            memcpy(backup + path.size(), kBackupSuffix, suffixLength + 1);
-            // Replaces the previous backup. If the rename fails the same file is reopened
-            // and the check repeats before the next line.
-            rename(path.c_str(), backup);
-        }
-    }
-    close(fd);  // also drops the lock
-    fd = -1;
-    if (!openFile(fd, path, false)) return -1;
-    return fstat(fd, &opened) == 0 ? opened.st_size : -1;
-}
-
-long long CBBLog::getFileSize() const {
-    const int fd = logFd.load();
-    struct stat info {};
-    if (fd == -1 || fstat(fd, &info) != 0) return -1;
-    return info.st_size;
 }
