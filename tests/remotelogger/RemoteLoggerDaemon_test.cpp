@@ -17,6 +17,7 @@
 #include "KibSatellite.h"
 #include "NatsServer.h"
 #include "TestValues.h"
+#include <sys/stat.h>
 
 namespace {
 
@@ -162,6 +163,43 @@ TEST_F(RemoteLoggerDaemonTest, RefusesNamesReachingOutsideTheLogsFolderAndRotate
     for (const auto& entry : fs::directory_iterator(root_.path()))
         top.insert(entry.path().filename().string());
     EXPECT_EQ(top, (std::set<std::string>{"cfg", "logs", "tmp", "daemon.txt", "call.txt"}));
+}
+
+// Things planted at a log's name are never opened through and block nothing; a logs
+// folder that vanished and came back serves the announced logs again by itself.
+TEST_F(RemoteLoggerDaemonTest, PlantedFilesAnswerWithTheirPathAndAVanishedFolderRecovers) {
+    start();
+    const fs::path outside = root_.path() / "outside.txt";
+    writeFile(outside, "keep\n");
+    fs::permissions(outside, fs::perms::owner_read | fs::perms::owner_write);
+    const fs::path link = logs() / "puck-7001122334455-link.log";
+    const fs::path fifo = logs() / "puck-7001122334455-fifo.log";
+    fs::create_symlink(outside, link);
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+
+    const CallResult announced = call("SetLogSource", kAnnounce + std::string(R"({"str[]":[
+        "link.log", "fifo.log", "ok.log"]}])"));
+    EXPECT_EQ(announced.status, 2);
+    EXPECT_NE(announced.output.find("SetLogSource: cannot open '" + link.string() +
+                                    "': not a regular file"),
+              std::string::npos)
+        << announced.output;
+    const CallResult toFifo = call("AppendLog", R"(["00:11:22:33:44:55", "fifo.log", "x\n"])");
+    EXPECT_EQ(toFifo.status, 2);
+    EXPECT_NE(toFifo.output.find("AppendLog: cannot open '" + fifo.string() + "'"),
+              std::string::npos)
+        << toFifo.output;
+    EXPECT_EQ(call("AppendLog", R"(["00:11:22:33:44:55", "ok.log", "first\n"])").status, 0);
+    EXPECT_EQ(readFile(outside), "keep\n");
+    EXPECT_EQ(fs::status(outside).permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_TRUE(fs::is_symlink(link) && fs::is_fifo(fifo));
+
+    // The logger makes the folder again for the next text; no new announcement needed.
+    fs::remove_all(logs());
+    EXPECT_EQ(call("AppendLog", R"(["00:11:22:33:44:55", "ok.log", "second\n"])").status, 0);
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(readFile(logs() / "puck-7001122334455-ok.log"), "second\n");
 }
 
 }  // namespace

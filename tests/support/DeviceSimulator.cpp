@@ -154,6 +154,10 @@ void DeviceSimulator::sendAll(Device& device, Log& log) {
                 ++acknowledged_;
                 break;
             }
+            if (reply.errorKind == KibErrorKind::KibException) {
+                const std::lock_guard<std::mutex> lock(errorMutex_);
+                if (errorReplies_++ == 0) firstError_ = reply.errorText;
+            }
             if (!reply.failed() && reply.status == kUnknownSourceStatus) {
                 int expected = generation;
                 device.generation.compare_exchange_strong(expected, generation + 1);
@@ -162,6 +166,11 @@ void DeviceSimulator::sendAll(Device& device, Log& log) {
             std::this_thread::sleep_for(kRetryPause);
         }
     }
+}
+
+std::string DeviceSimulator::firstError() const {
+    const std::lock_guard<std::mutex> lock(errorMutex_);
+    return firstError_;
 }
 
 bool DeviceSimulator::waitForAcknowledged(long count, std::chrono::milliseconds limit) const {

@@ -58,6 +58,10 @@ public:
     // Waits at most `limit` until every line was acknowledged.
     bool waitUntilDone(std::chrono::milliseconds limit) const;
     long acknowledged() const { return acknowledged_.load(); }
+    // Error replies of the collector's own (it could not write a text), and the text of
+    // the first one.
+    long errorReplies() const { return errorReplies_.load(); }
+    std::string firstError() const;
     long total() const;
 
     // Reads every log of every device from `logsDir` and compares it with the ledger.
@@ -83,6 +87,9 @@ private:
     std::vector<std::thread> senders_;
     std::atomic<bool> stopping_{false};
     std::atomic<long> acknowledged_{0};
+    std::atomic<long> errorReplies_{0};
+    mutable std::mutex errorMutex_;
+    std::string firstError_;  // guarded by errorMutex_
 };
 
 }  // namespace nimbtest
