@@ -301,7 +301,7 @@ void CBBLog::writeBatched(std::deque<CStdStr>& lines, std::vector<Completion>& d
     while (next < lines.size()) {
         long long size = -1;
         const int fd = prepareMainLog(size);
-        const bool limited = io->nowMs() >= mainState.rotateRetryAt;
+        const bool limited = mainState.rotateRetryAt == 0 || io->nowMs() >= mainState.rotateRetryAt;
         const size_t first = next;
         long long pending = 0;
         int count = 0;
