@@ -5,6 +5,7 @@
 
 #include "NimbRemoteLoggerSatellite.h"
 #include "RemoteLogNames.h"
+#include "SyslogServer.h"
 
 namespace {
 const char* const kTimeFormat = "yyyy/MM/dd hh:mm:ss";
@@ -35,10 +36,20 @@ bool NimbRemoteLogger::init(const std::vector<CStdStr>&) {
         return false;
     }
     CBBLog::debug("Registered");
+    startSyslog();
     return true;
 }
 
+void NimbRemoteLogger::startSyslog() {
+    const SyslogSettings settings = SyslogSettings::read();
+    if (!settings.isEnabled()) return;
+    syslog = std::make_unique<SyslogServer>(settings);
+    if (!syslog->start()) syslog.reset();
+}
+
 void NimbRemoteLogger::close() {
+    // Stopped first: its lines reach their loggers, which write them when released.
+    syslog.reset();
     if (satellite == nullptr) return;
     // The satellite leaves the bus and waits for its running handlers, so nothing is
     // emitted after this. A device's request is acknowledged as soon as its handler

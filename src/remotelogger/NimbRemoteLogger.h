@@ -9,6 +9,7 @@
 #include <QDateTime>
 #include <QString>
 #include <map>
+#include <memory>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
@@ -19,6 +20,7 @@
 #include "StdString.h"
 
 class NimbRemoteLoggerSatellite;
+class SyslogServer;
 
 class NimbRemoteLogger : public NimbModuleBaseQT {
     Q_OBJECT
@@ -33,8 +35,10 @@ public:
     // Closes, then releases every remote log (each drains its queue into its file).
     ~NimbRemoteLogger() override;
 
-    // Creates the satellite, connects its signals to the slots below and joins the bus.
-    // False (logged) when the satellite could not register. Main thread.
+    // Creates the satellite, connects its signals to the slots below and joins the bus;
+    // then starts the syslog listeners when the settings enable them (a listener that
+    // cannot start is logged and the bus path runs on). False (logged) when the
+    // satellite could not register. Main thread.
     bool init(const std::vector<CStdStr>& args) override;
     // Leaves the bus, then delivers every addLog / appendLog already emitted, so that
     // each acknowledged request reaches its logger. Harmless twice. Main thread.
@@ -52,7 +56,12 @@ public slots:
     void appendLog(QString macAddr, QString logName, QString content);
 
 private:
+    void startSyslog();
+
     NimbRemoteLoggerSatellite* satellite = nullptr;  // Qt child; deleted by close()
+    // The syslog listeners, when enabled; started once the satellite registered, stopped
+    // by close() before the satellite leaves.
+    std::unique_ptr<SyslogServer> syslog;
     PMutex logMapLock;
     std::map<CStdStr, boost::shared_ptr<CBBLog>> logMap NIMB_GUARDED_BY(logMapLock);
 };
