@@ -40,7 +40,7 @@ std::size_t SyslogFramer::feedLines(std::string_view data, const Deliver& delive
         keep(data);
         return data.size();
     }
-    if (buffer_.empty() && cut_ == 0) {
+    if (buffer_.empty() && cut_ == 0 && newline <= maxSize_) {
         if (newline != 0) deliver(data.substr(0, newline), 0);  // the common case: no copy
     } else {
         keep(data.substr(0, newline));
