@@ -13,7 +13,6 @@ namespace {
 // Once the window is full the median is taken again only every few samples: one sample
 // moves it by at most one place, and the threshold is whole seconds.
 constexpr std::size_t kMedianEvery = 8;
-constexpr long long kSecondsPerDay = 86400;
 
 tm fieldsOf(const SyslogStamp& stamp, int year) {
     tm t{};
@@ -85,7 +84,8 @@ long long SyslogClock::offsetSeconds() {
     if (sinceMedian_ != 0 && (count_ < kWindow || sinceMedian_ >= kMedianEvery)) {
         std::array<long long, kWindow> sorted = samples_;
         auto middle = sorted.begin() + static_cast<std::ptrdiff_t>(count_ / 2);
-        std::nth_element(sorted.begin(), middle, sorted.begin() + static_cast<std::ptrdiff_t>(count_));
+        std::nth_element(sorted.begin(), middle,
+                         sorted.begin() + static_cast<std::ptrdiff_t>(count_));
         // Rounded to the nearest second, halves away from zero.
         const long long ms = *middle;
         offset_ = (ms >= 0 ? ms + 500 : ms - 500) / 1000;

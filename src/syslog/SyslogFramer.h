@@ -37,9 +37,9 @@ private:
 
     std::size_t maxSize_ = 0;
     Mode mode_ = Mode::kUnknown;
-    std::string buffer_;        // the message so far (at most maxSize_ bytes)
-    std::size_t cut_ = 0;       // bytes of the message beyond maxSize_
-    std::string length_;        // octet counting: the digits of the length so far
-    std::size_t remaining_ = 0; // octet counting: bytes of the message still to come
-    bool inFrame_ = false;      // octet counting: the length has been read
+    std::string buffer_;         // the message so far (at most maxSize_ bytes)
+    std::size_t cut_ = 0;        // bytes of the message beyond maxSize_
+    std::string length_;         // octet counting: the digits of the length so far
+    std::size_t remaining_ = 0;  // octet counting: bytes of the message still to come
+    bool inFrame_ = false;       // octet counting: the length has been read
 };

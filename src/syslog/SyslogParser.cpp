@@ -45,7 +45,8 @@ std::size_t readPriority(std::string_view text, int& priority) {
     if (text.empty() || text[0] != '<') return 0;
     std::size_t pos = 1;
     int value = 0;
-    while (pos < text.size() && pos <= 3 && isDigit(text[pos])) value = value * 10 + (text[pos++] - '0');
+    while (pos < text.size() && pos <= 3 && isDigit(text[pos]))
+        value = value * 10 + (text[pos++] - '0');
     if (pos == 1 || pos >= text.size() || text[pos] != '>' || value > 191) return 0;
     priority = value;
     return pos + 1;
@@ -83,7 +84,9 @@ std::size_t structuredDataLength(std::string_view text) {
     return pos;
 }
 
-std::string_view nilToEmpty(std::string_view field) { return field == "-" ? std::string_view() : field; }
+std::string_view nilToEmpty(std::string_view field) {
+    return field == "-" ? std::string_view() : field;
+}
 
 // "<PRI>1 " has been read: TIMESTAMP HOSTNAME APP-NAME PROCID MSGID SD [MSG].
 void parseStructured(std::string_view rest, SyslogMessage& message) {
@@ -154,7 +157,8 @@ void parseTraditional(std::string_view rest, SyslogMessage& message) {
 
 std::size_t readIsoStamp(std::string_view text, SyslogStamp& stamp) {
     SyslogStamp read;
-    if (text.size() < 19 || text[4] != '-' || text[7] != '-' || (text[10] != 'T' && text[10] != 't'))
+    if (text.size() < 19 || text[4] != '-' || text[7] != '-' ||
+        (text[10] != 'T' && text[10] != 't'))
         return 0;
     if (!readNumber(text, 0, 4, read.year) || !readNumber(text, 5, 2, read.month) ||
         !readNumber(text, 8, 2, read.day) || read.month < 1 || read.month > 12 || read.day < 1 ||

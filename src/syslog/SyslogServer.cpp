@@ -5,6 +5,9 @@
 #include <cstring>
 #include <ctime>
 
+#include "CBBLog.h"
+#include "PThread.h"
+#include "SyslogStore.h"
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -14,10 +17,6 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include "CBBLog.h"
-#include "PThread.h"
-#include "SyslogStore.h"
 
 namespace {
 
@@ -34,7 +33,8 @@ const char* kindName(int kind) { return kind == 0 ? "UDP" : kind == 1 ? "TCP" : 
 std::string addressOf(const sockaddr_storage& peer) {
     char text[INET6_ADDRSTRLEN] = "?";
     if (peer.ss_family == AF_INET) {
-        inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in&>(peer).sin_addr, text, sizeof(text));
+        inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in&>(peer).sin_addr, text,
+                  sizeof(text));
     } else if (peer.ss_family == AF_INET6) {
         inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6&>(peer).sin6_addr, text,
                   sizeof(text));
@@ -81,8 +81,8 @@ bool SyslogServer::start() {
         (settings_.tlsPort > 0 && !openListener(settings_.tlsPort, Kind::kTls)))
         return false;
     store_ = std::make_unique<SyslogStore>(settings_, counters_);
-    thread_ = std::make_unique<PThread>(PThreadDelegateMember<SyslogServer>(this, &SyslogServer::run),
-                                        nullptr, kThreadName);
+    thread_ = std::make_unique<PThread>(
+        PThreadDelegateMember<SyslogServer>(this, &SyslogServer::run), nullptr, kThreadName);
     return true;
 }
 
@@ -149,15 +149,16 @@ void SyslogServer::stop() {
     }
     connections_.clear();
     store_->flush();
-    CBBLog::info("Syslog: stopped; %llu lines written, %llu truncated, %llu dropped over the "
-                 "rate bound, %llu dropped past the sender cap, %llu refused files, %llu "
-                 "refused connections",
-                 static_cast<unsigned long long>(counters_.lines.load()),
-                 static_cast<unsigned long long>(counters_.truncated.load()),
-                 static_cast<unsigned long long>(counters_.rateDropped.load()),
-                 static_cast<unsigned long long>(counters_.senderCapDropped.load()),
-                 static_cast<unsigned long long>(counters_.refusedFiles.load()),
-                 static_cast<unsigned long long>(counters_.connectionsRefused.load()));
+    CBBLog::info(
+        "Syslog: stopped; %llu lines written, %llu truncated, %llu dropped over the "
+        "rate bound, %llu dropped past the sender cap, %llu refused files, %llu "
+        "refused connections",
+        static_cast<unsigned long long>(counters_.lines.load()),
+        static_cast<unsigned long long>(counters_.truncated.load()),
+        static_cast<unsigned long long>(counters_.rateDropped.load()),
+        static_cast<unsigned long long>(counters_.senderCapDropped.load()),
+        static_cast<unsigned long long>(counters_.refusedFiles.load()),
+        static_cast<unsigned long long>(counters_.connectionsRefused.load()));
     store_.reset();
 }
 
@@ -258,8 +259,8 @@ void SyslogServer::acceptConnections(int fd, Kind kind) {
         if (connections_.size() >= static_cast<std::size_t>(settings_.maxConnections)) {
             ++counters_.connectionsRefused;
             connectionLog_.error("Syslog: too many connections: at most " +
-                                 std::to_string(settings_.maxConnections) +
-                                 "; refused one from " + address);
+                                 std::to_string(settings_.maxConnections) + "; refused one from " +
+                                 address);
             close(client);
             continue;
         }
@@ -369,8 +370,7 @@ bool SyslogServer::readTls(Connection& connection) {
 
 void SyslogServer::closeConnection(Connection& connection, const char* reason) {
     if (reason != nullptr) {
-        frameLog_.error("Syslog: closed the connection from " + connection.address + ": " +
-                        reason);
+        frameLog_.error("Syslog: closed the connection from " + connection.address + ": " + reason);
     } else {
         connection.framer.finish([&](std::string_view message, std::size_t cut) {
             store_->add(message, cut, connection.address, nowMs());

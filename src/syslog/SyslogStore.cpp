@@ -5,12 +5,11 @@
 #include <cstdlib>
 #include <ctime>
 
-#include <sys/stat.h>
-
 #include "CBBLog.h"
 #include "NimbRemoteLogger.h"
 #include "RemoteLogNames.h"
 #include "SyslogParser.h"
+#include <sys/stat.h>
 
 namespace {
 
@@ -67,7 +66,8 @@ std::string SyslogStore::fileName(const std::string& sender, const std::string& 
 
 void SyslogStore::add(std::string_view bytes, std::size_t cutBytes, const std::string& address,
                       long long arrivalMs) {
-    SyslogMessage message = SyslogParser::parse(bytes, static_cast<std::size_t>(settings_.maxMessageSize));
+    SyslogMessage message =
+        SyslogParser::parse(bytes, static_cast<std::size_t>(settings_.maxMessageSize));
     message.truncatedBytes += cutBytes;
     if (message.text.empty()) return;  // an empty line between messages
     std::string reason;

@@ -58,7 +58,7 @@ private:
     struct Log {
         boost::shared_ptr<CBBLog> logger;  // null: the file was refused
         std::string pending;
-        bool inFlush = false;     // listed in dirty_
+        bool inFlush = false;  // listed in dirty_
         bool headerWritten = false;
         bool headerKnown = false;  // the last header carried a clock estimate
         long long headerOffset = 0;
@@ -67,8 +67,8 @@ private:
     Sender* findSender(const std::string& name, const std::string& address);
     Log* findLog(Sender& sender, const std::string& name, const SyslogMessage& message);
     Log* openLog(const std::string& fileName);
-    void appendHeader(Log& log, Sender& sender, const std::string& name,
-                      const std::string& address, long long arrivalSeconds);
+    void appendHeader(Log& log, Sender& sender, const std::string& name, const std::string& address,
+                      long long arrivalSeconds);
     void appendLine(Log& log, Sender& sender, SyslogMessage& message, long long arrivalSeconds);
     void flushLog(Log& log);
 

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: MIT
 // A sender's clock estimate and the rewriting of its stamps into server time.
 
+#include "SyslogClock.h"
+
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "DeviceLogConverter.h"
 #include "NimbTestSupport.h"
-#include "SyslogClock.h"
 #include "SyslogParser.h"
 
 namespace {

@@ -2,13 +2,6 @@
 // The syslog listeners end to end: the real collector on a real nats-server, with
 // util-linux `logger`, raw sockets and `openssl s_client` as the senders.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <set>
 #include <string>
 #include <thread>
@@ -18,6 +11,12 @@
 
 #include "NatsServer.h"
 #include "NimbTestSupport.h"
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -46,7 +45,8 @@ int connectTo(int type, int port, const char* source = nullptr) {
 }
 
 void sendAll(int fd, const std::string& bytes) {
-    ASSERT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    ASSERT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
 }
 
 // The program `name` as found on PATH (the child runner does not search it).
@@ -90,8 +90,8 @@ protected:
         udp_ = NatsServer::freePort();
         tcp_ = NatsServer::freePort();
         writeFile(root("cfg/pellix/com.pellix.nimb.syslog.json"),
-                  "{\"UdpPort\": " + std::to_string(udp_) + ", \"TcpPort\": " + std::to_string(tcp_) +
-                      extra + "}");
+                  "{\"UdpPort\": " + std::to_string(udp_) +
+                      ", \"TcpPort\": " + std::to_string(tcp_) + extra + "}");
         daemon_ = spawnChild({NIMB_REMOTE_LOGGER},
                              {{"XDG_CONFIG_HOME", root("cfg").string()},
                               {"TMPDIR", root("tmp").string()},
@@ -137,20 +137,25 @@ protected:
 
 TEST_F(SyslogDaemonTest, LoggerInEveryModeReachesItsFile) {
     start();
-    const std::vector<std::vector<std::string>> modes = {
-        {"--udp", "--rfc3164"}, {"--udp", "--rfc5424"}, {"--tcp", "--rfc3164"},
-        {"--tcp", "--rfc5424"}, {"--tcp", "--octet-count", "--rfc3164"},
-        {"--tcp", "--octet-count", "--rfc5424"}};
+    const std::vector<std::vector<std::string>> modes = {{"--udp", "--rfc3164"},
+                                                         {"--udp", "--rfc5424"},
+                                                         {"--tcp", "--rfc3164"},
+                                                         {"--tcp", "--rfc5424"},
+                                                         {"--tcp", "--octet-count", "--rfc3164"},
+                                                         {"--tcp", "--octet-count", "--rfc5424"}};
     for (std::size_t i = 0; i < modes.size(); ++i) {
         std::vector<std::string> options = modes[i];
-        options.insert(options.end(), {"--port", std::to_string(modes[i][0] == "--udp" ? udp_ : tcp_),
-                                       "-t", "mode" + std::to_string(i)});
+        options.insert(options.end(),
+                       {"--port", std::to_string(modes[i][0] == "--udp" ? udp_ : tcp_), "-t",
+                        "mode" + std::to_string(i)});
         ASSERT_EQ(runLogger(options, "line of mode " + std::to_string(i)), 0);
     }
     for (std::size_t i = 0; i < modes.size(); ++i) {
         const std::string file = hostName() + "-mode" + std::to_string(i);
         EXPECT_TRUE(holds(file, "line of mode " + std::to_string(i) + "\n")) << file;
-        EXPECT_EQ(readFile(logs() / file).rfind("\n===== " + hostName() + " - syslog 127.0.0.1 clock ", 0), 0u);
+        EXPECT_EQ(readFile(logs() / file)
+                      .rfind("\n===== " + hostName() + " - syslog 127.0.0.1 clock ", 0),
+                  0u);
     }
     EXPECT_NE(stop().find("Syslog: stopped; 6 lines written"), std::string::npos);
 }
@@ -186,9 +191,9 @@ TEST_F(SyslogDaemonTest, HostileSendersWriteNothingOutsideTheLogsFolder) {
     fs::create_symlink(root("target.txt"), logs() / "planted-app");
     start();
     const int udp = connectTo(SOCK_DGRAM, udp_);
-    for (const std::string& host : {std::string("../../escape"), std::string("/abs"),
-                                    std::string("ctl\x07name"), std::string(300, 'n'),
-                                    std::string("planted")})
+    for (const std::string& host :
+         {std::string("../../escape"), std::string("/abs"), std::string("ctl\x07name"),
+          std::string(300, 'n'), std::string("planted")})
         sendAll(udp, "<13>Nov 24 10:00:00 " + host + " app: hostile");
     sendAll(udp, "<13>Nov 24 10:00:00 fine app: still served");
     close(udp);
@@ -215,8 +220,8 @@ TEST_F(SyslogDaemonTest, HostileSendersWriteNothingOutsideTheLogsFolder) {
 TEST_F(SyslogDaemonTest, TlsListenerTakesOctetCountedMessages) {
     const std::string cert = root("cert.pem").string();
     const std::string key = root("key.pem").string();
-    ASSERT_EQ(runProgram({onPath("openssl"), "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "1",
-                          "-subj", "/CN=localhost", "-keyout", key, "-out", cert},
+    ASSERT_EQ(runProgram({onPath("openssl"), "req", "-x509", "-newkey", "rsa:2048", "-nodes",
+                          "-days", "1", "-subj", "/CN=localhost", "-keyout", key, "-out", cert},
                          scratch_)
                   .exitCode(),
               0);
@@ -229,10 +234,12 @@ TEST_F(SyslogDaemonTest, TlsListenerTakesOctetCountedMessages) {
     writeFile(root("tls-input.txt"), std::to_string(first.size()) + " " + first +
                                          std::to_string(second.size()) + " " + second);
     // s_client sends its input, then waits a little for the peer before it ends.
-    const ChildResult client = runChild(
-        {onPath("sh"), "-c", "(cat " + root("tls-input.txt").string() + "; sleep 1) | openssl s_client -quiet -no_ign_eof "
-         "-connect 127.0.0.1:" + std::to_string(tls)},
-        {}, root("tmp/client.txt"), true, std::chrono::seconds(20));
+    const ChildResult client = runChild({onPath("sh"), "-c",
+                                         "(cat " + root("tls-input.txt").string() +
+                                             "; sleep 1) | openssl s_client -quiet -no_ign_eof "
+                                             "-connect 127.0.0.1:" +
+                                             std::to_string(tls)},
+                                        {}, root("tmp/client.txt"), true, std::chrono::seconds(20));
     EXPECT_TRUE(client.finished);
     EXPECT_TRUE(holds("secure-app", "secure app - - - over tls\n"));
     EXPECT_TRUE(holds("secure-app", "secure app - - - second\n"));
@@ -256,7 +263,8 @@ TEST_F(SyslogDaemonTest, BoundsOnConnectionsAndRateKeepOtherSendersServed) {
     // A flood from 127.0.0.2 runs into its rate bound; a quiet sender on 127.0.0.3 is
     // served all the same.
     const int flood = connectTo(SOCK_DGRAM, udp_, "127.0.0.2");
-    for (int i = 0; i < 500; ++i) sendAll(flood, "<13>Nov 24 10:00:00 flood app: " + std::to_string(i));
+    for (int i = 0; i < 500; ++i)
+        sendAll(flood, "<13>Nov 24 10:00:00 flood app: " + std::to_string(i));
     const int quiet = connectTo(SOCK_DGRAM, udp_, "127.0.0.3");
     sendAll(quiet, "<13>Nov 24 10:00:00 quiet app: served");
     close(flood);

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 // Stream framing: both framings, split at every byte, the size cut, bad lengths.
 
+#include "SyslogFramer.h"
+
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
-
-#include "SyslogFramer.h"
 
 namespace {
 

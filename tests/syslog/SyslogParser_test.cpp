@@ -2,14 +2,14 @@
 // The parser against the corpus of real-world shapes (corpus/shapes.txt): every field
 // that names a file or lands in the text, plus the cut at the maximum size.
 
+#include "SyslogParser.h"
+
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
-
-#include "SyslogParser.h"
 
 namespace {
 
@@ -103,9 +103,9 @@ TEST(SyslogParserTest, EveryPrefixOfAMessageParsesWithoutHarm) {
 
 TEST(SyslogParserTest, StampReadersRejectNearMisses) {
     SyslogStamp stamp;
-    for (const char* text : {"2026-13-01T00:00:00Z", "2026-11-24T24:00:00Z", "2026-11-24 17:20:58",
-                             "2026-11-24T17:20", "Foo 24 17:20:58", "Nov 24 17:61:58",
-                             "Nov 0 17:20:58", "Nov 24 17:20"}) {
+    for (const char* text :
+         {"2026-13-01T00:00:00Z", "2026-11-24T24:00:00Z", "2026-11-24 17:20:58", "2026-11-24T17:20",
+          "Foo 24 17:20:58", "Nov 24 17:61:58", "Nov 0 17:20:58", "Nov 24 17:20"}) {
         EXPECT_EQ(SyslogParser::readIsoStamp(text, stamp) + SyslogParser::readBsdStamp(text, stamp),
                   0u)
             << text;

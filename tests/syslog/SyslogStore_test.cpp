@@ -3,6 +3,8 @@
 // clock rewriting, the notes on cut messages and the sender and application caps. Each
 // test files into its own logs folder and reads the files once the store is gone.
 
+#include "SyslogStore.h"
+
 #include <set>
 #include <string>
 
@@ -10,7 +12,6 @@
 
 #include "DeviceLogConverter.h"
 #include "NimbTestSupport.h"
-#include "SyslogStore.h"
 
 namespace {
 
@@ -54,11 +55,12 @@ protected:
 };
 
 TEST_F(SyslogStoreTest, OneFilePerSenderAndApplicationWithAHeader) {
-    store({"<13>Nov 24 10:00:00 router dnsmasq[1]: one", "<13>Nov 24 10:00:01 router dnsmasq[1]: two",
-           "<13>Nov 24 10:00:01 router /usr/sbin/cron[2]: three", "<13>no stamp, no host"},
-          utc(11, 24, 10, 0, 1));
-    EXPECT_EQ(files(), (std::set<std::string>{"router-dnsmasq", "router-cron",
-                                              "192.168.1.9-syslog", "errors.log"}));
+    store(
+        {"<13>Nov 24 10:00:00 router dnsmasq[1]: one", "<13>Nov 24 10:00:01 router dnsmasq[1]: two",
+         "<13>Nov 24 10:00:01 router /usr/sbin/cron[2]: three", "<13>no stamp, no host"},
+        utc(11, 24, 10, 0, 1));
+    EXPECT_EQ(files(), (std::set<std::string>{"router-dnsmasq", "router-cron", "192.168.1.9-syslog",
+                                              "errors.log"}));
     EXPECT_EQ(file("router-dnsmasq"),
               "\n===== router - syslog 192.168.1.9 clock -1 s === 2026/11/24 10:00:00 <-> "
               "2026/11/24 10:00:01 =====\n"
@@ -76,7 +78,8 @@ TEST_F(SyslogStoreTest, HostileHostNamesAreFiledUnderTheAddress) {
            "<13>Nov 24 10:00:00 " + longName + " evil: e",
            "<13>Nov 24 10:00:00 .. ../../../../tmp/x: f", "<13>Nov 24 10:00:00 host /: g"},
           utc(11, 24, 10, 0, 0), "10.0.0.7");
-    EXPECT_EQ(files(), (std::set<std::string>{"10.0.0.7-evil", "..-x", "host-syslog", "errors.log"}));
+    EXPECT_EQ(files(),
+              (std::set<std::string>{"10.0.0.7-evil", "..-x", "host-syslog", "errors.log"}));
     EXPECT_EQ(linesOf(file("10.0.0.7-evil")).size(), 2u + 5u);  // header + 5 lines
     EXPECT_EQ(counters_.refusedNames, 5u);
     EXPECT_NE(file("10.0.0.7-evil").find("tab\\x01x evil: d"), std::string::npos);
@@ -113,7 +116,8 @@ TEST_F(SyslogStoreTest, ANewClockTieWritesANewHeader) {
     // The sender's clock is set back by an hour after five lines; the median follows
     // once most of its window holds the new difference.
     for (int i = 0; i < 200; ++i)
-        messages.push_back(i < 5 ? "<13>Nov 24 10:00:00 cam app: a" : "<13>Nov 24 09:00:00 cam app: b");
+        messages.push_back(i < 5 ? "<13>Nov 24 10:00:00 cam app: a"
+                                 : "<13>Nov 24 09:00:00 cam app: b");
     store(messages, utc(11, 24, 10, 0, 0));
     const std::string text = file("cam-app");
     EXPECT_NE(text.find("clock +0 s ==="), std::string::npos);
@@ -127,7 +131,8 @@ TEST_F(SyslogStoreTest, CutMessagesSayHowMuchWasCut) {
         SyslogStore target(settings_, counters_);
         target.add("<13>Nov 24 10:00:00 nas app: " + std::string(1000, 'x'), 0, "10.0.0.1",
                    utc(11, 24, 10, 0, 0) * 1000);
-        target.add("<13>Nov 24 10:00:00 nas app: short", 70, "10.0.0.1", utc(11, 24, 10, 0, 0) * 1000);
+        target.add("<13>Nov 24 10:00:00 nas app: short", 70, "10.0.0.1",
+                   utc(11, 24, 10, 0, 0) * 1000);
     }
     const auto lines = linesOf(file("nas-app"));
     ASSERT_EQ(lines.size(), 4u);
@@ -139,11 +144,13 @@ TEST_F(SyslogStoreTest, CutMessagesSayHowMuchWasCut) {
 TEST_F(SyslogStoreTest, SenderAndApplicationCapsHold) {
     settings_.maxSenders = 2;
     settings_.maxAppsPerSender = 2;
-    store({"<13>Nov 24 10:00:00 a one: 1", "<13>Nov 24 10:00:00 a two: 2", "<13>Nov 24 10:00:00 a three: 3",
-           "<13>Nov 24 10:00:00 b one: 4", "<13>Nov 24 10:00:00 c one: 5"},
+    store({"<13>Nov 24 10:00:00 a one: 1", "<13>Nov 24 10:00:00 a two: 2",
+           "<13>Nov 24 10:00:00 a three: 3", "<13>Nov 24 10:00:00 b one: 4",
+           "<13>Nov 24 10:00:00 c one: 5"},
           utc(11, 24, 10, 0, 0));
     // The third application shares the sender's "syslog" file; the third sender is dropped.
-    EXPECT_EQ(files(), (std::set<std::string>{"a-one", "a-two", "a-syslog", "b-one", "errors.log"}));
+    EXPECT_EQ(files(),
+              (std::set<std::string>{"a-one", "a-two", "a-syslog", "b-one", "errors.log"}));
     EXPECT_NE(file("a-syslog").find("a three: 3"), std::string::npos);
     EXPECT_EQ(counters_.senderCapDropped, 1u);
     EXPECT_EQ(counters_.lines, 4u);
