@@ -10,9 +10,9 @@
 
 namespace {
 
-// Once the window is full the median is taken again only every few samples: one sample
-// moves it by at most one place, and the threshold is whole seconds.
-constexpr std::size_t kMedianEvery = 8;
+// Once the window is full the estimate is taken again only every few samples: one
+// sample moves it by at most one place, and the threshold is whole seconds.
+constexpr std::size_t kPickEvery = 8;
 
 tm fieldsOf(const SyslogStamp& stamp, int year) {
     tm t{};
@@ -42,10 +42,18 @@ std::string SyslogClock::formatTime(long long seconds, bool local) {
 }
 
 long long SyslogClock::localOffset(long long seconds) {
-    const time_t value = static_cast<time_t>(seconds);
-    tm local{};
-    localtime_r(&value, &local);
-    return local.tm_gmtoff;
+    // Asked for every stamped message, mostly for the same second: the last answer is
+    // kept per thread.
+    thread_local long long lastSeconds = -1;
+    thread_local long long lastOffset = 0;
+    if (seconds != lastSeconds) {
+        const time_t value = static_cast<time_t>(seconds);
+        tm local{};
+        localtime_r(&value, &local);
+        lastOffset = local.tm_gmtoff;
+        lastSeconds = seconds;
+    }
+    return lastOffset;
 }
 
 long long SyslogClock::stampSeconds(const SyslogStamp& stamp, long long referenceSeconds) {
@@ -75,21 +83,24 @@ void SyslogClock::addSample(const SyslogStamp& stamp, long long arrivalMs) {
     samples_[next_] = stampMs - (arrivalMs + wall * 1000);
     next_ = (next_ + 1) % kWindow;
     if (count_ < kWindow) ++count_;
-    ++sinceMedian_;
+    ++sincePick_;
     zoned_ = stamp.hasZone;
 }
 
 long long SyslogClock::offsetSeconds() {
     if (count_ == 0) return 0;
-    if (sinceMedian_ != 0 && (count_ < kWindow || sinceMedian_ >= kMedianEvery)) {
+    if (sincePick_ != 0 && (count_ < kWindow || sincePick_ >= kPickEvery)) {
+        // Delays only ever make a stamp look older, so the estimate leans to the least
+        // delayed messages: the tenth from the top of the window, which the few highest
+        // (stamps from the future, a clock that jumped back) cannot move.
         std::array<long long, kWindow> sorted = samples_;
-        auto middle = sorted.begin() + static_cast<std::ptrdiff_t>(count_ / 2);
-        std::nth_element(sorted.begin(), middle,
+        auto pick = sorted.begin() + static_cast<std::ptrdiff_t>(count_ - 1 - count_ / 10);
+        std::nth_element(sorted.begin(), pick,
                          sorted.begin() + static_cast<std::ptrdiff_t>(count_));
         // Rounded to the nearest second, halves away from zero.
-        const long long ms = *middle;
+        const long long ms = *pick;
         offset_ = (ms >= 0 ? ms + 500 : ms - 500) / 1000;
-        sinceMedian_ = 0;
+        sincePick_ = 0;
     }
     return offset_;
 }

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 // SyslogClock: one sender's clock, estimated from the stamps of its messages. A syslog
 // sender announces no time of its own, so every stamp is compared with the moment the
-// message arrived; the estimate is the median of the last kWindow differences, which a
-// few delayed or replayed messages cannot move. Also the conversions a stamp needs:
-// its seconds, and its rewriting into server time. Owned by the store; listener thread.
+// message arrived. Transport and queueing delays only make stamps look older, so the
+// estimate is the 90th percentile of the last kWindow differences: the least delayed
+// messages decide, and a few stamps from the future or replayed lines cannot move it. Also the
+// conversions a stamp needs: its seconds, and its rewriting into server time. Owned by the store;
+// listener thread.
 #pragma once
 
 #include <array>
@@ -47,7 +49,7 @@ private:
     std::array<long long, kWindow> samples_{};  // differences in ms, a ring
     std::size_t count_ = 0;
     std::size_t next_ = 0;
-    std::size_t sinceMedian_ = 0;  // samples added since the median was last taken
-    long long offset_ = 0;         // the last median, whole seconds
+    std::size_t sincePick_ = 0;  // samples added since the estimate was last taken
+    long long offset_ = 0;       // the last estimate, whole seconds
     bool zoned_ = false;
 };

@@ -2,10 +2,11 @@
 // SyslogServer: the collector's syslog listeners (UDP, TCP, TLS) on one thread of their
 // own, "nimb-syslog", which reads, parses and files every message, so the bus path
 // never waits for it. Fairness: each round of the thread's loop reads at most one chunk
-// (64 KiB) from every ready connection and 64 datagrams from the UDP socket, then hands
-// every line of the round to its file's logger; a flooding sender therefore delays
-// another's lines by at most one round, and its own rate bound holds it back beyond
-// that. Created, started and stopped by the collector on its main thread.
+// (64 KiB) from every ready connection and 64 datagrams from the UDP socket; gathered
+// lines go to their loggers when nothing more is ready to read, and at the latest
+// kFlushDelayMs after they were read. A flooding sender therefore delays another's lines
+// by at most that and one round, and its own rate bound holds it back beyond that. Created, started
+// and stopped by the collector on its main thread.
 #pragma once
 
 #include <cstddef>
@@ -28,6 +29,8 @@ class SyslogServer {
 public:
     static constexpr std::size_t kReadChunk = 65536;
     static constexpr int kDatagramsPerRound = 64;
+    // Longest time a line read waits before it is handed to its file's logger.
+    static constexpr long long kFlushDelayMs = 20;
 
     explicit SyslogServer(const SyslogSettings& settings);
     SyslogServer(const SyslogServer&) = delete;
@@ -70,6 +73,7 @@ private:
     SyslogRateBucket* bucketFor(const std::string& address);
     void watch(int fd, unsigned events, bool add);
     static long long nowMs();
+    static long long steadyMs();
 
     // Immutable after construction.
     SyslogSettings settings_;
@@ -86,6 +90,7 @@ private:
     std::vector<int> paused_;
     std::vector<int> again_;  // TLS connections with decrypted bytes still buffered
     std::vector<char> buffer_;
+    long long flushDueMs_ = 0;  // steady ms by which gathered lines are handed on; 0: none
     bool stopping_ = false;
     SyslogThrottledLog rateLog_;
     SyslogThrottledLog connectionLog_;

@@ -15,7 +15,7 @@ namespace {
 
 const char* const kDefaultApp = "syslog";
 // A file's gathered lines are handed on at this size even before the round ends.
-constexpr std::size_t kFlushSize = 256 * 1024;
+constexpr std::size_t kFlushSize = 64 * 1024;
 
 bool isPrintableAscii(const std::string& text) {
     for (const char c : text) {

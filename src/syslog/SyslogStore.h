@@ -40,6 +40,8 @@ public:
              long long arrivalMs);
     // Hands every gathered line to its file's logger.
     void flush();
+    // Whether lines are waiting for flush().
+    bool hasPending() const { return !dirty_.empty(); }
 
     // The name a sender is filed under: its host name when that makes a plain file name
     // (printable ASCII, no "/" or "\", short enough), else its address. Sets `reason`
