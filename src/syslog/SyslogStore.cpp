@@ -49,6 +49,8 @@ std::string SyslogStore::senderName(const std::string& hostname, const std::stri
         reason = "holds \"/\" or \"\\\"";
     } else if (!isPrintableAscii(hostname)) {
         reason = "holds control characters, blanks or non-ASCII bytes";
+    } else if (hostname[0] == '.') {
+        reason = "starts with \".\"";
     } else if (fileName(hostname, kDefaultApp).size() > RemoteLogNames::kMaxFileName) {
         reason = "file name longer than 250 bytes";
     }

@@ -44,7 +44,8 @@ public:
     bool hasPending() const { return !dirty_.empty(); }
 
     // The name a sender is filed under: its host name when that makes a plain file name
-    // (printable ASCII, no "/" or "\", short enough), else its address. Sets `reason`
+    // (printable ASCII, no "/" or "\", not starting with ".", short enough), else its
+    // address. Sets `reason`
     // when a non-empty host name was refused.
     static std::string senderName(const std::string& hostname, const std::string& address,
                                   std::string& reason);

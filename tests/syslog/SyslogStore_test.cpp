@@ -79,9 +79,9 @@ TEST_F(SyslogStoreTest, HostileHostNamesAreFiledUnderTheAddress) {
            "<13>Nov 24 10:00:00 .. ../../../../tmp/x: f", "<13>Nov 24 10:00:00 host /: g"},
           utc(11, 24, 10, 0, 0), "10.0.0.7");
     EXPECT_EQ(files(),
-              (std::set<std::string>{"10.0.0.7-evil", "..-x", "host-syslog", "errors.log"}));
+              (std::set<std::string>{"10.0.0.7-evil", "10.0.0.7-x", "host-syslog", "errors.log"}));
     EXPECT_EQ(linesOf(file("10.0.0.7-evil")).size(), 2u + 5u);  // header + 5 lines
-    EXPECT_EQ(counters_.refusedNames, 5u);
+    EXPECT_EQ(counters_.refusedNames, 6u);
     EXPECT_NE(file("10.0.0.7-evil").find("tab\\x01x evil: d"), std::string::npos);
 }
 
