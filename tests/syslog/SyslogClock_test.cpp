@@ -16,14 +16,8 @@ namespace {
 using nimbtest::ScopedTimeZone;
 
 long long utc(int year, int month, int day, int hour, int minute, int second) {
-    tm t{};
-    t.tm_year = year - 1900;
-    t.tm_mon = month - 1;
-    t.tm_mday = day;
-    t.tm_hour = hour;
-    t.tm_min = minute;
-    t.tm_sec = second;
-    return DeviceLogConverter::utcSeconds(t);
+    return DeviceLogConverter::utcSeconds(
+        nimbtest::dateTime(year, month, day, hour, minute, second));
 }
 
 SyslogStamp stampOf(const std::string& text) {

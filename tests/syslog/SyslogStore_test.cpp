@@ -39,14 +39,7 @@ protected:
         for (const std::string& message : messages) target.add(message, 0, address, arrival * 1000);
     }
     static long long utc(int month, int day, int hour, int minute, int second) {
-        tm t{};
-        t.tm_year = 126;
-        t.tm_mon = month - 1;
-        t.tm_mday = day;
-        t.tm_hour = hour;
-        t.tm_min = minute;
-        t.tm_sec = second;
-        return DeviceLogConverter::utcSeconds(t);
+        return DeviceLogConverter::utcSeconds(dateTime(2026, month, day, hour, minute, second));
     }
 
     ScopedTimeZone zone_{"UTC"};
