@@ -5,7 +5,9 @@
 // lines per second from the first byte sent until every line is in its file, and the
 // receiver's CPU time per line (user + system, all its threads, from /proc).
 //
-//   syslog_bench [SENDERS [LINES]]       default 8 senders x 100000 lines of 120 bytes
+//   syslog_bench [SENDERS [LINES [ROUNDS]]]   default 8 senders x 100000 lines of 120
+//                                            bytes, 3 rounds (the receivers take turns
+//                                            going first; totals over all rounds)
 //   SYSLOG_BENCH_KEEP=1 syslog_bench     keeps the files (the folder is printed)
 //
 // Each sender is one connection, one host name, and spreads its lines over 32
@@ -70,7 +72,7 @@ double cpuSeconds(pid_t pid) {
 
 // One sender's lines, "<13>Mmm dd hh:mm:ss host appNN[4242]: x-bench-... xxx\n", each
 // kLineBytes long, written in chunks of about 64 KiB.
-void sendLines(int port, int sender, int lines, std::atomic<int>& failures) {
+void sendLines(int port, int round, int sender, int lines, std::atomic<int>& failures) {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in peer{};
     peer.sin_family = AF_INET;
@@ -92,8 +94,8 @@ void sendLines(int port, int sender, int lines, std::atomic<int>& failures) {
         for (; i < lines && chunk.size() < 65536 - kLineBytes; ++i) {
             char head[128];
             const int length =
-                std::snprintf(head, sizeof(head), "<13>%s bench%d app%02d[4242]: %s%d-%d ", stamp,
-                              sender, i % kApps, kMarker, sender, i);
+                std::snprintf(head, sizeof(head), "<13>%s r%dbench%d app%02d[4242]: %s%d-%d-%d ",
+                              stamp, round, sender, i % kApps, kMarker, round, sender, i);
             chunk.append(head, static_cast<std::size_t>(length));
             chunk.append(kLineBytes - 1 - static_cast<std::size_t>(length), 'x');
             chunk += '\n';
@@ -121,15 +123,15 @@ std::size_t folderBytes(const fs::path& folder) {
     return total;
 }
 
-std::size_t countLines(const fs::path& folder) {
+std::size_t countLines(const fs::path& folder, int round) {
+    const std::string marker = kMarker + std::to_string(round) + "-";
     std::size_t count = 0;
-    std::vector<char> buffer(1 << 20);
     for (const auto& entry : fs::directory_iterator(folder)) {
         if (!entry.is_regular_file()) continue;
         std::ifstream in(entry.path(), std::ios::binary);
         std::string line;
         while (std::getline(in, line)) {
-            if (line.find(kMarker) != std::string::npos) ++count;
+            if (line.find(marker) != std::string::npos) ++count;
         }
     }
     return count;
@@ -138,7 +140,8 @@ std::size_t countLines(const fs::path& folder) {
 // Sends every sender's lines to `port` and waits until they are all in `folder`: the
 // end time is the last growth of the folder, seen every 5 ms, once it stood still for
 // 300 ms with every line there.
-Result runPhase(int port, pid_t receiver, const fs::path& folder, int senders, int lines) {
+Result runPhase(int port, pid_t receiver, const fs::path& folder, int round, int senders,
+                int lines) {
     Result result;
     const std::size_t expected =
         static_cast<std::size_t>(senders) * static_cast<std::size_t>(lines);
@@ -147,7 +150,7 @@ Result runPhase(int port, pid_t receiver, const fs::path& folder, int senders, i
     const Clock::time_point start = Clock::now();
     std::vector<std::thread> threads;
     for (int s = 0; s < senders; ++s)
-        threads.emplace_back(sendLines, port, s, lines, std::ref(failures));
+        threads.emplace_back(sendLines, port, round, s, lines, std::ref(failures));
     for (auto& thread : threads) thread.join();
     std::size_t lastBytes = 0;
     Clock::time_point lastGrowth = Clock::now();
@@ -158,7 +161,7 @@ Result runPhase(int port, pid_t receiver, const fs::path& folder, int senders, i
             lastBytes = bytes;
             lastGrowth = Clock::now();
         } else if (Clock::now() - lastGrowth > std::chrono::milliseconds(300)) {
-            result.lines = countLines(folder);
+            result.lines = countLines(folder, round);
             if (result.lines >= expected) {
                 result.complete = true;
                 break;
@@ -216,8 +219,10 @@ void report(const char* name, const Result& result) {
 int main(int argc, char** argv) {
     const int senders = argc > 1 ? std::atoi(argv[1]) : 8;
     const int lines = argc > 2 ? std::atoi(argv[2]) : 100000;
-    if (senders < 1 || lines < 1 || lines / kApps * 140 > 500000) {
-        std::fprintf(stderr, "usage: syslog_bench [SENDERS [LINES]] (at most %d lines a sender)\n",
+    const int rounds = argc > 3 ? std::atoi(argv[3]) : 3;
+    if (senders < 1 || lines < 1 || rounds < 1 || lines / kApps * 140 > 500000) {
+        std::fprintf(stderr,
+                     "usage: syslog_bench [SENDERS [LINES [ROUNDS]]] (at most %d lines a sender)\n",
                      500000 / 140 * kApps);
         return 64;
     }
@@ -252,9 +257,32 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    std::printf("%d senders x %d lines of %zu bytes over TCP\n", senders, lines, kLineBytes);
-    const Result ours = runPhase(ourPort, collector, folder / "ours", senders, lines);
-    const Result theirs = runPhase(referencePort, reference, folder / "reference", senders, lines);
+    std::printf("%d senders x %d lines of %zu bytes over TCP, %d rounds\n", senders, lines,
+                kLineBytes, rounds);
+    Result ours, theirs;
+    bool complete = true;
+    for (int round = 0; round < rounds; ++round) {
+        Result one, other;
+        // The receivers take turns going first, so that neither always meets a warm disk.
+        if (round % 2 == 0) {
+            one = runPhase(ourPort, collector, folder / "ours", round, senders, lines);
+            other = runPhase(referencePort, reference, folder / "reference", round, senders, lines);
+        } else {
+            other = runPhase(referencePort, reference, folder / "reference", round, senders, lines);
+            one = runPhase(ourPort, collector, folder / "ours", round, senders, lines);
+        }
+        std::printf("round %d\n", round + 1);
+        report("collector", one);
+        report("rsyslog", other);
+        for (auto [total, part] : {std::pair{&ours, &one}, std::pair{&theirs, &other}}) {
+            total->seconds += part->seconds;
+            total->cpuSeconds += part->cpuSeconds;
+            total->lines += part->lines;
+            complete = complete && part->complete;
+        }
+    }
+    ours.complete = theirs.complete = complete;
+    std::printf("all rounds\n");
     report("collector", ours);
     report("rsyslog", theirs);
     const double rateRatio = (static_cast<double>(ours.lines) / ours.seconds) /
@@ -274,5 +302,5 @@ int main(int argc, char** argv) {
     } else {
         fs::remove_all(folder);
     }
-    return ours.complete && theirs.complete ? 0 : 1;
+    return complete ? 0 : 1;
 }

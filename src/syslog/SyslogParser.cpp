@@ -267,6 +267,20 @@ void appendInert(std::string& out, std::string_view bytes) {
 
 SyslogMessage parse(std::string_view bytes, std::size_t maxSize) {
     SyslogMessage message;
+    parseInto(bytes, maxSize, message);
+    return message;
+}
+
+void parseInto(std::string_view bytes, std::size_t maxSize, SyslogMessage& message) {
+    // Field by field, so that the strings keep their buffers for the next message.
+    message.format = SyslogMessage::Format::kRfc3164;
+    message.priority = -1;
+    message.hostname.clear();
+    message.appName.clear();
+    message.stamp = SyslogStamp();
+    message.text.clear();
+    message.stampLength = 0;
+    message.truncatedBytes = 0;
     if (bytes.size() > maxSize) {
         message.truncatedBytes = bytes.size() - maxSize;
         bytes = bytes.substr(0, maxSize);
@@ -281,11 +295,10 @@ SyslogMessage parse(std::string_view bytes, std::size_t maxSize) {
         if (isDigit(rest[pos])) ++pos;
         if (pos < rest.size() && rest[pos] == ' ') {
             parseStructured(rest.substr(pos + 1), message);
-            return message;
+            return;
         }
     }
     parseTraditional(rest, message);
-    return message;
 }
 
 }  // namespace SyslogParser

@@ -16,6 +16,9 @@ namespace SyslogParser {
 // Parses `bytes` (one message, any bytes) into a message. Input beyond `maxSize` bytes
 // is cut first and counted in truncatedBytes; trailing newlines and NULs are dropped.
 SyslogMessage parse(std::string_view bytes, std::size_t maxSize);
+// The same into `message`, whose strings keep their buffers (for a caller that parses
+// message after message).
+void parseInto(std::string_view bytes, std::size_t maxSize, SyslogMessage& message);
 
 // Reads an ISO 8601 stamp ("2026-11-22T10:00:00", optional fraction, optional "Z" or
 // "+hh:mm") at the start of `text`; returns its length, 0 when there is none.

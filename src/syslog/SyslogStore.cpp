@@ -68,33 +68,51 @@ std::string SyslogStore::fileName(const std::string& sender, const std::string& 
 
 void SyslogStore::add(std::string_view bytes, std::size_t cutBytes, const std::string& address,
                       long long arrivalMs) {
-    SyslogMessage message =
-        SyslogParser::parse(bytes, static_cast<std::size_t>(settings_.maxMessageSize));
+    SyslogMessage& message = message_;
+    SyslogParser::parseInto(bytes, static_cast<std::size_t>(settings_.maxMessageSize), message);
     message.truncatedBytes += cutBytes;
     if (message.text.empty()) return;  // an empty line between messages
-    std::string reason;
-    const std::string name = senderName(message.hostname, address, reason);
-    if (!reason.empty()) {
+    const Route* route = findRoute(message, address);
+    if (route == nullptr) return;
+    if (!route->refusal.empty()) {
         ++counters_.refusedNames;
         nameLog_.error("Syslog: refused host name " + quoted(message.hostname) + " from " +
-                       address + ": " + reason + "; filed under the address");
+                       address + ": " + route->refusal + "; filed under the address");
     }
-    Sender* sender = findSender(name, address);
-    if (sender == nullptr) return;
+    Sender& sender = *route->sender;
+    Log& log = *route->log;
     const long long arrival = arrivalMs / 1000;
-    sender->clock.addSample(message.stamp, arrivalMs);
-    Log* log = findLog(*sender, name, message);
-    if (log == nullptr) return;
-    if (!log->logger) {
+    sender.clock.addSample(message.stamp, arrivalMs);
+    if (!log.logger) {
         ++counters_.refusedFiles;
         return;
     }
-    const bool known = sender->clock.isKnown();
-    if (!log->headerWritten ||
-        (known && (!log->headerKnown || std::llabs(sender->clock.offsetSeconds() -
-                                                   log->headerOffset) > settings_.clockThreshold)))
-        appendHeader(*log, *sender, name, address, arrival);
-    appendLine(*log, *sender, message, arrival);
+    const bool known = sender.clock.isKnown();
+    if (!log.headerWritten ||
+        (known && (!log.headerKnown || std::llabs(sender.clock.offsetSeconds() - log.headerOffset) >
+                                           settings_.clockThreshold)))
+        appendHeader(log, sender, route->name, address, arrival);
+    appendLine(log, sender, message, arrival);
+}
+
+const SyslogStore::Route* SyslogStore::findRoute(const SyslogMessage& message,
+                                                 const std::string& address) {
+    routeKey_.assign(address);
+    routeKey_ += '\n';
+    routeKey_ += message.hostname;
+    routeKey_ += '\n';
+    routeKey_ += message.appName;
+    const auto found = routes_.find(routeKey_);
+    if (found != routes_.end()) return &found->second;
+    Route route;
+    route.name = senderName(message.hostname, address, route.refusal);
+    route.sender = findSender(route.name, address);
+    if (route.sender == nullptr) return nullptr;  // past the cap: looked at again next time
+    route.log = findLog(*route.sender, route.name, message);
+    // Senders choose the keys: forgotten wholesale now and then (they are rebuilt from
+    // the maps above, which hold what matters).
+    if (routes_.size() >= kMaxRoutes) routes_.clear();
+    return &routes_.emplace(routeKey_, std::move(route)).first->second;
 }
 
 SyslogStore::Sender* SyslogStore::findSender(const std::string& name, const std::string& address) {

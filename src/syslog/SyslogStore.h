@@ -18,11 +18,11 @@
 
 #include "SyslogClock.h"
 #include "SyslogCounters.h"
+#include "SyslogMessage.h"
 #include "SyslogSettings.h"
 #include "SyslogThrottledLog.h"
 
 class CBBLog;
-struct SyslogMessage;
 
 class SyslogStore {
 public:
@@ -67,6 +67,17 @@ private:
         long long headerOffset = 0;
     };
 
+    // Where a message from `address` goes, by its host name and application as sent:
+    // the sender, its file and the name it is filed under. Null past the sender cap.
+    struct Route {
+        Sender* sender = nullptr;
+        Log* log = nullptr;
+        std::string name;
+        std::string refusal;  // why the host name was not used, "" when it was
+    };
+    static constexpr std::size_t kMaxRoutes = 4096;
+
+    const Route* findRoute(const SyslogMessage& message, const std::string& address);
     Sender* findSender(const std::string& name, const std::string& address);
     Log* findLog(Sender& sender, const std::string& name, const SyslogMessage& message);
     Log* openLog(const std::string& fileName);
@@ -83,6 +94,10 @@ private:
     std::unordered_map<std::string, Sender> senders_;
     std::unordered_map<std::string, std::unique_ptr<Log>> logs_;  // by file name
     std::vector<Log*> dirty_;
+    // Address, host name and application as sent -> route; saves building names per line.
+    std::unordered_map<std::string, Route> routes_;
+    std::string routeKey_;
+    SyslogMessage message_;  // reused for every message
     SyslogThrottledLog nameLog_;
     SyslogThrottledLog fileLog_;
     SyslogThrottledLog senderCapLog_;
