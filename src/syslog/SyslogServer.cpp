@@ -250,9 +250,9 @@ void SyslogServer::readDatagrams(int fd) {
         if (bucket != nullptr) {
             if (!bucket->hasRoom()) {
                 ++counters_.rateDropped;
-                rateLog_.error("Syslog: " + address + " sends more than " +
-                               std::to_string(settings_.maxLinesPerSecond) +
-                               " lines a second; datagrams dropped");
+                rateDropLog_.error("Syslog: " + address + " sends more than " +
+                                   std::to_string(settings_.maxLinesPerSecond) +
+                                   " lines a second; datagrams dropped");
                 continue;
             }
             bucket->take();
@@ -317,10 +317,12 @@ void SyslogServer::readConnection(Connection& connection) {
         if (!connection.paused) {
             connection.paused = true;
             ++counters_.ratePaused;
-            rateLog_.error("Syslog: " + connection.address + " sends more than " +
-                           std::to_string(settings_.maxLinesPerSecond) +
-                           " lines a second; reading from it slowed down");
-            watch(connection.fd, 0, false);
+            ratePauseLog_.error("Syslog: " + connection.address + " sends more than " +
+                                std::to_string(settings_.maxLinesPerSecond) +
+                                " lines a second; reading from it slowed down");
+            // Out of the poll set altogether: a hang-up would be reported even with no
+            // events asked for, and the loop would spin until the bucket refills.
+            epoll_ctl(epoll_, EPOLL_CTL_DEL, connection.fd, nullptr);
             paused_.push_back(connection.fd);
         }
         return;
@@ -411,7 +413,7 @@ void SyslogServer::resumePaused() {
             continue;
         }
         connection.paused = false;
-        watch(fd, EPOLLIN, false);
+        watch(fd, EPOLLIN, true);
     }
     paused_.swap(still);
 }

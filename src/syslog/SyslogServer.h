@@ -92,7 +92,8 @@ private:
     std::vector<char> buffer_;
     long long flushDueMs_ = 0;  // steady ms by which gathered lines are handed on; 0: none
     bool stopping_ = false;
-    SyslogThrottledLog rateLog_;
+    SyslogThrottledLog rateDropLog_;
+    SyslogThrottledLog ratePauseLog_;
     SyslogThrottledLog connectionLog_;
     SyslogThrottledLog frameLog_;
 

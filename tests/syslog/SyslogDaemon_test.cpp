@@ -270,12 +270,24 @@ TEST_F(SyslogDaemonTest, BoundsOnConnectionsAndRateKeepOtherSendersServed) {
     close(flood);
     close(quiet);
     EXPECT_TRUE(holds("quiet-app", "quiet app: served\n"));
+    // Over TCP the sender is held back instead: every line arrives, later.
+    const int stream = connectTo(SOCK_STREAM, tcp_, "127.0.0.4");
+    std::string burst;
+    for (int i = 0; i < 60; ++i)
+        burst += "<13>Nov 24 10:00:00 steady app: " + std::to_string(i) + "\n";
+    sendAll(stream, burst);
+    close(stream);
+    EXPECT_TRUE(holds("steady-app", "steady app: 59\n"));
+    EXPECT_EQ(linesOf(readFile(logs() / "steady-app")).size(), 2u + 60u);
     const std::string log = stop();
     EXPECT_NE(log.find("Syslog: too many connections: at most 2; refused one from 127.0.0.1"),
               std::string::npos);
     EXPECT_NE(log.find("Syslog: 127.0.0.2 sends more than 20 lines a second; datagrams dropped"),
               std::string::npos);
     EXPECT_NE(log.find("1 refused connections"), std::string::npos);
+    EXPECT_NE(log.find("Syslog: 127.0.0.4 sends more than 20 lines a second; reading from it "
+                       "slowed down"),
+              std::string::npos);
     const std::size_t written = linesOf(readFile(logs() / "flood-app")).size() - 2;
     EXPECT_GE(written, 40u);  // the burst allowance at least
     EXPECT_LT(written, 500u);
