@@ -157,11 +157,12 @@ void SyslogServer::stop() {
     store_->flush();
     CBBLog::info(
         "Syslog: stopped; %llu lines written, %llu truncated, %llu dropped over the "
-        "rate bound, %llu dropped past the sender cap, %llu refused files, %llu "
-        "refused connections",
+        "rate bound, %llu connections held back, %llu dropped past the sender cap, "
+        "%llu refused files, %llu refused connections",
         static_cast<unsigned long long>(counters_.lines.load()),
         static_cast<unsigned long long>(counters_.truncated.load()),
         static_cast<unsigned long long>(counters_.rateDropped.load()),
+        static_cast<unsigned long long>(counters_.ratePaused.load()),
         static_cast<unsigned long long>(counters_.senderCapDropped.load()),
         static_cast<unsigned long long>(counters_.refusedFiles.load()),
         static_cast<unsigned long long>(counters_.connectionsRefused.load()));
@@ -222,7 +223,7 @@ void SyslogServer::runRound(int timeoutMs) {
 
 SyslogRateBucket* SyslogServer::bucketFor(const std::string& address) {
     if (settings_.maxLinesPerSecond <= 0) return nullptr;
-    const double now = static_cast<double>(nowMs()) / 1000.0;
+    const double now = static_cast<double>(steadyMs()) / 1000.0;
     auto found = buckets_.find(address);
     if (found == buckets_.end()) {
         if (buckets_.size() >= kMaxBuckets) {

@@ -284,6 +284,7 @@ TEST_F(SyslogDaemonTest, BoundsOnConnectionsAndRateKeepOtherSendersServed) {
               std::string::npos);
     EXPECT_NE(log.find("Syslog: 127.0.0.2 sends more than 20 lines a second; datagrams dropped"),
               std::string::npos);
+    EXPECT_EQ(log.find(" 0 connections held back"), std::string::npos);
     EXPECT_NE(log.find("1 refused connections"), std::string::npos);
     EXPECT_NE(log.find("Syslog: 127.0.0.4 sends more than 20 lines a second; reading from it "
                        "slowed down"),
