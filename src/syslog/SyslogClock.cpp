@@ -43,10 +43,12 @@ std::string SyslogClock::formatTime(long long seconds, bool local) {
 
 long long SyslogClock::localOffset(long long seconds) {
     // Asked for every stamped message, mostly for the same second: the last answer is
-    // kept per thread.
+    // kept per thread, with the zone it was taken in (`timezone`, set by tzset()).
     thread_local long long lastSeconds = -1;
+    thread_local long lastZone = 0;
     thread_local long long lastOffset = 0;
-    if (seconds != lastSeconds) {
+    if (seconds != lastSeconds || timezone != lastZone) {
+        lastZone = timezone;
         const time_t value = static_cast<time_t>(seconds);
         tm local{};
         localtime_r(&value, &local);
