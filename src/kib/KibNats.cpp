@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 
 #include "KibStatus.h"
 
@@ -66,4 +67,12 @@ bool KibNats::isValidName(const char* name) {
         if (c <= 0x20 || c >= 0x7F || c == '.' || c == '*' || c == '>') return false;
     }
     return true;
+}
+
+natsStatus KibNats::createOptions(natsOptions** options) {
+    // Tries of a busy lock before the thread sleeps on it (the client's default: 2000).
+    constexpr int64_t kLockSpinCount = 0;
+    static std::once_flag opened;
+    std::call_once(opened, [] { nats_Open(kLockSpinCount); });
+    return natsOptions_Create(options);
 }

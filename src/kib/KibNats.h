@@ -32,4 +32,9 @@ public:
     // A satellite or service name usable as one subject token: 1 to 128 printable
     // ASCII characters other than blank, '.', '*' and '>'.
     static bool isValidName(const char* name);
+    // natsOptions_Create, after opening the client library once with locks that sleep
+    // almost at once instead of spinning: the bus threads hand messages to each other
+    // constantly, and on a small machine a spinning waiter only steals the core its
+    // lock holder needs.
+    static natsStatus createOptions(natsOptions** options);
 };

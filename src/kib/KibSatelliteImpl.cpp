@@ -85,7 +85,7 @@ std::uint32_t randomInstanceId() {
 
 KibNatsOptions makeOptions(const std::string& url, const char* name) {
     natsOptions* raw = nullptr;
-    if (natsOptions_Create(&raw) != NATS_OK) return nullptr;
+    if (KibNats::createOptions(&raw) != NATS_OK) return nullptr;
     KibNatsOptions options(raw);
     natsOptions_SetURL(raw, url.c_str());
     if (name != nullptr) natsOptions_SetName(raw, name);

@@ -110,7 +110,7 @@ int KibSatelliteImpl::ping(const char* host, const char* satellite, unsigned sho
     KibNatsConnection temporary;
     if (host != nullptr && *host != '\0') {
         natsOptions* options = nullptr;
-        if (natsOptions_Create(&options) != NATS_OK) return KIB_E_TRANSPORT;
+        if (KibNats::createOptions(&options) != NATS_OK) return KIB_E_TRANSPORT;
         KibNatsOptions owned(options);
         natsOptions_SetURL(options, KibNats::url(host, port).c_str());
         natsOptions_SetSendAsap(options, true);
