@@ -47,6 +47,8 @@ public:
 
     // Starts the collector and waits (up to 10 s) until it is on the bus.
     ::testing::AssertionResult start() {
+        // The previous run's output says "connected" until the new child truncates it.
+        std::filesystem::remove(output());
         pid_ = nimbtest::spawnChild({NIMB_REMOTE_LOGGER}, environment(), output());
         for (int i = 0; i < 500; ++i) {
             if (nimbtest::readFile(output()).find("connected") != std::string::npos)
