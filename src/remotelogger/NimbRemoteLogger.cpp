@@ -57,6 +57,7 @@ void NimbRemoteLogger::close() {
     // loggers; the loggers write everything and complete the replies while the bus
     // connection still carries them; only then does the satellite disconnect.
     satellite->leaveBus();
+    satellite->deliverQueuedCalls();
     QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
     releaseLogs();
     delete satellite;

@@ -166,7 +166,7 @@ void checkLogNames(const QString& macAddr, const QString& deviceId,
 }  // namespace
 
 NimbRemoteLoggerSatellite::NimbRemoteLoggerSatellite(QObject* parent) : QObject(parent) {
-    // Queued like the module's own connections, so each call's room comes back when the
+    // The calls are emitted on the main thread, so each call's room comes back when the
     // main thread reaches it.
     const std::shared_ptr<RemoteLogBacklog> room = backlog;
     QObject::connect(this, &NimbRemoteLoggerSatellite::addLog, this, [room] { room->release(0); });
@@ -196,6 +196,24 @@ std::shared_ptr<RemoteLogReply> NimbRemoteLoggerSatellite::takeReply() {
 
 void NimbRemoteLoggerSatellite::queueReplyLocked(const std::shared_ptr<RemoteLogReply>& reply) {
     pendingReplies.push_back(reply);
+}
+
+void NimbRemoteLoggerSatellite::queueCallLocked(std::function<void()> call) {
+    queuedCalls.push_back(std::move(call));
+    if (queuedCalls.size() == 1) {
+        QMetaObject::invokeMethod(
+            this, [this] { deliverQueuedCalls(); }, Qt::QueuedConnection);
+    }
+}
+
+void NimbRemoteLoggerSatellite::deliverQueuedCalls() {
+    std::vector<std::function<void()>> calls;
+    {
+        const std::lock_guard<std::mutex> lock(emitLock);
+        calls.swap(queuedCalls);
+    }
+    // Emitted without the lock: the slots take their replies (takeReply).
+    for (const std::function<void()>& call : calls) call();
 }
 
 int NimbRemoteLoggerSatellite::connect() {
@@ -273,7 +291,9 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
     const std::lock_guard<std::mutex> lock(emitLock);
     for (const QString& logName : logNames) {
         queueReplyLocked(reply);
-        emit addLog(macAddr, deviceId, satName, displayName, puckTime, logName);
+        queueCallLocked([this, macAddr, deviceId, satName, displayName, puckTime, logName] {
+            emit addLog(macAddr, deviceId, satName, displayName, puckTime, logName);
+        });
     }
     return 0;
 }
@@ -294,9 +314,12 @@ int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char* caller, const tag
     const QString text = deliveredText(std::move(content));
     reserveBacklog("AppendLog", 1, textBytes(text));
     const auto reply = std::make_shared<RemoteLogReply>(DeferReply(), "AppendLog", 1);
+    std::function<void()> call = [this, mac = fromUtf8(macAddr), log = fromUtf8(logName), text] {
+        emit appendLog(mac, log, text);
+    };
     const std::lock_guard<std::mutex> lock(emitLock);
     queueReplyLocked(reply);
-    emit appendLog(fromUtf8(macAddr), fromUtf8(logName), text);
+    queueCallLocked(std::move(call));
     return 0;
 }
 

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 // NimbRemoteLoggerSatellite: the collector's presence on the component bus, as the
 // satellite "RemoteLogger" with the services "SetLogSource" and "AppendLog". The
-// handlers check a request, convert device timestamps and emit addLog / appendLog; they
-// never touch a log file. Each request's reply is deferred until its texts are written:
+// handlers check a request, convert device timestamps and queue addLog / appendLog calls,
+// which the main thread emits in order, a whole batch per wake-up (deliverQueuedCalls);
+// they never touch a log file. Each request's reply is deferred until its texts are written:
 // the handler queues a RemoteLogReply next to each emitted call, in emission order, and
 // the module's slot takes it (takeReply) and hands it to the logger. Owned by NimbRemoteLogger (its
 // Qt parent), which deletes it in close(). Constructed and connected on the main thread; the
@@ -15,9 +16,11 @@
 #include <QString>
 #include <ctime>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
+#include <vector>
 
 #include "KibSatellite.h"
 #include "PMutex.h"
@@ -64,16 +67,21 @@ public:
     // slots call it once per call they receive from this satellite. Null when none is
     // waiting. Main thread.
     std::shared_ptr<RemoteLogReply> takeReply();
+    // Emits, in the order the handlers queued them, the calls queued so far. The first
+    // call queued after a delivery posts one delivery to the main thread for everything
+    // that arrives until it runs, so a busy bus costs the main thread one event per batch
+    // rather than one per request. Main thread.
+    void deliverQueuedCalls();
 
     // Adds "SetLogSource" and "AppendLog" (empty descriptions); the status of the second.
     int CreateServices() override;
 
-    // [MAC address, (device id,) name, device time, log names]: emits addLog once per
+    // [MAC address, (device id,) name, device time, log names]: queues addLog once per
     // log name, in order, and returns 0; the reply leaves once every header is written
     // (at once for an empty list). Throws KibInvalidParameterException for a bad
-    // request, before anything is emitted. Bus thread.
+    // request, before anything is queued. Bus thread.
     int KibServiceSetLogSource(const char* caller, const tagVARIANT& in, tagVARIANT* out);
-    // [MAC address, log name, content (, device time)]: emits appendLog once, with the
+    // [MAC address, log name, content (, device time)]: queues appendLog once, with the
     // content's timestamps moved into server time when the device time is given, and
     // returns 0; the reply leaves once the text is written. The content is taken whole:
     // a NUL byte becomes U+FFFD like any other byte that is not UTF-8 text. Throws
@@ -101,6 +109,8 @@ private:
     void reserveBacklog(const char* service, std::size_t calls, std::size_t bytes);
     // Queues `reply` for the next call to be emitted; the caller holds emitLock.
     void queueReplyLocked(const std::shared_ptr<RemoteLogReply>& reply);
+    // Queues the emission `call` for the main thread; the caller holds emitLock.
+    void queueCallLocked(std::function<void()> call);
 
     // Shared with the connections that release it on the main thread.
     const std::shared_ptr<RemoteLogBacklog> backlog =
@@ -111,8 +121,9 @@ private:
     // Log ids announced so far; never shrinks, as the module's logs never go away.
     std::set<CStdStr> knownLogIds NIMB_GUARDED_BY(sourcesLock);
 
-    // Held while a handler queues replies and emits, so that both bus threads queue in
-    // the order their calls reach the main thread.
+    // Held while a handler queues its replies and calls, so that a reply and its call
+    // share one place in the order the calls reach the main thread.
     std::mutex emitLock;
     std::deque<std::shared_ptr<RemoteLogReply>> pendingReplies;  // guarded by emitLock
+    std::vector<std::function<void()>> queuedCalls;              // guarded by emitLock
 };

@@ -53,11 +53,16 @@ protected:
                          });
     }
 
+    // A handler call followed by the main thread's delivery of what it queued.
     int setLogSource(const KibVariantHolder& in) {
-        return satellite.KibServiceSetLogSource("dev1", in.get(), nullptr);
+        const int status = satellite.KibServiceSetLogSource("dev1", in.get(), nullptr);
+        satellite.deliverQueuedCalls();
+        return status;
     }
     int appendLog(const KibVariantHolder& in) {
-        return satellite.KibServiceAppendLog("dev1", in.get(), nullptr);
+        const int status = satellite.KibServiceAppendLog("dev1", in.get(), nullptr);
+        satellite.deliverQueuedCalls();
+        return status;
     }
 
     // The message of the KibInvalidParameterException `call` throws ("" if none).
@@ -193,6 +198,7 @@ TEST_F(SatelliteTest, HeaderStringsArriveWithControlCharactersEscaped) {
                                                    .get(),
                                                nullptr),
               0);
+    satellite.deliverQueuedCalls();
     ASSERT_EQ(added.size(), 2u);
     EXPECT_EQ(added[0].displayName,
               "Hall\\n===== Kitchen - dev2 === 2000/01/01 00:00:00 <-> 2000/01/01 00:00:00 "
@@ -264,3 +270,37 @@ TEST_F(SatelliteTest, LogSourcesAreBoundedAndReannouncementsAreFree) {
 }
 
 }  // namespace
+
+// The handlers only queue: nothing is emitted until the main thread delivers, and then
+// every call of every request comes out in arrival order, each with its reply waiting.
+TEST_F(SatelliteTest, QueuedCallsAreEmittedInArrivalOrderOnDelivery) {
+    std::vector<std::string> order;
+    QObject::connect(&satellite, &NimbRemoteLoggerSatellite::addLog,
+                     [&](QString, QString, QString, QString, QDateTime, QString log) {
+                         order.push_back("add " + log.toStdString());
+                     });
+    QObject::connect(
+        &satellite, &NimbRemoteLoggerSatellite::appendLog,
+        [&](QString, QString log, QString content) {
+            order.push_back("append " + log.toStdString() + " " + content.toStdString());
+        });
+    EXPECT_EQ(
+        satellite.KibServiceSetLogSource(
+            "dev1", request(str("00:11"), str("K"), date(kDeviceTime), strings({"a", "b"})).get(),
+            nullptr),
+        0);
+    EXPECT_EQ(satellite.KibServiceAppendLog("dev1", request(str("00:11"), str("b"), str("1")).get(),
+                                            nullptr),
+              0);
+    EXPECT_EQ(satellite.KibServiceAppendLog("dev1", request(str("00:11"), str("a"), str("2")).get(),
+                                            nullptr),
+              0);
+    EXPECT_TRUE(order.empty());
+    satellite.deliverQueuedCalls();
+    EXPECT_EQ(order, (std::vector<std::string>{"add a", "add b", "append b 1", "append a 2"}));
+    // One reply per call, none extra; a second delivery has nothing left to emit.
+    for (int i = 0; i < 4; ++i) EXPECT_NE(satellite.takeReply(), nullptr) << i;
+    EXPECT_EQ(satellite.takeReply(), nullptr);
+    satellite.deliverQueuedCalls();
+    EXPECT_EQ(order.size(), 4u);
+}
