@@ -74,6 +74,18 @@ size_t formatInto(char* buffer, size_t size, const char* format, va_list args) {
     return std::min(static_cast<size_t>(written), size - 1);
 }
 
+// Whether standard output is /dev/null, looked at once per process: echoing there would
+// only cost a write per line (a service's standard output often is).
+bool echoDiscarded() {
+    static const bool discarded = [] {
+        struct stat out {};
+        struct stat null {};
+        return fstat(STDOUT_FILENO, &out) == 0 && S_ISCHR(out.st_mode) &&
+               stat("/dev/null", &null) == 0 && out.st_rdev == null.st_rdev;
+    }();
+    return discarded;
+}
+
 // The file name without folder and extension: up to the first '.', then after the
 // last '/' or '\'.
 CStdStr shortNameOf(const CStdStr& fileName) {
@@ -282,8 +294,10 @@ bool CBBLog::addQueue(CStdStr line, WriteDone* done) {
     if (done != nullptr) completions.push_back({queue.size(), std::move(*done)});
     queue.push_back(std::move(line));
     // Echoed under the queue lock, so echoed lines never interleave.
-    fputs(queue.back().c_str(), stdout);
-    fflush(stdout);
+    if (!echoDiscarded()) {
+        fputs(queue.back().c_str(), stdout);
+        fflush(stdout);
+    }
     if (wakeWriter) queueLock.broadcast();
     return true;
 }
