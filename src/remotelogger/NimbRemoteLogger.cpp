@@ -3,6 +3,7 @@
 
 #include <QCoreApplication>
 
+#include "CollectorStats.h"
 #include "NimbRemoteLoggerSatellite.h"
 #include "RemoteLogNames.h"
 
@@ -91,5 +92,7 @@ void NimbRemoteLogger::appendLog(QString macAddr, QString logName, QString conte
         if (found != logMap.end()) log = found->second;
     }
     if (!log) return;
-    log->AddRawLog(CStdStr(content).c_str());
+    const CStdStr text(content);
+    log->AddRawLog(text.c_str());
+    CollectorStats::global().countWritten(text.c_str(), text.size());
 }

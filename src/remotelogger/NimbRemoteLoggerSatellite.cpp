@@ -8,6 +8,7 @@
 
 #include "CBBLog.h"
 #include "CRegistry.h"
+#include "CollectorStats.h"
 #include "DeviceLogConverter.h"
 #include "KibVariantHolder.h"
 #include "RemoteLogNames.h"
@@ -110,11 +111,13 @@ int NimbRemoteLoggerSatellite::connect() {
     }
     // Written at error level on purpose, so that every start shows in the log.
     CBBLog::error("connected");
+    CollectorStats::global().setConnected(true);
     return 0;
 }
 
 int NimbRemoteLoggerSatellite::CreateServices() {
     using Delegate = KibSatelliteDelegateMember<NimbRemoteLoggerSatellite>;
+    AddService("GetStats", "", new Delegate(this, &NimbRemoteLoggerSatellite::KibServiceGetStats));
     AddService("SetLogSource", "",
                new Delegate(this, &NimbRemoteLoggerSatellite::KibServiceSetLogSource));
     return AddService("AppendLog", "",

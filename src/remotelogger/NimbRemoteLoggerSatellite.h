@@ -59,6 +59,17 @@ public:
     // content's timestamps moved into server time when the device time is given, and
     // returns 0. Throws KibInvalidParameterException for a bad request. Bus thread.
     int KibServiceAppendLog(const char* caller, const tagVARIANT& in, tagVARIANT* out);
+    // The collector's counters as name/value pairs (CollectorStats; 64-bit integers):
+    // requests, linesWritten, bytesWritten, errors.<kind>, queueDepth, queueBytes,
+    // connected. Bus thread.
+    int KibServiceGetStats(const char* caller, const tagVARIANT& in, tagVARIANT* out);
+
+    // Counts each SetLogSource / AppendLog request as served or failed (by kind), then
+    // lets the exception through. Bus thread.
+    int OnServiceRequested(int requestId, const char* caller, const char* service, tagVARIANT in,
+                           tagVARIANT* out, int* result) override;
+    // Keeps the "connected" counter current. Bus thread.
+    void OnStatusChange(int reason, KIBSTATUS status) override;
 
     // Timestamp rewriting of device log text; see DeviceLogConverter. Any thread.
     CStdStr convertLog(const CStdStr& content, long deviceTime, long serverTime);
