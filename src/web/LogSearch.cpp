@@ -29,7 +29,10 @@ public:
         options.set_log_errors(false);
         options.set_never_nl(true);
         options.set_max_mem(8 << 20);
+        // Checked as given, so that a message quotes the user's own text; then matched
+        // in multi-line mode, where ^ and $ match at each line's start and end.
         re_ = std::make_unique<RE2>(query.pattern, options);
+        if (re_->ok()) re_ = std::make_unique<RE2>("(?m)" + query.pattern, options);
     }
 
     std::string error() const {
