@@ -18,6 +18,7 @@ const char* const kChromium = "/usr/bin/chromium";
 
 TEST_F(WebFixture, PageShowsDevicesLiveLinesSearchAndInertText) {
     if (::access(kChromium, X_OK) != 0) GTEST_SKIP() << "Chromium is not installed (" << kChromium << "); scripts/setup.sh installs it";
+    if (::access(NODE_PROGRAM, X_OK) != 0) GTEST_SKIP() << "Node.js is not installed; scripts/setup.sh installs it";
     if (!std::filesystem::exists(std::string(NODE_MODULES) + "/puppeteer-core")) {
         GTEST_SKIP() << "puppeteer-core is missing under " << NODE_MODULES << "; scripts/setup.sh installs it";
     }
@@ -32,7 +33,7 @@ TEST_F(WebFixture, PageShowsDevicesLiveLinesSearchAndInertText) {
     env["NODE_MODULES"] = NODE_MODULES;
     const char* rounds = std::getenv("LIVE_ROUNDS");
     env["LIVE_ROUNDS"] = rounds != nullptr ? rounds : "5";
-    const nimbtest::ChildResult run = nimbtest::runChild({"node", BROWSER_SCRIPT}, env, root() / "browser.txt",
+    const nimbtest::ChildResult run = nimbtest::runChild({NODE_PROGRAM, BROWSER_SCRIPT}, env, root() / "browser.txt",
                                                          true, std::chrono::seconds(180));
     EXPECT_EQ(run.exitCode(), 0) << run.output;
     std::printf("%s", run.output.c_str());
