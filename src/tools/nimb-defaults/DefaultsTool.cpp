@@ -38,6 +38,10 @@ Settings the suite reads:
   Software\Pellix\Nimb         LogsDir            string  logs folder
   Software\Pellix\Nimb         DataDir            string  data folder
   Software\Pellix\Nimb         InstallDir         string  install folder
+  Software\Pellix\Nimb\Web     Listen             string  nimb-web address, ADDR:PORT (127.0.0.1:8470)
+  Software\Pellix\Nimb\Web     TokenHash          string  nimb-web bearer token (nimb-web --hash-secret)
+  Software\Pellix\Nimb\Web     User               string  nimb-web user name for its password
+  Software\Pellix\Nimb\Web     PasswordHash       string  nimb-web password (nimb-web --hash-secret)
 
 Examples:
   nimb-defaults write 'Software\Pellix\Nimb' LogLevel -int 4
