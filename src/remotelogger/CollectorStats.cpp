@@ -35,7 +35,8 @@ std::uint64_t CollectorStats::errors(ErrorKind kind) const {
 
 void CollectorStats::countWritten(const char* text, std::size_t bytes) {
     std::uint64_t lines = 0;
-    for (const char* p = text; (p = static_cast<const char*>(std::memchr(p, '\n', bytes - (p - text)))) != nullptr; ++p) {
+    for (const char* p = text;
+         (p = static_cast<const char*>(std::memchr(p, '\n', bytes - (p - text)))) != nullptr; ++p) {
         ++lines;
     }
     lines_.fetch_add(lines, std::memory_order_relaxed);

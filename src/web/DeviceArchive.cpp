@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "DeviceArchive.h"
 
-#include <archive.h>
-#include <archive_entry.h>
-
 #include <algorithm>
 #include <memory>
 
 #include "SafeFolder.h"
+#include <archive.h>
+#include <archive_entry.h>
 
 namespace DeviceArchive {
 
@@ -33,7 +32,9 @@ std::string addFile(archive* out, const std::string& name, int fd, const struct 
     std::uint64_t offset = 0;
     const auto size = static_cast<std::uint64_t>(st.st_size);
     while (offset < size) {
-        if (!SafeFolder::readAt(fd, offset, std::min<std::uint64_t>(256 * 1024, size - offset), block)) return "cannot read " + name;
+        if (!SafeFolder::readAt(fd, offset, std::min<std::uint64_t>(256 * 1024, size - offset),
+                                block))
+            return "cannot read " + name;
         if (block.empty()) break;  // shrank underneath: the header's size is padded
         if (archive_write_data(out, block.data(), block.size()) < 0) {
             return archive_error_string(out);

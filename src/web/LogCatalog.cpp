@@ -129,8 +129,8 @@ std::vector<LogCatalog::Device> LogCatalog::devices(std::int64_t now) {
         device.key = parts.key;
         device.deviceId = parts.deviceId;
         device.mac = parts.mac;
-        const std::string current = parts.back ? entry.name.substr(0, entry.name.size() - 5)
-                                               : entry.name;
+        const std::string current =
+            parts.back ? entry.name.substr(0, entry.name.size() - 5) : entry.name;
         auto log = std::find_if(device.logs.begin(), device.logs.end(),
                                 [&](const LogInfo& l) { return l.file == current; });
         if (log == device.logs.end()) {
@@ -143,8 +143,8 @@ std::vector<LogCatalog::Device> LogCatalog::devices(std::int64_t now) {
         device.size += entry.size;
         device.lastWrite = std::max(device.lastWrite, entry.mtime);
         for (int i = 0; i < kBins; ++i) device.activity[i] += summary.bins[i];
-        if (summary.hasHeader && (!device.hasHeader ||
-                                  summary.header.serverTime >= device.header.serverTime)) {
+        if (summary.hasHeader &&
+            (!device.hasHeader || summary.header.serverTime >= device.header.serverTime)) {
             device.header = summary.header;
             device.hasHeader = true;
         }

@@ -70,7 +70,7 @@ private:
     // What has been read of one file.
     struct Summary {
         std::uint64_t inode = 0;
-        std::uint64_t scanned = 0;  // bytes read, up to the last complete line
+        std::uint64_t scanned = 0;   // bytes read, up to the last complete line
         std::int64_t lastStamp = 0;  // time of the last stamped line read
         std::int64_t end = 0;        // activityEnd when the bins were last moved
         Activity bins{};

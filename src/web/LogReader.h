@@ -15,10 +15,10 @@ constexpr std::size_t kMaxChunk = 4 * 1024 * 1024;
 
 struct Chunk {
     std::string file;
-    std::string text;          // raw bytes, starting at a line start where one was found
-    std::uint64_t start = 0;   // offset of text in the file
-    std::uint64_t end = 0;     // offset after text (the file size when read to the end)
-    std::uint64_t inode = 0;   // identifies this generation of the file across a rotation
+    std::string text;         // raw bytes, starting at a line start where one was found
+    std::uint64_t start = 0;  // offset of text in the file
+    std::uint64_t end = 0;    // offset after text (the file size when read to the end)
+    std::uint64_t inode = 0;  // identifies this generation of the file across a rotation
     // Where "load earlier" continues: this file before `start`, else its ".back" from
     // its end. Empty when there is nothing earlier.
     std::string earlierFile;

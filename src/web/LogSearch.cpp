@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "LogSearch.h"
 
-#include <re2/re2.h>
-
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -10,13 +8,14 @@
 
 #include "LogText.h"
 #include "SafeFolder.h"
+#include <re2/re2.h>
 
 namespace LogSearch {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-constexpr std::size_t kSlice = 1 << 20;  // the deadline is checked between slices
+constexpr std::size_t kSlice = 1 << 20;       // the deadline is checked between slices
 constexpr std::size_t kLookBack = 64 * 1024;  // how far up a line's stamp is looked for
 
 // Finds the next match in [from, text.size()) restricted to one line (matches never span
@@ -135,8 +134,8 @@ bool searchText(const Matcher& matcher, const Query& query, std::string_view tex
             const std::size_t end = lineEnd(text, begin);
             at = end + 1;
             std::int64_t when = 0;
-            if (ranged && (!lineTime(text, start, stamps, when) || when < query.from ||
-                           when > query.to)) {
+            if (ranged &&
+                (!lineTime(text, start, stamps, when) || when < query.from || when > query.to)) {
                 continue;
             }
             if (result.hitCount == query.maxHits) {
@@ -150,8 +149,8 @@ bool searchText(const Matcher& matcher, const Query& query, std::string_view tex
                 hit.before = cut(text.substr(above, start - 1 - above), kMaxContextBytes);
             }
             if (end < text.size()) {
-                hit.after = cut(text.substr(end + 1, lineEnd(text, end + 1) - end - 1),
-                                kMaxContextBytes);
+                hit.after =
+                    cut(text.substr(end + 1, lineEnd(text, end + 1) - end - 1), kMaxContextBytes);
             }
             hit.parts = markLine(matcher, text, start, end, begin);
             out.hits.push_back(std::move(hit));

@@ -49,8 +49,8 @@ struct Result {
 };
 
 constexpr std::size_t kMaxPatternBytes = 1024;
-constexpr std::size_t kMaxLineBytes = 1024;    // of a hit line shown
-constexpr std::size_t kMaxContextBytes = 300;  // of a context line shown
+constexpr std::size_t kMaxLineBytes = 1024;          // of a hit line shown
+constexpr std::size_t kMaxContextBytes = 300;        // of a context line shown
 constexpr std::uint64_t kMaxFileScan = 16ull << 20;  // a larger file: its tail only
 
 Result run(const std::string& folder, const Query& query);

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "SafeFolder.h"
 
+#include <cerrno>
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
-
-#include <cerrno>
 
 UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
     if (this != &other) {
@@ -46,8 +46,8 @@ UniqueFd openRegular(const std::string& folder, const std::string& name, struct 
     UniqueFd fd(::openat(dir.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!fd.valid()) return UniqueFd();
     struct stat after {};
-    if (::fstat(fd.get(), &after) != 0 || !S_ISREG(after.st_mode) || after.st_ino != before.st_ino ||
-        after.st_dev != before.st_dev) {
+    if (::fstat(fd.get(), &after) != 0 || !S_ISREG(after.st_mode) ||
+        after.st_ino != before.st_ino || after.st_dev != before.st_dev) {
         return UniqueFd();
     }
     if (info != nullptr) *info = after;
@@ -76,8 +76,8 @@ bool readAt(int fd, std::uint64_t offset, std::size_t length, std::string& out) 
     out.resize(length);
     std::size_t done = 0;
     while (done < length) {
-        const ssize_t n = ::pread(fd, out.data() + done, length - done,
-                                  static_cast<off_t>(offset + done));
+        const ssize_t n =
+            ::pread(fd, out.data() + done, length - done, static_cast<off_t>(offset + done));
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
             out.clear();

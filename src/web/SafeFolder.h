@@ -5,11 +5,11 @@
 // without ever being opened in a way that could block. Stateless; any thread.
 #pragma once
 
-#include <sys/stat.h>
-
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include <sys/stat.h>
 
 // Owns one file descriptor; closes it on destruction.
 class UniqueFd {

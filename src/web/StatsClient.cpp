@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "StatsClient.h"
 
-#include <unistd.h>
-
 #include <exception>
 
 #include "KibSatellite.h"
 #include "KibVariantHolder.h"
 #include "VUtil.h"
+#include <unistd.h>
 
 namespace {
 

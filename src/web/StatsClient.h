@@ -36,6 +36,6 @@ private:
 
     const QString busHost_;
     std::mutex mutex_;
-    std::unique_ptr<KibSatellite> satellite_;  // guarded by mutex_
+    std::unique_ptr<KibSatellite> satellite_;              // guarded by mutex_
     std::chrono::steady_clock::time_point nextAttempt_{};  // guarded by mutex_
 };

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "TailHub.h"
 
-#include <sys/inotify.h>
-#include <unistd.h>
-
 #include <QHttpServerResponder>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSocketNotifier>
 #include <QTcpSocket>
 #include <algorithm>
+
+#include <sys/inotify.h>
+#include <unistd.h>
 
 namespace {
 
@@ -20,7 +20,8 @@ constexpr int kKeepAliveTicks = 15;  // a comment line every 15 polls keeps prox
 
 }  // namespace
 
-TailHub::TailHub(std::string folder, QObject* parent) : QObject(parent), folder_(std::move(folder)) {
+TailHub::TailHub(std::string folder, QObject* parent)
+    : QObject(parent), folder_(std::move(folder)) {
     inotifyFd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (inotifyFd_ >= 0) {
         ::inotify_add_watch(inotifyFd_, folder_.c_str(),
@@ -151,7 +152,8 @@ bool TailHub::pump(Client& client) {
 bool TailHub::send(Client& client, const char* event, const std::string& text) {
     if (!client.socket) return false;
     QJsonObject data;
-    data.insert(QStringLiteral("text"), QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size())));
+    data.insert(QStringLiteral("text"),
+                QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size())));
     data.insert(QStringLiteral("end"), static_cast<qint64>(client.offset - client.pending.size()));
     data.insert(QStringLiteral("inode"), QString::number(client.inode));
     QByteArray frame = "event: ";

@@ -55,8 +55,8 @@ QJsonObject deviceJson(const LogCatalog::Device& device) {
     object.insert(QStringLiteral("key"), text(device.key));
     object.insert(QStringLiteral("deviceId"), text(device.deviceId));
     object.insert(QStringLiteral("mac"), macText(device.mac));
-    object.insert(QStringLiteral("name"), text(device.hasHeader ? device.header.displayName
-                                                                : device.key));
+    object.insert(QStringLiteral("name"),
+                  text(device.hasHeader ? device.header.displayName : device.key));
     if (device.hasHeader) {
         object.insert(QStringLiteral("satellite"), text(device.header.satellite));
         object.insert(QStringLiteral("deviceTime"), text(device.header.deviceTime));
@@ -85,7 +85,8 @@ QJsonObject deviceJson(const LogCatalog::Device& device) {
 bool sortDevices(std::vector<LogCatalog::Device>& devices, const std::string& key) {
     const auto name = [](const LogCatalog::Device& d) {
         std::string n = d.hasHeader ? d.header.displayName : d.key;
-        std::transform(n.begin(), n.end(), n.begin(), [](unsigned char c) { return std::tolower(c); });
+        std::transform(n.begin(), n.end(), n.begin(),
+                       [](unsigned char c) { return std::tolower(c); });
         return n;
     };
     using Less = std::function<bool(const LogCatalog::Device&, const LogCatalog::Device&)>;
@@ -94,8 +95,10 @@ bool sortDevices(std::vector<LogCatalog::Device>& devices, const std::string& ke
         {"title:desc", [&](const auto& a, const auto& b) { return name(a) > name(b); }},
         {"size:asc", [](const auto& a, const auto& b) { return a.size < b.size; }},
         {"size:desc", [](const auto& a, const auto& b) { return a.size > b.size; }},
-        {"lastModified:asc", [](const auto& a, const auto& b) { return a.lastWrite < b.lastWrite; }},
-        {"lastModified:desc", [](const auto& a, const auto& b) { return a.lastWrite > b.lastWrite; }},
+        {"lastModified:asc",
+         [](const auto& a, const auto& b) { return a.lastWrite < b.lastWrite; }},
+        {"lastModified:desc",
+         [](const auto& a, const auto& b) { return a.lastWrite > b.lastWrite; }},
     };
     const auto order = orders.find(key);
     if (order == orders.end()) return false;
@@ -116,8 +119,8 @@ std::vector<std::string> searchFiles(const std::string& folder, const std::strin
     }
     // Sorting "x.back" before "x": compare with the suffix taken off.
     const auto base = [](const std::string& n) {
-        const bool back = n.size() > kBack.size() &&
-                          n.compare(n.size() - kBack.size(), kBack.size(), kBack) == 0;
+        const bool back =
+            n.size() > kBack.size() && n.compare(n.size() - kBack.size(), kBack.size(), kBack) == 0;
         return std::make_pair(back ? n.substr(0, n.size() - kBack.size()) : n, !back);
     };
     std::sort(names.begin(), names.end(),
@@ -157,8 +160,8 @@ std::string param(const QUrlQuery& query, const char* name) {
 
 WebReply devices(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) {
     std::vector<LogCatalog::Device> list = catalog.devices(now);
-    const std::string sort = query.hasQueryItem(QStringLiteral("sort")) ? param(query, "sort")
-                                                                         : "title:asc";
+    const std::string sort =
+        query.hasQueryItem(QStringLiteral("sort")) ? param(query, "sort") : "title:asc";
     if (!sortDevices(list, sort)) {
         return WebReply::error(400, QStringLiteral("unknown sort key \"%1\" (title, size or "
                                                    "lastModified, each :asc or :desc)")
@@ -271,7 +274,8 @@ WebReply download(const std::string& folder, const QUrlQuery& query) {
     WebReply reply;
     reply.contentType = "text/plain; charset=utf-8";
     std::string part;
-    if (file.size() <= kBack.size() || file.compare(file.size() - kBack.size(), kBack.size(), kBack) != 0) {
+    if (file.size() <= kBack.size() ||
+        file.compare(file.size() - kBack.size(), kBack.size(), kBack) != 0) {
         struct stat backSt {};
         const UniqueFd back = SafeFolder::openRegular(folder, file + kBack, &backSt);
         if (back.valid() && SafeFolder::readAt(back.get(), 0, backSt.st_size, part)) {
@@ -282,8 +286,9 @@ WebReply download(const std::string& folder, const QUrlQuery& query) {
         return WebReply::error(500, QStringLiteral("cannot read %1").arg(text(file)));
     }
     reply.body.append(part.data(), static_cast<qsizetype>(part.size()));
-    reply.headers.emplace_back("Content-Disposition",
-                               "attachment; filename=\"" + QByteArray::fromStdString(file) + ".txt\"");
+    reply.headers.emplace_back(
+        "Content-Disposition",
+        "attachment; filename=\"" + QByteArray::fromStdString(file) + ".txt\"");
     return reply;
 }
 
@@ -293,15 +298,17 @@ WebReply archive(const std::string& folder, const QUrlQuery& query) {
     const std::vector<std::string> files = searchFiles(folder, {}, device);
     if (files.empty()) return notFound();
     auto temp = std::make_shared<QTemporaryFile>();
-    if (!temp->open()) return WebReply::error(500, QStringLiteral("cannot create a temporary file"));
+    if (!temp->open())
+        return WebReply::error(500, QStringLiteral("cannot create a temporary file"));
     const std::string error = DeviceArchive::write(folder, files, temp->handle());
     if (!error.empty()) return WebReply::error(500, text(error));
     temp->seek(0);
     WebReply reply;
     reply.contentType = "application/gzip";
     reply.file = temp;
-    reply.headers.emplace_back("Content-Disposition",
-                               "attachment; filename=\"" + QByteArray::fromStdString(device) + ".tar.gz\"");
+    reply.headers.emplace_back(
+        "Content-Disposition",
+        "attachment; filename=\"" + QByteArray::fromStdString(device) + ".tar.gz\"");
     return reply;
 }
 
@@ -376,12 +383,21 @@ WebReply metrics(const StatsClient::Stats& stats, std::size_t tailClients) {
         const char* help;
     };
     static const std::map<std::string, Metric> known = {
-        {"requests", {"nimb_collector_requests_total", "counter", "SetLogSource and AppendLog requests served."}},
-        {"linesWritten", {"nimb_collector_lines_written_total", "counter", "Lines handed to device log files."}},
-        {"bytesWritten", {"nimb_collector_bytes_written_total", "counter", "Bytes handed to device log files."}},
-        {"queueDepth", {"nimb_collector_queue_depth", "gauge", "Calls waiting for the collector's main thread."}},
-        {"queueBytes", {"nimb_collector_queue_bytes", "gauge", "Bytes of text waiting for the collector's main thread."}},
-        {"connected", {"nimb_collector_bus_connected", "gauge", "Whether the collector's bus connection is up."}},
+        {"requests",
+         {"nimb_collector_requests_total", "counter",
+          "SetLogSource and AppendLog requests served."}},
+        {"linesWritten",
+         {"nimb_collector_lines_written_total", "counter", "Lines handed to device log files."}},
+        {"bytesWritten",
+         {"nimb_collector_bytes_written_total", "counter", "Bytes handed to device log files."}},
+        {"queueDepth",
+         {"nimb_collector_queue_depth", "gauge", "Calls waiting for the collector's main thread."}},
+        {"queueBytes",
+         {"nimb_collector_queue_bytes", "gauge",
+          "Bytes of text waiting for the collector's main thread."}},
+        {"connected",
+         {"nimb_collector_bus_connected", "gauge",
+          "Whether the collector's bus connection is up."}},
     };
     QByteArray out;
     const auto line = [&out](const char* name, const char* type, const char* help) {
@@ -393,15 +409,18 @@ WebReply metrics(const StatsClient::Stats& stats, std::size_t tailClients) {
         const auto value = stats.values.find(key);
         if (value == stats.values.end()) continue;
         line(metric.name, metric.type, metric.help);
-        out += QByteArray(metric.name) + ' ' + QByteArray::number(static_cast<qint64>(value->second)) + '\n';
+        out += QByteArray(metric.name) + ' ' +
+               QByteArray::number(static_cast<qint64>(value->second)) + '\n';
     }
     bool errorsHeader = false;
     for (const auto& [key, value] : stats.values) {
         if (key.rfind("errors.", 0) != 0) continue;
-        if (!errorsHeader) line("nimb_collector_errors_total", "counter", "Requests that failed, by kind.");
+        if (!errorsHeader)
+            line("nimb_collector_errors_total", "counter", "Requests that failed, by kind.");
         errorsHeader = true;
         const std::string kind = key.substr(7);
-        if (!std::all_of(kind.begin(), kind.end(), [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; }))
+        if (!std::all_of(kind.begin(), kind.end(),
+                         [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; }))
             continue;
         out += "nimb_collector_errors_total{kind=\"" + QByteArray::fromStdString(kind) + "\"} " +
                QByteArray::number(static_cast<qint64>(value)) + '\n';

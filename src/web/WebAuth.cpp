@@ -28,7 +28,9 @@ bool sameBytes(const QByteArray& a, const QByteArray& b) {
 }  // namespace
 
 WebAuth::WebAuth(QString tokenHash, QString user, QString passwordHash)
-    : tokenHash_(std::move(tokenHash)), user_(std::move(user)), passwordHash_(std::move(passwordHash)) {}
+    : tokenHash_(std::move(tokenHash)),
+      user_(std::move(user)),
+      passwordHash_(std::move(passwordHash)) {}
 
 QString WebAuth::hashSecret(const QByteArray& secret) {
     QByteArray salt(16, Qt::Uninitialized);

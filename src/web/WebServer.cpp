@@ -77,8 +77,8 @@ void WebServer::send(QHttpServerResponder& responder, const WebReply& reply) {
             send(responder, WebReply::error(500, QStringLiteral("cannot read the archive")));
             return;
         }
-        const QByteArray disposition = reply.headers.empty() ? QByteArray("attachment")
-                                                             : reply.headers.front().second;
+        const QByteArray disposition =
+            reply.headers.empty() ? QByteArray("attachment") : reply.headers.front().second;
         responder.write(file,
                         {{"Content-Type", reply.contentType},
                          {"Content-Disposition", disposition},
@@ -147,8 +147,8 @@ bool WebServer::handleRequest(const QHttpServerRequest& request, QTcpSocket* soc
     const std::string& dumps = settings_.dumpDir;
     if (path == QLatin1String("/api/tail")) {
         const std::string file = WebApi::param(query, "file");
-        const TailHub::Start started =
-            tails_->add(responder, file, optionalNumber(query, "from"), optionalNumber(query, "inode"));
+        const TailHub::Start started = tails_->add(responder, file, optionalNumber(query, "from"),
+                                                   optionalNumber(query, "inode"));
         if (started == TailHub::Start::NotFound) {
             send(responder, WebReply::error(404, QStringLiteral("not found")));
         } else if (started == TailHub::Start::TooMany) {

@@ -13,13 +13,15 @@ namespace {
 
 TEST(LogTextTest, HeaderLinesSplitIntoNamesAndTheClockTie) {
     LogText::Header h;
-    ASSERT_TRUE(LogText::parseHeader("===== Living - room - sat1 === 2026/11/22 10:00:00 <-> 2026/11/22 11:00:02 =====", h));
+    ASSERT_TRUE(LogText::parseHeader(
+        "===== Living - room - sat1 === 2026/11/22 10:00:00 <-> 2026/11/22 11:00:02 =====", h));
     EXPECT_EQ(h.displayName, "Living - room");
     EXPECT_EQ(h.satellite, "sat1");
     EXPECT_EQ(h.deviceTime, "2026/11/22 10:00:00");
     EXPECT_EQ(h.serverTime, "2026/11/22 11:00:02");
-    for (const char* line : {"===== no tie =====", "===== a - b === x =====", "=====  =====",
-                             "2026/11/22 10:00:00 ===== a - b === x <-> y =====", "===== a - b === x <-> y"}) {
+    for (const char* line :
+         {"===== no tie =====", "===== a - b === x =====", "=====  =====",
+          "2026/11/22 10:00:00 ===== a - b === x <-> y =====", "===== a - b === x <-> y"}) {
         EXPECT_FALSE(LogText::parseHeader(line, h)) << line;
     }
 }
@@ -34,8 +36,8 @@ TEST(LogTextTest, StampsAreReadAsLocalTimeAcrossHours) {
     ASSERT_TRUE(reader.read("2026/03/29 03:00:30", third));
     EXPECT_EQ(third - second, 30);
     std::int64_t unused = 0;
-    for (const char* line : {"", "2026/13/01 00:00:00", "2026/11/22 24:00:00", "2026-11-22 10:00:00",
-                             " 2026/11/22 10:00:00", "2026/11/22 10:00"}) {
+    for (const char* line : {"", "2026/13/01 00:00:00", "2026/11/22 24:00:00",
+                             "2026-11-22 10:00:00", " 2026/11/22 10:00:00", "2026/11/22 10:00"}) {
         EXPECT_FALSE(reader.read(line, unused)) << line;
     }
 }
@@ -77,7 +79,8 @@ TEST(WebSettingsTest, ListenAddressesAreNumericWithAPort) {
     EXPECT_EQ(settings.port, 9000);
     ASSERT_TRUE(settings.setListen(QStringLiteral("192.168.1.5:80"), error));
     EXPECT_FALSE(settings.loopbackOnly());
-    for (const char* bad : {"localhost:8470", "127.0.0.1", "127.0.0.1:0", "127.0.0.1:65536", ":8470", "1.2.3.4:x"}) {
+    for (const char* bad :
+         {"localhost:8470", "127.0.0.1", "127.0.0.1:0", "127.0.0.1:65536", ":8470", "1.2.3.4:x"}) {
         EXPECT_FALSE(settings.setListen(QString::fromLatin1(bad), error)) << bad;
     }
     EXPECT_EQ(settings.port, 80) << "a refused address changes nothing";
@@ -87,7 +90,8 @@ TEST(WebAuthTest, SecretsAreCheckedAgainstSaltedHashes) {
     const QString hash = WebAuth::hashSecret("open sesame");
     EXPECT_TRUE(WebAuth::verify("open sesame", hash));
     EXPECT_FALSE(WebAuth::verify("open sesame!", hash));
-    for (const char* broken : {"", "pbkdf2-sha256$1$c2FsdA==", "md5$1$c2FsdA==$AAAA", "pbkdf2-sha256$0$c2FsdA==$AAAA"}) {
+    for (const char* broken :
+         {"", "pbkdf2-sha256$1$c2FsdA==", "md5$1$c2FsdA==$AAAA", "pbkdf2-sha256$0$c2FsdA==$AAAA"}) {
         EXPECT_FALSE(WebAuth::verify("x", QString::fromLatin1(broken))) << broken;
     }
     WebAuth open;

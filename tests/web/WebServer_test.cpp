@@ -1,21 +1,20 @@
 // SPDX-License-Identifier: MIT
 // nimb-web over HTTP: a real nimb-web child on a free loopback port, asked with a raw
 // socket client, every endpoint and every refusal.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
-#include <unistd.h>
-
 #include <QDateTime>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <archive.h>
-#include <archive_entry.h>
 #include <ctime>
 #include <set>
 
 #include "WebTestSupport.h"
+#include <archive.h>
+#include <archive_entry.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 
 namespace {
 
@@ -96,7 +95,8 @@ TEST_F(WebServerTest, DevicesGroupTheirLogsWithTheNewestHeaderAndActivity) {
 
     const QJsonObject puck = devices[1].toObject();
     EXPECT_EQ(puck.value(QStringLiteral("name")).toString(), QStringLiteral("Living room"));
-    EXPECT_EQ(puck.value(QStringLiteral("serverTime")).toString(), QStringLiteral("2026/11/22 10:00:00"));
+    EXPECT_EQ(puck.value(QStringLiteral("serverTime")).toString(),
+              QStringLiteral("2026/11/22 10:00:00"));
     EXPECT_EQ(puck.value(QStringLiteral("deviceId")).toString(), QStringLiteral("puck-7"));
     const QJsonArray logsOfPuck = puck.value(QStringLiteral("logs")).toArray();
     ASSERT_EQ(logsOfPuck.size(), 2);
@@ -107,10 +107,12 @@ TEST_F(WebServerTest, DevicesGroupTheirLogsWithTheNewestHeaderAndActivity) {
     EXPECT_TRUE(system.value(QStringLiteral("hasBack")).toBool());
     EXPECT_FALSE(app.value(QStringLiteral("hasBack")).toBool());
     EXPECT_EQ(system.value(QStringLiteral("size")).toInteger(),
-              static_cast<qint64>(fs::file_size(logs() / kLog) + fs::file_size(logs() / (std::string(kLog) + ".back"))));
+              static_cast<qint64>(fs::file_size(logs() / kLog) +
+                                  fs::file_size(logs() / (std::string(kLog) + ".back"))));
     // Every stamped line counts, and a line without a stamp takes the one above it.
     qint64 lines = 0;
-    for (const QJsonValue count : puck.value(QStringLiteral("activity")).toArray()) lines += count.toInteger();
+    for (const QJsonValue count : puck.value(QStringLiteral("activity")).toArray())
+        lines += count.toInteger();
     EXPECT_EQ(lines, 4);
 
     const QJsonArray suite = json(response).value(QStringLiteral("suiteLogs")).toArray();
@@ -118,7 +120,8 @@ TEST_F(WebServerTest, DevicesGroupTheirLogsWithTheNewestHeaderAndActivity) {
     EXPECT_EQ(get("/api/devices?sort=title:asc").status, 200);
     const HttpResponse badSort = get("/api/devices?sort=Size:asc");
     EXPECT_EQ(badSort.status, 400);
-    EXPECT_EQ(error(badSort), "unknown sort key \"Size:asc\" (title, size or lastModified, each :asc or :desc)");
+    EXPECT_EQ(error(badSort),
+              "unknown sort key \"Size:asc\" (title, size or lastModified, each :asc or :desc)");
 }
 
 TEST_F(WebServerTest, LogPiecesStartAtLinesAndContinueIntoTheBackFile) {
@@ -137,24 +140,36 @@ TEST_F(WebServerTest, LogPiecesStartAtLinesAndContinueIntoTheBackFile) {
     const QJsonObject earlier = last.value(QStringLiteral("earlier")).toObject();
     EXPECT_EQ(earlier.value(QStringLiteral("before")).toInteger(), start);
 
-    const QJsonObject first = json(get(std::string("/api/log?file=") + kLog + "&before=" + std::to_string(start)));
+    const QJsonObject first =
+        json(get(std::string("/api/log?file=") + kLog + "&before=" + std::to_string(start)));
     EXPECT_EQ(first.value(QStringLiteral("start")).toInteger(), 0);
-    EXPECT_EQ(first.value(QStringLiteral("text")).toString().toStdString(), current.substr(0, start));
-    EXPECT_EQ(first.value(QStringLiteral("earlier")).toObject().value(QStringLiteral("file")).toString().toStdString(),
+    EXPECT_EQ(first.value(QStringLiteral("text")).toString().toStdString(),
+              current.substr(0, start));
+    EXPECT_EQ(first.value(QStringLiteral("earlier"))
+                  .toObject()
+                  .value(QStringLiteral("file"))
+                  .toString()
+                  .toStdString(),
               std::string(kLog) + ".back");
     const QJsonObject back = json(get(std::string("/api/log?file=") + kLog + ".back"));
     EXPECT_EQ(back.value(QStringLiteral("text")).toString(), QStringLiteral("older\n"));
     EXPECT_FALSE(back.contains(QStringLiteral("earlier")));
 
     // A piece that is one line (or part of one) is kept whole.
-    EXPECT_EQ(json(get(std::string("/api/log?file=") + kLog + "&limit=10")).value(QStringLiteral("text")).toString().toStdString(),
+    EXPECT_EQ(json(get(std::string("/api/log?file=") + kLog + "&limit=10"))
+                  .value(QStringLiteral("text"))
+                  .toString()
+                  .toStdString(),
               current.substr(current.size() - 10));
-    EXPECT_EQ(error(get(std::string("/api/log?file=") + kLog + "&before=x")), "before: expected a byte offset");
-    EXPECT_EQ(error(get(std::string("/api/log?file=") + kLog + "&limit=0")), "limit: expected a positive byte count");
+    EXPECT_EQ(error(get(std::string("/api/log?file=") + kLog + "&before=x")),
+              "before: expected a byte offset");
+    EXPECT_EQ(error(get(std::string("/api/log?file=") + kLog + "&limit=0")),
+              "limit: expected a positive byte count");
 }
 
 TEST_F(WebServerTest, HostileTextComesBackAsEscapedJsonText) {
-    const std::string hostile = "<script>alert(1)</script></textarea><a href=\"javascript:x\">\x1b[31mred\xff\xfe\n";
+    const std::string hostile =
+        "<script>alert(1)</script></textarea><a href=\"javascript:x\">\x1b[31mred\xff\xfe\n";
     writeFile(logs() / kLog, hostile);
     startWeb();
     const HttpResponse response = get(std::string("/api/log?file=") + kLog);
@@ -174,33 +189,51 @@ TEST_F(WebServerTest, OnlyPlainRegularFilesOfTheFoldersAreServed) {
     fs::create_symlink(root() / "secret.log", logs() / "puck-7001122334455-link.log");
     fs::create_symlink(logs() / kLog, logs() / "puck-7001122334455-inner.log");
     ASSERT_EQ(::mkfifo((logs() / "puck-7001122334455-fifo.log").c_str(), 0600), 0);
-    const bool haveDevice = ::mknod((logs() / "puck-7001122334455-null").c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0;
+    const bool haveDevice =
+        ::mknod((logs() / "puck-7001122334455-null").c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0;
     writeFile(dumps() / "0123abcd-0000-0000-00000000-00000000.txt", "report\n");
     startWeb();
 
-    std::vector<std::string> names = {
-        "../secret.log", "..%2fsecret.log", "%2e%2e%2fsecret.log", "%252e%252e%252fsecret.log",
-        "..%5csecret.log", "..\\secret.log", "puck-7001122334455-system.log%00.txt",
-        root().string() + "/secret.log", ".hidden", "", ".", "..", "folder-x",
-        "puck-7001122334455-link.log", "puck-7001122334455-inner.log",
-        "puck-7001122334455-fifo.log", "missing.log", std::string(300, 'a')};
+    std::vector<std::string> names = {"../secret.log",
+                                      "..%2fsecret.log",
+                                      "%2e%2e%2fsecret.log",
+                                      "%252e%252e%252fsecret.log",
+                                      "..%5csecret.log",
+                                      "..\\secret.log",
+                                      "puck-7001122334455-system.log%00.txt",
+                                      root().string() + "/secret.log",
+                                      ".hidden",
+                                      "",
+                                      ".",
+                                      "..",
+                                      "folder-x",
+                                      "puck-7001122334455-link.log",
+                                      "puck-7001122334455-inner.log",
+                                      "puck-7001122334455-fifo.log",
+                                      "missing.log",
+                                      std::string(300, 'a')};
     if (haveDevice) names.push_back("puck-7001122334455-null");
     for (const std::string& name : names) {
-        for (const char* endpoint : {"/api/log?file=", "/api/download?file=", "/api/tail?file=", "/api/search?q=e&file="}) {
-            if (name.empty() && std::string(endpoint).find("search") != std::string::npos) continue;  // every log
+        for (const char* endpoint : {"/api/log?file=", "/api/download?file=", "/api/tail?file=",
+                                     "/api/search?q=e&file="}) {
+            if (name.empty() && std::string(endpoint).find("search") != std::string::npos)
+                continue;  // every log
             const HttpResponse response = get(endpoint + name);
-            if (std::string(endpoint).find("search") != std::string::npos && response.status == 200) {
+            if (std::string(endpoint).find("search") != std::string::npos &&
+                response.status == 200) {
                 // A search over nothing readable finds nothing.
-                EXPECT_EQ(json(response).value(QStringLiteral("hitCount")).toInt(), 0) << endpoint << name;
+                EXPECT_EQ(json(response).value(QStringLiteral("hitCount")).toInt(), 0)
+                    << endpoint << name;
                 continue;
             }
             EXPECT_EQ(response.status, 404) << endpoint << name << " -> " << response.body;
         }
     }
     for (const std::string target :
-         {"/api/archive?device=..%2f", "/api/archive?device=nobody", "/api/crash?id=..%2f..%2fetc%2fpasswd",
-          "/api/crash?id=0123abcd-0000-0000-00000000-00000000%2f..", "/../secret.log", "/%2e%2e/secret.log",
-          "/app.js/../../secret.log", "/index.html"}) {
+         {"/api/archive?device=..%2f", "/api/archive?device=nobody",
+          "/api/crash?id=..%2f..%2fetc%2fpasswd",
+          "/api/crash?id=0123abcd-0000-0000-00000000-00000000%2f..", "/../secret.log",
+          "/%2e%2e/secret.log", "/app.js/../../secret.log", "/index.html"}) {
         EXPECT_EQ(get(target).status, 404) << target;
     }
     EXPECT_EQ(get(std::string("/api/log?file=") + kLog).status, 200);
@@ -210,15 +243,22 @@ TEST_F(WebServerTest, OnlyPlainRegularFilesOfTheFoldersAreServed) {
 TEST_F(WebServerTest, SearchMarksHitsWithContextAndKeepsToItsBounds) {
     const std::time_t now = std::time(nullptr);
     writeFile(logs() / kLog, stampOf(now - 7200) + " early needle\n" + stampOf(now - 60) +
-                                 " before\n" + stampOf(now - 50) + " a needle and a needle\nafter\n");
+                                 " before\n" + stampOf(now - 50) +
+                                 " a needle and a needle\nafter\n");
     writeFile(logs() / "tv001A2b3C4d5E-kernel", "kernel needle\n");
     startWeb();
 
     const QJsonObject all = json(get("/api/search?q=needle"));
     EXPECT_EQ(all.value(QStringLiteral("hitCount")).toInt(), 3);
     EXPECT_FALSE(all.value(QStringLiteral("more")).toBool());
-    const QJsonObject hit = all.value(QStringLiteral("files")).toArray()[0].toObject().value(QStringLiteral("hits")).toArray()[1].toObject();
-    EXPECT_EQ(hit.value(QStringLiteral("before")).toString().toStdString(), stampOf(now - 60) + " before");
+    const QJsonObject hit = all.value(QStringLiteral("files"))
+                                .toArray()[0]
+                                .toObject()
+                                .value(QStringLiteral("hits"))
+                                .toArray()[1]
+                                .toObject();
+    EXPECT_EQ(hit.value(QStringLiteral("before")).toString().toStdString(),
+              stampOf(now - 60) + " before");
     EXPECT_EQ(hit.value(QStringLiteral("after")).toString(), QStringLiteral("after"));
     const QJsonArray parts = hit.value(QStringLiteral("parts")).toArray();
     ASSERT_EQ(parts.size(), 5);
@@ -226,12 +266,18 @@ TEST_F(WebServerTest, SearchMarksHitsWithContextAndKeepsToItsBounds) {
     EXPECT_EQ(parts[2].toString(), QStringLiteral(" and a "));
     EXPECT_EQ(parts[3].toString(), QStringLiteral("needle"));
 
-    const auto hits = [&](const std::string& q) { return json(get("/api/search?" + q)).value(QStringLiteral("hitCount")).toInt(); };
+    const auto hits = [&](const std::string& q) {
+        return json(get("/api/search?" + q)).value(QStringLiteral("hitCount")).toInt();
+    };
     EXPECT_EQ(hits("q=needle&device=tv001A2b3C4d5E"), 1);
     EXPECT_EQ(hits(std::string("q=needle&file=") + kLog), 2);
     EXPECT_EQ(hits("q=n%5Bei%5Dedle%24&regex=1"), 3) << "n[ei]edle$";
-    EXPECT_EQ(hits("q=needle&from=" + QDateTime::fromSecsSinceEpoch(now - 600).toString(Qt::ISODate).toStdString()), 1);
-    EXPECT_EQ(hits("q=needle&to=" + QDateTime::fromSecsSinceEpoch(now - 3600).toString(Qt::ISODate).toStdString()), 1);
+    EXPECT_EQ(hits("q=needle&from=" +
+                   QDateTime::fromSecsSinceEpoch(now - 600).toString(Qt::ISODate).toStdString()),
+              1);
+    EXPECT_EQ(hits("q=needle&to=" +
+                   QDateTime::fromSecsSinceEpoch(now - 3600).toString(Qt::ISODate).toStdString()),
+              1);
     const QJsonObject capped = json(get("/api/search?q=needle&max=1"));
     EXPECT_EQ(capped.value(QStringLiteral("hitCount")).toInt(), 1);
     EXPECT_TRUE(capped.value(QStringLiteral("more")).toBool());
@@ -239,7 +285,8 @@ TEST_F(WebServerTest, SearchMarksHitsWithContextAndKeepsToItsBounds) {
     const std::vector<std::pair<std::string, std::string>> refused = {
         {"q=", "empty search"},
         {"q=(a&regex=1", "invalid regular expression: missing ): (a"},
-        {"q=%5CpL%7B1000%7D&regex=1", "regular expression too costly: pattern too large - compile failed"},
+        {"q=%5CpL%7B1000%7D&regex=1",
+         "regular expression too costly: pattern too large - compile failed"},
         {"q=x&from=yesterday", "from: expected a time like 2026-11-22T10:00"},
         {"q=x&to=1", "to: expected a time like 2026-11-22T10:00"},
         {"q=x&max=0", "max: expected a positive count"},
@@ -278,13 +325,16 @@ TEST_F(WebServerTest, DownloadsALogBackFirstAndADeviceAsOneArchive) {
 
     const HttpResponse log = get(std::string("/api/download?file=") + kLog);
     EXPECT_EQ(log.body, "first\nsecond\n");
-    EXPECT_EQ(log.header("Content-Disposition"), std::string("attachment; filename=\"") + kLog + ".txt\"");
+    EXPECT_EQ(log.header("Content-Disposition"),
+              std::string("attachment; filename=\"") + kLog + ".txt\"");
 
     const HttpResponse archive = get("/api/archive?device=puck-7001122334455");
     ASSERT_EQ(archive.status, 200);
     EXPECT_EQ(archive.header("Content-Type"), "application/gzip");
     const std::vector<std::pair<std::string, std::string>> expected = {
-        {"puck-7001122334455-app.txt", "app\n"}, {std::string(kLog) + ".back", "first\n"}, {kLog, "second\n"}};
+        {"puck-7001122334455-app.txt", "app\n"},
+        {std::string(kLog) + ".back", "first\n"},
+        {kLog, "second\n"}};
     EXPECT_EQ(archiveEntries(archive.body), expected);
 }
 
@@ -315,7 +365,10 @@ TEST_F(WebServerTest, LiveTailSendsWholeLinesAndFollowsARotation) {
     const fs::path file = logs() / kLog;
     writeFile(file, "one\n");
     startWeb();
-    const std::string inode = json(get(std::string("/api/log?file=") + kLog)).value(QStringLiteral("inode")).toString().toStdString();
+    const std::string inode = json(get(std::string("/api/log?file=") + kLog))
+                                  .value(QStringLiteral("inode"))
+                                  .toString()
+                                  .toStdString();
 
     EventStream stream(port_, std::string("/api/tail?file=") + kLog);
     ASSERT_TRUE(stream.waitFor("text/event-stream")) << stream.received();
@@ -339,7 +392,8 @@ TEST_F(WebServerTest, LiveTailSendsWholeLinesAndFollowsARotation) {
     // A page that read the old generation up to "one" resumes there, then goes on.
     EventStream resumed(port_, std::string("/api/tail?file=") + kLog + "&from=4&inode=" + inode);
     ASSERT_TRUE(resumed.waitFor("four\\n")) << resumed.received();
-    EXPECT_LT(resumed.received().find("two\\nunfinished\\nthree\\n"), resumed.received().find("four"));
+    EXPECT_LT(resumed.received().find("two\\nunfinished\\nthree\\n"),
+              resumed.received().find("four"));
     EXPECT_EQ(resumed.received().find("one"), std::string::npos);
 
     const QJsonObject stats = json(get("/api/stats"));
@@ -347,19 +401,26 @@ TEST_F(WebServerTest, LiveTailSendsWholeLinesAndFollowsARotation) {
 }
 
 TEST_F(WebServerTest, CredentialsAreRequiredOffLoopbackAndChecked) {
-    const nimbtest::ChildResult open = runWeb({"--listen", "0.0.0.0:" + std::to_string(NatsServer::freePort()), "--logs-dir", logs().string()});
+    const nimbtest::ChildResult open =
+        runWeb({"--listen", "0.0.0.0:" + std::to_string(NatsServer::freePort()), "--logs-dir",
+                logs().string()});
     EXPECT_EQ(open.exitCode(), 1);
-    EXPECT_NE(open.output.find("nimb-web: refusing to listen on 0.0.0.0:"), std::string::npos) << open.output;
+    EXPECT_NE(open.output.find("nimb-web: refusing to listen on 0.0.0.0:"), std::string::npos)
+        << open.output;
     const nimbtest::ChildResult bad = runWeb({"--listen", "localhost"});
     EXPECT_EQ(bad.exitCode(), 2);
-    EXPECT_NE(bad.output.find("nimb-web: invalid listen address \"localhost\" (expected ADDR:PORT, e.g. 127.0.0.1:8470)"),
-              std::string::npos) << bad.output;
+    EXPECT_NE(bad.output.find("nimb-web: invalid listen address \"localhost\" (expected ADDR:PORT, "
+                              "e.g. 127.0.0.1:8470)"),
+              std::string::npos)
+        << bad.output;
     EXPECT_EQ(runWeb({"--frobnicate"}).exitCode(), 2);
 
     nimbtest::writeFile(root() / "secret.txt", "s3cret\n");
     const auto hashOf = [&]() {
-        const nimbtest::ChildResult run = nimbtest::runChild({"/bin/sh", "-c", std::string(NIMB_WEB) + " --hash-secret < " + (root() / "secret.txt").string()},
-                                                            environment(), root() / "hash.txt", false);
+        const nimbtest::ChildResult run = nimbtest::runChild(
+            {"/bin/sh", "-c",
+             std::string(NIMB_WEB) + " --hash-secret < " + (root() / "secret.txt").string()},
+            environment(), root() / "hash.txt", false);
         std::string hash = run.output;
         while (!hash.empty() && hash.back() == '\n') hash.pop_back();
         return hash;
@@ -377,8 +438,14 @@ TEST_F(WebServerTest, CredentialsAreRequiredOffLoopbackAndChecked) {
     EXPECT_EQ(none.status, 401);
     EXPECT_EQ(none.header("WWW-Authenticate"), "Basic realm=\"nimb-web\", charset=\"UTF-8\"");
     EXPECT_EQ(get("/", {"Authorization: Bearer s3cret"}).status, 200);
-    EXPECT_EQ(get("/api/devices", {"Authorization: Basic " + QByteArray("admin:s3cret").toBase64().toStdString()}).status, 200);
-    EXPECT_EQ(get("/api/devices", {"Authorization: Basic " + QByteArray("root:s3cret").toBase64().toStdString()}).status, 401);
+    EXPECT_EQ(get("/api/devices",
+                  {"Authorization: Basic " + QByteArray("admin:s3cret").toBase64().toStdString()})
+                  .status,
+              200);
+    EXPECT_EQ(get("/api/devices",
+                  {"Authorization: Basic " + QByteArray("root:s3cret").toBase64().toStdString()})
+                  .status,
+              401);
     EXPECT_EQ(get("/api/devices", {"Authorization: Bearer wrong"}).status, 401);
     EXPECT_EQ(get(std::string("/api/tail?file=") + kLog).status, 401);
 }
@@ -386,16 +453,22 @@ TEST_F(WebServerTest, CredentialsAreRequiredOffLoopbackAndChecked) {
 TEST_F(WebServerTest, CountersComeFromTheCollectorAndReachMetrics) {
     startCollector();
     startWeb();
-    ASSERT_EQ(callCollector("SetLogSource", R"(["00:11:22:33:44:55", "puck-7", "Living room", {"date":"2026-11-22T10:00:00Z"}, {"str[]":["system.log"]}])"), 0);
+    ASSERT_EQ(
+        callCollector(
+            "SetLogSource",
+            R"(["00:11:22:33:44:55", "puck-7", "Living room", {"date":"2026-11-22T10:00:00Z"}, {"str[]":["system.log"]}])"),
+        0);
     ASSERT_EQ(callCollector("AppendLog", R"(["00:11:22:33:44:55", "system.log", "a\nb\n"])"), 0);
     ASSERT_EQ(callCollector("AppendLog", R"(["00:11:22:33:44:55"])"), 2);
 
     QJsonObject counters;
-    const bool counted = nimbtest::waitUntil([&] {
-        counters = json(get("/api/stats")).value(QStringLiteral("counters")).toObject();
-        // The header line with the blank line before it, then a and b.
-        return counters.value(QStringLiteral("linesWritten")).toInt() == 4;
-    }, std::chrono::seconds(10));
+    const bool counted = nimbtest::waitUntil(
+        [&] {
+            counters = json(get("/api/stats")).value(QStringLiteral("counters")).toObject();
+            // The header line with the blank line before it, then a and b.
+            return counters.value(QStringLiteral("linesWritten")).toInt() == 4;
+        },
+        std::chrono::seconds(10));
     ASSERT_TRUE(counted) << QJsonDocument(counters).toJson().toStdString();
     EXPECT_EQ(counters.value(QStringLiteral("requests")).toInt(), 2);
     EXPECT_EQ(counters.value(QStringLiteral("errors.invalid")).toInt(), 1);
@@ -403,8 +476,10 @@ TEST_F(WebServerTest, CountersComeFromTheCollectorAndReachMetrics) {
 
     const std::string metrics = get("/metrics").body;
     for (const char* line : {"nimb_collector_up 1\n", "nimb_collector_requests_total 2\n",
-                             "nimb_collector_lines_written_total 4\n", "nimb_collector_errors_total{kind=\"invalid\"} 1\n",
-                             "nimb_collector_errors_total{kind=\"busy\"} 0\n", "# TYPE nimb_collector_queue_depth gauge\n"}) {
+                             "nimb_collector_lines_written_total 4\n",
+                             "nimb_collector_errors_total{kind=\"invalid\"} 1\n",
+                             "nimb_collector_errors_total{kind=\"busy\"} 0\n",
+                             "# TYPE nimb_collector_queue_depth gauge\n"}) {
         EXPECT_NE(metrics.find(line), std::string::npos) << line << metrics;
     }
 }

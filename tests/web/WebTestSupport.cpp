@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "WebTestSupport.h"
 
+#include <algorithm>
+#include <thread>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <thread>
 
 namespace webtest {
 
@@ -45,7 +45,8 @@ bool readSome(int fd, std::string& out, Clock::time_point until) {
 }
 
 std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return std::tolower(c); });
     return text;
 }
 
@@ -56,8 +57,9 @@ std::string HttpResponse::header(const std::string& name) const {
     return it == headers.end() ? std::string() : it->second;
 }
 
-HttpResponse request(int port, const std::string& target, const std::vector<std::string>& extraHeaders,
-                     const std::string& method, std::chrono::milliseconds timeout) {
+HttpResponse request(int port, const std::string& target,
+                     const std::vector<std::string>& extraHeaders, const std::string& method,
+                     std::chrono::milliseconds timeout) {
     HttpResponse response;
     const int fd = connectTo(port);
     if (fd < 0) return response;
@@ -82,14 +84,17 @@ HttpResponse request(int port, const std::string& target, const std::vector<std:
     std::size_t at = head.find("\r\n");
     while (at != std::string::npos && at < head.size()) {
         const std::size_t next = head.find("\r\n", at + 2);
-        const std::string line = head.substr(at + 2, next == std::string::npos ? std::string::npos : next - at - 2);
+        const std::string line =
+            head.substr(at + 2, next == std::string::npos ? std::string::npos : next - at - 2);
         const std::size_t colon = line.find(':');
         if (colon != std::string::npos) {
-            response.headers[lower(line.substr(0, colon))] = line.substr(line.find_first_not_of(' ', colon + 1));
+            response.headers[lower(line.substr(0, colon))] =
+                line.substr(line.find_first_not_of(' ', colon + 1));
         }
         at = next;
     }
-    const std::size_t length = std::strtoull(response.header("Content-Length").c_str(), nullptr, 10);
+    const std::size_t length =
+        std::strtoull(response.header("Content-Length").c_str(), nullptr, 10);
     response.body = in.substr(headerEnd + 4);
     while (response.body.size() < length && readSome(fd, response.body, until)) {
     }
@@ -98,7 +103,8 @@ HttpResponse request(int port, const std::string& target, const std::vector<std:
 }
 
 EventStream::EventStream(int port, const std::string& target) : fd_(connectTo(port)) {
-    const std::string out = "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nAccept: text/event-stream\r\n\r\n";
+    const std::string out =
+        "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nAccept: text/event-stream\r\n\r\n";
     if (fd_ >= 0 && ::write(fd_, out.data(), out.size()) != static_cast<ssize_t>(out.size())) {
         ::close(fd_);
         fd_ = -1;
@@ -118,7 +124,8 @@ bool EventStream::waitFor(const std::string& text, std::chrono::milliseconds tim
 }
 
 void WebFixture::SetUp() {
-    for (const char* folder : {"cfg/pellix", "logs", "dumps", "tmp"}) fs::create_directories(root() / folder);
+    for (const char* folder : {"cfg/pellix", "logs", "dumps", "tmp"})
+        fs::create_directories(root() / folder);
     nimbtest::writeFile(root() / "cfg/pellix/com.pellix.nimb.json",
                         R"({"LogLevel": 3, "LogsDir": ")" + logs().string() + "\"}");
 }
@@ -149,17 +156,23 @@ void WebFixture::startCollector() {
     nats_ = std::make_unique<NatsServer>();
     nimbtest::writeFile(root() / "cfg/pellix/com.pellix.nimb.config.json",
                         R"({"kibDirectory.host": ")" + nats_->host() + "\"}");
-    collector_ = nimbtest::spawnChild({NIMB_REMOTE_LOGGER}, environment(), root() / "collector.txt");
+    collector_ =
+        nimbtest::spawnChild({NIMB_REMOTE_LOGGER}, environment(), root() / "collector.txt");
     const bool connected = nimbtest::waitUntil(
-        [&] { return nimbtest::readFile(root() / "collector.txt").find("connected") != std::string::npos; },
+        [&] {
+            return nimbtest::readFile(root() / "collector.txt").find("connected") !=
+                   std::string::npos;
+        },
         std::chrono::seconds(10));
     ASSERT_TRUE(connected) << nimbtest::readFile(root() / "collector.txt");
 }
 
 void WebFixture::startWeb(const std::vector<std::string>& args, const std::string& address) {
     port_ = NatsServer::freePort();
-    std::vector<std::string> argv = {NIMB_WEB, "--listen", address + ":" + std::to_string(port_),
-                                     "--logs-dir", logs().string(), "--dump-dir", dumps().string()};
+    std::vector<std::string> argv = {
+        NIMB_WEB,        "--listen",      address + ":" + std::to_string(port_),
+        "--logs-dir",    logs().string(), "--dump-dir",
+        dumps().string()};
     argv.insert(argv.end(), args.begin(), args.end());
     web_ = nimbtest::spawnChild(argv, environment(), root() / "web.txt");
     const bool serving = nimbtest::waitUntil(
@@ -171,13 +184,14 @@ void WebFixture::startWeb(const std::vector<std::string>& args, const std::strin
 nimbtest::ChildResult WebFixture::runWeb(const std::vector<std::string>& args) {
     std::vector<std::string> argv = {NIMB_WEB};
     argv.insert(argv.end(), args.begin(), args.end());
-    return nimbtest::runChild(argv, environment(), root() / "run.txt", true, std::chrono::seconds(20));
+    return nimbtest::runChild(argv, environment(), root() / "run.txt", true,
+                              std::chrono::seconds(20));
 }
 
 int WebFixture::callCollector(const std::string& service, const std::string& json) {
-    const nimbtest::ChildResult run =
-        nimbtest::runChild({KIB_CALL, "--host", nats_->host(), "--name", "dev1", "RemoteLogger", service, json},
-                           environment(), root() / "call.txt");
+    const nimbtest::ChildResult run = nimbtest::runChild(
+        {KIB_CALL, "--host", nats_->host(), "--name", "dev1", "RemoteLogger", service, json},
+        environment(), root() / "call.txt");
     return run.exitCode();
 }
 

@@ -5,8 +5,6 @@
 // processes with their own settings home, logs folder and dump folder.
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <map>
 #include <memory>
@@ -17,11 +15,12 @@
 
 #include "NatsServer.h"
 #include "NimbTestSupport.h"
+#include <sys/types.h>
 
 namespace webtest {
 
 struct HttpResponse {
-    int status = 0;  // 0: no answer
+    int status = 0;                              // 0: no answer
     std::map<std::string, std::string> headers;  // names lower-cased
     std::string body;
     std::string header(const std::string& name) const;
@@ -42,7 +41,8 @@ public:
     EventStream& operator=(const EventStream&) = delete;
     ~EventStream();
     // Reads until everything received so far contains `text`; false after `timeout`.
-    bool waitFor(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    bool waitFor(const std::string& text,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(5));
     const std::string& received() const { return received_; }
 
 private:
@@ -65,7 +65,8 @@ protected:
     // Starts nats-server and the collector; waits until the collector is on the bus.
     void startCollector();
     // Starts nimb-web on a free port of `address` with `args` added; waits until it serves.
-    void startWeb(const std::vector<std::string>& args = {}, const std::string& address = "127.0.0.1");
+    void startWeb(const std::vector<std::string>& args = {},
+                  const std::string& address = "127.0.0.1");
     // Runs nimb-web to its end (for refusals): exit code and standard error.
     nimbtest::ChildResult runWeb(const std::vector<std::string>& args);
     // Runs kib-call RemoteLogger <service> <json> as the device "dev1"; its exit code.

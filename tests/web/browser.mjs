@@ -1,6 +1,6 @@
 // The page in a real headless Chromium (puppeteer-core over the DevTools protocol).
 // Run by Browser_test.cpp, which starts nats-server, the collector and nimb-web and
-// passes: WEB_URL, LOGPUSH (the program), BUS (host:port), SCREENSHOTS (folder),
+// passes: WEB_URL, LOGPUSH (the program), BUS (host:port), LOGS, SCREENSHOTS (folder),
 // CHROMIUM (the browser), NODE_MODULES, and LIVE_ROUNDS (how many live lines to time).
 // Prints one JSON line of figures; exits non-zero with the reason on any failure.
 import { createRequire } from "node:module";
@@ -122,6 +122,17 @@ try {
   await page.waitForSelector("#counters .card", { timeout: 5000 });
   await page.waitForFunction(() => document.querySelector("#stats-state").textContent.includes("connected"), { timeout: 5000 });
   await allShots(page, "health");
+
+  // Opening a 1 MiB log: from the navigation to its last line on screen.
+  let big = "";
+  for (let i = 0; big.length < 1 << 20; i++) big += stamp(now) + " mediad[977]: scanning /media/usb0/Music entry " + i + "\n";
+  big += "last line of the big log\n";
+  writeFileSync(join(process.env.LOGS, "puck-7001122334455-big.log"), big);
+  const bigStart = Date.now();
+  await page.goto(url + "#/log?file=puck-7001122334455-big.log", { waitUntil: "domcontentloaded" });
+  await page.waitForFunction(() => { const l = document.querySelector("#log-lines .l:last-child"); return l && l.textContent === "last line of the big log"; }, { timeout: 5000 });
+  await page.evaluate(() => new Promise((r) => requestAnimationFrame(() => r())));
+  figures.openBigLogMs = Date.now() - bigStart;
   if (problems.length) fail(problems.join("; "));
 } finally {
   await browser.close();

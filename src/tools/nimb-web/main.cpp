@@ -9,12 +9,11 @@
 #include <csignal>
 #include <cstdio>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include "WebAuth.h"
 #include "WebServer.h"
 #include "WebSettings.h"
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -30,7 +29,8 @@ int fail(int status, const QString& message) {
 int printHash() {
     QTextStream in(stdin);
     const QString secret = in.readLine();
-    if (secret.isEmpty()) return fail(kExitUsage, QStringLiteral("--hash-secret: no secret on standard input"));
+    if (secret.isEmpty())
+        return fail(kExitUsage, QStringLiteral("--hash-secret: no secret on standard input"));
     std::printf("%s\n", qPrintable(WebAuth::hashSecret(secret.toUtf8())));
     return 0;
 }
@@ -60,39 +60,47 @@ int main(int argc, char* argv[]) {
     parser.addOption({QStringLiteral("logs-dir"),
                       QStringLiteral("Logs folder to serve (default: the suite's logs folder)."),
                       QStringLiteral("DIR")});
-    parser.addOption({QStringLiteral("dump-dir"),
-                      QStringLiteral("Folder of crash dumps and reports (default: $TMPDIR, else /tmp)."),
-                      QStringLiteral("DIR")});
+    parser.addOption(
+        {QStringLiteral("dump-dir"),
+         QStringLiteral("Folder of crash dumps and reports (default: $TMPDIR, else /tmp)."),
+         QStringLiteral("DIR")});
     parser.addOption({QStringLiteral("hash-secret"),
                       QStringLiteral("Print the stored form of a token or password read from "
                                      "standard input, for TokenHash or PasswordHash, and exit.")});
     if (!parser.parse(QCoreApplication::arguments())) return fail(kExitUsage, parser.errorText());
     if (parser.isSet(QStringLiteral("help"))) parser.showHelp(0);
     if (!parser.positionalArguments().isEmpty()) {
-        return fail(kExitUsage, QStringLiteral("unexpected argument \"%1\"").arg(parser.positionalArguments().first()));
+        return fail(
+            kExitUsage,
+            QStringLiteral("unexpected argument \"%1\"").arg(parser.positionalArguments().first()));
     }
     if (parser.isSet(QStringLiteral("hash-secret"))) return printHash();
 
     WebSettings settings = WebSettings::load();
     QString error;
     if (parser.isSet(QStringLiteral("listen"))) {
-        if (!settings.setListen(parser.value(QStringLiteral("listen")), error)) return fail(kExitUsage, error);
+        if (!settings.setListen(parser.value(QStringLiteral("listen")), error))
+            return fail(kExitUsage, error);
     } else if (!settings.problem.isEmpty()) {
         return fail(kExitUsage, QStringLiteral("setting Listen: ") + settings.problem);
     }
-    if (parser.isSet(QStringLiteral("logs-dir"))) settings.logsDir = parser.value(QStringLiteral("logs-dir")).toStdString();
-    if (parser.isSet(QStringLiteral("dump-dir"))) settings.dumpDir = parser.value(QStringLiteral("dump-dir")).toStdString();
+    if (parser.isSet(QStringLiteral("logs-dir")))
+        settings.logsDir = parser.value(QStringLiteral("logs-dir")).toStdString();
+    if (parser.isSet(QStringLiteral("dump-dir")))
+        settings.dumpDir = parser.value(QStringLiteral("dump-dir")).toStdString();
     if (!settings.loopbackOnly() && !settings.hasCredentials()) {
-        return fail(kExitRefused,
-                    QStringLiteral("refusing to listen on %1 without credentials: set TokenHash, or "
-                                   "User and PasswordHash, under Software\\Pellix\\Nimb\\Web (see "
-                                   "nimb-web --hash-secret)")
-                        .arg(settings.listen));
+        return fail(
+            kExitRefused,
+            QStringLiteral("refusing to listen on %1 without credentials: set TokenHash, or "
+                           "User and PasswordHash, under Software\\Pellix\\Nimb\\Web (see "
+                           "nimb-web --hash-secret)")
+                .arg(settings.listen));
     }
 
     WebServer server(settings);
     const quint16 port = server.start();
-    if (port == 0) return fail(kExitRefused, QStringLiteral("cannot listen on %1").arg(settings.listen));
+    if (port == 0)
+        return fail(kExitRefused, QStringLiteral("cannot listen on %1").arg(settings.listen));
     if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
         return fail(kExitRefused, QStringLiteral("cannot create the signal pipe"));
     }
