@@ -142,7 +142,9 @@ bool WebServer::handleRequest(const QHttpServerRequest& request, QTcpSocket* soc
         return true;
     }
     const QString path = request.url().path();
-    const QUrlQuery query(request.url());
+    // Form encoding, as browsers write it: "+" stands for a blank (a real "+" is %2B).
+    const QUrlQuery query(
+        request.url().query(QUrl::FullyEncoded).replace(QLatin1Char('+'), QLatin1String("%20")));
     const std::string& logs = settings_.logsDir;
     const std::string& dumps = settings_.dumpDir;
     if (path == QLatin1String("/api/tail")) {

@@ -270,6 +270,8 @@ TEST_F(WebServerTest, SearchMarksHitsWithContextAndKeepsToItsBounds) {
         return json(get("/api/search?" + q)).value(QStringLiteral("hitCount")).toInt();
     };
     EXPECT_EQ(hits("q=needle&device=tv001A2b3C4d5E"), 1);
+    EXPECT_EQ(hits("q=a+needle"), 1) << "+ is a blank, as forms send it";
+    EXPECT_EQ(hits("q=a%2Bneedle"), 0);
     EXPECT_EQ(hits(std::string("q=needle&file=") + kLog), 2);
     EXPECT_EQ(hits("q=n%5Bei%5Dedle%24&regex=1"), 3) << "n[ei]edle$";
     EXPECT_EQ(hits("q=needle&from=" +
