@@ -131,11 +131,20 @@ void WebFixture::SetUp() {
 }
 
 void WebFixture::TearDown() {
-    for (pid_t* pid : {&web_, &collector_}) {
-        if (*pid <= 0) continue;
-        ::kill(*pid, SIGTERM);
-        nimbtest::waitChild(*pid, root() / "stopped.txt", std::chrono::seconds(10));
-        *pid = -1;
+    if (web_ > 0) {
+        // nimb-web ends in order on SIGTERM; in a sanitizer build its report would be here.
+        ::kill(web_, SIGTERM);
+        const nimbtest::ChildResult web =
+            nimbtest::waitChild(web_, root() / "web.txt", std::chrono::seconds(10));
+        web_ = -1;
+        EXPECT_EQ(web.exitCode(), 0) << web.output;
+        EXPECT_EQ(web.output.find("Sanitizer"), std::string::npos) << web.output;
+        EXPECT_EQ(web.output.find("runtime error"), std::string::npos) << web.output;
+    }
+    if (collector_ > 0) {
+        ::kill(collector_, SIGTERM);
+        nimbtest::waitChild(collector_, root() / "collector.txt", std::chrono::seconds(10));
+        collector_ = -1;
     }
     nats_.reset();
 }
