@@ -331,7 +331,8 @@ async function openSearch(params) {
   try {
     const data = await api("/api/search?" + params.toString());
     const seconds = ((performance.now() - started) / 1000).toFixed(2);
-    $("search-status").textContent = data.hitCount + " hits in " + data.files.length + " files \u00b7 " +
+    const plural = (n, word) => n + " " + word + (n === 1 ? "" : "s");
+    $("search-status").textContent = plural(data.hitCount, "hit") + " in " + plural(data.files.length, "file") + " \u00b7 " +
       bytes(data.bytesScanned) + " of " + data.filesScanned + " files searched in " + seconds + " s";
     const blocks = [];
     if (data.more) blocks.push(el("p", "note", "More results exist: only the first " + data.hitCount + " are shown. Narrow the search to a device, a log or a time range."));
@@ -341,7 +342,7 @@ async function openSearch(params) {
       const title = el("h3");
       const link = el("a", "", f.file);
       link.href = "#/log?" + query({ file: f.file.replace(/\.back$/, "") });
-      title.append(link, el("span", "muted", f.hits.length + " hits"));
+      title.append(link, el("span", "muted", plural(f.hits.length, "hit")));
       const lines = el("div", "lines");
       for (const hit of f.hits) {
         const item = el("div", "hit");
