@@ -16,6 +16,8 @@ const char* CollectorStats::kindName(ErrorKind kind) {
             return "busy";
         case ErrorKind::Write:
             return "write";
+        case ErrorKind::Unknown:
+            return "unknown";
         default:
             return "other";
     }

@@ -17,6 +17,7 @@ public:
         Invalid = 0,  // the request did not pass the checks (KibInvalidParameterException)
         Busy,         // too much was waiting to be written; the device retries
         Write,        // the text could not be written to its file
+        Unknown,      // text for a log that was never announced
         Other,        // any other exception out of a handler
         Count_
     };
@@ -28,7 +29,8 @@ public:
     // The process's counters. Any thread.
     static CollectorStats& global();
 
-    // Name of a kind as it appears in "GetStats" ("invalid", "busy", "write", "other").
+    // Name of a kind as it appears in "GetStats" ("invalid", "busy", "write", "unknown",
+    // "other").
     static const char* kindName(ErrorKind kind);
 
     void countRequest() { requests_.fetch_add(1, std::memory_order_relaxed); }

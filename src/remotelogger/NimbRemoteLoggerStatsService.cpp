@@ -31,12 +31,12 @@ CollectorStats::ErrorKind kindOf(const KibException& e) {
 int NimbRemoteLoggerSatellite::KibServiceGetStats(const char*, const tagVARIANT&, tagVARIANT* out) {
     const CollectorStats& stats = CollectorStats::global();
     using Kind = CollectorStats::ErrorKind;
-    VUtil::CreateArray(*out, VT_VARIANT, 10);
+    VUtil::CreateArray(*out, VT_VARIANT, 11);
     int i = 0;
     putCounter(*out, i++, "requests", stats.requests());
     putCounter(*out, i++, "linesWritten", stats.linesWritten());
     putCounter(*out, i++, "bytesWritten", stats.bytesWritten());
-    for (const Kind kind : {Kind::Invalid, Kind::Busy, Kind::Write, Kind::Other}) {
+    for (const Kind kind : {Kind::Invalid, Kind::Busy, Kind::Write, Kind::Unknown, Kind::Other}) {
         putCounter(*out, i++, (std::string("errors.") + CollectorStats::kindName(kind)).c_str(),
                    stats.errors(kind));
     }
@@ -49,13 +49,12 @@ int NimbRemoteLoggerSatellite::KibServiceGetStats(const char*, const tagVARIANT&
 int NimbRemoteLoggerSatellite::OnServiceRequested(int requestId, const char* caller,
                                                   const char* service, tagVARIANT in,
                                                   tagVARIANT* out, int* result) {
+    // A request that passes the checks is answered later (RemoteLogReply counts how);
+    // here only the requests refused at once by an exception are counted.
     CollectorStats& stats = CollectorStats::global();
     const bool counted = std::string(service != nullptr ? service : "") != "GetStats";
     try {
-        const int status =
-            KibSatellite::OnServiceRequested(requestId, caller, service, in, out, result);
-        if (counted) stats.countRequest();
-        return status;
+        return KibSatellite::OnServiceRequested(requestId, caller, service, in, out, result);
     } catch (const KibException& e) {
         if (counted) stats.countError(kindOf(e));
         throw;

@@ -462,6 +462,7 @@ TEST_F(WebServerTest, CountersComeFromTheCollectorAndReachMetrics) {
         0);
     ASSERT_EQ(callCollector("AppendLog", R"(["00:11:22:33:44:55", "system.log", "a\nb\n"])"), 0);
     ASSERT_EQ(callCollector("AppendLog", R"(["00:11:22:33:44:55"])"), 2);
+    ASSERT_EQ(callCollector("AppendLog", R"(["00:11:22:33:44:55", "never.log", "x\n"])"), 1);
 
     QJsonObject counters;
     const bool counted = nimbtest::waitUntil(
@@ -474,6 +475,7 @@ TEST_F(WebServerTest, CountersComeFromTheCollectorAndReachMetrics) {
     ASSERT_TRUE(counted) << QJsonDocument(counters).toJson().toStdString();
     EXPECT_EQ(counters.value(QStringLiteral("requests")).toInt(), 2);
     EXPECT_EQ(counters.value(QStringLiteral("errors.invalid")).toInt(), 1);
+    EXPECT_EQ(counters.value(QStringLiteral("errors.unknown")).toInt(), 1);
     EXPECT_EQ(counters.value(QStringLiteral("connected")).toInt(), 1);
 
     const std::string metrics = get("/metrics").body;
@@ -481,6 +483,7 @@ TEST_F(WebServerTest, CountersComeFromTheCollectorAndReachMetrics) {
                              "nimb_collector_lines_written_total 4\n",
                              "nimb_collector_errors_total{kind=\"invalid\"} 1\n",
                              "nimb_collector_errors_total{kind=\"busy\"} 0\n",
+                             "nimb_collector_errors_total{kind=\"unknown\"} 1\n",
                              "# TYPE nimb_collector_queue_depth gauge\n"}) {
         EXPECT_NE(metrics.find(line), std::string::npos) << line << metrics;
     }
