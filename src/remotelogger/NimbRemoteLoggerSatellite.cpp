@@ -10,6 +10,7 @@
 #include "CRegistry.h"
 #include "DeviceLogConverter.h"
 #include "KibVariantHolder.h"
+#include "NimbBusSettings.h"
 #include "RemoteLogNames.h"
 #include "VUtil.h"
 
@@ -17,6 +18,8 @@ namespace {
 
 const char* const kConfigKey = "Software\\Pellix\\Nimb\\Config";
 const char* const kSatelliteName = "RemoteLogger";
+// How long a running collector has to answer the start-up check.
+constexpr int kInstanceCheckMs = 1000;
 
 // Device times accepted, in seconds since 1970: years 1 to 9999. Keeps the clock
 // arithmetic of the conversion far from overflow.
@@ -96,14 +99,28 @@ NimbRemoteLoggerSatellite::~NimbRemoteLoggerSatellite() {
 int NimbRemoteLoggerSatellite::connect() {
     const boost::shared_ptr<CRegistry> registry = CRegistry::getInstance();
     assert(registry);
-    CStdStr host = "127.0.0.1";
-    registry->ReadSettingImpl(kConfigKey, "kibDirectory.host", host);
+    const NimbBusSettings bus = NimbBusSettings::read();
     int maxSources = kDefaultMaxLogSources;
     if (registry->ReadSettingImpl(kConfigKey, "MaxLogSources", maxSources))
         setMaxLogSources(maxSources);
 
-    CBBLog::info("Connecting to %s", host.c_str());
-    const int status = Connect(host.c_str(), kSatelliteName);
+    const std::string shown = bus.displayHost();
+    CBBLog::info("Connecting to %s", shown.c_str());
+    setConnectOptions(bus.connection);
+    // The announced sources live in this process's memory: a second collector on the same
+    // bus would take half the requests of devices it never saw announce, and drop them.
+    KIBSTATUS other = KIBSTATUS_DISCONNECTED;
+    const int pinged = DirectoryPingSatellite(bus.host.c_str(), kSatelliteName, 0,
+                                              kInstanceCheckMs, &other);
+    if (other == KIBSTATUS_CONNECTED) {
+        CBBLog::error(boost::format("Another collector already serves %1% on %2%; this one "
+                                    "does not start (only one collector per bus)") %
+                      kSatelliteName % shown);
+        return KIB_E_ALREADY_CONNECTED;
+    }
+    // A server that refused the check's connection refuses the real one too: report it once.
+    const int status =
+        pinged == KIB_E_CONNECT_FAILED ? pinged : bus.connect(*this, kSatelliteName);
     if (status != 0) {
         CBBLog::error(boost::format("Failed to register: %1$d (0x%1$x)") % status);
         return status;

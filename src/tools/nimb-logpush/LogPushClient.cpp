@@ -115,7 +115,8 @@ LogPushClient::Result LogPushClient::deliver(const char* service, const Builder&
             const std::string why = g_stopRetrying != 0
                                         ? "stopped"
                                         : "gave up after " + durationText(settings_.retryMs);
-            error_ = "cannot reach " + settings_.satellite + " at " + settings_.host + ": " +
+            error_ = "cannot reach " + settings_.satellite + " at " +
+                     settings_.bus.displayHost() + ": " +
                      failure + " (" + why + ")";
             return Result::Unreachable;
         }
@@ -151,7 +152,7 @@ LogPushClient::Attempt LogPushClient::attempt(const char* service, const Builder
 }
 
 LogPushClient::Attempt LogPushClient::connectOnce(std::string& failure) {
-    const int status = Connect(settings_.host.c_str(), name_.c_str());
+    const int status = settings_.bus.connect(*this, name_.c_str());
     if (status == KIB_OK) {
         connected_ = true;
         linkUp_ = true;
@@ -160,7 +161,8 @@ LogPushClient::Attempt LogPushClient::connectOnce(std::string& failure) {
         AddServiceAvailabilityListener(settings_.satellite.c_str());
         return Attempt::Ok;
     }
-    failure = KibStatusText(status);
+    failure = lastConnectError();
+    if (failure.empty()) failure = KibStatusText(status);
     return isTransient(status) ? Attempt::Transient : Attempt::Invalid;
 }
 
