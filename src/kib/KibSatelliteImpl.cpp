@@ -182,7 +182,11 @@ std::string KibSatelliteImpl::lastError() const {
 natsStatus KibSatelliteImpl::open(natsConnection** connection, natsOptions* raw,
                                   const std::string& where) {
     const natsStatus status = natsConnection_Connect(connection, raw);
-    setLastError(where, status == NATS_OK ? std::string() : failureText(status));
+    std::string why = status == NATS_OK ? std::string() : failureText(status);
+    if (status == NATS_SSL_ERROR && options_.caFile.empty()) {
+        why += " (the server requires TLS: give the certificate authority file of the bus)";
+    }
+    setLastError(where, why);
     return status;
 }
 
