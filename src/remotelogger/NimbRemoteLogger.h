@@ -50,6 +50,9 @@ public slots:
                 QDateTime puckTime, QString logName);
     // Queues `content` as it is to the log's file; dropped when the log is unknown.
     void appendLog(QString macAddr, QString logName, QString content);
+    // The log gave up its slot: releases its logger, which writes out what it holds and
+    // closes the file. Later text for it is dropped until it is announced again.
+    void closeLog(QString logId);
 
 private:
     NimbRemoteLoggerSatellite* satellite = nullptr;  // Qt child; deleted by close()

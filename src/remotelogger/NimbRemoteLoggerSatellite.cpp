@@ -84,10 +84,16 @@ NimbRemoteLoggerSatellite::NimbRemoteLoggerSatellite(QObject* parent) : QObject(
     // Queued like the module's own connections, so each call's room comes back when the
     // main thread reaches it.
     const std::shared_ptr<RemoteLogBacklog> room = backlog;
-    QObject::connect(this, &NimbRemoteLoggerSatellite::addLog, this, [room] { room->release(0); });
+    const std::shared_ptr<RemoteLogDeviceQuota> share = quota;
+    QObject::connect(this, &NimbRemoteLoggerSatellite::addLog, this,
+                     [room, share](const QString& macAddr) {
+                         room->release(0);
+                         share->release(asDelivered(macAddr), 0);
+                     });
     QObject::connect(this, &NimbRemoteLoggerSatellite::appendLog, this,
-                     [room](const QString&, const QString&, const QString& content) {
+                     [room, share](const QString& macAddr, const QString&, const QString& content) {
                          room->release(textBytes(content));
+                         share->release(asDelivered(macAddr), textBytes(content));
                      });
 }
 
@@ -101,8 +107,10 @@ int NimbRemoteLoggerSatellite::connect() {
     assert(registry);
     const NimbBusSettings bus = NimbBusSettings::read();
     int maxSources = kDefaultMaxLogSources;
-    if (registry->ReadSettingImpl(kConfigKey, "MaxLogSources", maxSources))
-        setMaxLogSources(maxSources);
+    int perDevice = static_cast<int>(RemoteLogSources::kDefaultMaxPerDevice);
+    registry->ReadSettingImpl(kConfigKey, "MaxLogSources", maxSources);
+    registry->ReadSettingImpl(kConfigKey, "MaxLogsPerDevice", perDevice);
+    setMaxLogSources(maxSources, perDevice);
 
     const std::string shown = bus.displayHost();
     CBBLog::info("Connecting to %s", shown.c_str());
@@ -176,8 +184,8 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
     std::set<CStdStr> ids;
     for (const QString& logName : logNames)
         ids.insert(RemoteLogNames::logId(asDelivered(macAddr), asDelivered(logName)));
-    admitLogIds(ids, logNames.size());
-    reserveBacklog("SetLogSource", logNames.size(), 0);
+    admitLogIds(asDelivered(macAddr), ids, logNames.size());
+    reserveBacklog("SetLogSource", asDelivered(macAddr), logNames.size(), 0);
 
     for (const QString& logName : logNames)
         emit addLog(macAddr, deviceId, satName, displayName, puckTime, logName);
@@ -198,9 +206,16 @@ int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char* caller, const tag
         const long serverTime = static_cast<long>(time(nullptr));
         content = convertLog(content, deviceTime, serverTime);
     }
+    const QString mac = QString::fromUtf8(macAddr.c_str());
+    const QString log = QString::fromUtf8(logName.c_str());
+    if (sources.touch(RemoteLogNames::logId(asDelivered(mac), asDelivered(log))) ==
+        RemoteLogSources::State::Closed) {
+        throw KibException("AppendLog: log closed to make room for other logs: announce it again",
+                           kLogClosedCode);
+    }
     const QString text = QString::fromUtf8(content.data(), static_cast<qsizetype>(content.size()));
-    reserveBacklog("AppendLog", 1, textBytes(text));
-    emit appendLog(QString::fromUtf8(macAddr.c_str()), QString::fromUtf8(logName.c_str()), text);
+    reserveBacklog("AppendLog", asDelivered(mac), 1, textBytes(text));
+    emit appendLog(mac, log, text);
     return 0;
 }
 
@@ -213,28 +228,31 @@ CStdStr NimbRemoteLoggerSatellite::convertDate(const tm& t, long deviceTime, lon
     return DeviceLogConverter::convertDate(t, deviceTime, serverTime);
 }
 
-void NimbRemoteLoggerSatellite::setMaxLogSources(int limit) {
-    const PMutexLocker lock(sourcesLock);
-    maxLogSources = limit < 0 ? 0 : limit;
+void NimbRemoteLoggerSatellite::setMaxLogSources(int limit, int perDevice) {
+    sources.setLimits(static_cast<std::size_t>(std::max(limit, 0)),
+                      static_cast<std::size_t>(std::max(perDevice, 0)));
 }
 
-void NimbRemoteLoggerSatellite::admitLogIds(const std::set<CStdStr>& ids, size_t listLength) {
-    const PMutexLocker lock(sourcesLock);
-    size_t fresh = 0;
-    for (const CStdStr& id : ids) fresh += knownLogIds.count(id) == 0 ? 1 : 0;
-    const size_t limit = static_cast<size_t>(maxLogSources);
-    if (knownLogIds.size() + fresh > limit || listLength > limit) {
-        throw KibInvalidParameterException(
-            boost::str(boost::format("SetLogSource: too many log sources: at most %1%") %
-                       maxLogSources)
-                .c_str());
+void NimbRemoteLoggerSatellite::admitLogIds(const CStdStr& mac, const std::set<CStdStr>& ids,
+                                            size_t listLength) {
+    std::vector<CStdStr> closed;
+    std::string error;
+    if (!sources.admit(mac, ids, listLength, closed, error)) {
+        throw KibInvalidParameterException(("SetLogSource: " + error).c_str());
     }
-    knownLogIds.insert(ids.begin(), ids.end());
+    for (const CStdStr& id : closed) emit closeLog(QString::fromUtf8(id.c_str()));
 }
 
-void NimbRemoteLoggerSatellite::reserveBacklog(const char* service, std::size_t calls,
-                                               std::size_t bytes) {
+void NimbRemoteLoggerSatellite::reserveBacklog(const char* service, const CStdStr& mac,
+                                               std::size_t calls, std::size_t bytes) {
+    if (!quota->tryAcquire(mac, calls, bytes)) {
+        throw KibException((CStdStr(service) +
+                            ": busy: this device has too much waiting to be written, try again")
+                               .c_str(),
+                           kBusyCode);
+    }
     if (backlog->acquire(calls, bytes, std::chrono::milliseconds(kBacklogWaitMs))) return;
+    for (std::size_t i = 0; i < calls; ++i) quota->release(mac, i == 0 ? bytes : 0);
     throw KibException(
         (CStdStr(service) + ": busy: too much is waiting to be written, try again").c_str(),
         kBusyCode);

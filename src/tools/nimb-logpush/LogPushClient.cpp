@@ -17,6 +17,9 @@ namespace {
 const char* const kSetLogSource = "SetLogSource";
 const char* const kAppendLog = "AppendLog";
 const char* const kOwnName = "nimb-logpush";
+// Exception codes of the collector's answers that a retry overcomes.
+constexpr int kCollectorBusy = 2;
+constexpr int kLogClosed = 3;
 
 constexpr std::chrono::milliseconds kFirstBackoff{250};
 constexpr std::chrono::milliseconds kLongestBackoff{5000};
@@ -177,6 +180,12 @@ LogPushClient::Attempt LogPushClient::call(const char* service, const KibVariant
     }
     failure = reply.errorText;
     if (reply.errorKind == KibErrorKind::Local && isTransient(reply.status)) {
+        return Attempt::Transient;
+    }
+    // The collector is busy with this device's earlier text, or closed the log to make
+    // room for others: both pass; the retry announces the log again first.
+    if (reply.errorKind == KibErrorKind::KibException &&
+        (reply.errorCode == kCollectorBusy || reply.errorCode == kLogClosed)) {
         return Attempt::Transient;
     }
     // Handler exceptions carry the collector's own text ("SetLogSource: invalid addr: ...");
