@@ -7,7 +7,7 @@ packages=(
     build-essential cmake pkg-config git
     qt6-base-dev
     libboost-dev libboost-filesystem-dev libboost-system-dev
-    nats-server libnats-dev libmsgpack-cxx-dev
+    nats-server libnats-dev libmsgpack-cxx-dev openssl
     libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
     clang-format
     clang

@@ -33,11 +33,16 @@ Each domain is the file $XDG_CONFIG_HOME/pellix/DOMAIN.json
 (~/.config/pellix/DOMAIN.json when XDG_CONFIG_HOME is not set).
 
 Settings the suite reads:
-  Software\Pellix\Nimb\Config  kibDirectory.host  string  bus directory, host or host:port
-  Software\Pellix\Nimb         LogLevel           int     0 FATAL, 1 ERROR ... 4 DEBUG
-  Software\Pellix\Nimb         LogsDir            string  logs folder
-  Software\Pellix\Nimb         DataDir            string  data folder
-  Software\Pellix\Nimb         InstallDir         string  install folder
+  Software\Pellix\Nimb\Config  kibDirectory.host       string  bus directory: host, host:port
+                                                                or URL; comma-separated: cluster
+  Software\Pellix\Nimb\Config  kibDirectory.caFile     string  CA file (PEM): connect with TLS
+  Software\Pellix\Nimb\Config  kibDirectory.credsFile  string  bus credentials file (mode 0600)
+  Software\Pellix\Nimb\Config  MaxLogSources           int     logs the collector keeps open
+  Software\Pellix\Nimb\Config  MaxLogsPerDevice        int     open logs of one device
+  Software\Pellix\Nimb         LogLevel                int     0 FATAL, 1 ERROR ... 4 DEBUG
+  Software\Pellix\Nimb         LogsDir                 string  logs folder
+  Software\Pellix\Nimb         DataDir                 string  data folder
+  Software\Pellix\Nimb         InstallDir              string  install folder
 
 Examples:
   nimb-defaults write 'Software\Pellix\Nimb' LogLevel -int 4
