@@ -6,9 +6,8 @@
 #include <fstream>
 #include <sstream>
 
-#include <sys/stat.h>
-
 #include "KibNats.h"
+#include <sys/stat.h>
 
 namespace {
 

@@ -111,9 +111,9 @@ void onAsyncErrorThunk(natsConnection* nc, natsSubscription*, natsStatus status,
     static std::string last;
     const char* detail = nullptr;
     natsConnection_GetLastError(nc, &detail);
-    const std::string text = std::string(natsStatus_GetText(status)) +
-                             (detail != nullptr && *detail != '\0' ? std::string(": ") + detail
-                                                                    : std::string());
+    const std::string text =
+        std::string(natsStatus_GetText(status)) +
+        (detail != nullptr && *detail != '\0' ? std::string(": ") + detail : std::string());
     const std::lock_guard<std::mutex> lock(mutex);
     if (text == last) return;
     last = text;
@@ -162,7 +162,7 @@ bool KibSatelliteImpl::configure(natsOptions* raw, const std::vector<std::string
         natsOptions_SetUserCredentialsFromFiles(raw, credentials.path.c_str(), nullptr);
     }
     inboxPrefix = KibNats::isValidName(credentials.user.c_str()) ? credentials.inboxPrefix()
-                                                                  : std::string("_INBOX");
+                                                                 : std::string("_INBOX");
     return true;
 }
 

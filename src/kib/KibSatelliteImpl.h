@@ -128,8 +128,8 @@ private:
     // One request and its reply, received on an inbox under `inboxPrefix`, so that the
     // server can keep other users from reading it.
     static natsStatus request(natsConnection* nc, const std::string& inboxPrefix,
-                              const std::string& subject, const std::string& frame,
-                              int timeoutMs, KibNatsMsg& reply);
+                              const std::string& subject, const std::string& frame, int timeoutMs,
+                              KibNatsMsg& reply);
 
     // Immutable after construction.
     KibSatellite& owner_;

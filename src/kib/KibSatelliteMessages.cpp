@@ -55,7 +55,8 @@ int KibSatelliteImpl::call(const char* satellite, const char* service, const VAR
         return reply.status;
     }
     KibNatsMsg msg;
-    const natsStatus sent = request(connection_.get(), inboxPrefix_, subject, frame, timeoutMs, msg);
+    const natsStatus sent =
+        request(connection_.get(), inboxPrefix_, subject, frame, timeoutMs, msg);
     if (sent != NATS_OK) {
         status = KibNats::toStatus(sent);
         std::string text = natsStatus_GetText(sent);

@@ -198,8 +198,8 @@ int NimbRemoteLoggerSatellite::connect() {
     // The announced sources live in this process's memory: a second collector on the same
     // bus would take half the requests of devices it never saw announce, and drop them.
     KIBSTATUS other = KIBSTATUS_DISCONNECTED;
-    const int pinged = DirectoryPingSatellite(bus.host.c_str(), kSatelliteName, 0,
-                                              kInstanceCheckMs, &other);
+    const int pinged =
+        DirectoryPingSatellite(bus.host.c_str(), kSatelliteName, 0, kInstanceCheckMs, &other);
     if (other == KIBSTATUS_CONNECTED) {
         CBBLog::error(boost::format("Another collector already serves %1% on %2%; this one "
                                     "does not start (only one collector per bus)") %
@@ -207,8 +207,7 @@ int NimbRemoteLoggerSatellite::connect() {
         return KIB_E_ALREADY_CONNECTED;
     }
     // A server that refused the check's connection refuses the real one too: report it once.
-    const int status =
-        pinged == KIB_E_CONNECT_FAILED ? pinged : bus.connect(*this, kSatelliteName);
+    const int status = pinged == KIB_E_CONNECT_FAILED ? pinged : bus.connect(*this, kSatelliteName);
     if (status != 0) {
         CBBLog::error(boost::format("Failed to register: %1$d (0x%1$x)") % status);
         return status;
@@ -325,10 +324,10 @@ void NimbRemoteLoggerSatellite::admitLogIds(const CStdStr& mac, const std::set<C
 void NimbRemoteLoggerSatellite::reserveBacklog(const char* service, const CStdStr& mac,
                                                std::size_t calls, std::size_t bytes) {
     if (!quota->tryAcquire(mac, calls, bytes)) {
-        throw KibException((CStdStr(service) +
-                            ": busy: this device has too much waiting to be written, try again")
-                               .c_str(),
-                           kBusyCode);
+        throw KibException(
+            (CStdStr(service) + ": busy: this device has too much waiting to be written, try again")
+                .c_str(),
+            kBusyCode);
     }
     if (backlog->acquire(calls, bytes, std::chrono::milliseconds(kBacklogWaitMs))) return;
     for (std::size_t i = 0; i < calls; ++i) quota->release(mac, i == 0 ? bytes : 0);

@@ -100,8 +100,8 @@ private:
     const std::shared_ptr<RemoteLogBacklog> backlog =
         std::make_shared<RemoteLogBacklog>(kMaxQueuedCalls, kMaxQueuedBytes);
 
-    const std::shared_ptr<RemoteLogDeviceQuota> quota = std::make_shared<RemoteLogDeviceQuota>(
-        kMaxQueuedCallsPerDevice, kMaxQueuedBytesPerDevice);
+    const std::shared_ptr<RemoteLogDeviceQuota> quota =
+        std::make_shared<RemoteLogDeviceQuota>(kMaxQueuedCallsPerDevice, kMaxQueuedBytesPerDevice);
     // The open logs and their slots.
     RemoteLogSources sources{kDefaultMaxLogSources, RemoteLogSources::kDefaultMaxPerDevice};
 };

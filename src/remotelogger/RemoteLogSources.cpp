@@ -28,8 +28,8 @@ bool RemoteLogSources::admit(const CStdStr& mac, const std::set<CStdStr>& ids,
         return false;
     }
     if (deviceOpen + fresh > maxPerDevice_) {
-        error = boost::str(boost::format("too many log sources for device %1%: at most %2%") %
-                           mac % maxPerDevice_);
+        error = boost::str(boost::format("too many log sources for device %1%: at most %2%") % mac %
+                           maxPerDevice_);
         return false;
     }
     // The request's own logs become the most recently used, so none of them is closed

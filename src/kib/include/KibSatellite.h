@@ -42,11 +42,11 @@ public:
 
     // Connects to the bus directory at `host` ("host", "host:port" or a URL, port 4222 by
     // default; a comma-separated list names several servers of one cluster: any of them
-    // is used and the others take over when it fails), announces the satellite as `satelliteName`, calls CreateServices and
-    // registers the services. Returns KIB_OK, or a KIB_E_ code (KIB_E_CONNECT_FAILED
-    // when no directory answers) or CreateServices' non-zero status, in which case the
-    // satellite is left disconnected. Blocks for at most a few seconds. Once connected,
-    // a lost connection is re-established without end; OnStatusChange reports it.
+    // is used and the others take over when it fails), announces the satellite as `satelliteName`,
+    // calls CreateServices and registers the services. Returns KIB_OK, or a KIB_E_ code
+    // (KIB_E_CONNECT_FAILED when no directory answers) or CreateServices' non-zero status, in which
+    // case the satellite is left disconnected. Blocks for at most a few seconds. Once connected, a
+    // lost connection is re-established without end; OnStatusChange reports it.
     virtual int Connect(const char* host, const char* satelliteName);
     // Credentials used by the following Connect calls (null clears them).
     virtual int ConnectUser(const char* user, const char* password);

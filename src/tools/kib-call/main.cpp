@@ -9,9 +9,9 @@
 #include <QJsonObject>
 #include <cstdio>
 
-#include "NimbBusSettings.h"
 #include "KibJson.h"
 #include "KibSatellite.h"
+#include "NimbBusSettings.h"
 #include <unistd.h>
 
 namespace {
@@ -21,7 +21,6 @@ constexpr int kExitServiceStatus = 1;  // the handler returned a non-zero status
 constexpr int kExitServiceError = 2;   // the handler threw, or the service refused the call
 constexpr int kExitCallFailed = 3;     // no connection, no responders, timeout
 constexpr int kExitUsage = 64;
-
 
 int usage(const QString& message) {
     std::fprintf(stderr, "kib-call: %s\n", qUtf8Printable(message));

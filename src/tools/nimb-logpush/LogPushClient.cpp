@@ -118,9 +118,8 @@ LogPushClient::Result LogPushClient::deliver(const char* service, const Builder&
             const std::string why = g_stopRetrying != 0
                                         ? "stopped"
                                         : "gave up after " + durationText(settings_.retryMs);
-            error_ = "cannot reach " + settings_.satellite + " at " +
-                     settings_.bus.displayHost() + ": " +
-                     failure + " (" + why + ")";
+            error_ = "cannot reach " + settings_.satellite + " at " + settings_.bus.displayHost() +
+                     ": " + failure + " (" + why + ")";
             return Result::Unreachable;
         }
         pause(backoff);

@@ -9,12 +9,11 @@
 #include <thread>
 
 #include <gtest/gtest.h>
-
 #include <nats/nats.h>
-#include <sys/stat.h>
 
 #include "BusTestSupport.h"
 #include "NatsServer.h"
+#include <sys/stat.h>
 
 namespace {
 
@@ -80,9 +79,9 @@ protected:
     static ChildResult push(const std::string& logName, const std::string& text,
                             const std::vector<std::string>& security) {
         writeFile(fs::path(root_->path()) / "input.txt", text);
-        std::vector<std::string> argv{NIMB_LOGPUSH, "--host", host(), "--mac", kMac,
-                                      "--device-id", "dev", "--log", logName, "--retry-for",
-                                      "600"};
+        std::vector<std::string> argv{NIMB_LOGPUSH, "--host",      host(), "--mac",
+                                      kMac,         "--device-id", "dev",  "--log",
+                                      logName,      "--retry-for", "600"};
         argv.insert(argv.end(), security.begin(), security.end());
         argv.push_back(root_->path() + "/input.txt");
         return runProgram(argv, *root_);
@@ -155,8 +154,8 @@ TEST_F(BusSetupTest, RefusedConnectionsSayWhyAndShowNoSecret) {
     ASSERT_EQ(setup({"revoke-device", "leaving"}).exitCode(), 0);
     // A certificate authority that did not sign the server's certificate.
     const ChildResult other = runProgram(
-        {"/usr/bin/env", "openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
-         "-nodes", "-keyout", (scratch / "other.key").string(), "-out",
+        {"/usr/bin/env", "openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+         "ec_paramgen_curve:P-256", "-nodes", "-keyout", (scratch / "other.key").string(), "-out",
          (scratch / "other.pem").string(), "-days", "2", "-subj", "/CN=Other"},
         *root_);
     ASSERT_EQ(other.exitCode(), 0) << other.errors;
@@ -167,16 +166,21 @@ TEST_F(BusSetupTest, RefusedConnectionsSayWhyAndShowNoSecret) {
         std::vector<std::string> security;
         const char* error;
     } cases[] = {
-        {"wrong password", {"--ca", ca, "--creds", (scratch / "wrong.creds").string()},
+        {"wrong password",
+         {"--ca", ca, "--creds", (scratch / "wrong.creds").string()},
          "Authorization Violation"},
-        {"unknown user", {"--ca", ca, "--creds", (scratch / "stranger.creds").string()},
+        {"unknown user",
+         {"--ca", ca, "--creds", (scratch / "stranger.creds").string()},
          "Authorization Violation"},
-        {"revoked device", {"--ca", ca, "--creds", (scratch / "leaving.creds").string()},
+        {"revoked device",
+         {"--ca", ca, "--creds", (scratch / "leaving.creds").string()},
          "Authorization Violation"},
-        {"wrong CA", {"--ca", (scratch / "other.pem").string(), "--creds", device("kitchen")},
+        {"wrong CA",
+         {"--ca", (scratch / "other.pem").string(), "--creds", device("kitchen")},
          "unable to get local issuer certificate"},
         {"no TLS", {"--creds", device("kitchen")}, "the server requires TLS"},
-        {"no credentials file", {"--ca", ca, "--creds", (scratch / "none.creds").string()},
+        {"no credentials file",
+         {"--ca", ca, "--creds", (scratch / "none.creds").string()},
          "cannot read the credentials file"},
     };
     for (const auto& c : cases) {
@@ -237,9 +241,8 @@ TEST_F(BusSetupTest, DeviceCannotImpersonateTheCollector) {
     impostor.Disconnect();
 
     const fs::path file = home_->logs() / garage.fileName();
-    EXPECT_TRUE(waitUntil([&] {
-        return fs::exists(file) && readFile(file).find("line 39\n") != std::string::npos;
-    }));
+    EXPECT_TRUE(waitUntil(
+        [&] { return fs::exists(file) && readFile(file).find("line 39\n") != std::string::npos; }));
 }
 
 // A raw client with a device's account: what it may not subscribe to is refused.
@@ -266,9 +269,8 @@ TEST_F(BusSetupTest, DeviceCannotReadServiceRequestsOrOtherDevicesReplies) {
         EXPECT_TRUE(waitUntil(
             [&] {
                 natsConnection_GetLastError(nc, &text);
-                return text != nullptr &&
-                       std::string(text).find(std::string("Subscription to \"") + subject) !=
-                           std::string::npos;
+                return text != nullptr && std::string(text).find(std::string("Subscription to \"") +
+                                                                 subject) != std::string::npos;
             },
             std::chrono::seconds(2)))
             << subject << ": " << (text != nullptr ? text : "");

@@ -4,10 +4,9 @@
 #include <chrono>
 #include <thread>
 
+#include "TestValues.h"
 #include <signal.h>
 #include <sys/wait.h>
-
-#include "TestValues.h"
 
 namespace bustest {
 
