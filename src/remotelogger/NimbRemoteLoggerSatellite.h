@@ -53,7 +53,9 @@ public:
 
     // Reads the bus settings (NimbBusSettings), "MaxLogSources" and "MaxLogsPerDevice" under
     // "Software\Pellix\Nimb\Config", connects to that bus directory as "RemoteLogger" and
-    // registers the services. Returns 0, or the bus library's non-zero status (logged).
+    // registers the services. Returns 0, or the bus library's non-zero status (logged);
+    // KIB_E_ALREADY_CONNECTED when another collector already answers as "RemoteLogger" on
+    // that bus (one collector per bus: the announced logs live in its memory).
     // Main thread; blocks for at most a few seconds.
     int connect();
 
