@@ -4,11 +4,14 @@
 // devices deliver. Created by createNimbModuleInstance() and owned by the module host;
 // lives on the Qt main thread, where its slots run (queued from the satellite's bus
 // threads). The log map is guarded by logMapLock, never held while a logger writes.
+// A call that came from the satellite carries its request's reply along to the
+// logger, which completes it once the text is in the file.
 #pragma once
 
 #include <QDateTime>
 #include <QString>
 #include <map>
+#include <memory>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
@@ -19,6 +22,7 @@
 #include "StdString.h"
 
 class NimbRemoteLoggerSatellite;
+class RemoteLogReply;
 
 class NimbRemoteLogger : public NimbModuleBaseQT {
     Q_OBJECT
@@ -36,8 +40,9 @@ public:
     // Creates the satellite, connects its signals to the slots below and joins the bus.
     // False (logged) when the satellite could not register. Main thread.
     bool init(const std::vector<CStdStr>& args) override;
-    // Leaves the bus, then delivers every addLog / appendLog already emitted, so that
-    // each acknowledged request reaches its logger. Harmless twice. Main thread.
+    // Leaves the bus (serving every request already received), delivers every addLog /
+    // appendLog already emitted, releases the loggers (each writes all it was given and
+    // completes those requests' replies), then disconnects. Harmless twice. Main thread.
     void close() override;
 
     // The MAC address without ":", "-", and the log name's last path component.
@@ -48,13 +53,21 @@ public slots:
     // and writes the header that ties the device's clock to the server's.
     void addLog(QString macAddr, QString deviceId, QString satName, QString displayName,
                 QDateTime puckTime, QString logName);
-    // Queues `content` as it is to the log's file; dropped when the log is unknown.
+    // Queues `content` as it is to the log's file. For a log that is unknown the text
+    // is dropped (a request from the satellite is answered "unknown source").
     void appendLog(QString macAddr, QString logName, QString content);
     // The log gave up its slot: releases its logger, which writes out what it holds and
     // closes the file. Later text for it is dropped until it is announced again.
     void closeLog(QString logId);
 
 private:
+    // The reply that came with the call being delivered, when it came from the satellite.
+    std::shared_ptr<RemoteLogReply> replyOfCall();
+    // Queues `text` for the log `id`; `reply` (may be null) learns how it went.
+    void writeText(const CStdStr& id, CStdStr text, const std::shared_ptr<RemoteLogReply>& reply);
+    // Empties the map; the loggers write what they hold as they go.
+    void releaseLogs();
+
     NimbRemoteLoggerSatellite* satellite = nullptr;  // Qt child; deleted by close()
     PMutex logMapLock;
     std::map<CStdStr, boost::shared_ptr<CBBLog>> logMap NIMB_GUARDED_BY(logMapLock);

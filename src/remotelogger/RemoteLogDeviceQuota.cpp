@@ -4,6 +4,7 @@
 #include <algorithm>
 
 bool RemoteLogDeviceQuota::tryAcquire(const CStdStr& mac, std::size_t calls, std::size_t bytes) {
+    if (calls == 0 && bytes == 0) return true;  // nothing to wait for: no entry either
     const std::lock_guard<std::mutex> lock(mutex_);
     Use& use = use_[mac];
     const bool idle = use.calls == 0;
