@@ -2,8 +2,10 @@
 #include "NimbRemoteLoggerSatellite.h"
 
 #include <cassert>
+#include <chrono>
 #include <cmath>
 #include <ctime>
+#include <thread>
 #include <vector>
 
 #include <boost/format.hpp>
@@ -20,8 +22,12 @@ namespace {
 
 const char* const kConfigKey = "Software\\Pellix\\Nimb\\Config";
 const char* const kSatelliteName = "RemoteLogger";
-// How long a running collector has to answer the start-up check.
+// The start-up check for another collector: how long one has to answer a ping, and how
+// many answers in a row, 500 ms apart, mean it is alive (a collector that was just killed
+// may answer once more before the server notices its connection is gone).
 constexpr int kInstanceCheckMs = 1000;
+constexpr int kInstanceCheckAnswers = 3;
+constexpr auto kInstanceCheckPause = std::chrono::milliseconds(500);
 
 // Device times accepted, in seconds since 1970: years 1 to 9999. Keeps the clock
 // arithmetic of the conversion far from overflow.
@@ -222,9 +228,13 @@ int NimbRemoteLoggerSatellite::connect() {
     setConnectOptions(bus.connection);
     // The announced sources live in this process's memory: a second collector on the same
     // bus would take half the requests of devices it never saw announce, and drop them.
-    KIBSTATUS other = KIBSTATUS_DISCONNECTED;
-    const int pinged =
-        DirectoryPingSatellite(bus.host.c_str(), kSatelliteName, 0, kInstanceCheckMs, &other);
+    KIBSTATUS other = KIBSTATUS_CONNECTED;
+    int pinged = KIB_OK;
+    for (int i = 0; i < kInstanceCheckAnswers && other == KIBSTATUS_CONNECTED; ++i) {
+        if (i > 0) std::this_thread::sleep_for(kInstanceCheckPause);
+        pinged =
+            DirectoryPingSatellite(bus.host.c_str(), kSatelliteName, 0, kInstanceCheckMs, &other);
+    }
     if (other == KIBSTATUS_CONNECTED) {
         CBBLog::error(boost::format("Another collector already serves %1% on %2%; this one "
                                     "does not start (only one collector per bus)") %
