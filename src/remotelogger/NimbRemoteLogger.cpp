@@ -7,6 +7,7 @@
 #include "NimbRemoteLoggerSatellite.h"
 #include "RemoteLogNames.h"
 #include "RemoteLogReply.h"
+#include "SyslogServer.h"
 
 namespace {
 const char* const kTimeFormat = "yyyy/MM/dd hh:mm:ss";
@@ -38,10 +39,20 @@ bool NimbRemoteLogger::init(const std::vector<CStdStr>&) {
         return false;
     }
     CBBLog::debug("Registered");
+    startSyslog();
     return true;
 }
 
+void NimbRemoteLogger::startSyslog() {
+    const SyslogSettings settings = SyslogSettings::read();
+    if (!settings.isEnabled()) return;
+    syslog = std::make_unique<SyslogServer>(settings);
+    if (!syslog->start()) syslog.reset();
+}
+
 void NimbRemoteLogger::close() {
+    // Stopped first: its lines reach their loggers, which write them when released.
+    syslog.reset();
     if (satellite == nullptr) return;
     // A request is answered once its text is in the file, so the stop goes in this order:
     // no request arrives any more and those received were handled; their calls reach the

@@ -23,6 +23,7 @@
 
 class NimbRemoteLoggerSatellite;
 class RemoteLogReply;
+class SyslogServer;
 
 class NimbRemoteLogger : public NimbModuleBaseQT {
     Q_OBJECT
@@ -37,8 +38,10 @@ public:
     // Closes, then releases every remote log (each drains its queue into its file).
     ~NimbRemoteLogger() override;
 
-    // Creates the satellite, connects its signals to the slots below and joins the bus.
-    // False (logged) when the satellite could not register. Main thread.
+    // Creates the satellite, connects its signals to the slots below and joins the bus;
+    // then starts the syslog listeners when the settings enable them (a listener that
+    // cannot start is logged and the bus path runs on). False (logged) when the
+    // satellite could not register. Main thread.
     bool init(const std::vector<CStdStr>& args) override;
     // Leaves the bus (serving every request already received), delivers every addLog /
     // appendLog already emitted, releases the loggers (each writes all it was given and
@@ -61,6 +64,8 @@ public slots:
     void closeLog(QString logId);
 
 private:
+    // Starts the syslog listeners when the settings enable them.
+    void startSyslog();
     // The reply that came with the call being delivered, when it came from the satellite.
     std::shared_ptr<RemoteLogReply> replyOfCall();
     // Queues `text` for the log `id`; `reply` (may be null) learns how it went.
@@ -69,6 +74,9 @@ private:
     void releaseLogs();
 
     NimbRemoteLoggerSatellite* satellite = nullptr;  // Qt child; deleted by close()
+    // The syslog listeners, when enabled; started once the satellite registered, stopped
+    // by close() before the satellite leaves.
+    std::unique_ptr<SyslogServer> syslog;
     PMutex logMapLock;
     std::map<CStdStr, boost::shared_ptr<CBBLog>> logMap NIMB_GUARDED_BY(logMapLock);
 };
