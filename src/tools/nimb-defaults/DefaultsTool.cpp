@@ -33,6 +33,18 @@ Each domain is the file $XDG_CONFIG_HOME/pellix/DOMAIN.json
 (~/.config/pellix/DOMAIN.json when XDG_CONFIG_HOME is not set).
 
 Settings the suite reads:
+<<<<<<< HEAD
+  Software\Pellix\Nimb\Config  kibDirectory.host       string  bus directory: host, host:port
+                                                                or URL; comma-separated: cluster
+  Software\Pellix\Nimb\Config  kibDirectory.caFile     string  CA file (PEM): connect with TLS
+  Software\Pellix\Nimb\Config  kibDirectory.credsFile  string  bus credentials file (mode 0600)
+  Software\Pellix\Nimb\Config  MaxLogSources           int     logs the collector keeps open
+  Software\Pellix\Nimb\Config  MaxLogsPerDevice        int     open logs of one device
+  Software\Pellix\Nimb         LogLevel                int     0 FATAL, 1 ERROR ... 4 DEBUG
+  Software\Pellix\Nimb         LogsDir                 string  logs folder
+  Software\Pellix\Nimb         DataDir                 string  data folder
+  Software\Pellix\Nimb         InstallDir              string  install folder
+=======
   Software\Pellix\Nimb\Config  kibDirectory.host  string  bus directory, host or host:port
   Software\Pellix\Nimb         LogLevel           int     0 FATAL, 1 ERROR ... 4 DEBUG
   Software\Pellix\Nimb         LogsDir            string  logs folder
@@ -52,6 +64,7 @@ Settings the suite reads:
   Software\Pellix\Nimb\Syslog  MaxConnections     int     open syslog connections (default 64)
   Software\Pellix\Nimb\Syslog  MaxSenders         int     senders with files (default 64)
   Software\Pellix\Nimb\Syslog  MaxAppsPerSender   int     files per sender (default 16)
+>>>>>>> main
 
 Examples:
   nimb-defaults write 'Software\Pellix\Nimb' LogLevel -int 4
