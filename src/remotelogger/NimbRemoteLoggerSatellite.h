@@ -47,7 +47,7 @@ public:
     static constexpr std::size_t kMaxQueuedBytesPerDevice = 4 * 1024 * 1024;
     // Exception code of AppendLog for a log that gave up its slot to another: the device
     // announces it again with SetLogSource and resends.
-    static constexpr std::int32_t kLogClosedCode = 3;
+    static constexpr std::int32_t kLogClosedCode = 4;
 
     // Constructs both parts; connects nothing. Main thread.
     explicit NimbRemoteLoggerSatellite(QObject* parent);

@@ -274,7 +274,7 @@ TEST_F(SatelliteTest, LogSlotsAreBoundedPerDeviceAndTheIdlestGivesItsSlotUp) {
     EXPECT_EQ(announce("00:33", {"a"}), "");
     EXPECT_EQ(closed, std::vector<std::string>{"0011-b"});
     EXPECT_EQ(append("00:11", "b"),
-              "3 AppendLog: log closed to make room for other logs: announce it again");
+              "4 AppendLog: log closed to make room for other logs: announce it again");
     EXPECT_EQ(append("00:11", "a"), "");
     EXPECT_EQ(announce("00:11", {"b"}), "");  // announced again, it takes a slot back
     EXPECT_EQ(append("00:11", "b"), "");

@@ -19,7 +19,7 @@ const char* const kAppendLog = "AppendLog";
 const char* const kOwnName = "nimb-logpush";
 // Exception codes of the collector's answers that a retry overcomes.
 constexpr int kCollectorBusy = 2;
-constexpr int kLogClosed = 3;
+constexpr int kLogClosed = 4;
 
 constexpr std::chrono::milliseconds kFirstBackoff{250};
 constexpr std::chrono::milliseconds kLongestBackoff{5000};
