@@ -7,12 +7,8 @@ packages=(
     build-essential cmake pkg-config git
     qt6-base-dev
     libboost-dev libboost-filesystem-dev libboost-system-dev
-<<<<<<< HEAD
-    nats-server libnats-dev libmsgpack-cxx-dev openssl
-=======
     nats-server libnats-dev libmsgpack-cxx-dev
     libssl-dev openssl bsdutils
->>>>>>> main
     libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
     clang-format
     clang
