@@ -17,9 +17,10 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/NimbLauncher DESTINATION ${CMAKE_I
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/nimb-remote-logger.service
               ${PROJECT_SOURCE_DIR}/packaging/nimb-web.service
               ${PROJECT_SOURCE_DIR}/packaging/nats-server.conf
+              ${PROJECT_SOURCE_DIR}/packaging/nats-cluster.conf
         DESTINATION ${CMAKE_INSTALL_DATADIR}/nimb)
 foreach(page IN ITEMS operations collector settings logging crash-dumps bus-protocol
-                     kib-call logpush web)
+                     security kib-call logpush web)
     if(EXISTS ${PROJECT_SOURCE_DIR}/docs/${page}.md)
         install(FILES ${PROJECT_SOURCE_DIR}/docs/${page}.md
                 DESTINATION ${CMAKE_INSTALL_DATADIR}/nimb/doc)
