@@ -25,6 +25,9 @@ public:
     bool acquire(std::size_t calls, std::size_t bytes, std::chrono::milliseconds timeout);
     // Gives back the room of one delivered call. Main thread.
     void release(std::size_t bytes);
+    // What is waiting right now (calls, bytes of text). Any thread.
+    std::size_t queuedCalls() const;
+    std::size_t queuedBytes() const;
     // Makes every waiting and later acquire() fail at once. Main thread, at shutdown.
     void stop();
     // Makes every waiting and later acquire() succeed at once (until stop()): while the
@@ -39,7 +42,7 @@ private:
     const std::size_t maxCalls_ = 0;
     const std::size_t maxBytes_ = 0;
     // A timed wait is needed here, which PCondMutex does not offer.
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     std::condition_variable roomFreed_;
     std::size_t calls_ = 0;  // guarded by mutex_
     std::size_t bytes_ = 0;  // guarded by mutex_
