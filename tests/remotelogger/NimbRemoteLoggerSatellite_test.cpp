@@ -364,12 +364,25 @@ TEST_F(SatelliteTest, QueuedCallsAreEmittedInArrivalOrderOnDelivery) {
     EXPECT_EQ(satellite.KibServiceAppendLog("dev1", request(str("00:11"), str("a"), str("2")).get(),
                                             nullptr),
               0);
+    // A log that gives up its slot is closed in the same order: before the announcement
+    // that takes it back.
+    QObject::connect(&satellite, &NimbRemoteLoggerSatellite::closeLog,
+                     [&](QString id) { order.push_back("close " + id.toStdString()); });
+    satellite.setMaxLogSources(2, 2);
+    const KibVariantHolder other =
+        request(str("00:22"), str("K"), date(kDeviceTime), strings({"c"}));
+    const KibVariantHolder again =
+        request(str("00:11"), str("K"), date(kDeviceTime), strings({"b"}));
+    EXPECT_EQ(satellite.KibServiceSetLogSource("dev2", other.get(), nullptr), 0);
+    satellite.setMaxLogSources(3, 2);
+    EXPECT_EQ(satellite.KibServiceSetLogSource("dev1", again.get(), nullptr), 0);
     EXPECT_TRUE(order.empty());
     satellite.deliverQueuedCalls();
-    EXPECT_EQ(order, (std::vector<std::string>{"add a", "add b", "append b 1", "append a 2"}));
+    EXPECT_EQ(order, (std::vector<std::string>{"add a", "add b", "append b 1", "append a 2",
+                                               "close 0011-b", "add c", "add b"}));
     // One reply per call, none extra; a second delivery has nothing left to emit.
-    for (int i = 0; i < 4; ++i) EXPECT_NE(satellite.takeReply(), nullptr) << i;
+    for (int i = 0; i < 6; ++i) EXPECT_NE(satellite.takeReply(), nullptr) << i;
     EXPECT_EQ(satellite.takeReply(), nullptr);
     satellite.deliverQueuedCalls();
-    EXPECT_EQ(order.size(), 4u);
+    EXPECT_EQ(order.size(), 7u);
 }
