@@ -240,7 +240,8 @@ void CBBLog::emitLine(const char* text, size_t length, LOGLEVEL messageLevel) {
 
 CStdStr CBBLog::buildLineHeader(LOGLEVEL messageLevel) const {
     const ClockFields t = localNow();
-    char header[kFormatBufferSize];
+    // Room for the longest header: date, time, label and a 32-bit process id.
+    char header[64];
     int length;
     if (showPid) {
         length =
@@ -252,7 +253,7 @@ CStdStr CBBLog::buildLineHeader(LOGLEVEL messageLevel) const {
                           t.year, t.month, t.day, t.hour, t.minute, t.second, t.millisecond,
                           levelLabel(messageLevel));
     }
-    CStdStr result(header, static_cast<size_t>(std::max(length, 0)));
+    CStdStr result(header, std::min(static_cast<size_t>(std::max(length, 0)), sizeof(header) - 1));
     if (messageLevel == FATAL) {
         result += shortName;
         result += " - ";

@@ -96,6 +96,10 @@ public:
     const CStdStr& getLogPath() const { return logPath; }
     const CStdStr& getErrorLogPath() const { return errorLogPath; }
 
+    // Opens `path` write-only for appending, creating it with mode 0666 (and truncating
+    // when asked), as the logger opens its own files; also used by the crash path to
+    // open the log files beforehand. Returns false with errno set on failure.
+    static bool openFile(int& fd, const CStdStr& path, bool truncate);
     // The logs folder (the "LogsDir" setting, else the system default).
     static CStdStr getLogsDirectory();
     // Local time now as "YYYY/MM/DD hh:mm:ss.mmm".
@@ -145,9 +149,6 @@ protected:
     // The header of a line at `messageLevel`, from the wall clock; FATAL headers are
     // followed by the short name and " - ".
     CStdStr buildLineHeader(LOGLEVEL messageLevel) const;
-    // Opens `path` write-only for appending, creating it with mode 0666 (and truncating
-    // when asked). Returns false with errno set on failure.
-    static bool openFile(int& fd, const CStdStr& path, bool truncate);
     // Before a write to `fd`: reopens `path` when the file was deleted or rotated by
     // another process, and renames it to `path`.back when it has reached maxSize.
     void rotateIfNeeded(int& fd, const CStdStr& path);
