@@ -67,3 +67,18 @@ bool KibNats::isValidName(const char* name) {
     }
     return true;
 }
+
+bool KibNats::isInboxSubject(const char* subject) {
+    static const char kInboxPrefix[] = "_INBOX.";
+    if (subject == nullptr || std::strncmp(subject, kInboxPrefix, sizeof kInboxPrefix - 1) != 0) {
+        return false;
+    }
+    const char* rest = subject + sizeof kInboxPrefix - 1;
+    if (*rest == '\0') return false;
+    for (const char* c = rest; *c != '\0'; ++c) {
+        const unsigned char u = static_cast<unsigned char>(*c);
+        if (u <= 0x20 || u >= 0x7F || u == '*' || u == '>') return false;
+        if (u == '.' && (c[1] == '.' || c[1] == '\0')) return false;  // an empty token
+    }
+    return true;
+}

@@ -27,6 +27,7 @@
 
 #include "KibAvailability.h"
 #include "KibCodec.h"
+#include "KibLog.h"
 #include "KibNats.h"
 #include "KibReply.h"
 #include "KibSatelliteDelegate.h"
@@ -128,6 +129,9 @@ private:
     std::string password_;
     std::atomic<int> requestTimeoutMs_{5000};
     std::atomic<int> requestSequence_{0};
+    // Refused requests (bad frames, reply subjects outside an inbox) are logged at most
+    // once per interval: a peer that keeps sending them cannot flood the log.
+    KibLogLimit refusedRequestLog_;
 
     // Control subscriptions (ping, discovery): management thread only.
     std::vector<std::unique_ptr<KibSubscription>> control_;
