@@ -2,6 +2,8 @@
 #include "NimbRemoteLoggerSatellite.h"
 
 #include <cassert>
+#include <cmath>
+#include <ctime>
 #include <vector>
 
 #include <boost/format.hpp>
@@ -23,12 +25,57 @@ const char* const kSatelliteName = "RemoteLogger";
 constexpr long kEarliestTime = -62135596800L;
 constexpr long kLatestTime = 253402300799L;
 
-// Element `index` of `in`, checked to be a string; null reads as "".
+// Element `index` of `in`, checked to be a string, with every byte it holds (NUL bytes
+// included); null reads as "".
 CStdStr stringElement(const tagVARIANT& in, int index, const char* context) {
     KibVariantHolder element;
     VUtil::GetElement(in, index, element.edit());
     VUtil::CheckType(element.get(), VT_BSTR, context);
-    return CStdStr(element.get().bstrVal);
+    const BSTR text = element.get().bstrVal;
+    return text != nullptr ? CStdStr(text, SysStringLen(text)) : CStdStr();
+}
+
+QString fromUtf8(const CStdStr& text) {
+    return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
+}
+
+// Whether `text` holds a C0 control character or DEL (NUL included).
+bool hasControlCharacter(const QString& text) {
+    for (const QChar c : text) {
+        if (c.unicode() < 0x20 || c.unicode() == 0x7f) return true;
+    }
+    return false;
+}
+
+// `text` with its control characters written as escapes (\n, \r, \t, \0, \xHH), so that a
+// remote string shown inside a header line can never break or forge that line.
+QString escapeControlCharacters(const QString& text) {
+    if (!hasControlCharacter(text)) return text;
+    QString result;
+    result.reserve(text.size() + 8);
+    for (const QChar c : text) {
+        switch (c.unicode()) {
+            case '\n':
+                result += QStringLiteral("\\n");
+                break;
+            case '\r':
+                result += QStringLiteral("\\r");
+                break;
+            case '\t':
+                result += QStringLiteral("\\t");
+                break;
+            case 0:
+                result += QStringLiteral("\\0");
+                break;
+            default:
+                if (c.unicode() < 0x20 || c.unicode() == 0x7f) {
+                    result += QStringLiteral("\\x%1").arg(c.unicode(), 2, 16, QLatin1Char('0'));
+                } else {
+                    result += c;
+                }
+        }
+    }
+    return result;
 }
 
 // The bytes that a string reaches the module with: decoded as UTF-8 into the signal's
@@ -42,30 +89,63 @@ void checkTime(long seconds, const char* context) {
     }
 }
 
+// Server time minus the device time in element `index` of `in`, rounded to whole seconds
+// from both clocks read to the millisecond. (Rounding the device time and cutting the
+// server time separately would move the stamps of a device whose clock equals the
+// server's back a second whenever its milliseconds are 500 or more.)
+long clockOffset(const tagVARIANT& in, int index) {
+    KibVariantHolder element;
+    VUtil::GetElement(in, index, element.edit());
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const long long serverMs = static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    const long long deviceMs = VUtil::DateToMilliseconds(element.get().date);
+    return static_cast<long>(std::llround(static_cast<double>(serverMs - deviceMs) / 1000.0));
+}
+
 std::size_t textBytes(const QString& text) {
     return static_cast<std::size_t>(text.size()) * sizeof(QChar);
 }
 
-// The file names a request may produce must stay single components of the logs folder.
+// One part of a file name made from remote input: no separator and no control character
+// (a NUL would silently cut the name, a line break or escape would reach listings and
+// terminals).
+void checkNamePart(const QString& part, const char* context) {
+    if (RemoteLogNames::hasSeparator(asDelivered(part)))
+        throw KibInvalidParameterException((CStdStr(context) + ": holds \"/\" or \"\\\"").c_str());
+    if (hasControlCharacter(part))
+        throw KibInvalidParameterException(
+            (CStdStr(context) + ": holds a control character").c_str());
+}
+
+// The file names a request may produce must stay single, visible components of the logs
+// folder.
 void checkLogNames(const QString& macAddr, const QString& deviceId,
                    const std::vector<QString>& logNames) {
+    checkNamePart(macAddr, "SetLogSource: invalid addr");
+    checkNamePart(deviceId, "SetLogSource: invalid device id");
     const CStdStr mac = asDelivered(macAddr);
     const CStdStr device = asDelivered(deviceId);
-    if (RemoteLogNames::hasSeparator(mac))
-        throw KibInvalidParameterException("SetLogSource: invalid addr: holds \"/\" or \"\\\"");
-    if (RemoteLogNames::hasSeparator(device)) {
-        throw KibInvalidParameterException(
-            "SetLogSource: invalid device id: holds \"/\" or \"\\\"");
-    }
     const CStdStr tooLong =
         boost::str(boost::format("file name longer than %1% bytes") % RemoteLogNames::kMaxFileName);
     const CStdStr shortest = RemoteLogNames::logId(mac, "");
     if (shortest.size() > RemoteLogNames::kMaxFileName)
         throw KibInvalidParameterException(("SetLogSource: invalid addr: " + tooLong).c_str());
-    if (RemoteLogNames::fileName(device, shortest).size() > RemoteLogNames::kMaxFileName) {
+    const CStdStr prefix = RemoteLogNames::fileName(device, shortest);
+    if (prefix.size() > RemoteLogNames::kMaxFileName) {
         throw KibInvalidParameterException(("SetLogSource: invalid device id: " + tooLong).c_str());
     }
+    // The file name starts with the device id, or with the MAC address when the id is empty.
+    if (prefix[0] == '.') {
+        throw KibInvalidParameterException(
+            device.empty() ? "SetLogSource: invalid addr: starts with \".\""
+                           : "SetLogSource: invalid device id: starts with \".\"");
+    }
     for (const QString& logName : logNames) {
+        if (hasControlCharacter(logName)) {
+            throw KibInvalidParameterException(
+                "SetLogSource: invalid log name: holds a control character");
+        }
         const CStdStr name =
             RemoteLogNames::fileName(device, RemoteLogNames::logId(mac, asDelivered(logName)));
         if (!RemoteLogNames::isPlainFileName(name)) {
@@ -123,19 +203,19 @@ int NimbRemoteLoggerSatellite::CreateServices() {
 
 int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const tagVARIANT& in,
                                                       tagVARIANT*) {
-    const QString satName = QString::fromUtf8(caller != nullptr ? caller : "");
+    // Shown in the header line: a caller or display name cannot break or forge that line.
+    const QString satName =
+        escapeControlCharacters(QString::fromUtf8(caller != nullptr ? caller : ""));
     VUtil::CheckArrayType(in, VT_VARIANT, 4, true, "SetLogSource: invalid parameter");
-    const QString macAddr =
-        QString::fromUtf8(stringElement(in, 0, "SetLogSource: invalid addr").c_str());
+    const QString macAddr = fromUtf8(stringElement(in, 0, "SetLogSource: invalid addr"));
     QString deviceId = QStringLiteral("puck");
     int next = 1;
     if (VUtil::GetArrayLength(in) > 4) {
-        deviceId =
-            QString::fromUtf8(stringElement(in, 1, "SetLogSource: invalid device id").c_str());
+        deviceId = fromUtf8(stringElement(in, 1, "SetLogSource: invalid device id"));
         next = 2;
     }
     const QString displayName =
-        QString::fromUtf8(stringElement(in, next, "SetLogSource: invalid name").c_str());
+        escapeControlCharacters(fromUtf8(stringElement(in, next, "SetLogSource: invalid name")));
 
     KibVariantHolder element;
     VUtil::GetElement(in, next + 1, element.edit());
@@ -150,7 +230,7 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
     for (int i = 0; i < VUtil::GetArrayLength(element.get()); ++i) {
         CStdStr logName;
         VUtil::GetElement(element.get(), i, logName);
-        logNames.push_back(QString::fromUtf8(logName.c_str()));
+        logNames.push_back(fromUtf8(logName));
     }
 
     // Everything is checked before the first signal, so a request is taken whole or not
@@ -178,12 +258,11 @@ int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char* caller, const tag
     if (VUtil::GetArrayLength(in) > 3) {
         const long deviceTime = VUtil::GetDateElement(in, 3);
         checkTime(deviceTime, "AppendLog: invalid time");
-        const long serverTime = static_cast<long>(time(nullptr));
-        content = convertLog(content, deviceTime, serverTime);
+        content = convertLog(content, deviceTime, deviceTime + clockOffset(in, 3));
     }
     const QString text = QString::fromUtf8(content.data(), static_cast<qsizetype>(content.size()));
     reserveBacklog("AppendLog", 1, textBytes(text));
-    emit appendLog(QString::fromUtf8(macAddr.c_str()), QString::fromUtf8(logName.c_str()), text);
+    emit appendLog(fromUtf8(macAddr), fromUtf8(logName), text);
     return 0;
 }
 

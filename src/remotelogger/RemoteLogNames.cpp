@@ -19,9 +19,17 @@ CStdStr fileName(const CStdStr& deviceId, const CStdStr& logId) { return deviceI
 
 bool hasSeparator(const CStdStr& text) { return text.find_first_of("/\\") != CStdStr::npos; }
 
+bool hasControlCharacter(const CStdStr& text) {
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7f) return true;
+    }
+    return false;
+}
+
 bool isPlainFileName(const CStdStr& name) {
-    return !name.empty() && name != "." && name != ".." && !hasSeparator(name) &&
-           name.find('\0') == CStdStr::npos && name.size() <= kMaxFileName;
+    return !name.empty() && name[0] != '.' && !hasSeparator(name) && !hasControlCharacter(name) &&
+           name.size() <= kMaxFileName;
 }
 
 }  // namespace RemoteLogNames

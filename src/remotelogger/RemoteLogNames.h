@@ -25,8 +25,13 @@ CStdStr fileName(const CStdStr& deviceId, const CStdStr& logId);
 // Whether `text` holds "/" or "\".
 bool hasSeparator(const CStdStr& text);
 
-// Whether `name` is usable as a remote log's file name: not empty, not "." or "..", no
-// separator, no NUL, at most kMaxFileName bytes.
+// Whether `text` holds a control character (bytes 0x00 to 0x1F and 0x7F: NUL, line
+// breaks, escape sequences), which no file name made from remote input may carry.
+bool hasControlCharacter(const CStdStr& text);
+
+// Whether `name` is usable as a remote log's file name: not empty, not starting with "."
+// (no hidden files, no "." or ".."), no separator, no control character, at most
+// kMaxFileName bytes.
 bool isPlainFileName(const CStdStr& name);
 
 }  // namespace RemoteLogNames

@@ -79,6 +79,8 @@ long GetDateElement(const tagVARIANT& v, int index);
 // The time of day is rounded half up to whole seconds. A date too far from 1970 to
 // count in seconds (or not a number) gives LONG_MIN.
 long DateToTime(double date);
+// The same moment to the nearest millisecond; LLONG_MIN where DateToTime gives LONG_MIN.
+long long DateToMilliseconds(double date);
 double TimeToDate(long t);
 
 // ---- Arrays and element writers --------------------------------------------------

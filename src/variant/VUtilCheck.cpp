@@ -12,8 +12,6 @@ using detail::fail;
 
 namespace {
 
-// Days from 1899-12-30 (day 0 of a bus date) to 1970-01-01.
-constexpr long kUnixEpochDay = 25569;
 constexpr long kSecondsPerDay = 86400;
 // Dates further than this many days from day 0 are not converted (their seconds
 // would not fit a long).
@@ -101,13 +99,23 @@ long DateToTime(double date) {
     // Whole days truncate toward zero; the time of day is rounded half up.
     const long days = static_cast<long>(date);
     const long secs = static_cast<long>((date - static_cast<double>(days)) * 86400.0 + 0.5);
-    return secs + (days - kUnixEpochDay) * kSecondsPerDay;
+    return secs + (days - kDateUnixEpochDay) * kSecondsPerDay;
+}
+
+long long DateToMilliseconds(double date) {
+    if (!(std::fabs(date) <= kMaxDays)) {
+        return LLONG_MIN;
+    }
+    // As DateToTime: whole days truncate toward zero, the fraction is added as it is.
+    const long long days = static_cast<long long>(date);
+    const auto ms = std::llround((date - static_cast<double>(days)) * 86400000.0);
+    return ms + (days - kDateUnixEpochDay) * kSecondsPerDay * 1000LL;
 }
 
 double TimeToDate(long t) {
     // Before 1970 the fraction is negative and added to the truncated day count.
     return static_cast<double>(t % kSecondsPerDay) / 86400.0 +
-           static_cast<double>(t / kSecondsPerDay + kUnixEpochDay);
+           static_cast<double>(t / kSecondsPerDay + kDateUnixEpochDay);
 }
 
 }  // namespace VUtil

@@ -14,6 +14,8 @@
 #include "KibException.h"
 #include "TestValues.h"
 #include "VUtil.h"
+#include <time.h>
+#include <unistd.h>
 
 namespace {
 
@@ -147,20 +149,57 @@ TEST_F(SatelliteTest, RequestChecksAndUnsafeNamesFailWithTheirMessages) {
         {true, named(macNear, std::string(10, 'd')), "SetLogSource: invalid device id: file name"},
         {true, named(macNear, "puck", {"ok", longName.c_str()}),
          "SetLogSource: invalid log name: file name"},
+        // Hidden files, control characters and NUL bytes never reach a file name.
+        {true, named("00:11", ".."), "SetLogSource: invalid device id: starts with \".\""},
+        {true, named(":.11", ""), "SetLogSource: invalid addr: starts with \".\""},
+        {true, named("00:11", "a\nb"), "SetLogSource: invalid device id: holds a control"},
+        {true, named("00\x1b[2J", "puck"), "SetLogSource: invalid addr: holds a control"},
+        {true, named(std::string("00\0evil", 7), "puck"),
+         "SetLogSource: invalid addr: holds a control character"},
+        {true, named("00:11", std::string("puck\0x", 6)),
+         "SetLogSource: invalid device id: holds a control character"},
+        {true, named("00:11", "d", {"ok", "x\ry"}),
+         "SetLogSource: invalid log name: holds a control character"},
+        // Replies a device author meets, passed on from the value helpers without a prefix.
+        {false, request(str("m"), str("l"), str("c"), str("now")), "Element is not a date"},
+        {true, request(str("m"), str("n"), date(0), typed<BSTR>(VT_BSTR, {}, 1)),
+         "Array is not zero indexed! (VUtil::GetArrayLength)"},
     };
     for (const auto& c : cases) {
         const std::string message =
             failure([&] { c.setLogSource ? setLogSource(c.in) : appendLog(c.in); });
         EXPECT_EQ(message.rfind(c.message, 0), 0u) << c.message << " / got: " << message;
     }
-    // A time that is not a date is refused by the date reader itself.
-    EXPECT_FALSE(
-        failure([&] { appendLog(request(str("m"), str("l"), str("c"), str("now"))); }).empty());
     EXPECT_TRUE(added.empty());
     EXPECT_TRUE(appended.empty());
     // Path components in a log name are fine: only the last one names the file.
     EXPECT_EQ(setLogSource(named("00:11", "d", {"../../etc/passwd", "dir/", ".."})), 0);
     EXPECT_EQ(added.size(), 3u);
+}
+
+// A display name or caller holding line breaks cannot forge a second header line (with
+// another device's clock tie) in the file: control characters arrive escaped.
+TEST_F(SatelliteTest, HeaderStringsArriveWithControlCharactersEscaped) {
+    const std::string forged =
+        "Hall\n===== Kitchen - dev2 === 2000/01/01 00:00:00 <-> 2000/01/01 00:00:00 =====\r\n";
+    EXPECT_EQ(
+        satellite.KibServiceSetLogSource(
+            "sat\x1b[1m\tx",
+            request(str("00:11"), str(forged), date(kDeviceTime), strings({"l"})).get(), nullptr),
+        0);
+    EXPECT_EQ(satellite.KibServiceSetLogSource("plain",
+                                               request(str("00:11"), str(std::string("a\0b", 3)),
+                                                       date(kDeviceTime), strings({"l"}))
+                                                   .get(),
+                                               nullptr),
+              0);
+    ASSERT_EQ(added.size(), 2u);
+    EXPECT_EQ(added[0].displayName,
+              "Hall\\n===== Kitchen - dev2 === 2000/01/01 00:00:00 <-> 2000/01/01 00:00:00 "
+              "=====\\r\\n");
+    EXPECT_EQ(added[0].satName, "sat\\x1b[1m\\tx");
+    EXPECT_EQ(added[1].displayName, "a\\0b");
+    EXPECT_EQ(added[1].satName, "plain");
 }
 
 TEST_F(SatelliteTest, AppendLogConvertsTimestampsOnlyWithDeviceTime) {
@@ -177,6 +216,25 @@ TEST_F(SatelliteTest, AppendLogConvertsTimestampsOnlyWithDeviceTime) {
     const QString year = QString::number(QDateTime::currentDateTime().date().year());
     EXPECT_EQ(appended[2].rfind(year.toStdString() + "/", 0), 0u) << appended[2];
     EXPECT_EQ(appended[2].substr(19), " boot\n");
+}
+
+// A device whose clock equals the server's, read while its milliseconds are 500 or more:
+// its stamps stay where they are (the offset is rounded from both clocks to the
+// millisecond, not from a device time rounded up and a server time cut down).
+TEST_F(SatelliteTest, ClockOffsetIsRoundedFromMillisecondTimes) {
+    const std::string content = "2000/01/01 00:00:00 boot\n";
+    timespec now{};
+    for (int i = 0; i < 200; ++i) {  // at most about 1 s until the milliseconds reach 500-899
+        clock_gettime(CLOCK_REALTIME, &now);
+        if (now.tv_nsec >= 500000000 && now.tv_nsec < 900000000) break;
+        usleep(5000);
+    }
+    ASSERT_GE(now.tv_nsec, 500000000);
+    const double deviceNow =
+        VUtil::TimeToDate(now.tv_sec) + static_cast<double>(now.tv_nsec / 1000000) / 86400000.0;
+    EXPECT_EQ(appendLog(request(str("00:11"), str("l"), str(content), r8(VT_DATE, deviceNow))), 0);
+    ASSERT_EQ(appended.size(), 1u);
+    EXPECT_EQ(appended[0], satellite.convertLog(content, 1000, 1000));  // moved by 0 s
 }
 
 TEST_F(SatelliteTest, LogSourcesAreBoundedAndReannouncementsAreFree) {

@@ -116,6 +116,12 @@ TEST(VUtilDates, ConvertBetweenDaysAndSeconds) {
 
     EXPECT_EQ(VUtil::TimeToDate(-43200), 25568.5);
 
+    // Milliseconds: the same day rule, the time of day to the nearest millisecond.
+    EXPECT_EQ(VUtil::DateToMilliseconds(25569.5), 43200000LL);
+    EXPECT_EQ(VUtil::DateToMilliseconds(25569.0 + 0.7 / 86400), 700LL);
+    EXPECT_EQ(VUtil::DateToMilliseconds(25568.5), -43200000LL);
+    EXPECT_EQ(VUtil::DateToMilliseconds(std::nan("")), LLONG_MIN);
+
     // Whole seconds survive the round trip, including years past 2038.
     for (long t = 0; t < 5L * 365 * 86400 * 40; t += 86399L * 37 + 1234) {
         ASSERT_EQ(VUtil::DateToTime(VUtil::TimeToDate(t)), t);

@@ -12,6 +12,9 @@
 using VARTYPE = unsigned short;
 using VARIANT_BOOL = short;
 using DATE = double;
+// A DATE counts days from 1899-12-30 00:00 UTC (the fraction is the time of day); the day
+// of 1970-01-01 00:00 UTC is this one. The one definition for every date conversion.
+constexpr long kDateUnixEpochDay = 25569;
 using HRESULT = std::int32_t;
 using BSTR = char*;
 

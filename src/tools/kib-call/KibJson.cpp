@@ -24,7 +24,7 @@ constexpr Tag kTags[] = {
     {"date", VT_DATE},   {"bool", VT_BOOL}, {"str", VT_BSTR}, {"var", VT_VARIANT},
 };
 
-constexpr double kUnixEpochAsOleDate = 25569.0;
+constexpr double kUnixEpochAsOleDate = kDateUnixEpochDay;
 constexpr double kMillisecondsPerDay = 86400000.0;
 constexpr double kExactIntegerLimit = 9007199254740992.0;  // 2^53
 
