@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "CBBLog.h"
+#include "LogFileIo.h"
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -93,7 +94,7 @@ void CrashLog::prepareTarget(Target& target, const CStdStr& path) {
     if (path.size() >= sizeof(target.path)) return;  // no such file can exist
     std::memcpy(target.path, path.c_str(), path.size() + 1);
     int fd = -1;
-    if (CBBLog::openFile(fd, path, false)) target.fd = fd;
+    if (CBBLog::openLogFile(*LogFileIo::system(), fd, path, false)) target.fd = fd;
 }
 
 void CrashLog::begin() {
@@ -143,10 +144,16 @@ void CrashLog::writeTo(Target& target, const char* data, std::size_t length) {
     const bool current = target.fd != -1 && fstat(target.fd, &opened) == 0 &&
                          stat(target.path, &named) == 0 && sameFile(opened, named);
     if (!current) {
-        const int fd = open(target.path, O_WRONLY | O_APPEND | O_CLOEXEC);
-        if (fd != -1) {
+        // As the logger opens an existing file: never through a link, never waiting on a
+        // FIFO, regular files only; creating one is left to the logger.
+        const int fd =
+            open(target.path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+        struct stat info {};
+        if (fd != -1 && fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
             if (target.fd != -1) close(target.fd);
             target.fd = fd;
+        } else if (fd != -1) {
+            close(fd);
         }
     }
     if (target.fd == -1) return;

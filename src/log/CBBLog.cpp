@@ -31,10 +31,7 @@ const char* const kLevelLabels[] = {"FATAL", "ERROR", "WARN", "INFO", "DEBUG"};
 const char* const kSettingsKey = "Software\\Pellix\\Nimb";
 const char* const kLogLevelValue = "LogLevel";
 const char* const kErrorLogName = "errors.log";
-const char* const kBackupSuffix = ".back";
 const char* const kWriterThreadName = "nimb-log";
-// The most lines one batched write hands to the kernel (the writev limit).
-constexpr int kMaxLinesPerWrite = IOV_MAX;
 
 const char* levelLabel(LOGLEVEL messageLevel) {
     // A level outside the table (possible through AddLog) gets a blank label.
@@ -121,26 +118,9 @@ void CBBLog::initialize() {
     if (!dir.empty()) {
         logPath = dir + "/" + name;
         errorLogPath = dir + "/" + kErrorLogName;
-        mkdir(dir.c_str(), 0777);  // an existing folder is fine; a failure shows in the opens
-        int fd = -1;
-        if (!openFile(fd, logPath, false)) {
-            printf("Error: could not open log file '%s': %d\n", logPath.c_str(), errno);
-        } else {
-            logOpen = true;
-            fchmod(fd, 0666);  // shared by the suite's processes, whichever user they run as
-            logFd.store(fd);
-        }
-        if (!openFile(errorFd, errorLogPath, false)) {
-            // Names the main log's path, as this message always has.
-            printf("Error: could not open error log file '%s': %d\n", logPath.c_str(), errno);
-        } else {
-            errorLogOpen = true;
-            fchmod(errorFd, 0666);
-        }
-        fflush(stdout);
     }
     shortName = shortNameOf(name);
-    // Set also when the opens failed: a failed open is not retried.
+    prepareProcess();
     initialized.store(true, std::memory_order_release);
 
     // A failure to start the thread propagates to the caller, with fileMutex unlocked.
@@ -169,6 +149,8 @@ CStdStr CBBLog::getLogsDirectory() {
     }
 }
 
+void CBBLog::setFileIoForTesting(std::shared_ptr<LogFileIo> fileIo) { io = std::move(fileIo); }
+
 void CBBLog::setLogLevel(LOGLEVEL newLevel) { level.store(newLevel, std::memory_order_relaxed); }
 
 // ---- Formatting and queueing (callers' threads) ----
@@ -189,12 +171,31 @@ void CBBLog::AddLog(LOGLEVEL messageLevel, const char* format, ...) {
 
 void CBBLog::AddRawLog(const char* text) {
     if (!initialized.load(std::memory_order_acquire)) initialize();
-    if (!logOpen) return;
     try {
         addQueue(CStdStr(text));
     } catch (const std::bad_alloc&) {
         // Out of memory: the text is dropped, the caller carries on.
     }
+}
+
+void CBBLog::AddRawLog(CStdStr text, WriteDone done) {
+    int error = ECANCELED;
+    try {
+        if (!initialized.load(std::memory_order_acquire)) initialize();
+        if (addQueue(std::move(text), &done)) return;
+    } catch (const std::bad_alloc&) {
+        error = ENOMEM;
+    } catch (const std::exception&) {
+        error = EAGAIN;  // the writer thread could not be started
+    }
+    CStdStr message;
+    try {
+        message = error == ECANCELED ? "cannot write '" + logPath + "': the logger has stopped"
+                                     : failureMessage("write", error);
+    } catch (const std::bad_alloc&) {
+        // The code alone still tells the caller why.
+    }
+    done(error, message);
 }
 
 void CBBLog::_AddLog(const boost::format& format, LOGLEVEL messageLevel) {
@@ -221,16 +222,15 @@ void CBBLog::_AddLog(const char* format, va_list args, LOGLEVEL messageLevel) {
 
 void CBBLog::emitLine(const char* text, size_t length, LOGLEVEL messageLevel) {
     if (!initialized.load(std::memory_order_acquire)) initialize();
-    if (!logOpen && !errorLogOpen) return;
     try {
         CStdStr line = buildLineHeader(messageLevel);
         line.reserve(line.size() + length + 1);
         line.append(text, length);
         line.push_back('\n');
         if (messageLevel == FATAL) {
-            if (logOpen) addQueue(line);
+            addQueue(line);
             _FatalError(line);
-        } else if (logOpen) {
+        } else {
             addQueue(std::move(line));
         }
     } catch (const std::bad_alloc&) {
@@ -239,26 +239,29 @@ void CBBLog::emitLine(const char* text, size_t length, LOGLEVEL messageLevel) {
 }
 
 CStdStr CBBLog::buildLineHeader(LOGLEVEL messageLevel) const {
-    const ClockFields t = localNow();
     // Room for the longest header: date, time, label and a 32-bit process id.
     char header[64];
-    int length;
-    if (showPid) {
-        length =
-            snprintf(header, sizeof(header), "%04d/%02d/%02d %02d:%02d:%02d.%03d [%-5.5s] %u - ",
-                     t.year, t.month, t.day, t.hour, t.minute, t.second, t.millisecond,
-                     levelLabel(messageLevel), pid);
-    } else {
-        length = snprintf(header, sizeof(header), "%04d/%02d/%02d %02d:%02d:%02d.%03d [%-5.5s] - ",
-                          t.year, t.month, t.day, t.hour, t.minute, t.second, t.millisecond,
-                          levelLabel(messageLevel));
-    }
-    CStdStr result(header, std::min(static_cast<size_t>(std::max(length, 0)), sizeof(header) - 1));
+    CStdStr result(header, formatHeader(header, sizeof(header), messageLevel));
     if (messageLevel == FATAL) {
         result += shortName;
         result += " - ";
     }
     return result;
+}
+
+size_t CBBLog::formatHeader(char* out, size_t size, LOGLEVEL messageLevel) const {
+    const ClockFields t = localNow();
+    int length;
+    if (showPid) {
+        length = snprintf(out, size, "%04d/%02d/%02d %02d:%02d:%02d.%03d [%-5.5s] %u - ", t.year,
+                          t.month, t.day, t.hour, t.minute, t.second, t.millisecond,
+                          levelLabel(messageLevel), pid);
+    } else {
+        length =
+            snprintf(out, size, "%04d/%02d/%02d %02d:%02d:%02d.%03d [%-5.5s] - ", t.year, t.month,
+                     t.day, t.hour, t.minute, t.second, t.millisecond, levelLabel(messageLevel));
+    }
+    return std::min(static_cast<size_t>(std::max(length, 0)), size - 1);
 }
 
 CStdStr CBBLog::getTimeString() {
@@ -269,16 +272,21 @@ CStdStr CBBLog::getTimeString() {
     return buffer;
 }
 
-void CBBLog::addQueue(CStdStr line) {
+bool CBBLog::addQueue(CStdStr line, WriteDone* done) {
     PMutexLocker lock(queueLock);
+    // Once stopping, the writer may already have ended: a text that wants its outcome
+    // is refused rather than left waiting forever.
+    if (done != nullptr && stop) return false;
     // The writer waits only while the queue is empty, so only the first line into an
     // empty queue needs to wake it; later ones find it awake or already woken.
     const bool wakeWriter = queue.empty();
+    if (done != nullptr) completions.push_back({queue.size(), std::move(*done)});
     queue.push_back(std::move(line));
     // Echoed under the queue lock, so echoed lines never interleave.
     fputs(queue.back().c_str(), stdout);
     fflush(stdout);
     if (wakeWriter) queueLock.broadcast();
+    return true;
 }
 
 CStdStr CBBLog::getLogs() {
@@ -292,12 +300,10 @@ CStdStr CBBLog::getLogs() {
 
 void CBBLog::_FatalError(const CStdStr& line) {
     if (!initialized.load(std::memory_order_acquire)) initialize();
-    if (!errorLogOpen) return;
     PMutexLocker lock(fileMutex);
-    rotateIfNeeded(errorFd, errorLogPath);
-    if (write(errorFd, line.data(), line.size()) < 0) {
-        // Not retried: a fatal line that cannot be written is lost, as any other.
-    }
+    if (errorFd == -1) openErrorLogLocked();
+    if (errorFd == -1) return;  // a fatal line that cannot be written is lost, as any other
+    writeErrorLogLocked(line.data(), line.size());
 }
 
 // ---- The writer thread ----
@@ -306,7 +312,14 @@ void* CBBLog::loggerThread(void*) {
     // PThread gives this thread an alternate signal stack, so a crash handler can
     // still run here after the stack overflowed.
     std::deque<CStdStr> batch;
+    std::vector<Completion> batchDone;
     try {
+        // The files are opened here, never on a caller's thread; the main log first.
+        openMainLog();
+        {
+            PMutexLocker lock(fileMutex);
+            openErrorLogLocked();
+        }
         for (;;) {
             {
                 PMutexLocker lock(queueLock);
@@ -315,9 +328,11 @@ void* CBBLog::loggerThread(void*) {
                 // set has been written.
                 if (queue.empty()) break;
                 batch.swap(queue);
+                batchDone.swap(completions);
             }
-            writeLines(batch);
+            writeLines(batch, batchDone);
             batch.clear();
+            batchDone.clear();
         }
     } catch (const std::exception& e) {
         fprintf(stderr, "%s: writer thread failed: %s\n", kWriterThreadName, e.what());
@@ -327,107 +342,4 @@ void* CBBLog::loggerThread(void*) {
         std::abort();
     }
     return nullptr;
-}
-
-void CBBLog::writeLines(std::deque<CStdStr>& lines) {
-    // A derived logger sees every line through its own logLineToFile; a plain logger
-    // writes runs of lines at once.
-    if (typeid(*this) == typeid(CBBLog)) {
-        writeBatched(lines);
-        return;
-    }
-    for (const CStdStr& line : lines) logLineToFile(line);
-}
-
-void CBBLog::logLineToFile(const CStdStr& line) {
-    int fd = logFd.load();
-    rotateIfNeeded(fd, logPath);
-    logFd.store(fd);
-    if (write(fd, line.data(), line.size()) < 0) {
-        // Not retried; the next line tries again (and reopens a vanished file first).
-    }
-}
-
-// Writes the same bytes in the same order as one logLineToFile per line, with fewer
-// system calls: after each rotation check, the lines that follow are gathered into one
-// writev as long as the size the file would have before each of them stays below
-// maxSize, that is, as long as logLineToFile would not rotate before that line. The
-// run ends at the line that crosses the limit, so the next run starts with a rotation.
-// What is checked once per run instead of per line is whether another process deleted
-// or rotated the file meanwhile; lines written in that window land in the old file,
-// just as a line written between the check and the write does in the per-line case.
-void CBBLog::writeBatched(std::deque<CStdStr>& lines) {
-    iovec parts[kMaxLinesPerWrite];
-    int fd = logFd.load();
-    size_t next = 0;
-    while (next < lines.size()) {
-        const long long size = rotateAndGetSize(fd, logPath);
-        logFd.store(fd);
-        int count = 0;
-        long long pending = 0;
-        do {
-            CStdStr& line = lines[next++];
-            parts[count++] = {line.data(), line.size()};
-            pending += static_cast<long long>(line.size());
-        } while (next < lines.size() && count < kMaxLinesPerWrite && size >= 0 &&
-                 size + pending < maxSize);
-        if (writev(fd, parts, count) < 0) {
-            // Not retried, as for a single line.
-        }
-    }
-}
-
-// ---- Files ----
-
-bool CBBLog::openFile(int& fd, const CStdStr& path, bool truncate) {
-    const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | (truncate ? O_TRUNC : 0);
-    fd = open(path.c_str(), flags, 0666);
-    return fd != -1;
-}
-
-void CBBLog::rotateIfNeeded(int& fd, const CStdStr& path) { rotateAndGetSize(fd, path); }
-
-// The rotation check before a write to `fd`; returns the size of the file `fd` then
-// names (-1 when unknown). Uses system calls only and builds the backup name on the
-// stack, so the synchronous error-log path stays free of allocations.
-long long CBBLog::rotateAndGetSize(int& fd, const CStdStr& path) {
-    struct stat opened {};
-    if (fstat(fd, &opened) != 0) return -1;  // not open: the write fails on its own
-    struct stat named {};
-    bool reopen = false;
-    if (stat(path.c_str(), &named) != 0) {
-        if (errno != ENOENT) return opened.st_size;
-        reopen = true;  // deleted or moved away: start a new file at the path
-    } else if (named.st_ino != opened.st_ino || named.st_dev != opened.st_dev) {
-        reopen = true;  // another process rotated it: follow to the new file
-    } else if (opened.st_size < maxSize) {
-        return opened.st_size;
-    }
-    if (!reopen) {
-        // Size reached. The exclusive lock serialises rotation between processes; the
-        // second stat under it sees whether another process rotated first, in which
-        // case the path already names a fresh file and is left alone.
-        if (flock(fd, LOCK_EX) != 0) return opened.st_size;  // try again before the next line
-        char backup[PATH_MAX];
-        const size_t suffixLength = strlen(kBackupSuffix);
-        if (stat(path.c_str(), &named) == 0 && named.st_ino == opened.st_ino &&
-            named.st_dev == opened.st_dev && path.size() + suffixLength < sizeof(backup)) {
-            memcpy(backup, path.data(), path.size());
-            memcpy(backup + path.size(), kBackupSuffix, suffixLength + 1);
-            // Replaces the previous backup. If the rename fails the same file is reopened
-            // and the check repeats before the next line.
-            rename(path.c_str(), backup);
-        }
-    }
-    close(fd);  // also drops the lock
-    fd = -1;
-    if (!openFile(fd, path, false)) return -1;
-    return fstat(fd, &opened) == 0 ? opened.st_size : -1;
-}
-
-long long CBBLog::getFileSize() const {
-    const int fd = logFd.load();
-    struct stat info {};
-    if (fd == -1 || fstat(fd, &info) != 0) return -1;
-    return info.st_size;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Several processes appending to one log file: rotation is coordinated through the
 // file lock and the inode check, and each line is written whole.
+#include <filesystem>
 #include <map>
 #include <regex>
 #include <set>
@@ -11,6 +12,7 @@
 
 #include "CBBLog.h"
 #include "LogTestSupport.h"
+#include <unistd.h>
 
 namespace {
 
@@ -94,6 +96,36 @@ TEST_F(LogProcessesTest, OneSizeCrossingRotatesOnceAndLosesNoLine) {
                 << tag << " in round " << round;
         }
     }
+}
+
+TEST_F(LogTest, AFullDiskRefusesTextsWholeAndWritingResumesWhenSpaceReturns) {
+    // The helper mounts a small tmpfs on the logs folder inside a mount namespace of its
+    // own (as an unprivileged user through a user namespace, else as root), so nothing
+    // is left mounted when it ends.
+    std::filesystem::create_directories(logsDir());
+    const char* const unshare = "/usr/bin/unshare";
+    if (access(unshare, X_OK) != 0) GTEST_SKIP() << unshare << " is missing (util-linux)";
+    nimbtest::ChildResult result;
+    std::string reasons;
+    for (const char* options : {"-rm", "-m"}) {
+        result = nimbtest::runChild({unshare, options, LOG_TEST_HELPER, "fulldisk", logsDir()}, {},
+                                    root() + "/fulldisk.out");
+        const int code = result.exitCode();
+        if (code == 0 || code == 2 || code == 3 || !result.finished) break;
+        reasons += std::string("unshare ") + options + ": " + result.output;
+    }
+    if (result.finished && result.exitCode() != 0 && result.exitCode() != 2 &&
+        result.exitCode() != 3) {
+        GTEST_SKIP() << "no small file system can be mounted here: " << reasons;
+    }
+    EXPECT_EQ(result.exitCode(), 0) << result.output;
+    EXPECT_NE(result.output.find("acknowledged "), std::string::npos) << result.output;
+    // With no log of its own, the process reports the failure on standard error.
+    EXPECT_NE(result.output.find("nimb-log: full: Log file failure: cannot write '" +
+                                 logFile("full.log") + "': No space left on device"),
+              std::string::npos)
+        << result.output;
+    EXPECT_NE(result.output.find("Log file recovered"), std::string::npos) << result.output;
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 // together, then logs <line count> INFO lines "<tag>-<index>-xxx..." through its own
 // logger (process id in the header) into the logs folder of the inherited settings, and
 // exits 0 once its logger has written them all. Standard output goes to /dev/null.
+//   log_test_helper fulldisk <logs folder>
+// Runs the full-disk scenario (FullDisk.cpp) on a small file system it mounts there.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -14,7 +16,10 @@
 #include "CBBLog.h"
 #include <unistd.h>
 
+int runFullDisk(const std::string& folder);
+
 int main(int argc, char** argv) {
+    if (argc == 3 && std::string(argv[1]) == "fulldisk") return runFullDisk(argv[2]);
     if (argc != 6) {
         fprintf(stderr, "usage: %s <name> <limit> <count> <tag> <start file>\n", argv[0]);
         return 2;
