@@ -40,7 +40,47 @@ constexpr int KIB_E_DUPLICATE_SERVICE = kibErrorCode(0x0B);  // service name alr
 constexpr int KIB_E_NO_SUCH_SERVICE = kibErrorCode(0x0C);    // service name not added here
 constexpr int KIB_E_TRANSPORT = kibErrorCode(0x0D);          // any other transport failure
 constexpr int KIB_E_CONNECTION_LOST = kibErrorCode(0x0E);    // connection to the directory lost
+// The highest code number above: a new code takes the next number, raises this and adds
+// its row to kKibStatusTable (the compiler checks that every number has its row).
+constexpr unsigned kKibLastErrorNumber = 0x0E;
 
-// Short English text for a status code ("ok", "timeout", ...); "unknown status"
-// for values that are not library codes.
+struct KibStatusEntry {
+    int code;
+    const char* text;
+};
+
+// Every status with its short English text: KIB_OK first, then the KIB_E_ codes in the
+// order of their numbers. The one source of status texts.
+inline constexpr KibStatusEntry kKibStatusTable[] = {
+    {KIB_OK, "ok"},
+    {KIB_E_INVALID_ARGUMENT, "invalid argument"},
+    {KIB_E_NOT_CONNECTED, "not connected"},
+    {KIB_E_ALREADY_CONNECTED, "already connected"},
+    {KIB_E_CONNECT_FAILED, "cannot connect to the bus directory"},
+    {KIB_E_TIMEOUT, "timeout"},
+    {KIB_E_NO_RESPONDERS, "no responders"},
+    {KIB_E_SERVICE_EXCEPTION, "service threw an exception"},
+    {KIB_E_BAD_FRAME, "malformed frame"},
+    {KIB_E_TOO_LARGE, "frame too large"},
+    {KIB_E_BAD_VALUE, "value cannot be sent"},
+    {KIB_E_DUPLICATE_SERVICE, "service already added"},
+    {KIB_E_NO_SUCH_SERVICE, "no such service"},
+    {KIB_E_TRANSPORT, "transport error"},
+    {KIB_E_CONNECTION_LOST, "connection lost"},
+};
+
+constexpr bool kibStatusTableIsComplete() {
+    if (sizeof(kKibStatusTable) / sizeof(kKibStatusTable[0]) != kKibLastErrorNumber + 1)
+        return false;
+    if (kKibStatusTable[0].code != KIB_OK) return false;
+    for (unsigned n = 1; n <= kKibLastErrorNumber; ++n) {
+        if (kKibStatusTable[n].code != kibErrorCode(n)) return false;
+    }
+    return true;
+}
+static_assert(kibStatusTableIsComplete(),
+              "kKibStatusTable needs one row per status code, in the order of their numbers");
+
+// Short English text for a status code ("ok", "timeout", ...) from kKibStatusTable;
+// "unknown status" for values that are not library codes.
 const char* KibStatusText(int status);
