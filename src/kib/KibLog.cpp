@@ -4,25 +4,25 @@
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
-#include <mutex>
 
 #include <boost/weak_ptr.hpp>
 
 #include "CBBLog.h"
+#include "PMutex.h"
 
 namespace {
 
-std::mutex g_loggerMutex;
+PMutex g_loggerMutex;
 // Written by KibSatellite::setLogger; read by every diagnostic. Held weakly, like the
 // process's default logger, so the library never keeps a logger alive.
-boost::weak_ptr<CBBLog> g_logger;
+boost::weak_ptr<CBBLog> g_logger NIMB_GUARDED_BY(g_loggerMutex);
 
 enum class Level { Error, Info, Debug };
 
 void emit(Level level, const char* format, va_list args) {
     boost::shared_ptr<CBBLog> logger;
     {
-        const std::lock_guard<std::mutex> lock(g_loggerMutex);
+        const PMutexLocker lock(g_loggerMutex);
         logger = g_logger.lock();
     }
     char text[1024];
@@ -57,7 +57,7 @@ void emit(Level level, const char* format, va_list args) {
 }  // namespace
 
 void KibLog::setLogger(const boost::shared_ptr<CBBLog>& logger) {
-    const std::lock_guard<std::mutex> lock(g_loggerMutex);
+    const PMutexLocker lock(g_loggerMutex);
     g_logger = logger;
 }
 
