@@ -4,6 +4,9 @@
 // devices deliver. Created by createNimbModuleInstance() and owned by the module host;
 // lives on the Qt main thread, where its slots run (queued from the satellite's bus
 // threads). The log map is guarded by logMapLock, never held while a logger writes.
+// Errors: a device's bad request is thrown as KibInvalidParameterException by the
+// satellite's handlers and becomes the error reply; a text that cannot be written is
+// answered with an error reply naming the file; nothing a device sends ends the process.
 #pragma once
 
 #include <QDateTime>
