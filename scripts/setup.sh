@@ -8,6 +8,7 @@ packages=(
     qt6-base-dev
     libboost-dev libboost-filesystem-dev libboost-system-dev
     nats-server libnats-dev libmsgpack-cxx-dev
+    libssl-dev openssl bsdutils
     libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
     clang-format
     clang

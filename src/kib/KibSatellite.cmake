@@ -19,6 +19,8 @@ set(NIMB_KIB_SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/KibLog.h
     ${CMAKE_CURRENT_LIST_DIR}/KibNats.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibNats.h
+    ${CMAKE_CURRENT_LIST_DIR}/KibReplyChannel.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/KibReplyChannel.h
     ${CMAKE_CURRENT_LIST_DIR}/KibSatellite.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibSatelliteImpl.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibSatelliteImpl.h
@@ -26,6 +28,7 @@ set(NIMB_KIB_SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/KibStatus.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibValueCodec.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibValueCodec.h
+    ${CMAKE_CURRENT_LIST_DIR}/include/KibDeferredReply.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibReply.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibSatellite.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibSatelliteDelegate.h

@@ -103,6 +103,12 @@ int KibSatellite::Call(const char* satelliteName, const char* serviceName, const
                        timeoutMs > 0 ? timeoutMs : impl_->requestTimeout(), false);
 }
 
+KibDeferredReply KibSatellite::DeferReply() { return impl_->deferReply(); }
+
 void KibSatellite::setRequestTimeout(int timeoutMs) { impl_->setRequestTimeout(timeoutMs); }
+
+void KibSatellite::setReconnectWait(int waitMs) {
+    impl_->setReconnectWait(waitMs > 0 ? waitMs : 1);
+}
 
 const char* KibSatellite::satelliteName() const { return impl_->name().c_str(); }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "KibSatelliteImpl.h"
 
+#include <algorithm>
 #include <chrono>
 #include <random>
 
@@ -14,8 +15,10 @@ namespace {
 constexpr int kConnectTimeoutMs = 2000;
 constexpr auto kTeardownWait = std::chrono::seconds(5);
 constexpr int kFlushTimeoutMs = 2000;
-// Reconnection: every 250 ms (plus the client's jitter), without end.
-constexpr int kReconnectWaitMs = 250;
+// Reconnection: every 250 ms by default plus the client's jitter (at most 100 ms, and
+// never more than the wait itself), without end.
+constexpr int kReconnectJitterMs = 100;
+constexpr int kReconnectJitterTlsMs = 1000;
 // Dead-server detection: a ping every 2 s, two unanswered pings drop the connection.
 constexpr int kPingIntervalMs = 2000;
 constexpr int kMaxPingsOut = 2;
@@ -105,7 +108,10 @@ int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
     if (!options) return KIB_E_TRANSPORT;
     natsOptions* raw = options.get();
     natsOptions_SetMaxReconnect(raw, -1);
-    natsOptions_SetReconnectWait(raw, kReconnectWaitMs);
+    const int reconnectWait = reconnectWaitMs_.load();
+    natsOptions_SetReconnectWait(raw, reconnectWait);
+    natsOptions_SetReconnectJitter(raw, std::min(kReconnectJitterMs, reconnectWait),
+                                   std::min(kReconnectJitterTlsMs, reconnectWait));
     natsOptions_SetPingInterval(raw, kPingIntervalMs);
     natsOptions_SetMaxPingsOut(raw, kMaxPingsOut);
     if (!user_.empty()) natsOptions_SetUserInfo(raw, user_.c_str(), password_.c_str());
@@ -125,6 +131,7 @@ int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
     }
     connection_.reset(connection);
     link_ = link;
+    replies_ = std::make_shared<KibReplyChannel>(connection);
     name_ = satelliteName;
     instance_ = randomInstanceId();
     {
@@ -175,8 +182,12 @@ int KibSatelliteImpl::disconnect() {
     return KIB_OK;
 }
 
-// Closes the connection and waits (boundedly) for the client's last callback.
+// Closes the connection and waits (boundedly) for the client's last callback. Replies
+// completed from now on are dropped.
 void KibSatelliteImpl::closeConnection() {
+    // Kept (closed) until the next connect: a handler orphaned by a slow teardown may
+    // still read it.
+    replies_->close();
     natsConnection_Close(connection_.get());
     {
         std::unique_lock<std::mutex> lock(link_->mutex);
@@ -265,27 +276,42 @@ int KibSatelliteImpl::registerServices() {
     return result;
 }
 
+// Leaves the bus before anything is taken away: the services' subscriptions are
+// drained (the server stops routing requests here, and the requests already received
+// are still served by the listed services), and only then are the records replaced or
+// removed. So an orderly stop never answers a request with "no such service".
 int KibSatelliteImpl::unregisterServices(bool removeServices) {
-    std::vector<std::unique_ptr<KibSubscription>> stopped;
+    std::vector<KibSubscription*> active;
     bool wasRegistered = false;
     {
         const PMutexLocker lock(mutex_);
         wasRegistered = registered_;
         registered_ = false;
         for (auto& [name, service] : services_) {
+            if (service->sub != nullptr) active.push_back(service.get());
+        }
+    }
+    if (wasRegistered && connection_ != nullptr) announce(true);
+    // Only this (management) thread changes the service table, so the records stay put.
+    for (KibSubscription* s : active) drain(*s);
+    for (KibSubscription* s : active) waitForCompletion(*s);
+
+    std::vector<std::unique_ptr<KibSubscription>> stopped;
+    {
+        const PMutexLocker lock(mutex_);
+        for (auto& [name, service] : services_) {
             if (service->sub == nullptr) continue;
             // Move the subscription into a fresh record so the service stays listed.
-            auto active = makeSubscription(KibSubscription::Kind::Service, name);
-            std::swap(active, service);
+            auto drained = makeSubscription(KibSubscription::Kind::Service, name);
+            std::swap(drained, service);
             if (!removeServices) {
-                service->description = active->description;
-                service->delegate = std::move(active->delegate);
+                service->description = drained->description;
+                service->delegate = std::move(drained->delegate);
             }
-            stopped.push_back(std::move(active));
+            stopped.push_back(std::move(drained));
         }
         if (removeServices) services_.clear();
     }
-    if (wasRegistered && connection_ != nullptr) announce(true);
     const bool anyStopped = !stopped.empty();
     for (auto& s : stopped) unsubscribe(std::move(s));
     // As in removeService: the server must have seen the unsubscriptions before the
@@ -295,6 +321,20 @@ int KibSatelliteImpl::unregisterServices(bool removeServices) {
         natsConnection_FlushTimeout(connection_.get(), kFlushTimeoutMs);
     }
     return KIB_OK;
+}
+
+// Stops the server's deliveries to `s` while its handler works through what already
+// arrived; without a connection to tell the server, the subscription just ends.
+void KibSatelliteImpl::drain(KibSubscription& s) {
+    const natsStatus status = natsSubscription_DrainTimeout(
+        s.sub.get(), std::chrono::duration_cast<std::chrono::milliseconds>(kTeardownWait).count());
+    if (status != NATS_OK) natsSubscription_Unsubscribe(s.sub.get());
+}
+
+// Waits (boundedly) until the handler of a drained subscription returned for the last time.
+void KibSatelliteImpl::waitForCompletion(KibSubscription& s) {
+    std::unique_lock<std::mutex> lock(s.mutex);
+    s.completed.wait_for(lock, kTeardownWait + std::chrono::seconds(1), [&] { return s.complete; });
 }
 
 int KibSatelliteImpl::addService(const char* name, const char* description,

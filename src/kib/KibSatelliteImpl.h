@@ -27,9 +27,11 @@
 
 #include "KibAvailability.h"
 #include "KibCodec.h"
+#include "KibDeferredReply.h"
 #include "KibLog.h"
 #include "KibNats.h"
 #include "KibReply.h"
+#include "KibReplyChannel.h"
 #include "KibSatelliteDelegate.h"
 #include "KibStatus.h"
 #include "PMutex.h"
@@ -91,7 +93,12 @@ public:
     int dispatch(const char* caller, const char* service, const VARIANT& in, VARIANT* out,
                  int* result);
 
+    // The reply of the request this thread is serving for this satellite, which is then
+    // not answered when its handler returns; empty outside a handler.
+    KibDeferredReply deferReply();
+
     void setRequestTimeout(int timeoutMs) { requestTimeoutMs_ = timeoutMs; }
+    void setReconnectWait(int waitMs) { reconnectWaitMs_ = waitMs; }
     int requestTimeout() const { return requestTimeoutMs_; }
     const std::string& name() const { return name_; }
 
@@ -104,7 +111,10 @@ private:
     void serveRequest(KibSubscription& s, natsConnection* nc, natsMsg* msg);
     void servePing(natsConnection* nc, natsMsg* msg);
     void onAnnouncement(natsMsg* msg);
-    void sendReply(natsConnection* nc, const char* subject, KibReply& reply);
+    void answer(KibReply& reply, const char* subject,
+                const std::shared_ptr<KibDeferredReplyState>& deferred);
+    void drain(KibSubscription& s);
+    void waitForCompletion(KibSubscription& s);
     int subscribe(KibSubscription& s, const std::string& subject, bool queue);
     bool isRegistered();
     void unsubscribe(std::unique_ptr<KibSubscription> s);
@@ -123,12 +133,17 @@ private:
     // connection exists.
     KibNatsConnection connection_;
     std::shared_ptr<KibConnectionLink> link_;
+    std::shared_ptr<KibReplyChannel> replies_;
     std::string name_;
     std::uint32_t instance_ = 0;
     std::string user_;
     std::string password_;
     std::atomic<int> requestTimeoutMs_{5000};
     std::atomic<int> requestSequence_{0};
+    std::atomic<int> reconnectWaitMs_{250};
+    // When the connection was lost (steady clock, ns); written and read by the client's
+    // connection-state callbacks, which it runs one at a time.
+    std::atomic<long long> lostAt_{0};
     // Refused requests (bad frames, reply subjects outside an inbox) are logged at most
     // once per interval: a peer that keeps sending them cannot flood the log.
     KibLogLimit refusedRequestLog_;

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 // KibSatelliteImpl, second half: requests made, requests served, pings,
 // announcements and connection-state callbacks.
+#include <chrono>
 #include <exception>
+#include <memory>
+#include <string>
 
 #include "KibException.h"
 #include "KibLog.h"
@@ -15,6 +18,26 @@ const char* const kSubjectPing = "kib.ping.";
 const char* const kSubjectAvail = "kib.avail.";
 const char* const kSubjectDiscover = "kib.discover";
 const char* const kUnknownException = "unknown exception";
+
+// The request a thread is serving, while its handler runs.
+struct KibServedRequest {
+    const KibSatelliteImpl* impl = nullptr;
+    std::string subject;  // where the reply goes; empty for a one-way request
+    std::shared_ptr<KibDeferredReplyState> deferred;
+};
+thread_local KibServedRequest* t_served = nullptr;
+
+// Marks the thread as serving `request` for the handler's lifetime.
+class ServingScope {
+public:
+    explicit ServingScope(KibServedRequest& request) : saved_(t_served) { t_served = &request; }
+    ServingScope(const ServingScope&) = delete;
+    ServingScope& operator=(const ServingScope&) = delete;
+    ~ServingScope() { t_served = saved_; }
+
+private:
+    KibServedRequest* saved_ = nullptr;
+};
 
 void setError(KibReply& reply, KibErrorKind kind, int status, const std::string& text) {
     reply.status = status;
@@ -142,12 +165,17 @@ void KibSatelliteImpl::onMessage(KibSubscription& s, natsConnection* nc, natsMsg
     }
 }
 
-// One request for service `s`: decode, run the handler, answer. Nothing thrown by the
-// handler leaves this function; the service keeps serving.
-void KibSatelliteImpl::serveRequest(KibSubscription& s, natsConnection* nc, natsMsg* msg) {
+// One request for service `s`: decode, run the handler, answer (unless the handler
+// deferred the reply). Nothing thrown by the handler leaves this function; the service
+// keeps serving.
+void KibSatelliteImpl::serveRequest(KibSubscription& s, natsConnection*, natsMsg* msg) {
     KibReply reply;
     KibRequestFrame request;
     std::string error;
+    KibServedRequest served;
+    served.impl = this;
+    const char* replyTo = natsMsg_GetReply(msg);
+    if (replyTo != nullptr) served.subject = replyTo;
     const int decoded = KibCodec::decodeRequest(
         natsMsg_GetData(msg), static_cast<std::size_t>(natsMsg_GetDataLength(msg)), request, error,
         limits_);
@@ -156,6 +184,7 @@ void KibSatelliteImpl::serveRequest(KibSubscription& s, natsConnection* nc, nats
                       error.c_str());
         setError(reply, KibErrorKind::Library, decoded, "bad request: " + error);
     } else {
+        const ServingScope scope(served);
         try {
             int result = 0;
             const int status = owner_.OnServiceRequested(++requestSequence_, request.caller.c_str(),
@@ -182,30 +211,31 @@ void KibSatelliteImpl::serveRequest(KibSubscription& s, natsConnection* nc, nats
                           request.caller.c_str(), reply.errorText.c_str());
         }
     }
-    sendReply(nc, natsMsg_GetReply(msg), reply);
+    answer(reply, served.subject.c_str(), served.deferred);
 }
 
-void KibSatelliteImpl::sendReply(natsConnection* nc, const char* subject, KibReply& reply) {
-    if (subject == nullptr || *subject == '\0') return;  // a one-way request
-    std::string frame;
-    std::string error;
-    const int status = KibCodec::encodeReply(reply, frame, error, limits_);
-    if (status != KIB_OK) {
-        KibLog::error("Reply cannot be sent: %s", error.c_str());
-        setError(reply, KibErrorKind::Library, status, "reply cannot be sent: " + error);
-        KibCodec::encodeReply(reply, frame, error, limits_);
+// Sends `reply` unless the handler deferred it and returned normally. A handler that
+// threw after deferring gets its exception's reply; a later completion is then ignored.
+void KibSatelliteImpl::answer(KibReply& reply, const char* subject,
+                              const std::shared_ptr<KibDeferredReplyState>& deferred) {
+    if (deferred && (!reply.failed() || !deferred->claim())) return;
+    if (replies_) replies_->send(subject != nullptr ? subject : "", reply);
+}
+
+KibDeferredReply KibSatelliteImpl::deferReply() {
+    if (t_served == nullptr || t_served->impl != this || !replies_) return KibDeferredReply();
+    if (!t_served->deferred) {
+        t_served->deferred = std::make_shared<KibDeferredReplyState>(replies_, t_served->subject);
     }
-    const natsStatus sent =
-        natsConnection_Publish(nc, subject, frame.data(), static_cast<int>(frame.size()));
-    if (sent != NATS_OK) KibLog::error("Reply not sent: %s", natsStatus_GetText(sent));
+    return KibDeferredReply(t_served->deferred);
 }
 
-void KibSatelliteImpl::servePing(natsConnection* nc, natsMsg* msg) {
+void KibSatelliteImpl::servePing(natsConnection*, natsMsg* msg) {
     KibReply reply;
     VARIANT* id = reply.value.out();
     id->vt = VT_I4;
     id->lVal = static_cast<std::int32_t>(instance_);
-    sendReply(nc, natsMsg_GetReply(msg), reply);
+    answer(reply, natsMsg_GetReply(msg), nullptr);
 }
 
 void KibSatelliteImpl::announce(bool leaving) {
@@ -303,6 +333,7 @@ void KibSatelliteImpl::onAnnouncement(natsMsg* msg) {
 }
 
 void KibSatelliteImpl::onDisconnected() {
+    lostAt_ = std::chrono::steady_clock::now().time_since_epoch().count();
     KibLog::error("Lost the bus connection of %s; reconnecting", name_.c_str());
     try {
         owner_.OnStatusChange(KIB_E_CONNECTION_LOST, KIBSTATUS_RECONNECTING);
@@ -314,7 +345,14 @@ void KibSatelliteImpl::onDisconnected() {
 // Back on the bus: the client has restored the subscriptions; tell the others what is
 // offered again and ask the watched satellites for theirs, which may have changed.
 void KibSatelliteImpl::onReconnected() {
-    KibLog::info("Bus connection of %s restored", name_.c_str());
+    char url[256] = "the bus";
+    natsConnection_GetConnectedUrl(connection_.get(), url, sizeof url);
+    const std::chrono::steady_clock::duration lost(lostAt_.load());
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch() - lost)
+            .count();
+    // At error level, like the loss, so that both show at the default level.
+    KibLog::error("Reconnected %s to %s after %.1f s", name_.c_str(), url, seconds);
     std::vector<std::string> watched;
     bool registered = false;
     {

@@ -71,21 +71,22 @@ public:
     virtual void _AddLog(const char* format, va_list args, LOGLEVEL messageLevel);
 
 protected:
-    // Writer thread only: rotates the main log when due and appends `line` in one write.
+    // Writer thread only: opens or rotates the main log when due and appends `line`.
     virtual void logLineToFile(const CStdStr& line);
 
 public:
     // Appends `line` (a complete line) to "errors.log" at once, on the caller's thread,
-    // under fileMutex; opens the files first if needed. Runs in: normal context, or
+    // under fileMutex; opens errors.log first if it is not open. Runs in: normal context, or
     // crash context once the logger is initialised: it then allocates nothing and uses
     // only system calls and fileMutex (a crash while this thread holds fileMutex, that
     // is inside this function or initialize(), would deadlock a second call).
     virtual void _FatalError(const CStdStr& line);
 
     // Queues `text` like AddRawLog(const char*) and calls `done` exactly once: on the
-    // writer thread after the write of the batch holding the text succeeded or failed, or
-    // at once on the calling thread when the logger cannot take it (stopped, main log not
-    // open, no memory). Any thread; never blocks on the disk; never throws. A text that
+    // writer thread after the write of the batch holding the text succeeded or failed
+    // (a file that cannot be opened fails it there too), or at once on the calling thread
+    // when the logger cannot take it (stopped: ECANCELED; no memory: ENOMEM; no writer
+    // thread: EAGAIN). Any thread; never blocks on the disk; never throws. A text that
     // fails leaves nothing of itself in the file. A derived logger that overrides
     // logLineToFile reports success once its logLineToFile returned.
     virtual void AddRawLog(CStdStr text, WriteDone done);

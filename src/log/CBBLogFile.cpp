@@ -42,6 +42,14 @@ bool isNotARegularFile(int error) {
     return error == EINVAL || error == ELOOP || error == EISDIR || error == ENXIO;
 }
 
+// Why the existing file at `path` may not be opened: 0 when it is a regular file (or
+// vanished meanwhile: the open then says so), else the errno to report.
+int refusalOf(const char* path) {
+    struct stat info {};
+    if (lstat(path, &info) != 0 || S_ISREG(info.st_mode)) return 0;
+    return S_ISLNK(info.st_mode) ? ELOOP : S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+}
+
 }  // namespace
 
 void CBBLog::prepareProcess() {
@@ -63,13 +71,20 @@ bool CBBLog::openFile(int& fd, const CStdStr& path, bool truncate) {
 
 bool CBBLog::openLogFile(LogFileIo& io, int& fd, const CStdStr& path, bool truncate) {
     // Never through a symbolic link, never waiting for a FIFO's reader, never taking a
-    // terminal. O_EXCL first tells whether this logger created the file: only then are
-    // its mode and group set, so that a file planted by someone else is never changed.
+    // terminal, and nothing but a regular file is even opened (the look before the open
+    // spares devices the open; the check after it closes the race). O_EXCL first tells
+    // whether this logger created the file: only then are its mode and group set, so
+    // that a file planted by someone else is never changed.
     const int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
     bool created = true;
     fd = io.open(path.c_str(), flags | O_CREAT | O_EXCL, kFileMode);
     if (fd == -1 && errno == EEXIST) {
         created = false;
+        const int refusal = refusalOf(path.c_str());
+        if (refusal != 0) {
+            errno = refusal;
+            return false;
+        }
         fd = io.open(path.c_str(), flags | (truncate ? O_TRUNC : 0), 0);
     }
     if (fd == -1) return false;
@@ -132,12 +147,13 @@ void CBBLog::openErrorLogLocked() {
     if (errorFd != -1 || errorLogPath.empty()) return;
     makeLogsFolder();
     if (!openFile(errorFd, errorLogPath, false)) {
+        const int error = errno;
         if (errorState.openError == 0) {
             // Names the main log's path, as this message always has.
-            printf("Error: could not open error log file '%s': %d\n", logPath.c_str(), errno);
+            printf("Error: could not open error log file '%s': %d\n", logPath.c_str(), error);
             fflush(stdout);
         }
-        errorState.openError = errno;
+        errorState.openError = error;
         return;
     }
     errorState.openError = 0;
@@ -305,7 +321,7 @@ void CBBLog::writeBatched(std::deque<CStdStr>& lines, std::vector<Completion>& d
     while (next < lines.size()) {
         long long size = -1;
         const int fd = prepareMainLog(size);
-        const bool limited = io->nowMs() >= mainState.rotateRetryAt;
+        const bool limited = mainState.rotateRetryAt == 0 || io->nowMs() >= mainState.rotateRetryAt;
         const size_t first = next;
         long long pending = 0;
         int count = 0;

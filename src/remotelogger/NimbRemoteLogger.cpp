@@ -2,9 +2,12 @@
 #include "NimbRemoteLogger.h"
 
 #include <QCoreApplication>
+#include <cerrno>
 
 #include "NimbRemoteLoggerSatellite.h"
 #include "RemoteLogNames.h"
+#include "RemoteLogReply.h"
+#include "SyslogServer.h"
 
 namespace {
 const char* const kTimeFormat = "yyyy/MM/dd hh:mm:ss";
@@ -14,8 +17,7 @@ NimbRemoteLogger::NimbRemoteLogger() : NimbModuleBaseQT("NimbRemoteLogger") {}
 
 NimbRemoteLogger::~NimbRemoteLogger() {
     close();
-    const PMutexLocker lock(logMapLock);
-    logMap.clear();
+    releaseLogs();
 }
 
 bool NimbRemoteLogger::init(const std::vector<CStdStr>&) {
@@ -35,18 +37,39 @@ bool NimbRemoteLogger::init(const std::vector<CStdStr>&) {
         return false;
     }
     CBBLog::debug("Registered");
+    startSyslog();
     return true;
 }
 
+void NimbRemoteLogger::startSyslog() {
+    const SyslogSettings settings = SyslogSettings::read();
+    if (!settings.isEnabled()) return;
+    syslog = std::make_unique<SyslogServer>(settings);
+    if (!syslog->start()) syslog.reset();
+}
+
 void NimbRemoteLogger::close() {
+    // Stopped first: its lines reach their loggers, which write them when released.
+    syslog.reset();
     if (satellite == nullptr) return;
-    // The satellite leaves the bus and waits for its running handlers, so nothing is
-    // emitted after this. A device's request is acknowledged as soon as its handler
-    // returned, maybe before the queued slot ran: deliver those calls now, while the
-    // loggers still exist.
+    // A request is answered once its text is in the file, so the stop goes in this order:
+    // no request arrives any more and those received were handled; their calls reach the
+    // loggers; the loggers write everything and complete the replies while the bus
+    // connection still carries them; only then does the satellite disconnect.
+    satellite->leaveBus();
+    QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+    releaseLogs();
     delete satellite;
     satellite = nullptr;
-    QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+}
+
+void NimbRemoteLogger::releaseLogs() {
+    std::map<CStdStr, boost::shared_ptr<CBBLog>> released;
+    {
+        const PMutexLocker lock(logMapLock);
+        released.swap(logMap);
+    }
+    released.clear();  // outside the lock: each logger drains its queue into its file
 }
 
 CStdStr NimbRemoteLogger::getLogId(const CStdStr& macAddr, const CStdStr& logName) {
@@ -55,6 +78,7 @@ CStdStr NimbRemoteLogger::getLogId(const CStdStr& macAddr, const CStdStr& logNam
 
 void NimbRemoteLogger::addLog(QString macAddr, QString deviceId, QString satName,
                               QString displayName, QDateTime puckTime, QString logName) {
+    const std::shared_ptr<RemoteLogReply> reply = replyOfCall();
     const CStdStr mac(macAddr);
     const CStdStr id = getLogId(mac, CStdStr(logName));
     const CStdStr fileName = RemoteLogNames::fileName(CStdStr(deviceId), id);
@@ -62,6 +86,7 @@ void NimbRemoteLogger::addLog(QString macAddr, QString deviceId, QString satName
     // reach outside the logs folder either.
     if (!RemoteLogNames::isPlainFileName(fileName)) {
         CBBLog::error("Refused log file name %s", fileName.c_str());
+        if (reply) reply->partDone(EINVAL, "refused log file name " + fileName);
         return;
     }
     {
@@ -78,11 +103,21 @@ void NimbRemoteLogger::addLog(QString macAddr, QString deviceId, QString satName
         QStringLiteral("\n===== ") + displayName + QStringLiteral(" - ") + satName +
         QStringLiteral(" === ") + puckTime.toString(kTimeFormat) + QStringLiteral(" <-> ") +
         QDateTime::currentDateTime().toString(kTimeFormat) + QStringLiteral(" =====\n");
-    appendLog(macAddr, logName, header);
+    writeText(id, CStdStr(header), reply);
 }
 
 void NimbRemoteLogger::appendLog(QString macAddr, QString logName, QString content) {
-    const CStdStr id = getLogId(CStdStr(macAddr), CStdStr(logName));
+    const std::shared_ptr<RemoteLogReply> reply = replyOfCall();
+    writeText(getLogId(CStdStr(macAddr), CStdStr(logName)), CStdStr(content), reply);
+}
+
+std::shared_ptr<RemoteLogReply> NimbRemoteLogger::replyOfCall() {
+    if (satellite == nullptr || sender() != satellite) return nullptr;
+    return satellite->takeReply();
+}
+
+void NimbRemoteLogger::writeText(const CStdStr& id, CStdStr text,
+                                 const std::shared_ptr<RemoteLogReply>& reply) {
     boost::shared_ptr<CBBLog> log;
     {
         const PMutexLocker lock(logMapLock);
@@ -90,6 +125,14 @@ void NimbRemoteLogger::appendLog(QString macAddr, QString logName, QString conte
         const auto found = logMap.find(id);
         if (found != logMap.end()) log = found->second;
     }
-    if (!log) return;
-    log->AddRawLog(CStdStr(content).c_str());
+    if (!log) {
+        if (reply) reply->unknownSource();
+        return;
+    }
+    if (!reply) {
+        log->AddRawLog(text.c_str());
+        return;
+    }
+    log->AddRawLog(std::move(text),
+                   [reply](int error, const CStdStr& message) { reply->partDone(error, message); });
 }

@@ -4,6 +4,8 @@
 // devices deliver. Created by createNimbModuleInstance() and owned by the module host;
 // lives on the Qt main thread, where its slots run (queued from the satellite's bus
 // threads). The log map is guarded by logMapLock, never held while a logger writes.
+// A call that came from the satellite carries its request's reply along to the
+// logger, which completes it once the text is in the file.
 // Errors: a device's bad request is thrown as KibInvalidParameterException by the
 // satellite's handlers and becomes the error reply; a text that cannot be written is
 // answered with an error reply naming the file; nothing a device sends ends the process.
@@ -12,6 +14,7 @@
 #include <QDateTime>
 #include <QString>
 #include <map>
+#include <memory>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
@@ -22,6 +25,8 @@
 #include "StdString.h"
 
 class NimbRemoteLoggerSatellite;
+class RemoteLogReply;
+class SyslogServer;
 
 class NimbRemoteLogger : public NimbModuleBaseQT {
     Q_OBJECT
@@ -36,11 +41,14 @@ public:
     // Closes, then releases every remote log (each drains its queue into its file).
     ~NimbRemoteLogger() override;
 
-    // Creates the satellite, connects its signals to the slots below and joins the bus.
-    // False (logged) when the satellite could not register. Main thread.
+    // Creates the satellite, connects its signals to the slots below and joins the bus;
+    // then starts the syslog listeners when the settings enable them (a listener that
+    // cannot start is logged and the bus path runs on). False (logged) when the
+    // satellite could not register. Main thread.
     bool init(const std::vector<CStdStr>& args) override;
-    // Leaves the bus, then delivers every addLog / appendLog already emitted, so that
-    // each acknowledged request reaches its logger. Harmless twice. Main thread.
+    // Leaves the bus (serving every request already received), delivers every addLog /
+    // appendLog already emitted, releases the loggers (each writes all it was given and
+    // completes those requests' replies), then disconnects. Harmless twice. Main thread.
     void close() override;
 
     // The MAC address without ":", "-", and the log name's last path component.
@@ -51,11 +59,24 @@ public slots:
     // and writes the header that ties the device's clock to the server's.
     void addLog(QString macAddr, QString deviceId, QString satName, QString displayName,
                 QDateTime puckTime, QString logName);
-    // Queues `content` as it is to the log's file; dropped when the log is unknown.
+    // Queues `content` as it is to the log's file. For a log that is unknown the text
+    // is dropped (a request from the satellite is answered "unknown source").
     void appendLog(QString macAddr, QString logName, QString content);
 
 private:
+    // Starts the syslog listeners when the settings enable them.
+    void startSyslog();
+    // The reply that came with the call being delivered, when it came from the satellite.
+    std::shared_ptr<RemoteLogReply> replyOfCall();
+    // Queues `text` for the log `id`; `reply` (may be null) learns how it went.
+    void writeText(const CStdStr& id, CStdStr text, const std::shared_ptr<RemoteLogReply>& reply);
+    // Empties the map; the loggers write what they hold as they go.
+    void releaseLogs();
+
     NimbRemoteLoggerSatellite* satellite = nullptr;  // Qt child; deleted by close()
+    // The syslog listeners, when enabled; started once the satellite registered, stopped
+    // by close() before the satellite leaves.
+    std::unique_ptr<SyslogServer> syslog;
     PMutex logMapLock;
     std::map<CStdStr, boost::shared_ptr<CBBLog>> logMap NIMB_GUARDED_BY(logMapLock);
 };

@@ -82,6 +82,14 @@ QString escapeControlCharacters(const QString& text) {
 // QString, encoded again (malformed sequences become U+FFFD, three bytes each).
 CStdStr asDelivered(const QString& text) { return CStdStr(text); }
 
+// `content` as the text it is written as: UTF-8, with every NUL byte replaced by U+FFFD
+// like the bytes that are not UTF-8 (the decoding replaces those), so nothing after a
+// NUL is lost.
+QString deliveredText(CStdStr content) {
+    content.Replace(std::string_view("\0", 1), "\xEF\xBF\xBD");
+    return fromUtf8(content);
+}
+
 void checkTime(long seconds, const char* context) {
     if (seconds < kEarliestTime || seconds > kLatestTime) {
         throw KibInvalidParameterException(
@@ -173,6 +181,23 @@ NimbRemoteLoggerSatellite::~NimbRemoteLoggerSatellite() {
     Disconnect();
 }
 
+void NimbRemoteLoggerSatellite::leaveBus() {
+    backlog->stopBounding();
+    UnregisterServices(false);
+}
+
+std::shared_ptr<RemoteLogReply> NimbRemoteLoggerSatellite::takeReply() {
+    const std::lock_guard<std::mutex> lock(emitLock);
+    if (pendingReplies.empty()) return nullptr;
+    std::shared_ptr<RemoteLogReply> reply = std::move(pendingReplies.front());
+    pendingReplies.pop_front();
+    return reply;
+}
+
+void NimbRemoteLoggerSatellite::queueReplyLocked(const std::shared_ptr<RemoteLogReply>& reply) {
+    pendingReplies.push_back(reply);
+}
+
 int NimbRemoteLoggerSatellite::connect() {
     const boost::shared_ptr<CRegistry> registry = CRegistry::getInstance();
     assert(registry);
@@ -241,9 +266,15 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
         ids.insert(RemoteLogNames::logId(asDelivered(macAddr), asDelivered(logName)));
     admitLogIds(ids, logNames.size());
     reserveBacklog("SetLogSource", logNames.size(), 0);
+    if (logNames.empty()) return 0;
 
-    for (const QString& logName : logNames)
+    const auto reply = std::make_shared<RemoteLogReply>(DeferReply(), "SetLogSource",
+                                                        static_cast<int>(logNames.size()));
+    const std::lock_guard<std::mutex> lock(emitLock);
+    for (const QString& logName : logNames) {
+        queueReplyLocked(reply);
         emit addLog(macAddr, deviceId, satName, displayName, puckTime, logName);
+    }
     return 0;
 }
 
@@ -260,8 +291,11 @@ int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char* caller, const tag
         checkTime(deviceTime, "AppendLog: invalid time");
         content = convertLog(content, deviceTime, deviceTime + clockOffset(in, 3));
     }
-    const QString text = QString::fromUtf8(content.data(), static_cast<qsizetype>(content.size()));
+    const QString text = deliveredText(std::move(content));
     reserveBacklog("AppendLog", 1, textBytes(text));
+    const auto reply = std::make_shared<RemoteLogReply>(DeferReply(), "AppendLog", 1);
+    const std::lock_guard<std::mutex> lock(emitLock);
+    queueReplyLocked(reply);
     emit appendLog(fromUtf8(macAddr), fromUtf8(logName), text);
     return 0;
 }

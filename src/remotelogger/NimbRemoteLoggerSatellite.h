@@ -2,21 +2,27 @@
 // NimbRemoteLoggerSatellite: the collector's presence on the component bus, as the
 // satellite "RemoteLogger" with the services "SetLogSource" and "AppendLog". The
 // handlers check a request, convert device timestamps and emit addLog / appendLog; they
-// never touch a log file. Owned by NimbRemoteLogger (its Qt parent), which deletes it
-// in close(). Constructed and connected on the main thread; the handlers run on the bus
-// library's threads, and the destructor waits for running handlers before it returns.
+// never touch a log file. Each request's reply is deferred until its texts are written:
+// the handler queues a RemoteLogReply next to each emitted call, in emission order, and
+// the module's slot takes it (takeReply) and hands it to the logger. Owned by NimbRemoteLogger (its
+// Qt parent), which deletes it in close(). Constructed and connected on the main thread; the
+// handlers run on the bus library's threads, and the destructor waits for running handlers before
+// it returns.
 #pragma once
 
 #include <QDateTime>
 #include <QObject>
 #include <QString>
 #include <ctime>
+#include <deque>
 #include <memory>
+#include <mutex>
 #include <set>
 
 #include "KibSatellite.h"
 #include "PMutex.h"
 #include "RemoteLogBacklog.h"
+#include "RemoteLogReply.h"
 #include "StdString.h"
 
 class NimbRemoteLoggerSatellite : public QObject, public KibSatellite {
@@ -48,16 +54,30 @@ public:
     // Main thread; blocks for at most a few seconds.
     int connect();
 
+    // Leaves the bus in order: stops bounding the backlog (the main thread is busy here
+    // and cannot make room, while the requests already routed here are still served),
+    // then unregisters the services, which serves every request already received and
+    // waits for the handlers. Afterwards nothing more is emitted, and the connection
+    // stays open for the replies still to come. Main thread.
+    void leaveBus();
+    // The reply of the oldest emitted call whose slot has not taken it yet; the module's
+    // slots call it once per call they receive from this satellite. Null when none is
+    // waiting. Main thread.
+    std::shared_ptr<RemoteLogReply> takeReply();
+
     // Adds "SetLogSource" and "AppendLog" (empty descriptions); the status of the second.
     int CreateServices() override;
 
     // [MAC address, (device id,) name, device time, log names]: emits addLog once per
-    // log name, in order, and returns 0. Throws KibInvalidParameterException for a bad
+    // log name, in order, and returns 0; the reply leaves once every header is written
+    // (at once for an empty list). Throws KibInvalidParameterException for a bad
     // request, before anything is emitted. Bus thread.
     int KibServiceSetLogSource(const char* caller, const tagVARIANT& in, tagVARIANT* out);
     // [MAC address, log name, content (, device time)]: emits appendLog once, with the
     // content's timestamps moved into server time when the device time is given, and
-    // returns 0. Throws KibInvalidParameterException for a bad request. Bus thread.
+    // returns 0; the reply leaves once the text is written. The content is taken whole:
+    // a NUL byte becomes U+FFFD like any other byte that is not UTF-8 text. Throws
+    // KibInvalidParameterException for a bad request. Bus thread.
     int KibServiceAppendLog(const char* caller, const tagVARIANT& in, tagVARIANT* out);
 
     // Timestamp rewriting of device log text; see DeviceLogConverter. Any thread.
@@ -79,6 +99,8 @@ private:
     void admitLogIds(const std::set<CStdStr>& ids, size_t listLength);
     // Waits for room for `calls` calls with `bytes` of text; throws "<service>: busy".
     void reserveBacklog(const char* service, std::size_t calls, std::size_t bytes);
+    // Queues `reply` for the next call to be emitted; the caller holds emitLock.
+    void queueReplyLocked(const std::shared_ptr<RemoteLogReply>& reply);
 
     // Shared with the connections that release it on the main thread.
     const std::shared_ptr<RemoteLogBacklog> backlog =
@@ -88,4 +110,9 @@ private:
     int maxLogSources NIMB_GUARDED_BY(sourcesLock) = kDefaultMaxLogSources;
     // Log ids announced so far; never shrinks, as the module's logs never go away.
     std::set<CStdStr> knownLogIds NIMB_GUARDED_BY(sourcesLock);
+
+    // Held while a handler queues replies and emits, so that both bus threads queue in
+    // the order their calls reach the main thread.
+    std::mutex emitLock;
+    std::deque<std::shared_ptr<RemoteLogReply>> pendingReplies;  // guarded by emitLock
 };

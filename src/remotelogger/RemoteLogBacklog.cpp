@@ -22,6 +22,14 @@ void RemoteLogBacklog::release(std::size_t bytes) {
     roomFreed_.notify_all();
 }
 
+void RemoteLogBacklog::stopBounding() {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        bounded_ = false;
+    }
+    roomFreed_.notify_all();
+}
+
 void RemoteLogBacklog::stop() {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -31,6 +39,6 @@ void RemoteLogBacklog::stop() {
 }
 
 bool RemoteLogBacklog::fitsLocked(std::size_t calls, std::size_t bytes) const {
-    if (calls_ == 0) return true;
+    if (calls_ == 0 || !bounded_) return true;
     return calls_ + calls <= maxCalls_ && bytes_ + bytes <= maxBytes_;
 }

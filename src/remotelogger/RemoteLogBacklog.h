@@ -27,6 +27,10 @@ public:
     void release(std::size_t bytes);
     // Makes every waiting and later acquire() fail at once. Main thread, at shutdown.
     void stop();
+    // Makes every waiting and later acquire() succeed at once (until stop()): while the
+    // main thread is leaving the bus it cannot make room, and the requests still served
+    // then are bounded by the bus library's queue. Main thread, at shutdown.
+    void stopBounding();
 
 private:
     bool fitsLocked(std::size_t calls, std::size_t bytes) const;
@@ -40,4 +44,5 @@ private:
     std::size_t calls_ = 0;  // guarded by mutex_
     std::size_t bytes_ = 0;  // guarded by mutex_
     bool stopped_ = false;   // guarded by mutex_
+    bool bounded_ = true;    // guarded by mutex_
 };

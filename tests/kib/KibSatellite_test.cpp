@@ -35,6 +35,28 @@ int throwKib(const char*, const tagVARIANT&, tagVARIANT*) {
     throw KibInvalidParameterException("SetLogSource: invalid addr");
 }
 
+// Replies handed to a completing thread, as a writer thread would get them.
+struct PendingReplies {
+    std::mutex mutex;
+    std::vector<KibDeferredReply> replies;
+
+    void add(const KibDeferredReply& reply) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        replies.push_back(reply);
+    }
+    // Waits (boundedly) for `count` replies and takes them.
+    std::vector<KibDeferredReply> take(std::size_t count) {
+        for (int i = 0; i < 500; ++i) {
+            {
+                const std::lock_guard<std::mutex> lock(mutex);
+                if (replies.size() >= count) return std::move(replies);
+            }
+            std::this_thread::sleep_for(10ms);
+        }
+        return {};
+    }
+};
+
 // A satellite with an echo service that records what the library tells it.
 class TestSatellite : public KibSatellite {
 public:
@@ -46,8 +68,28 @@ public:
                    new KibSatelliteDelegateMember<TestSatellite>(this, &TestSatellite::echo));
         AddService("ThrowStd", "", &throwStd);
         AddService("ThrowOther", "", &throwOther);
+        using Member = KibSatelliteDelegateMember<TestSatellite>;
+        AddService("Later", "", new Member(this, &TestSatellite::later));
+        AddService("Slow", "", new Member(this, &TestSatellite::slow));
         return AddService("ThrowKib", "", &throwKib);
     }
+
+    // Defers its reply to the test; "throw" as the argument throws after deferring.
+    int later(const char*, const tagVARIANT& in, tagVARIANT*) {
+        KibDeferredReply reply = DeferReply();
+        if (!reply || !DeferReply()) return 99;
+        pending.add(reply);
+        if (in.vt == VT_BSTR && std::string(in.bstrVal) == "throw")
+            throw std::runtime_error("thrown after deferring");
+        return 0;
+    }
+
+    int slow(const char*, const tagVARIANT&, tagVARIANT*) {
+        std::this_thread::sleep_for(1ms);
+        return 7;
+    }
+
+    PendingReplies pending;
 
     int echo(const char* caller, const tagVARIANT& in, tagVARIANT* out) {
         {
@@ -173,6 +215,99 @@ TEST_F(KibSatelliteTest, ThrowingHandlersAnswerWithTheirMessageAndKeepServing) {
     EXPECT_FALSE(reply.failed());
 }
 
+TEST_F(KibSatelliteTest, DeferredRepliesLeaveWhenCompletedFromAnotherThread) {
+    EXPECT_FALSE(server_.DeferReply());  // not inside a handler
+
+    // Three requests in flight at once: the handler returned for each before any reply.
+    KibReply replies[3];
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 3; ++i) {
+        const char* argument = i == 2 ? "throw" : "x";
+        callers.emplace_back([&, i, argument] {
+            client_.Call("Server", "Later", str(argument).get(), &replies[i], 5000);
+        });
+    }
+    std::vector<KibDeferredReply> taken = server_.pending.take(3);
+    ASSERT_EQ(taken.size(), 3U);
+    std::thread completer([&] {
+        for (KibDeferredReply& reply : taken) {
+            const KibVariantHolder value = str("written");
+            if (reply.succeed(5, &value.get())) continue;
+            // The one whose handler threw was answered already; so is a second completion.
+            EXPECT_FALSE(reply.fail("late", 2));
+        }
+    });
+    completer.join();
+    for (std::thread& caller : callers) caller.join();
+    int succeeded = 0;
+    for (const KibReply& reply : replies) {
+        if (reply.failed()) {
+            EXPECT_EQ(reply.errorText, "thrown after deferring");
+            continue;
+        }
+        ++succeeded;
+        EXPECT_EQ(reply.status, 5);
+        ASSERT_EQ(reply.value.vt(), VT_BSTR);
+        EXPECT_STREQ(reply.value.get().bstrVal, "written");
+    }
+    EXPECT_EQ(succeeded, 2);
+
+    // An error completion reads like a thrown KibException; the first completion wins.
+    KibReply reply;
+    std::thread caller([&] { client_.Call("Server", "Later", str("x").get(), &reply, 5000); });
+    taken = server_.pending.take(1);
+    ASSERT_EQ(taken.size(), 1U);
+    KibDeferredReply copy = taken[0];
+    EXPECT_TRUE(copy.fail(std::string(300, 'e').c_str(), 2));
+    EXPECT_FALSE(taken[0].succeed(0));
+    caller.join();
+    EXPECT_EQ(reply.status, KIB_E_SERVICE_EXCEPTION);
+    EXPECT_EQ(reply.errorKind, KibErrorKind::KibException);
+    EXPECT_EQ(reply.errorCode, 2);
+    EXPECT_EQ(reply.errorText, std::string(255, 'e'));
+
+    // Completed after the satellite left the bus: dropped, nothing breaks.
+    std::thread orphan([&] { client_.Call("Server", "Later", str("x").get(), &reply, 500); });
+    taken = server_.pending.take(1);
+    orphan.join();
+    server_.Disconnect();
+    ASSERT_EQ(taken.size(), 1U);
+    EXPECT_TRUE(taken[0].succeed(0));
+}
+
+// Requests already routed to a satellite that leaves the bus are still served by it.
+TEST_F(KibSatelliteTest, OrderlyStopServesEveryRequestAlreadyReceived) {
+    natsConnection* nc = nullptr;
+    ASSERT_EQ(natsConnection_ConnectTo(&nc, ("nats://" + nats_.host()).c_str()), NATS_OK);
+    natsSubscription* inbox = nullptr;
+    ASSERT_EQ(natsConnection_SubscribeSync(&inbox, nc, "_INBOX.test.replies"), NATS_OK);
+    std::string frame;
+    std::string error;
+    ASSERT_EQ(KibCodec::encodeRequest("Raw", i4(1).get(), frame, error), KIB_OK);
+    constexpr int kRequests = 300;
+    for (int i = 0; i < kRequests; ++i) {
+        natsConnection_PublishRequest(nc, "kib.svc.Server.Slow", "_INBOX.test.replies",
+                                      frame.data(), static_cast<int>(frame.size()));
+    }
+    natsConnection_Flush(nc);
+    ASSERT_EQ(server_.Disconnect(), KIB_OK);
+    int answered = 0;
+    std::vector<std::string> failures;
+    for (int i = 0; i < kRequests; ++i) {
+        natsMsg* msg = nullptr;
+        if (natsSubscription_NextMsg(&msg, inbox, 5000) != NATS_OK) break;
+        KibReply reply;
+        KibCodec::decodeReply(natsMsg_GetData(msg), natsMsg_GetDataLength(msg), reply, error);
+        natsMsg_Destroy(msg);
+        ++answered;
+        if (reply.status != 7) failures.push_back(reply.errorText);
+    }
+    natsSubscription_Destroy(inbox);
+    natsConnection_Destroy(nc);
+    EXPECT_EQ(answered, kRequests);
+    EXPECT_TRUE(failures.empty()) << failures.size() << " failed, first: " << failures.front();
+}
+
 TEST_F(KibSatelliteTest, RemovedOrUnregisteredServicesGiveNoResponders) {
     ASSERT_EQ(server_.UnregisterServices(false), KIB_OK);
     KibReply reply;
@@ -243,16 +378,26 @@ TEST_F(KibSatelliteTest, ManagementErrorsAreReported) {
               KIB_E_NOT_CONNECTED);
 }
 
-TEST(KibSatelliteReconnectTest, ServiceAnswersAgainAfterTheServerReturns) {
+using KibSatelliteReconnectTest = nimbtest::ConfigHomeTest;
+
+// The outage outlasts what the NATS client would try by default (60 attempts); the
+// return is logged with its host and duration.
+TEST_F(KibSatelliteReconnectTest, ServiceAnswersAgainAfterALongOutageAndSaysSo) {
+    setSuiteSetting("LogsDir", dir_ / "logs");
+    auto log = boost::make_shared<CBBLog>("KibTest.log", false, 524288);
+    KibSatellite::setLogger(log);
     NatsServer nats;
     TestSatellite server;
     TestSatellite client;
+    server.setReconnectWait(10);
+    client.setReconnectWait(10);
     ASSERT_EQ(server.Connect(nats.host().c_str(), "Server"), KIB_OK);
     ASSERT_EQ(client.Connect(nats.host().c_str(), "Client"), KIB_OK);
     nats.stop();
     EXPECT_TRUE(server.waitForStatus(KIBSTATUS_RECONNECTING));
     KibReply reply;
     EXPECT_NE(client.Call("Server", "Echo", i4(1).get(), &reply, 300), 7);
+    std::this_thread::sleep_for(2500ms);  // well over 60 attempts at 10 to 20 ms each
     ASSERT_TRUE(nats.start());
     EXPECT_TRUE(server.waitForStatus(KIBSTATUS_CONNECTED));
     EXPECT_TRUE(client.waitForStatus(KIBSTATUS_CONNECTED));
@@ -262,6 +407,14 @@ TEST(KibSatelliteReconnectTest, ServiceAnswersAgainAfterTheServerReturns) {
         if (status != 7) std::this_thread::sleep_for(100ms);
     }
     EXPECT_EQ(status, 7);
+    KibSatellite::setLogger(boost::shared_ptr<CBBLog>());
+    log.reset();  // drains the queue into the file
+    const std::string text = nimbtest::readFile(dir_ / "logs/KibTest.log");
+    EXPECT_NE(text.find("Lost the bus connection of Server; reconnecting"), std::string::npos);
+    EXPECT_NE(text.find("Reconnected Server to nats://127.0.0.1:" + std::to_string(nats.port()) +
+                        " after "),
+              std::string::npos)
+        << text;
 }
 
 TEST(KibSatelliteProcessTest, SatelliteInAnotherProcessAnswers) {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -21,6 +22,7 @@
 namespace {
 
 using logtest::LogTest;
+using logtest::Outcome;
 using logtest::readFile;
 using logtest::waitUntil;
 
@@ -94,13 +96,6 @@ private:
     std::atomic<long long> writeRoom_{0};
 };
 
-// A text's outcome, filled in by its completion.
-struct Outcome {
-    std::atomic<bool> called{false};
-    int error = -1;
-    std::string message;
-};
-
 class LogFailureTest : public LogTest {
 protected:
     // A logger of `name` that makes its system calls through io_.
@@ -111,15 +106,7 @@ protected:
     }
     // Queues `text` and waits for its outcome.
     Outcome& add(CBBLog& log, const std::string& text) {
-        outcomes_.push_back(std::make_unique<Outcome>());
-        Outcome* outcome = outcomes_.back().get();
-        log.AddRawLog(text, [outcome](int error, const CStdStr& message) {
-            outcome->error = error;
-            outcome->message = message;
-            outcome->called = true;
-        });
-        EXPECT_TRUE(waitUntil([outcome] { return outcome->called.load(); })) << text;
-        return *outcome;
+        return logtest::addAndWait(log, text, outcomes_.emplace_back());
     }
     // The process's own log, which receives the failure reports.
     boost::shared_ptr<CBBLog> installOwnLog() {
@@ -130,7 +117,7 @@ protected:
     }
 
     std::shared_ptr<FaultyIo> io_ = std::make_shared<FaultyIo>();
-    std::vector<std::unique_ptr<Outcome>> outcomes_;
+    std::deque<Outcome> outcomes_;
 };
 
 // Redirects standard error into a file until the end of scope.

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // What other processes and users do to the logs folder: files planted at a log's name
-// or its backup's, modes and group of the files, and files or folders that vanish.
-#include <atomic>
+// or its backup's, and the modes and group of the files.
 #include <cerrno>
 #include <filesystem>
 #include <functional>
@@ -19,28 +18,14 @@
 
 namespace {
 
+using logtest::addAndWait;
 using logtest::LogTest;
+using logtest::Outcome;
 using logtest::readFile;
 using logtest::waitUntil;
 using logtest::writeFile;
 
 namespace fs = std::filesystem;
-
-struct Outcome {
-    std::atomic<bool> called{false};
-    int error = -1;
-    std::string message;
-};
-
-// Queues `text` and waits (bounded) for its outcome.
-void addAndWait(CBBLog& log, const std::string& text, Outcome& outcome) {
-    log.AddRawLog(text, [&outcome](int error, const CStdStr& message) {
-        outcome.error = error;
-        outcome.message = message;
-        outcome.called = true;
-    });
-    EXPECT_TRUE(waitUntil([&] { return outcome.called.load(); })) << text;
-}
 
 mode_t modeOf(const std::string& path) {
     struct stat info {};
@@ -151,23 +136,6 @@ TEST_F(LogTest, CreatedFilesAreSharedWithTheGroupOnlyAndOthersKeepTheirMode) {
     ASSERT_EQ(stat(logFile("created.log").c_str(), &info), 0);
     const group* suite = getgrnam(CBBLog::kFileGroup);
     EXPECT_EQ(info.st_gid, suite != nullptr ? suite->gr_gid : getegid());
-}
-
-TEST_F(LogTest, ATruncatedFileOrAVanishedFolderIsFollowedByTheNextText) {
-    const std::string path = logFile("moved.log");
-    CBBLog log("moved.log", false, 1 << 20);
-    Outcome first;
-    addAndWait(log, "first\n", first);
-    ASSERT_EQ(truncate(path.c_str(), 0), 0);
-    Outcome second;
-    addAndWait(log, "second\n", second);
-    EXPECT_EQ(readFile(path), "second\n");
-
-    fs::remove_all(logsDir());
-    Outcome third;
-    addAndWait(log, "third\n", third);
-    EXPECT_EQ(third.error, 0) << third.message;
-    EXPECT_EQ(readFile(path), "third\n");
 }
 
 }  // namespace

@@ -82,6 +82,10 @@ TEST_F(LogTest, UnusedLoggerCreatesNoFileAndNoThreadUntilItsFirstLine) {
     // The writer thread opens the files.
     EXPECT_TRUE(waitUntil([&] { return used.getFileSize() > 0; }));
     EXPECT_TRUE(std::filesystem::exists(logFile("errors.log")));
+    // A write past the file size limit fails (EFBIG) instead of killing the process.
+    struct sigaction fileSizeSignal {};
+    ASSERT_EQ(sigaction(SIGXFSZ, nullptr, &fileSizeSignal), 0);
+    EXPECT_EQ(fileSizeSignal.sa_handler, SIG_IGN);
 }
 
 TEST_F(LogTest, LevelSettingDecidesWhichLevelsAreWritten) {
@@ -201,30 +205,6 @@ TEST_F(LogTest, DerivedLoggerReceivesEveryLineOnAWriterWithAltSignalStack) {
     EXPECT_TRUE(log->writerHadAltStack());
 }
 
-TEST_F(LogTest, RotatesWhenSizeLimitReachedAndKeepsOneBackup) {
-    auto line = [](char c) { return std::string(59, c) + "\n"; };  // 60 bytes
-    const std::string path = logFile("rotate.log");
-    CBBLog log("rotate.log", false, 100);
-    // The third line finds the file at 120 bytes: it goes to a fresh file.
-    for (char c : {'a', 'b', 'c'}) log.AddRawLog(line(c).c_str());
-    ASSERT_TRUE(waitUntil([&] { return readFile(path) == line('c'); }));
-    EXPECT_EQ(readFile(path + ".back"), line('a') + line('b'));
-    EXPECT_EQ(log.getFileSize(), 60);
-
-    // A second rotation replaces the backup.
-    for (char c : {'d', 'e'}) log.AddRawLog(line(c).c_str());
-    ASSERT_TRUE(waitUntil([&] { return readFile(path) == line('e'); }));
-    EXPECT_EQ(readFile(path + ".back"), line('c') + line('d'));
-
-    // A zero limit rotates before every line.
-    {
-        CBBLog zero("zero.log", false, 0);
-        for (const char* text : {"1\n", "2\n", "3\n"}) zero.AddRawLog(text);
-    }
-    EXPECT_EQ(readFile(logFile("zero.log")), "3\n");
-    EXPECT_EQ(readFile(logFile("zero.log.back")), "2\n");
-}
-
 // Holds the writer thread in its first open until released, so that the lines queued
 // meanwhile reach it as one batch.
 class GateIo : public LogFileIo {
@@ -257,6 +237,8 @@ TEST_F(LogTest, RotationHappensOnTheByteTheFileReachesTheLimit) {
         {120, line('a') + line('b'), line('c') + line('d')},
         // One byte below it: the third line still fits, the fourth rotates.
         {121, line('a') + line('b') + line('c'), line('d')},
+        // No limit at all: every line rotates, each replacing the backup.
+        {0, line('c'), line('d')},
     };
     for (const auto& c : cases) {
         for (bool perLine : {false, true}) {
@@ -278,23 +260,31 @@ TEST_F(LogTest, RotationHappensOnTheByteTheFileReachesTheLimit) {
     }
 }
 
-TEST_F(LogTest, DeletedOrReplacedFileIsFollowedByTheNextLine) {
+TEST_F(LogTest, DeletedTruncatedOrReplacedFileAndVanishedFolderAreFollowedByTheNextLine) {
     const std::string path = logFile("moved.log");
     {
         CBBLog log("moved.log", false, kSystemLimit);
-        log.AddRawLog("first\n");
-        ASSERT_TRUE(waitUntil([&] { return readFile(path) == "first\n"; }));
+        auto writeAndExpect = [&](const std::string& text, const std::string& file) {
+            logtest::Outcome outcome;
+            logtest::addAndWait(log, text, outcome);
+            EXPECT_EQ(outcome.error, 0) << outcome.message;
+            EXPECT_EQ(readFile(path), file);
+        };
+        writeAndExpect("first\n", "first\n");
         ASSERT_EQ(unlink(path.c_str()), 0);
-        log.AddRawLog("second\n");
-        ASSERT_TRUE(waitUntil([&] { return readFile(path) == "second\n"; }));
+        writeAndExpect("second\n", "second\n");
+        ASSERT_EQ(truncate(path.c_str(), 0), 0);
+        writeAndExpect("third\n", "third\n");
+        std::filesystem::remove_all(logsDir());
+        writeAndExpect("fourth\n", "fourth\n");
 
         // As another process rotates: the file moves away and a new one takes its place.
         ASSERT_EQ(rename(path.c_str(), (path + ".back").c_str()), 0);
         logtest::writeFile(path, "other process\n");
-        log.AddRawLog("third\n");
+        log.AddRawLog("fifth\n");
     }
-    EXPECT_EQ(readFile(path), "other process\nthird\n");
-    EXPECT_EQ(readFile(path + ".back"), "second\n");
+    EXPECT_EQ(readFile(path), "other process\nfifth\n");
+    EXPECT_EQ(readFile(path + ".back"), "fourth\n");
 }
 
 TEST_F(LogTest, DestroyingRightAfterABurstWritesEveryLine) {

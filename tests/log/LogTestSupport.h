@@ -2,11 +2,14 @@
 // Test support for the logger: a fixture that gives each test its own temporary
 // settings home (XDG_CONFIG_HOME) with "LogsDir" pointing into its own temporary
 // folder, captures standard output (where the logger echoes every line), and offers
-// small file helpers. Used on the test's main thread only.
+// small file helpers, and the outcome of a text queued with a completion. Used on the
+// test's main thread only.
 #pragma once
 
+#include <atomic>
 #include <cstdio>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -21,6 +24,33 @@ using nimbtest::linesOf;
 using nimbtest::readFile;
 using nimbtest::waitUntil;
 using nimbtest::writeFile;
+
+// The outcome of one text queued with a completion; read it once `calls` is not 0.
+struct Outcome {
+    std::atomic<int> calls{0};
+    int error = -1;
+    std::string message;
+    bool onCaller = false;  // called on the thread that queued the text
+};
+
+// Queues `text` on `log` with a completion that fills in `outcome`.
+inline void addRaw(CBBLog& log, const std::string& text, Outcome& outcome) {
+    const std::thread::id caller = std::this_thread::get_id();
+    log.AddRawLog(text, [&outcome, caller](int error, const CStdStr& message) {
+        outcome.error = error;
+        outcome.message = message;
+        outcome.onCaller = std::this_thread::get_id() == caller;
+        outcome.calls.fetch_add(1, std::memory_order_release);
+    });
+}
+
+// addRaw(), then waits (at most five seconds) for the outcome.
+inline Outcome& addAndWait(CBBLog& log, const std::string& text, Outcome& outcome) {
+    addRaw(log, text, outcome);
+    EXPECT_TRUE(waitUntil([&] { return outcome.calls.load(std::memory_order_acquire) > 0; }))
+        << text;
+    return outcome;
+}
 
 class LogTest : public nimbtest::ConfigHomeTest {
 protected:

@@ -212,16 +212,25 @@ TEST_F(SatelliteTest, AppendLogConvertsTimestampsOnlyWithDeviceTime) {
     const std::string content = "2000/01/01 00:00:00 caf\xc3\xa9\nJan  5 07:08:09 second\n";
     EXPECT_EQ(appendLog(request(str("00:11"), str("system.log"), str(content))), 0);
     EXPECT_EQ(appendLog(request(str("00:11"), str("system.log"), str(""))), 0);
+    // Nothing is dropped: a NUL becomes U+FFFD like a byte that is not UTF-8, also when
+    // timestamps are converted.
+    const std::string odd("a\0b\xff c\n", 7);
+    EXPECT_EQ(appendLog(request(str("00:11"), str("l"), str(odd))), 0);
+    EXPECT_EQ(appendLog(request(str("00:11"), str("l"), str(odd), date(kDeviceTime))), 0);
     // A device clock 26 years behind: the stamp it wrote "now" comes out near the present.
     EXPECT_EQ(appendLog(request(str("00:11"), str("l"), str("2000/01/01 00:00:00 boot\n"),
                                 date(946684800))),
               0);
-    ASSERT_EQ(appended.size(), 3u);
+    ASSERT_EQ(appended.size(), 5u);
     EXPECT_EQ(appended[0], content);
     EXPECT_EQ(appended[1], "");
+    EXPECT_EQ(appended[2],
+              "a\xEF\xBF\xBD"
+              "b\xEF\xBF\xBD c\n");
+    EXPECT_EQ(appended[3], appended[2]);
     const QString year = QString::number(QDateTime::currentDateTime().date().year());
-    EXPECT_EQ(appended[2].rfind(year.toStdString() + "/", 0), 0u) << appended[2];
-    EXPECT_EQ(appended[2].substr(19), " boot\n");
+    EXPECT_EQ(appended[4].rfind(year.toStdString() + "/", 0), 0u) << appended[4];
+    EXPECT_EQ(appended[4].substr(19), " boot\n");
 }
 
 // A device whose clock equals the server's, read while its milliseconds are 500 or more:

@@ -30,3 +30,18 @@ TEST(RemoteLogBacklog, BoundsCallsAndBytesWakesOnReleaseAndRefusesOnceStopped) {
     backlog.release(0);
     EXPECT_FALSE(backlog.acquire(1, 0, brief));
 }
+
+// While the satellite leaves the bus, full or not, every request is let through at once.
+TEST(RemoteLogBacklog, StopBoundingLetsWaitersThroughUntilStopped) {
+    RemoteLogBacklog backlog(1, 10);
+    EXPECT_TRUE(backlog.acquire(1, 10, std::chrono::milliseconds(20)));
+    std::thread mainThread([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        backlog.stopBounding();
+    });
+    EXPECT_TRUE(backlog.acquire(1, 10, std::chrono::seconds(30)));  // woken
+    mainThread.join();
+    EXPECT_TRUE(backlog.acquire(100, 1000, std::chrono::milliseconds(0)));
+    backlog.stop();
+    EXPECT_FALSE(backlog.acquire(1, 0, std::chrono::milliseconds(0)));
+}

@@ -19,6 +19,7 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include "KibDeferredReply.h"
 #include "KibReply.h"
 #include "KibSatelliteDelegate.h"
 #include "KibStatus.h"
@@ -109,8 +110,17 @@ public:
     // an explicit timeout in milliseconds. Returns reply->status.
     int Call(const char* satelliteName, const char* serviceName, const tagVARIANT& in,
              KibReply* reply, int timeoutMs);
+    // Called by a service handler while it serves a request: takes that request's reply,
+    // which the library then does not send when the handler returns; the handler (or
+    // anyone it hands the handle to) completes it later, from any thread. A handler
+    // that throws after deferring is answered with its exception as usual. Taken twice,
+    // it is the same reply. Outside a handler of this satellite: an empty handle.
+    KibDeferredReply DeferReply();
     // Timeout of Request and of the ping without explicit timeout; 5000 ms by default.
     void setRequestTimeout(int timeoutMs);
+    // Time between two reconnection attempts after a lost connection, used by the next
+    // Connect; 250 ms by default. Attempts never stop, however long the outage.
+    void setReconnectWait(int waitMs);
     // The name given to Connect, or "" when not connected.
     const char* satelliteName() const;
 

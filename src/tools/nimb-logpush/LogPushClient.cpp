@@ -41,6 +41,29 @@ bool isTransient(int status) {
     }
 }
 
+// The collector's answers that say "not now": busy (exception code 2) and a text that
+// could not be written (code 3, the disk may be full); the device keeps the text and
+// sends it again, as after a timeout.
+constexpr std::int32_t kBusyCode = 2;
+constexpr std::int32_t kNotWrittenCode = 3;
+// "AppendLog" answered with this status: the collector does not know the log (it
+// restarted); announce again, then send the text again.
+constexpr int kUnknownSourceStatus = 2;
+
+bool isTransient(const KibReply& reply) {
+    switch (reply.errorKind) {
+        case KibErrorKind::Local:
+            return isTransient(reply.status);
+        case KibErrorKind::Library:
+            // The collector is leaving or arriving: its services are not (yet) listed.
+            return reply.status == KIB_E_NO_SUCH_SERVICE;
+        case KibErrorKind::KibException:
+            return reply.errorCode == kBusyCode || reply.errorCode == kNotWrittenCode;
+        default:
+            return false;
+    }
+}
+
 // Sleeps for `duration`, or less when retrying is stopped.
 void pause(std::chrono::milliseconds duration) {
     const auto until = std::chrono::steady_clock::now() + duration;
@@ -104,6 +127,7 @@ LogPushClient::Result LogPushClient::deliver(const char* service, const Builder&
                 error_ = failure;
                 return Result::Invalid;
             case Attempt::Transient:
+            case Attempt::Unannounced:
                 break;
         }
         // The collector may have restarted and forgotten the source: announce again before
@@ -142,7 +166,13 @@ LogPushClient::Attempt LogPushClient::attempt(const char* service, const Builder
         announced_ = true;
         announcedAt_ = forgotten;
     }
-    const Attempt result = call(service, build(), failure);
+    Attempt result = call(service, build(), failure);
+    if (result == Attempt::Unannounced) {
+        // Announce and send again at once; a second "unknown" is retried after a pause.
+        result = call(kSetLogSource, announcement(), failure);
+        if (result == Attempt::Ok) result = call(service, build(), failure);
+        if (result == Attempt::Unannounced) result = Attempt::Transient;
+    }
     if (result == Attempt::Ok && isAnnouncement) {
         announced_ = true;
         announcedAt_ = forgotten;
@@ -171,10 +201,17 @@ LogPushClient::Attempt LogPushClient::call(const char* service, const KibVariant
     if (!reply.failed()) {
         if (reply.status == 0) return Attempt::Ok;
         failure = std::string(service) + ": returned status " + std::to_string(reply.status);
+        if (reply.status == kUnknownSourceStatus && service == std::string(kAppendLog)) {
+            if (reply.value.vt() == VT_BSTR && reply.value.get().bstrVal != nullptr)
+                failure = reply.value.get().bstrVal;
+            return Attempt::Unannounced;
+        }
         return Attempt::Refused;
     }
     failure = reply.errorText;
-    if (reply.errorKind == KibErrorKind::Local && isTransient(reply.status)) {
+    if (isTransient(reply)) {
+        if (reply.errorKind != KibErrorKind::Local && reply.errorKind != KibErrorKind::KibException)
+            failure = std::string(service) + ": " + failure;
         return Attempt::Transient;
     }
     // Handler exceptions carry the collector's own text ("SetLogSource: invalid addr: ...");

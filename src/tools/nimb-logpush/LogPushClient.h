@@ -2,7 +2,9 @@
 // LogPushClient: the device's side of the log collector on the bus. It announces the
 // device and its logs ("SetLogSource") and delivers pieces of log text ("AppendLog") to
 // the collector satellite, retrying what fails on the way (no connection, no reply in
-// time, nobody serving while the collector restarts) with a bounded back-off. A piece
+// time, nobody serving while the collector restarts, the collector busy or unable to
+// write) with a bounded back-off. A piece the collector does not know the log of is
+// sent again at once after a new announcement. A piece
 // counts as delivered only once its reply has arrived, and is sent again only when no
 // reply arrived. The collector keeps announcements in memory only, so the announcement is
 // repeated before the next piece of text whenever the collector may have restarted: after
@@ -72,7 +74,7 @@ public:
                                       int available) override;
 
 private:
-    enum class Attempt { Ok, Refused, Transient, Invalid };
+    enum class Attempt { Ok, Refused, Transient, Invalid, Unannounced };
     using Builder = std::function<KibVariantHolder()>;
 
     Result deliver(const char* service, const Builder& build);

@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include "DeviceIdentity.h"
 #include "KibException.h"
 #include "KibSatellite.h"
 #include "KibVariantHolder.h"
@@ -66,6 +67,21 @@ public:
         return all;
     }
 
+    // Answers given instead of taking a request, each while its count lasts: "no such
+    // service" (as while the collector leaves the bus), busy, not written, and for
+    // appends "unknown source" until the next announcement.
+    std::atomic<int> noSuchService{0};
+    std::atomic<int> busyAppends{0};
+    std::atomic<int> unwrittenAppends{0};
+    std::atomic<bool> forgetSources{false};
+    std::atomic<int> forgetAfter{-1};  // forget them once this many appends were taken
+
+    int OnServiceRequested(int id, const char* caller, const char* service, tagVARIANT in,
+                           tagVARIANT* out, int* result) override {
+        if (noSuchService > 0 && noSuchService-- > 0) return KIB_E_NO_SUCH_SERVICE;
+        return KibSatellite::OnServiceRequested(id, caller, service, in, out, result);
+    }
+
     std::atomic<bool> refuseAppends{false};
     std::atomic<long> appendCalls{0};
     std::atomic<long> delayedAppend{-1};  // this AppendLog (counted from 0) is answered late
@@ -73,6 +89,7 @@ public:
 private:
     int setLogSource(const char* caller, const tagVARIANT& in, tagVARIANT*) {
         VUtil::CheckArrayType(in, VT_VARIANT, 5, true, "SetLogSource: invalid parameter");
+        forgetSources = false;
         Received r{.announcement = true, .caller = caller, .mac = VUtil::GetStringElement(in, 0)};
         if (r.mac.find('/') != std::string::npos) {
             throw KibInvalidParameterException("SetLogSource: invalid addr: path separator");
@@ -87,8 +104,21 @@ private:
         return record(std::move(r));
     }
 
-    int appendLog(const char* caller, const tagVARIANT& in, tagVARIANT*) {
+    int appendLog(const char* caller, const tagVARIANT& in, tagVARIANT* out) {
         if (refuseAppends) throw KibInvalidParameterException("AppendLog: invalid log: unknown");
+        if (busyAppends > 0 && busyAppends-- > 0)
+            throw KibException("AppendLog: busy: too much is waiting to be written, try again", 2);
+        if (unwrittenAppends > 0 && unwrittenAppends-- > 0)
+            throw KibException("AppendLog: cannot write x.log: No space left on device", 3);
+        if (forgetAfter >= 0 && contentCount() == static_cast<std::size_t>(forgetAfter)) {
+            forgetAfter = -1;
+            forgetSources = true;
+        }
+        if (forgetSources) {
+            out->vt = VT_BSTR;
+            out->bstrVal = SysAllocString("AppendLog: unknown source");
+            return 2;
+        }
         if (appendCalls++ == delayedAppend)
             std::this_thread::sleep_for(std::chrono::milliseconds(1500));
         const int length =
@@ -99,6 +129,12 @@ private:
                    .content = VUtil::GetStringElement(in, 2)};
         if (length > 3) r.time = dateElement(in, 3);
         return record(std::move(r));
+    }
+
+    std::size_t contentCount() const {
+        std::size_t count = 0;
+        for (const Received& r : received()) count += r.announcement ? 0 : 1;
+        return count;
     }
 
     int record(Received r) {
@@ -370,4 +406,35 @@ TEST_F(LogPushTest, RetriesUntilTheCollectorAnswersAndResendsOnlyUnansweredChunk
     EXPECT_EQ(chunks[1], chunks[2]);
     EXPECT_EQ(chunks[0] + chunks[1] + chunks[3], text);
     EXPECT_EQ(reannounced, 1u);
+}
+
+// Answers that only mean "not now" are retried within the budget; "unknown source" makes
+// the device announce again and resend at once. Every piece arrives exactly once.
+TEST_F(LogPushTest, TransientAnswersAreRetriedAndAnUnknownSourceIsAnnouncedAgain) {
+    std::string text;
+    for (int i = 0; i < 4; ++i)
+        text += std::string(kChunkLimit - 1, static_cast<char>('a' + i)) + "\n";
+    write("t.log", text);
+    collector_->noSuchService = 1;
+    collector_->busyAppends = 2;
+    collector_->unwrittenAppends = 1;
+    collector_->forgetAfter = 2;  // as a restarted collector would
+    const RunResult result = run({"--retry-for", "20000", "--log", "t", file("t.log")});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(collector_->contentOf("t"), text);
+    int announcements = 0;
+    for (const Received& r : collector_->received()) announcements += r.announcement ? 1 : 0;
+    EXPECT_GE(announcements, 2);
+    EXPECT_FALSE(collector_->forgetSources);
+}
+
+TEST(DeviceIdentityTest, FallbackMacIsLocallyAdministeredAndPerHost) {
+    const std::string a = DeviceIdentity::hostMacAddress("0123456789abcdef0123456789abcdef", "h");
+    EXPECT_EQ(a, DeviceIdentity::hostMacAddress("0123456789abcdef0123456789abcdef", "other"));
+    EXPECT_NE(a, DeviceIdentity::hostMacAddress("fedcba9876543210fedcba9876543210", "h"));
+    EXPECT_NE(DeviceIdentity::hostMacAddress("", "h1"), DeviceIdentity::hostMacAddress("", "h2"));
+    ASSERT_EQ(a.size(), 17u);
+    const int first = std::stoi(a.substr(0, 2), nullptr, 16);
+    EXPECT_EQ(first & 0x03, 0x02) << a;  // locally administered, unicast
+    EXPECT_NE(DeviceIdentity::firstMacAddress(), DeviceIdentity::kNoMacAddress);
 }

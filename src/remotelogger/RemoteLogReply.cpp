@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: MIT
+#include "RemoteLogReply.h"
+
+#include "KibVariantHolder.h"
+
+const char* const RemoteLogReply::kUnknownSourceText =
+    "AppendLog: unknown source: announce it with SetLogSource first";
+
+RemoteLogReply::RemoteLogReply(KibDeferredReply reply, const char* service, int parts)
+    : reply_(std::move(reply)), service_(service), remaining_(parts > 0 ? parts : 1) {}
+
+void RemoteLogReply::partDone(int error, const CStdStr& message) {
+    if (error != 0) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (failure_.empty()) failure_ = service_ + ": " + message;
+    }
+    finishPart();
+}
+
+void RemoteLogReply::unknownSource() {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        unknown_ = true;
+    }
+    finishPart();
+}
+
+void RemoteLogReply::finishPart() {
+    if (--remaining_ != 0) return;
+    std::string failure;
+    bool unknown = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        failure = failure_;
+        unknown = unknown_;
+    }
+    if (!failure.empty()) {
+        reply_.fail(failure.c_str(), kNotWrittenCode);
+    } else if (unknown) {
+        KibVariantHolder text;
+        text.edit().vt = VT_BSTR;
+        text.edit().bstrVal = SysAllocString(kUnknownSourceText);
+        reply_.succeed(kUnknownSourceStatus, &text.get());
+    } else {
+        reply_.succeed(0);
+    }
+}

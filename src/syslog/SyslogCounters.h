@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: MIT
+// SyslogCounters: what the syslog listeners counted since start. Written by the listener
+// thread, read by anyone (tests, the summary logged at stop).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+struct SyslogCounters {
+    std::atomic<std::uint64_t> lines{0};               // messages written to a file
+    std::atomic<std::uint64_t> truncated{0};           // messages cut at the maximum size
+    std::atomic<std::uint64_t> rateDropped{0};         // datagrams over a sender's rate
+    std::atomic<std::uint64_t> ratePaused{0};          // times a connection was held back
+    std::atomic<std::uint64_t> refusedNames{0};        // host names not usable in a file name
+    std::atomic<std::uint64_t> refusedFiles{0};        // lines whose file is not a plain file
+    std::atomic<std::uint64_t> senderCapDropped{0};    // lines of senders past the cap
+    std::atomic<std::uint64_t> connectionsRefused{0};  // connections past the cap
+    std::atomic<std::uint64_t> badFrames{0};           // connections closed on a bad frame
+};

@@ -1,0 +1,420 @@
+// SPDX-License-Identifier: MIT
+#include "SyslogServer.h"
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "CBBLog.h"
+#include "PThread.h"
+#include "SyslogStore.h"
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+const char* const kThreadName = "nimb-syslog";
+constexpr int kMaxEvents = 128;
+constexpr int kAcceptsPerRound = 16;
+// How often held-back connections are looked at again.
+constexpr int kPausedPollMs = 10;
+// Address buckets kept before idle ones are forgotten.
+constexpr std::size_t kMaxBuckets = 4096;
+
+const char* kindName(int kind) { return kind == 0 ? "UDP" : kind == 1 ? "TCP" : "TLS"; }
+
+std::string addressOf(const sockaddr_storage& peer) {
+    char text[INET6_ADDRSTRLEN] = "?";
+    if (peer.ss_family == AF_INET) {
+        inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in&>(peer).sin_addr, text,
+                  sizeof(text));
+    } else if (peer.ss_family == AF_INET6) {
+        inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6&>(peer).sin6_addr, text,
+                  sizeof(text));
+    }
+    return text;
+}
+
+}  // namespace
+
+SyslogServer::SyslogServer(const SyslogSettings& settings)
+    : settings_(settings), buffer_(kReadChunk) {}
+
+SyslogServer::~SyslogServer() {
+    stop();
+    for (const auto& listener : listeners_) close(listener.first);
+    if (wake_ != -1) close(wake_);
+    if (epoll_ != -1) close(epoll_);
+}
+
+long long SyslogServer::steadyMs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+}
+
+long long SyslogServer::nowMs() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+}
+
+bool SyslogServer::start() {
+    epoll_ = epoll_create1(EPOLL_CLOEXEC);
+    wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (epoll_ == -1 || wake_ == -1) {
+        CBBLog::error("Syslog: cannot create the event loop: %s", strerror(errno));
+        return false;
+    }
+    listeners_[wake_] = Kind::kWake;
+    watch(wake_, EPOLLIN, true);
+    if (settings_.tlsPort > 0) {
+        std::string error;
+        if (!tls_.load(settings_.certFile, settings_.keyFile, error)) {
+            CBBLog::error("Syslog: TLS listener not started: %s", error.c_str());
+            return false;
+        }
+    }
+    if ((settings_.udpPort > 0 && !openListener(settings_.udpPort, Kind::kUdp)) ||
+        (settings_.tcpPort > 0 && !openListener(settings_.tcpPort, Kind::kTcp)) ||
+        (settings_.tlsPort > 0 && !openListener(settings_.tlsPort, Kind::kTls)))
+        return false;
+    store_ = std::make_unique<SyslogStore>(settings_, counters_);
+    thread_ = std::make_unique<PThread>(
+        PThreadDelegateMember<SyslogServer>(this, &SyslogServer::run), nullptr, kThreadName);
+    return true;
+}
+
+bool SyslogServer::openListener(int port, Kind kind) {
+    const bool udp = kind == Kind::kUdp;
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = udp ? SOCK_DGRAM : SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICHOST | AI_NUMERICSERV;
+    addrinfo* found = nullptr;
+    const std::string service = std::to_string(port);
+    const char* what = kindName(static_cast<int>(kind));
+    const int status = getaddrinfo(settings_.address.c_str(), service.c_str(), &hints, &found);
+    if (status != 0) {
+        CBBLog::error("Syslog: cannot listen on %s %s port %d: %s", what, settings_.address.c_str(),
+                      port, gai_strerror(status));
+        return false;
+    }
+    const int fd = socket(found->ai_family, found->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    const int yes = 1;
+    bool ok = fd != -1 && setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes)) == 0 &&
+              bind(fd, found->ai_addr, found->ai_addrlen) == 0 && (udp || listen(fd, 128) == 0);
+    const int error = errno;
+    freeaddrinfo(found);
+    if (!ok) {
+        CBBLog::error("Syslog: cannot listen on %s %s port %d: %s", what, settings_.address.c_str(),
+                      port, strerror(error));
+        if (fd != -1) close(fd);
+        return false;
+    }
+    if (udp) {
+        const int size = 4 * 1024 * 1024;  // room for a burst while a round runs
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
+    }
+    listeners_[fd] = kind;
+    watch(fd, EPOLLIN, true);
+    CBBLog::info("Syslog: listening on %s %s port %d", what, settings_.address.c_str(), port);
+    return true;
+}
+
+void SyslogServer::watch(int fd, unsigned events, bool add) {
+    epoll_event event{};
+    event.events = events;
+    event.data.fd = fd;
+    epoll_ctl(epoll_, add ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, fd, &event);
+}
+
+void SyslogServer::stop() {
+    if (!thread_) return;
+    const uint64_t one = 1;
+    // The eventfd counter cannot overflow with one write; a failure would leave the
+    // thread running, and the join below would show it.
+    if (write(wake_, &one, sizeof(one)) != sizeof(one))
+        CBBLog::error("Syslog: cannot wake the listener thread: %s", strerror(errno));
+    thread_->join();
+    thread_.reset();
+    for (auto& entry : connections_) {
+        Connection& connection = *entry.second;
+        connection.framer.finish([&](std::string_view message, std::size_t cut) {
+            store_->add(message, cut, connection.address, nowMs());
+        });
+        if (connection.ssl != nullptr) SSL_free(connection.ssl);
+        close(connection.fd);
+    }
+    connections_.clear();
+    store_->flush();
+    CBBLog::info(
+        "Syslog: stopped; %llu lines written, %llu truncated, %llu dropped over the "
+        "rate bound, %llu connections held back, %llu dropped past the sender cap, "
+        "%llu refused files, %llu refused connections",
+        static_cast<unsigned long long>(counters_.lines.load()),
+        static_cast<unsigned long long>(counters_.truncated.load()),
+        static_cast<unsigned long long>(counters_.rateDropped.load()),
+        static_cast<unsigned long long>(counters_.ratePaused.load()),
+        static_cast<unsigned long long>(counters_.senderCapDropped.load()),
+        static_cast<unsigned long long>(counters_.refusedFiles.load()),
+        static_cast<unsigned long long>(counters_.connectionsRefused.load()));
+    store_.reset();
+}
+
+void* SyslogServer::run(void*) {
+    try {
+        while (!stopping_) {
+            // With lines gathered, only look for more (and hand them on when there is none).
+            const bool busy = !again_.empty() || store_->hasPending();
+            runRound(busy ? 0 : !paused_.empty() ? kPausedPollMs : -1);
+        }
+    } catch (const std::exception& e) {
+        CBBLog::fatal("%s: %s", kThreadName, e.what());
+        abort();
+    }
+    return nullptr;
+}
+
+void SyslogServer::runRound(int timeoutMs) {
+    epoll_event events[kMaxEvents];
+    const int count = epoll_wait(epoll_, events, kMaxEvents, timeoutMs);
+    std::vector<int> again;
+    again.swap(again_);
+    for (const int fd : again) {
+        const auto found = connections_.find(fd);
+        if (found != connections_.end()) readConnection(*found->second);
+    }
+    for (int i = 0; i < count; ++i) {
+        const int fd = events[i].data.fd;
+        const auto listener = listeners_.find(fd);
+        if (listener != listeners_.end()) {
+            if (listener->second == Kind::kWake) {
+                stopping_ = true;
+            } else if (listener->second == Kind::kUdp) {
+                readDatagrams(fd);
+            } else {
+                acceptConnections(fd, listener->second);
+            }
+            continue;
+        }
+        const auto found = connections_.find(fd);
+        if (found != connections_.end()) readConnection(*found->second);
+    }
+    // Lines go to their loggers in large pieces (fewer writer wake-ups and writes): when
+    // nothing more is ready to read, or kFlushDelayMs after the first line gathered.
+    if (store_->hasPending()) {
+        const long long now = steadyMs();
+        if (flushDueMs_ == 0) flushDueMs_ = now + kFlushDelayMs;
+        if (count <= 0 || now >= flushDueMs_) {
+            store_->flush();
+            flushDueMs_ = 0;
+        }
+    }
+    if (!paused_.empty()) resumePaused();
+}
+
+SyslogRateBucket* SyslogServer::bucketFor(const std::string& address) {
+    if (settings_.maxLinesPerSecond <= 0) return nullptr;
+    const double now = static_cast<double>(steadyMs()) / 1000.0;
+    auto found = buckets_.find(address);
+    if (found == buckets_.end()) {
+        if (buckets_.size() >= kMaxBuckets) {
+            // Forget addresses that are idle (full buckets): they start full again anyway.
+            for (auto it = buckets_.begin(); it != buckets_.end();) {
+                it->second.refill(now);
+                it = it->second.isFull() ? buckets_.erase(it) : std::next(it);
+            }
+        }
+        found = buckets_.emplace(address, SyslogRateBucket(settings_.maxLinesPerSecond, now)).first;
+    }
+    found->second.refill(now);
+    return &found->second;
+}
+
+void SyslogServer::readDatagrams(int fd) {
+    for (int i = 0; i < kDatagramsPerRound; ++i) {
+        sockaddr_storage peer{};
+        socklen_t peerLength = sizeof(peer);
+        const ssize_t length = recvfrom(fd, buffer_.data(), buffer_.size(), MSG_TRUNC,
+                                        reinterpret_cast<sockaddr*>(&peer), &peerLength);
+        if (length < 0) return;  // EAGAIN: all read; other errors: try again next round
+        const std::string address = addressOf(peer);
+        SyslogRateBucket* bucket = bucketFor(address);
+        if (bucket != nullptr) {
+            if (!bucket->hasRoom()) {
+                ++counters_.rateDropped;
+                rateDropLog_.error("Syslog: " + address + " sends more than " +
+                                   std::to_string(settings_.maxLinesPerSecond) +
+                                   " lines a second; datagrams dropped");
+                continue;
+            }
+            bucket->take();
+        }
+        // MSG_TRUNC gives the datagram's real length: what did not fit was cut.
+        const std::size_t received = std::min(static_cast<std::size_t>(length), buffer_.size());
+        store_->add(std::string_view(buffer_.data(), received),
+                    static_cast<std::size_t>(length) - received, address, nowMs());
+    }
+}
+
+void SyslogServer::acceptConnections(int fd, Kind kind) {
+    for (int i = 0; i < kAcceptsPerRound; ++i) {
+        sockaddr_storage peer{};
+        socklen_t peerLength = sizeof(peer);
+        const int client = accept4(fd, reinterpret_cast<sockaddr*>(&peer), &peerLength,
+                                   SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (client == -1) return;  // EAGAIN, or a connection that went away
+        const std::string address = addressOf(peer);
+        if (connections_.size() >= static_cast<std::size_t>(settings_.maxConnections)) {
+            ++counters_.connectionsRefused;
+            connectionLog_.error("Syslog: too many connections: at most " +
+                                 std::to_string(settings_.maxConnections) + "; refused one from " +
+                                 address);
+            close(client);
+            continue;
+        }
+        auto connection = std::make_unique<Connection>(settings_.maxMessageSize);
+        connection->fd = client;
+        connection->address = address;
+        if (kind == Kind::kTls) {
+            connection->ssl = tls_.newSession(client);
+            if (connection->ssl == nullptr) {
+                frameLog_.error("Syslog: cannot start a TLS session for " + address);
+                close(client);
+                continue;
+            }
+        }
+        watch(client, EPOLLIN, true);
+        connections_[client] = std::move(connection);
+    }
+}
+
+void SyslogServer::deliver(Connection& connection, std::string_view data) {
+    const long long arrival = nowMs();
+    SyslogRateBucket* bucket = bucketFor(connection.address);
+    const bool ok = connection.framer.feed(data, [&](std::string_view message, std::size_t cut) {
+        if (bucket != nullptr) bucket->take();
+        store_->add(message, cut, connection.address, arrival);
+    });
+    if (!ok) {
+        ++counters_.badFrames;
+        closeConnection(connection, "bad frame length");
+    }
+}
+
+void SyslogServer::readConnection(Connection& connection) {
+    // A sender over its rate is not read until its bucket has room again: TCP holds
+    // the rest, so nothing is lost, and the sender's own daemon slows down.
+    SyslogRateBucket* bucket = bucketFor(connection.address);
+    if (bucket != nullptr && !bucket->hasRoom()) {
+        if (!connection.paused) {
+            connection.paused = true;
+            ++counters_.ratePaused;
+            ratePauseLog_.error("Syslog: " + connection.address + " sends more than " +
+                                std::to_string(settings_.maxLinesPerSecond) +
+                                " lines a second; reading from it slowed down");
+            // Out of the poll set altogether: a hang-up would be reported even with no
+            // events asked for, and the loop would spin until the bucket refills.
+            epoll_ctl(epoll_, EPOLL_CTL_DEL, connection.fd, nullptr);
+            paused_.push_back(connection.fd);
+        }
+        return;
+    }
+    if (connection.ssl != nullptr) {
+        readTls(connection);
+        return;
+    }
+    const ssize_t length = read(connection.fd, buffer_.data(), buffer_.size());
+    if (length > 0) {
+        deliver(connection, std::string_view(buffer_.data(), static_cast<std::size_t>(length)));
+    } else if (length == 0 || (errno != EAGAIN && errno != EINTR)) {
+        closeConnection(connection, nullptr);
+    }
+}
+
+bool SyslogServer::readTls(Connection& connection) {
+    SSL* ssl = connection.ssl;
+    if (!connection.handshakeDone) {
+        const int result = SSL_do_handshake(ssl);
+        if (result != 1) {
+            const int error = SSL_get_error(ssl, result);
+            if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
+                watch(connection.fd, EPOLLIN | (error == SSL_ERROR_WANT_WRITE ? EPOLLOUT : 0u),
+                      false);
+                return true;
+            }
+            char reason[256] = "connection closed";
+            const unsigned long code = ERR_get_error();
+            if (code != 0) ERR_error_string_n(code, reason, sizeof(reason));
+            ERR_clear_error();
+            frameLog_.error("Syslog: TLS handshake with " + connection.address +
+                            " failed: " + reason);
+            closeConnection(connection, nullptr);
+            return false;
+        }
+        connection.handshakeDone = true;
+        watch(connection.fd, EPOLLIN, false);
+    }
+    std::size_t total = 0;
+    while (total < kReadChunk) {
+        const int length = SSL_read(ssl, buffer_.data(), static_cast<int>(buffer_.size()));
+        if (length > 0) {
+            total += static_cast<std::size_t>(length);
+            const int fd = connection.fd;
+            deliver(connection, std::string_view(buffer_.data(), static_cast<std::size_t>(length)));
+            if (connections_.find(fd) == connections_.end()) return false;  // closed
+            continue;
+        }
+        const int error = SSL_get_error(ssl, length);
+        ERR_clear_error();
+        if (error == SSL_ERROR_WANT_READ) return true;
+        if (error == SSL_ERROR_WANT_WRITE) {
+            watch(connection.fd, EPOLLIN | EPOLLOUT, false);
+            return true;
+        }
+        closeConnection(connection, nullptr);
+        return false;
+    }
+    if (SSL_pending(ssl) > 0) again_.push_back(connection.fd);
+    return true;
+}
+
+void SyslogServer::closeConnection(Connection& connection, const char* reason) {
+    if (reason != nullptr) {
+        frameLog_.error("Syslog: closed the connection from " + connection.address + ": " + reason);
+    } else {
+        connection.framer.finish([&](std::string_view message, std::size_t cut) {
+            store_->add(message, cut, connection.address, nowMs());
+        });
+    }
+    const int fd = connection.fd;
+    epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
+    if (connection.ssl != nullptr) SSL_free(connection.ssl);
+    close(fd);
+    connections_.erase(fd);  // destroys `connection`
+}
+
+void SyslogServer::resumePaused() {
+    std::vector<int> still;
+    for (const int fd : paused_) {
+        const auto found = connections_.find(fd);
+        if (found == connections_.end()) continue;
+        Connection& connection = *found->second;
+        SyslogRateBucket* bucket = bucketFor(connection.address);
+        if (bucket != nullptr && !bucket->hasRoom()) {
+            still.push_back(fd);
+            continue;
+        }
+        connection.paused = false;
+        watch(fd, EPOLLIN, true);
+    }
+    paused_.swap(still);
+}

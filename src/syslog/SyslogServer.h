@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: MIT
+// SyslogServer: the collector's syslog listeners (UDP, TCP, TLS) on one thread of their
+// own, "nimb-syslog", which reads, parses and files every message, so the bus path
+// never waits for it. Fairness: each round of the thread's loop reads at most one chunk
+// (64 KiB) from every ready connection and 64 datagrams from the UDP socket; gathered
+// lines go to their loggers when nothing more is ready to read, and at the latest
+// kFlushDelayMs after they were read. A flooding sender therefore delays another's lines
+// by at most that and one round, and its own rate bound holds it back beyond that. Created, started
+// and stopped by the collector on its main thread.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "SyslogCounters.h"
+#include "SyslogFramer.h"
+#include "SyslogRateBucket.h"
+#include "SyslogSettings.h"
+#include "SyslogThrottledLog.h"
+#include "SyslogTlsContext.h"
+
+class PThread;
+class SyslogStore;
+
+class SyslogServer {
+public:
+    static constexpr std::size_t kReadChunk = 65536;
+    static constexpr int kDatagramsPerRound = 64;
+    // Longest time a line read waits before it is handed to its file's logger.
+    static constexpr long long kFlushDelayMs = 20;
+
+    explicit SyslogServer(const SyslogSettings& settings);
+    SyslogServer(const SyslogServer&) = delete;
+    SyslogServer& operator=(const SyslogServer&) = delete;
+    // Stops (see stop()).
+    ~SyslogServer();
+
+    // Opens every enabled listener and starts the thread. False, with the reason logged,
+    // when a listener cannot be opened or the TLS files cannot be used; nothing runs then.
+    // Main thread; call once.
+    bool start();
+    // Stops reading, files every message already read (a last line without newline
+    // included), hands everything to the loggers and joins the thread. The loggers then
+    // write what they hold when the server is destroyed. Harmless twice. Main thread.
+    void stop();
+    const SyslogCounters& counters() const { return counters_; }
+
+private:
+    enum class Kind { kUdp, kTcp, kTls, kWake };
+    struct Connection {
+        explicit Connection(std::size_t maxSize) : framer(maxSize) {}
+        int fd = -1;
+        std::string address;
+        SyslogFramer framer;
+        struct ssl_st* ssl = nullptr;
+        bool handshakeDone = false;
+        bool paused = false;
+    };
+
+    bool openListener(int port, Kind kind);
+    void* run(void*);
+    void runRound(int timeoutMs);
+    void readDatagrams(int fd);
+    void acceptConnections(int fd, Kind kind);
+    void readConnection(Connection& connection);
+    bool readTls(Connection& connection);
+    void deliver(Connection& connection, std::string_view data);
+    void closeConnection(Connection& connection, const char* reason);
+    void resumePaused();
+    SyslogRateBucket* bucketFor(const std::string& address);
+    void watch(int fd, unsigned events, bool add);
+    static long long nowMs();
+    static long long steadyMs();
+
+    // Immutable after construction.
+    SyslogSettings settings_;
+    SyslogCounters counters_;
+    SyslogTlsContext tls_;
+    int epoll_ = -1;
+    int wake_ = -1;  // eventfd: stop() writes, the thread wakes and ends
+
+    // Listener thread only (and the main thread before start / after join).
+    std::unique_ptr<SyslogStore> store_;
+    std::unordered_map<int, Kind> listeners_;
+    std::unordered_map<int, std::unique_ptr<Connection>> connections_;
+    std::unordered_map<std::string, SyslogRateBucket> buckets_;
+    std::vector<int> paused_;
+    std::vector<int> again_;  // TLS connections with decrypted bytes still buffered
+    std::vector<char> buffer_;
+    long long flushDueMs_ = 0;  // steady ms by which gathered lines are handed on; 0: none
+    bool stopping_ = false;
+    SyslogThrottledLog rateDropLog_;
+    SyslogThrottledLog ratePauseLog_;
+    SyslogThrottledLog connectionLog_;
+    SyslogThrottledLog frameLog_;
+
+    std::unique_ptr<PThread> thread_;
+};

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: MIT
+// SyslogSettings: what the syslog listeners read from the settings under
+// "Software\Pellix\Nimb\Syslog". A plain value, read once at start-up.
+#pragma once
+
+#include <string>
+
+struct SyslogSettings {
+    static constexpr const char* kKey = "Software\\Pellix\\Nimb\\Syslog";
+
+    // Ports; 0 (or missing) leaves that listener off.
+    int udpPort = 0;
+    int tcpPort = 0;
+    int tlsPort = 0;
+    // The address the listeners bind to; loopback unless the user opens it up.
+    std::string address = "127.0.0.1";
+    // PEM files of the TLS listener's certificate (chain) and private key.
+    std::string certFile;
+    std::string keyFile;
+    // Longer messages are cut to this many bytes.
+    int maxMessageSize = 8192;
+    // Stamps are rewritten into server time when the sender's clock is off by more.
+    int clockThreshold = 2;
+    // Lines per second a sender's address may send (0: no bound); twice that in a burst.
+    int maxLinesPerSecond = 5000;
+    // Open TCP and TLS connections at one time.
+    int maxConnections = 64;
+    // Distinct senders (host names, or addresses) with files, over the collector's life.
+    int maxSenders = 64;
+    // Applications with a file of their own per sender; later ones share "syslog".
+    int maxAppsPerSender = 16;
+
+    // Reads every value present; a value out of range is logged and replaced by the
+    // nearest bound. Any thread.
+    static SyslogSettings read();
+    bool isEnabled() const { return udpPort > 0 || tcpPort > 0 || tlsPort > 0; }
+};

@@ -1,0 +1,224 @@
+// SPDX-License-Identifier: MIT
+#include "SyslogStore.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+#include "CBBLog.h"
+#include "NimbRemoteLogger.h"
+#include "RemoteLogNames.h"
+#include "SyslogParser.h"
+#include <sys/stat.h>
+
+namespace {
+
+const char* const kDefaultApp = "syslog";
+// A file's gathered lines are handed on at this size even before the round ends.
+constexpr std::size_t kFlushSize = 64 * 1024;
+
+bool isPrintableAscii(const std::string& text) {
+    for (const char c : text) {
+        if (c <= ' ' || c >= 0x7F) return false;
+    }
+    return true;
+}
+
+std::string localTime(long long seconds) { return SyslogClock::formatTime(seconds, true); }
+
+// Remote text quoted in a log entry: inert and short.
+std::string quoted(const std::string& text) {
+    std::string out = "\"";
+    SyslogParser::appendInert(out, std::string_view(text).substr(0, 64));
+    if (text.size() > 64) out += "...";
+    return out + "\"";
+}
+
+}  // namespace
+
+SyslogStore::SyslogStore(const SyslogSettings& settings, SyslogCounters& counters)
+    : settings_(settings), logsDir_(CBBLog::getLogsDirectory()), counters_(counters) {}
+
+SyslogStore::~SyslogStore() { flush(); }
+
+std::string SyslogStore::senderName(const std::string& hostname, const std::string& address,
+                                    std::string& reason) {
+    reason.clear();
+    if (hostname.empty()) return address;
+    if (RemoteLogNames::hasSeparator(hostname)) {
+        reason = "holds \"/\" or \"\\\"";
+    } else if (!isPrintableAscii(hostname)) {
+        reason = "holds control characters, blanks or non-ASCII bytes";
+    } else if (hostname[0] == '.') {
+        reason = "starts with \".\"";
+    } else if (fileName(hostname, kDefaultApp).size() > RemoteLogNames::kMaxFileName) {
+        reason = "file name longer than 250 bytes";
+    }
+    return reason.empty() ? hostname : address;
+}
+
+std::string SyslogStore::fileName(const std::string& sender, const std::string& appName) {
+    if (!appName.empty() && isPrintableAscii(appName)) {
+        const std::string id = RemoteLogNames::logId("", appName);
+        const std::string name = RemoteLogNames::fileName(sender, id);
+        if (id != "-" && RemoteLogNames::isPlainFileName(name)) return name;
+    }
+    return RemoteLogNames::fileName(sender, RemoteLogNames::logId("", kDefaultApp));
+}
+
+void SyslogStore::add(std::string_view bytes, std::size_t cutBytes, const std::string& address,
+                      long long arrivalMs) {
+    SyslogMessage& message = message_;
+    SyslogParser::parseInto(bytes, static_cast<std::size_t>(settings_.maxMessageSize), message);
+    message.truncatedBytes += cutBytes;
+    if (message.text.empty()) return;  // an empty line between messages
+    const Route* route = findRoute(message, address);
+    if (route == nullptr) return;
+    if (!route->refusal.empty()) {
+        ++counters_.refusedNames;
+        nameLog_.error("Syslog: refused host name " + quoted(message.hostname) + " from " +
+                       address + ": " + route->refusal + "; filed under the address");
+    }
+    Sender& sender = *route->sender;
+    Log& log = *route->log;
+    const long long arrival = arrivalMs / 1000;
+    sender.clock.addSample(message.stamp, arrivalMs);
+    if (!log.logger) {
+        ++counters_.refusedFiles;
+        return;
+    }
+    const bool known = sender.clock.isKnown();
+    if (!log.headerWritten ||
+        (known && (!log.headerKnown || std::llabs(sender.clock.offsetSeconds() - log.headerOffset) >
+                                           settings_.clockThreshold)))
+        appendHeader(log, sender, route->name, address, arrival);
+    appendLine(log, sender, message, arrival);
+}
+
+const SyslogStore::Route* SyslogStore::findRoute(const SyslogMessage& message,
+                                                 const std::string& address) {
+    routeKey_.assign(address);
+    routeKey_ += '\n';
+    routeKey_ += message.hostname;
+    routeKey_ += '\n';
+    routeKey_ += message.appName;
+    const auto found = routes_.find(routeKey_);
+    if (found != routes_.end()) return &found->second;
+    Route route;
+    route.name = senderName(message.hostname, address, route.refusal);
+    route.sender = findSender(route.name, address);
+    if (route.sender == nullptr) return nullptr;  // past the cap: looked at again next time
+    route.log = findLog(*route.sender, route.name, message);
+    // Senders choose the keys: forgotten wholesale now and then (they are rebuilt from
+    // the maps above, which hold what matters).
+    if (routes_.size() >= kMaxRoutes) routes_.clear();
+    return &routes_.emplace(routeKey_, std::move(route)).first->second;
+}
+
+SyslogStore::Sender* SyslogStore::findSender(const std::string& name, const std::string& address) {
+    const auto found = senders_.find(name);
+    if (found != senders_.end()) return &found->second;
+    if (senders_.size() >= static_cast<std::size_t>(settings_.maxSenders)) {
+        ++counters_.senderCapDropped;
+        senderCapLog_.error("Syslog: too many senders: at most " +
+                            std::to_string(settings_.maxSenders) + "; dropped a line from " +
+                            quoted(name) + " (" + address + ")");
+        return nullptr;
+    }
+    return &senders_[name];
+}
+
+SyslogStore::Log* SyslogStore::findLog(Sender& sender, const std::string& name,
+                                       const SyslogMessage& message) {
+    std::string file = fileName(name, message.appName);
+    auto found = logs_.find(file);
+    if (found != logs_.end()) return found->second.get();
+    // Past the sender's application cap, further applications share its "syslog" file.
+    if (sender.apps >= settings_.maxAppsPerSender) {
+        file = fileName(name, kDefaultApp);
+        found = logs_.find(file);
+        if (found != logs_.end()) return found->second.get();
+    }
+    ++sender.apps;
+    return openLog(file);
+}
+
+SyslogStore::Log* SyslogStore::openLog(const std::string& file) {
+    auto log = std::make_unique<Log>();
+    // Only a plain file (or none yet) is written: a link planted at the name could point
+    // anywhere.
+    struct stat info {};
+    const std::string path = logsDir_ + "/" + file;
+    if (lstat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+        fileLog_.error("Syslog: refused log file " + quoted(file) +
+                       ": it exists and is not a plain file; its lines are dropped");
+    } else {
+        log->logger.reset(new CBBLog(file, false, NimbRemoteLogger::kRemoteLogSize));
+    }
+    Log* raw = log.get();
+    logs_[file] = std::move(log);
+    return raw;
+}
+
+void SyslogStore::appendHeader(Log& log, Sender& sender, const std::string& name,
+                               const std::string& address, long long arrivalSeconds) {
+    std::string clock = " clock unknown";
+    std::string senderTime = localTime(arrivalSeconds);
+    if (sender.clock.isKnown()) {
+        const long long offset = sender.clock.offsetSeconds();
+        char text[96];
+        std::snprintf(text, sizeof(text), " clock %+lld s%s", offset,
+                      std::llabs(offset) > settings_.clockThreshold ? ", stamps rewritten" : "");
+        clock = text;
+        senderTime = sender.clock.senderTime(arrivalSeconds);
+        log.headerKnown = true;
+        log.headerOffset = offset;
+    }
+    log.headerWritten = true;
+    log.pending += "\n===== " + name + " - syslog " + address + clock + " === " + senderTime +
+                   " <-> " + localTime(arrivalSeconds) + " =====\n";
+}
+
+void SyslogStore::appendLine(Log& log, Sender& sender, SyslogMessage& message,
+                             long long arrivalSeconds) {
+    if (message.stamp.present) {
+        const long long offset = sender.clock.offsetSeconds();
+        if (std::llabs(offset) > settings_.clockThreshold) {
+            log.pending += sender.clock.rewrite(message.stamp, arrivalSeconds);
+            log.pending.append(message.text, message.stampLength, std::string::npos);
+        } else {
+            log.pending += message.text;
+        }
+    } else {
+        // No stamp of its own: the arrival time, as a converted stamp would read.
+        log.pending += localTime(arrivalSeconds);
+        log.pending += ' ';
+        log.pending += message.text;
+    }
+    if (message.truncatedBytes != 0) {
+        ++counters_.truncated;
+        log.pending += " [truncated: " + std::to_string(message.truncatedBytes) + " bytes cut]";
+    }
+    log.pending += '\n';
+    ++counters_.lines;
+    if (log.pending.size() >= kFlushSize) {
+        flushLog(log);
+    } else if (!log.inFlush) {
+        log.inFlush = true;
+        dirty_.push_back(&log);
+    }
+}
+
+void SyslogStore::flushLog(Log& log) {
+    if (log.pending.empty()) return;
+    log.logger->AddRawLog(log.pending.c_str());
+    log.pending.clear();
+}
+
+void SyslogStore::flush() {
+    for (Log* log : dirty_) {
+        flushLog(*log);
+        log->inFlush = false;
+    }
+    dirty_.clear();
+}

@@ -1,0 +1,152 @@
+// SPDX-License-Identifier: MIT
+// Where received messages go: file names (hostile ones included), the header line, the
+// clock rewriting, the notes on cut messages and the sender and application caps. Each
+// test files into its own logs folder and reads the files once the store is gone.
+
+#include "SyslogStore.h"
+
+#include <set>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "DeviceLogConverter.h"
+#include "NimbTestSupport.h"
+
+namespace {
+
+using namespace nimbtest;
+
+class SyslogStoreTest : public ConfigHomeTest {
+protected:
+    void SetUp() override {
+        ConfigHomeTest::SetUp();
+        fs::create_directory(logs());
+        setSuiteSetting("LogsDir", logs().string());
+    }
+    fs::path logs() const { return fs::path(dir_.path()) / "logs"; }
+    std::string file(const std::string& name) const { return readFile(logs() / name); }
+    std::set<std::string> files() const {
+        std::set<std::string> names;
+        for (const auto& entry : fs::directory_iterator(logs()))
+            names.insert(entry.path().filename().string());
+        return names;
+    }
+    // Files every message from `address` at `arrival`, then releases the store.
+    void store(const std::vector<std::string>& messages, long long arrival,
+               const std::string& address = "192.168.1.9") {
+        SyslogStore target(settings_, counters_);
+        for (const std::string& message : messages) target.add(message, 0, address, arrival * 1000);
+    }
+    static long long utc(int month, int day, int hour, int minute, int second) {
+        return DeviceLogConverter::utcSeconds(dateTime(2026, month, day, hour, minute, second));
+    }
+
+    ScopedTimeZone zone_{"UTC"};
+    SyslogSettings settings_;
+    SyslogCounters counters_;
+};
+
+TEST_F(SyslogStoreTest, OneFilePerSenderAndApplicationWithAHeader) {
+    store(
+        {"<13>Nov 24 10:00:00 router dnsmasq[1]: one", "<13>Nov 24 10:00:01 router dnsmasq[1]: two",
+         "<13>Nov 24 10:00:01 router /usr/sbin/cron[2]: three", "<13>no stamp, no host"},
+        utc(11, 24, 10, 0, 1));
+    EXPECT_EQ(files(), (std::set<std::string>{"router-dnsmasq", "router-cron", "192.168.1.9-syslog",
+                                              "errors.log"}));
+    EXPECT_EQ(file("router-dnsmasq"),
+              "\n===== router - syslog 192.168.1.9 clock -1 s === 2026/11/24 10:00:00 <-> "
+              "2026/11/24 10:00:01 =====\n"
+              "Nov 24 10:00:00 router dnsmasq[1]: one\nNov 24 10:00:01 router dnsmasq[1]: two\n");
+    // Without a stamp of its own a line gets its arrival time.
+    EXPECT_EQ(linesOf(file("192.168.1.9-syslog")).back(), "2026/11/24 10:00:01 no stamp, no host");
+    EXPECT_NE(file("192.168.1.9-syslog").find("clock unknown"), std::string::npos);
+    EXPECT_EQ(counters_.lines, 4u);
+}
+
+TEST_F(SyslogStoreTest, HostileHostNamesAreFiledUnderTheAddress) {
+    const std::string longName(300, 'h');
+    store({"<13>Nov 24 10:00:00 ../../etc evil: a", "<13>Nov 24 10:00:00 a/b evil: b",
+           "<13>Nov 24 10:00:00 a\\b evil: c", "<13>Nov 24 10:00:00 tab\x01x evil: d",
+           "<13>Nov 24 10:00:00 " + longName + " evil: e",
+           "<13>Nov 24 10:00:00 .. ../../../../tmp/x: f", "<13>Nov 24 10:00:00 host /: g"},
+          utc(11, 24, 10, 0, 0), "10.0.0.7");
+    EXPECT_EQ(files(),
+              (std::set<std::string>{"10.0.0.7-evil", "10.0.0.7-x", "host-syslog", "errors.log"}));
+    EXPECT_EQ(linesOf(file("10.0.0.7-evil")).size(), 2u + 5u);  // header + 5 lines
+    EXPECT_EQ(counters_.refusedNames, 6u);
+    EXPECT_NE(file("10.0.0.7-evil").find("tab\\x01x evil: d"), std::string::npos);
+}
+
+TEST_F(SyslogStoreTest, APlantedLinkIsNeverWrittenThrough) {
+    const fs::path outside = fs::path(dir_.path()) / "outside.txt";
+    writeFile(outside, "keep\n");
+    fs::create_symlink(outside, logs() / "nas-sshd");
+    store({"<13>Nov 24 10:00:00 nas sshd[1]: owned", "<13>Nov 24 10:00:00 nas cron[1]: fine"},
+          utc(11, 24, 10, 0, 0));
+    EXPECT_EQ(readFile(outside), "keep\n");
+    EXPECT_EQ(counters_.refusedFiles, 1u);
+    EXPECT_NE(file("nas-cron").find("fine"), std::string::npos);
+}
+
+TEST_F(SyslogStoreTest, StampsAreRewrittenOnlyPastTheThreshold) {
+    const long long arrival = utc(11, 24, 10, 0, 0);
+    // One second off: left as sent. An hour behind: rewritten, and the header says so.
+    store({"<13>Nov 24 10:00:01 near app: x", "<13>2026-11-24T09:00:00.500Z far app: y",
+           "<13>2026-11-24T09:00:00Z far app: z"},
+          arrival);
+    EXPECT_NE(file("near-app").find("\nNov 24 10:00:01 near app: x\n"), std::string::npos);
+    const std::string far = file("far-app");
+    EXPECT_NE(far.find("clock -3600 s, stamps rewritten === 2026/11/24 09:00:00 <-> "
+                       "2026/11/24 10:00:00"),
+              std::string::npos);
+    EXPECT_NE(far.find("\n2026/11/24 10:00:00 far app: y\n2026/11/24 10:00:00 far app: z\n"),
+              std::string::npos);
+}
+
+TEST_F(SyslogStoreTest, ANewClockTieWritesANewHeader) {
+    std::vector<std::string> messages;
+    // The sender's clock is set back by an hour after five lines; the median follows
+    // once most of its window holds the new difference.
+    for (int i = 0; i < 200; ++i)
+        messages.push_back(i < 5 ? "<13>Nov 24 10:00:00 cam app: a"
+                                 : "<13>Nov 24 09:00:00 cam app: b");
+    store(messages, utc(11, 24, 10, 0, 0));
+    const std::string text = file("cam-app");
+    EXPECT_NE(text.find("clock +0 s ==="), std::string::npos);
+    EXPECT_NE(text.find("clock -3600 s, stamps rewritten ==="), std::string::npos);
+    EXPECT_EQ(text.find("=====", text.find("-3600 s") + 100), std::string::npos);  // only two
+}
+
+TEST_F(SyslogStoreTest, CutMessagesSayHowMuchWasCut) {
+    settings_.maxMessageSize = 480;
+    {
+        SyslogStore target(settings_, counters_);
+        target.add("<13>Nov 24 10:00:00 nas app: " + std::string(1000, 'x'), 0, "10.0.0.1",
+                   utc(11, 24, 10, 0, 0) * 1000);
+        target.add("<13>Nov 24 10:00:00 nas app: short", 70, "10.0.0.1",
+                   utc(11, 24, 10, 0, 0) * 1000);
+    }
+    const auto lines = linesOf(file("nas-app"));
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[2].size(), 476u + std::string(" [truncated: 549 bytes cut]").size());
+    EXPECT_EQ(lines[3], "Nov 24 10:00:00 nas app: short [truncated: 70 bytes cut]");
+    EXPECT_EQ(counters_.truncated, 2u);
+}
+
+TEST_F(SyslogStoreTest, SenderAndApplicationCapsHold) {
+    settings_.maxSenders = 2;
+    settings_.maxAppsPerSender = 2;
+    store({"<13>Nov 24 10:00:00 a one: 1", "<13>Nov 24 10:00:00 a two: 2",
+           "<13>Nov 24 10:00:00 a three: 3", "<13>Nov 24 10:00:00 b one: 4",
+           "<13>Nov 24 10:00:00 c one: 5"},
+          utc(11, 24, 10, 0, 0));
+    // The third application shares the sender's "syslog" file; the third sender is dropped.
+    EXPECT_EQ(files(),
+              (std::set<std::string>{"a-one", "a-two", "a-syslog", "b-one", "errors.log"}));
+    EXPECT_NE(file("a-syslog").find("a three: 3"), std::string::npos);
+    EXPECT_EQ(counters_.senderCapDropped, 1u);
+    EXPECT_EQ(counters_.lines, 4u);
+}
+
+}  // namespace
