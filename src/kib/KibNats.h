@@ -46,4 +46,9 @@ public:
     // constantly, and on a small machine a spinning waiter only steals the core its
     // lock holder needs.
     static natsStatus createOptions(natsOptions** options);
+    // A subject a reply may go to: the requester's own inbox, "_INBOX." (or, for a
+    // user with inboxes of its own, "_INBOX_<user>.") followed by tokens without
+    // wildcards. Replies anywhere else (a service subject,
+    // "kib.discover") would let a requester make this satellite talk for it.
+    static bool isInboxSubject(const char* subject);
 };

@@ -46,7 +46,7 @@ void readPairs(const tagVARIANT& list, std::map<std::string, std::int64_t>& valu
 
 }  // namespace
 
-StatsClient::StatsClient(QString busHost) : busHost_(std::move(busHost)) {}
+StatsClient::StatsClient(NimbBusSettings bus) : bus_(std::move(bus)) {}
 
 StatsClient::~StatsClient() = default;
 
@@ -57,7 +57,7 @@ bool StatsClient::connectLocked() {
     nextAttempt_ = now + kRetryDelay;
     auto satellite = std::make_unique<KibSatellite>();
     const std::string name = "nimb-web-" + std::to_string(::getpid());
-    if (satellite->Connect(busHost_.toUtf8().constData(), name.c_str()) != KIB_OK) return false;
+    if (bus_.connect(*satellite, name.c_str()) != KIB_OK) return false;
     satellite_ = std::move(satellite);
     return true;
 }
@@ -66,7 +66,8 @@ StatsClient::Stats StatsClient::fetch() {
     Stats stats;
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!connectLocked()) {
-        stats.error = QStringLiteral("cannot connect to the bus at %1").arg(busHost_);
+        stats.error = QStringLiteral("cannot connect to the bus at %1")
+                          .arg(QString::fromStdString(bus_.displayHost()));
         return stats;
     }
     KibVariantHolder empty;

@@ -13,6 +13,8 @@
 #include <mutex>
 #include <string>
 
+#include "NimbBusSettings.h"
+
 class KibSatellite;
 
 class StatsClient {
@@ -23,7 +25,7 @@ public:
         std::map<std::string, std::int64_t> values;
     };
 
-    explicit StatsClient(QString busHost);
+    explicit StatsClient(NimbBusSettings bus);
     StatsClient(const StatsClient&) = delete;
     StatsClient& operator=(const StatsClient&) = delete;
     ~StatsClient();
@@ -34,7 +36,7 @@ public:
 private:
     bool connectLocked();
 
-    const QString busHost_;
+    const NimbBusSettings bus_;
     std::mutex mutex_;
     std::unique_ptr<KibSatellite> satellite_;              // guarded by mutex_
     std::chrono::steady_clock::time_point nextAttempt_{};  // guarded by mutex_

@@ -58,7 +58,7 @@ WebServer::WebServer(const WebSettings& settings, QObject* parent)
       settings_(settings),
       auth_(settings.tokenHash, settings.user, settings.passwordHash),
       catalog_(std::make_unique<LogCatalog>(settings.logsDir)),
-      stats_(std::make_unique<StatsClient>(settings.busHost)),
+      stats_(std::make_unique<StatsClient>(settings.bus)),
       tails_(new TailHub(settings.logsDir, this)) {
     pool_.setMaxThreadCount(kWorkers);
 }

@@ -25,8 +25,7 @@ WebSettings WebSettings::load() {
     settings.tokenHash = readString(kKey, "TokenHash", {});
     settings.user = readString(kKey, "User", {});
     settings.passwordHash = readString(kKey, "PasswordHash", {});
-    settings.busHost =
-        readString("Software\\Pellix\\Nimb\\Config", "kibDirectory.host", settings.busHost);
+    settings.bus = NimbBusSettings::read();
     settings.logsDir = CFileTools::GetLogsDirectory();
     const char* tmp = std::getenv("TMPDIR");
     settings.dumpDir = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";

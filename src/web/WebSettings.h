@@ -9,6 +9,8 @@
 #include <QString>
 #include <string>
 
+#include "NimbBusSettings.h"
+
 struct WebSettings {
     static constexpr const char* kKey = "Software\\Pellix\\Nimb\\Web";
     static constexpr const char* kDefaultListen = "127.0.0.1:8470";
@@ -21,7 +23,8 @@ struct WebSettings {
     QString tokenHash;
     QString user;
     QString passwordHash;
-    QString busHost = QStringLiteral("127.0.0.1");
+    // Where the collector's counters are read: the suite's bus settings (TLS, credentials).
+    NimbBusSettings bus;
     // Why a stored setting could not be used (the program refuses to start); "" if none.
     QString problem;
 
