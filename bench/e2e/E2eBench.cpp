@@ -37,6 +37,7 @@
 #include <nats/nats.h>
 
 #include "KibCodec.h"
+#include "KibSubjects.h"
 #include "KibVariant.h"
 #include "KibVariantHolder.h"
 #include "NatsServer.h"
@@ -50,8 +51,8 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-constexpr const char* kAppendSubject = "kib.svc.RemoteLogger.AppendLog";
-constexpr const char* kSetSourceSubject = "kib.svc.RemoteLogger.SetLogSource";
+const std::string kAppendSubject = KibSubjects::service("RemoteLogger", "AppendLog");
+const std::string kSetSourceSubject = KibSubjects::service("RemoteLogger", "SetLogSource");
 constexpr const char* kEchoSubject = "bench.e2e.echo";
 constexpr std::size_t kMaxBytesPerLog = 960 * 1024;
 constexpr int kFramesPerLog = 8;
@@ -383,8 +384,8 @@ bool announce(Device& device, pid_t daemon) {
     while (Clock::now() < deadline) {
         natsMsg* reply = nullptr;
         const natsStatus status =
-            natsConnection_Request(&reply, device.connection, kSetSourceSubject, frame.data(),
-                                   static_cast<int>(frame.size()), 2000);
+            natsConnection_Request(&reply, device.connection, kSetSourceSubject.c_str(),
+                                   frame.data(), static_cast<int>(frame.size()), 2000);
         if (status == NATS_OK) {
             const bool ok =
                 acceptCollectorReply(natsMsg_GetData(reply), natsMsg_GetDataLength(reply));

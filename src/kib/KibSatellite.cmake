@@ -32,7 +32,8 @@ set(NIMB_KIB_SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/include/KibReply.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibSatellite.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibSatelliteDelegate.h
-    ${CMAKE_CURRENT_LIST_DIR}/include/KibStatus.h)
+    ${CMAKE_CURRENT_LIST_DIR}/include/KibStatus.h
+    ${CMAKE_CURRENT_LIST_DIR}/include/KibSubjects.h)
 add_library(nimb_kib STATIC ${NIMB_KIB_SOURCES})
 # Public headers only; the internals (codec, transport) are reachable through the
 # separate nimb_kib_internal interface, for the library's own tests, fuzzer and benchmark.

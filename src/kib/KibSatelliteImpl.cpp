@@ -7,6 +7,7 @@
 
 #include "KibLog.h"
 #include "KibSatellite.h"
+#include "KibSubjects.h"
 
 namespace {
 
@@ -26,10 +27,6 @@ constexpr int kMaxPingsOut = 2;
 // client drops messages (the requester then times out).
 constexpr int kPendingMessages = 1024;
 constexpr int kPendingBytes = 64 * 1024 * 1024;
-
-const char* const kSubjectService = "kib.svc.";
-const char* const kSubjectPing = "kib.ping.";
-const char* const kSubjectDiscover = "kib.discover";
 
 void onMessageThunk(natsConnection* nc, natsSubscription*, natsMsg* msg, void* closure) {
     auto* s = static_cast<KibSubscription*>(closure);
@@ -246,9 +243,9 @@ void KibSatelliteImpl::unsubscribe(std::unique_ptr<KibSubscription> s) {
 
 int KibSatelliteImpl::subscribeControl() {
     const std::pair<KibSubscription::Kind, std::string> subjects[] = {
-        {KibSubscription::Kind::Ping, kSubjectPing + name_},
-        {KibSubscription::Kind::Discover, std::string(kSubjectDiscover) + "." + name_},
-        {KibSubscription::Kind::Discover, kSubjectDiscover},
+        {KibSubscription::Kind::Ping, KibSubjects::ping(name_)},
+        {KibSubscription::Kind::Discover, KibSubjects::discover(name_)},
+        {KibSubscription::Kind::Discover, KibSubjects::discover("*")},
     };
     for (const auto& [kind, subject] : subjects) {
         auto s = makeSubscription(kind, name_);
@@ -266,7 +263,7 @@ int KibSatelliteImpl::registerServices() {
         const PMutexLocker lock(mutex_);
         for (auto& [name, service] : services_) {
             if (service->sub != nullptr) continue;
-            const int status = subscribe(*service, kSubjectService + name_ + "." + name, true);
+            const int status = subscribe(*service, KibSubjects::service(name_, name), true);
             if (status != KIB_OK && result == KIB_OK) result = status;
         }
         registered_ = true;
@@ -348,7 +345,7 @@ int KibSatelliteImpl::addService(const char* name, const char* description,
         service->description = description != nullptr ? description : "";
         service->delegate = std::move(delegate);
         if (registered_ && connection_ != nullptr) {
-            result = subscribe(*service, kSubjectService + name_ + "." + name, true);
+            result = subscribe(*service, KibSubjects::service(name_, name), true);
         }
         if (result == KIB_OK) services_.emplace(name, std::move(service));
     }

@@ -6,12 +6,8 @@
 // client's threads and find their way back here through KibSubscription and
 // KibConnectionLink.
 //
-// Subjects (satellite and service names are single subject tokens):
-//   kib.svc.<satellite>.<service>   requests, queue group <satellite>
-//   kib.ping.<satellite>            ping requests, queue group <satellite>
-//   kib.avail.<satellite>           announcements of <satellite>'s instances
-//   kib.discover.<satellite>        asks <satellite>'s instances to announce
-//   kib.discover                    asks every satellite to announce
+// The subjects it uses are built by KibSubjects.h (satellite and service names are
+// single subject tokens).
 #pragma once
 
 #include <atomic>
