@@ -15,6 +15,8 @@ set(NIMB_KIB_SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/KibAvailability.h
     ${CMAKE_CURRENT_LIST_DIR}/KibCodec.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibCodec.h
+    ${CMAKE_CURRENT_LIST_DIR}/KibDropReport.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/KibDropReport.h
     ${CMAKE_CURRENT_LIST_DIR}/KibLog.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibLog.h
     ${CMAKE_CURRENT_LIST_DIR}/KibNats.cpp

@@ -24,6 +24,7 @@
 #include "KibAvailability.h"
 #include "KibCodec.h"
 #include "KibDeferredReply.h"
+#include "KibDropReport.h"
 #include "KibNats.h"
 #include "KibReply.h"
 #include "KibReplyChannel.h"
@@ -44,9 +45,11 @@ struct KibSubscription {
     KibSatelliteImpl* impl = nullptr;
     Kind kind = Kind::Service;
     std::string name;  // service name, or the watched satellite
+    std::string subject;
     std::string description;
     std::unique_ptr<KibSatelliteDelegateGeneric> delegate;
     KibNatsSubscription sub;
+    KibDropReport drops;  // what the client dropped from its full queue
 
     std::mutex mutex;
     std::condition_variable completed;
@@ -99,6 +102,9 @@ public:
 
     // Callbacks from the NATS client's threads.
     void onMessage(KibSubscription& s, natsConnection* nc, natsMsg* msg);
+    // Logs (rate-limited) what the client dropped from `sub`'s full queue; `final` for
+    // the last look before it ends. Any thread.
+    void reportDrops(KibSubscription& s, natsSubscription* sub, bool final);
     void onDisconnected();
     void onReconnected();
 
