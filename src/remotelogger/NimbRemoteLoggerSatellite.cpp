@@ -187,7 +187,7 @@ void NimbRemoteLoggerSatellite::leaveBus() {
 }
 
 std::shared_ptr<RemoteLogReply> NimbRemoteLoggerSatellite::takeReply() {
-    const std::lock_guard<std::mutex> lock(emitLock);
+    const PMutexLocker lock(emitLock);
     if (pendingReplies.empty()) return nullptr;
     std::shared_ptr<RemoteLogReply> reply = std::move(pendingReplies.front());
     pendingReplies.pop_front();
@@ -270,7 +270,7 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
 
     const auto reply = std::make_shared<RemoteLogReply>(DeferReply(), "SetLogSource",
                                                         static_cast<int>(logNames.size()));
-    const std::lock_guard<std::mutex> lock(emitLock);
+    const PMutexLocker lock(emitLock);
     for (const QString& logName : logNames) {
         queueReplyLocked(reply);
         emit addLog(macAddr, deviceId, satName, displayName, puckTime, logName);
@@ -294,7 +294,7 @@ int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char* caller, const tag
     const QString text = deliveredText(std::move(content));
     reserveBacklog("AppendLog", 1, textBytes(text));
     const auto reply = std::make_shared<RemoteLogReply>(DeferReply(), "AppendLog", 1);
-    const std::lock_guard<std::mutex> lock(emitLock);
+    const PMutexLocker lock(emitLock);
     queueReplyLocked(reply);
     emit appendLog(fromUtf8(macAddr), fromUtf8(logName), text);
     return 0;

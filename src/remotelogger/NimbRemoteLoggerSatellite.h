@@ -16,7 +16,6 @@
 #include <ctime>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <set>
 
 #include "KibSatellite.h"
@@ -100,7 +99,7 @@ private:
     // Waits for room for `calls` calls with `bytes` of text; throws "<service>: busy".
     void reserveBacklog(const char* service, std::size_t calls, std::size_t bytes);
     // Queues `reply` for the next call to be emitted; the caller holds emitLock.
-    void queueReplyLocked(const std::shared_ptr<RemoteLogReply>& reply);
+    void queueReplyLocked(const std::shared_ptr<RemoteLogReply>& reply) NIMB_REQUIRES(emitLock);
 
     // Shared with the connections that release it on the main thread.
     const std::shared_ptr<RemoteLogBacklog> backlog =
@@ -113,6 +112,6 @@ private:
 
     // Held while a handler queues replies and emits, so that both bus threads queue in
     // the order their calls reach the main thread.
-    std::mutex emitLock;
-    std::deque<std::shared_ptr<RemoteLogReply>> pendingReplies;  // guarded by emitLock
+    PMutex emitLock;
+    std::deque<std::shared_ptr<RemoteLogReply>> pendingReplies NIMB_GUARDED_BY(emitLock);
 };
