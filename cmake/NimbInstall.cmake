@@ -16,9 +16,10 @@ endif()
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/NimbLauncher DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/nimb-remote-logger.service
               ${PROJECT_SOURCE_DIR}/packaging/nats-server.conf
+              ${PROJECT_SOURCE_DIR}/packaging/nats-cluster.conf
         DESTINATION ${CMAKE_INSTALL_DATADIR}/nimb)
 foreach(page IN ITEMS operations collector settings logging crash-dumps bus-protocol
-                     kib-call logpush)
+                     security kib-call logpush)
     if(EXISTS ${PROJECT_SOURCE_DIR}/docs/${page}.md)
         install(FILES ${PROJECT_SOURCE_DIR}/docs/${page}.md
                 DESTINATION ${CMAKE_INSTALL_DATADIR}/nimb/doc)

@@ -14,7 +14,17 @@
 #
 # Re-runnable: the collector and nats-server of an earlier run that was killed are
 # stopped first; settings are rewritten; logs are kept.
+#
+# `scripts/run.sh --secure` runs the bus as devices on the network would use it, still
+# on 127.0.0.1: nimb-bus-setup writes a CA, certificates and accounts into run/bus/, the
+# server requires TLS and credentials, and a device "local" is issued for the examples.
 set -euo pipefail
+secure=0
+case ${1:-} in
+    --secure) secure=1 ;;
+    "") ;;
+    *) echo "usage: scripts/run.sh [--secure]" >&2; exit 64 ;;
+esac
 cd "$(dirname "$0")/.."
 root=$PWD
 run_dir=$root/run
@@ -102,10 +112,26 @@ else
     fi
 fi
 
+export XDG_CONFIG_HOME=$run_dir/config
+export TMPDIR=$run_dir/dumps
+bin=$prefix/bin
+config_key='Software\Pellix\Nimb\Config'
+server_args=(-a 127.0.0.1 -p "$port")
+if [ "$secure" -eq 1 ]; then
+    "$bin/nimb-bus-setup" --dir "$run_dir/bus" --listen 127.0.0.1 --port "$port" init >/dev/null
+    [ -e "$run_dir/bus/devices/local.creds" ] ||
+        "$bin/nimb-bus-setup" --dir "$run_dir/bus" add-device local >/dev/null
+    server_args=(-c "$run_dir/bus/nats-server.conf")
+else
+    # Back to plain loopback after an earlier --secure run.
+    "$bin/nimb-defaults" delete "$config_key" kibDirectory.caFile 2>/dev/null || true
+    "$bin/nimb-defaults" delete "$config_key" kibDirectory.credsFile 2>/dev/null || true
+fi
+
 trap stop_server EXIT
 # The server runs in a session of its own: the terminal's Ctrl-C reaches the collector
 # only, which leaves the bus in order; the server is stopped after it.
-setsid "$nats_server" -a 127.0.0.1 -p "$port" --pid "$nats_pid_file" \
+setsid "$nats_server" "${server_args[@]}" --pid "$nats_pid_file" \
     -l "$run_dir/nats-server.log" </dev/null &
 nats_pid=$!
 for _ in $(seq 100); do
@@ -121,10 +147,7 @@ if ! listening "$port"; then
     exit 1
 fi
 
-export XDG_CONFIG_HOME=$run_dir/config
-export TMPDIR=$run_dir/dumps
-bin=$prefix/bin
-"$bin/nimb-defaults" write 'Software\Pellix\Nimb\Config' kibDirectory.host -string "127.0.0.1:$port"
+"$bin/nimb-defaults" write "$config_key" kibDirectory.host -string "127.0.0.1:$port"
 "$bin/nimb-defaults" write 'Software\Pellix\Nimb' LogsDir -string "$run_dir/logs"
 "$bin/nimb-defaults" write 'Software\Pellix\Nimb' LogLevel -int 3
 
@@ -137,9 +160,15 @@ run: settings in run/config/pellix/, logs in run/logs/, crash dumps in run/dumps
 Push a log from another terminal (in $root):
 
 EOF
+device_options=""
+if [ "$secure" -eq 1 ]; then
+    device_options=" --ca run/bus/ca.pem --creds run/bus/devices/local.creds"
+    echo "run: TLS and accounts from run/bus/ (nimb-bus-setup); device credentials: run/bus/devices/"
+    echo
+fi
 if [ -x "$bin/nimb-logpush" ]; then
     cat <<EOF
-  XDG_CONFIG_HOME=\$PWD/run/config run/install/bin/nimb-logpush --log demo README.md
+  run/install/bin/nimb-logpush --host 127.0.0.1:$port$device_options --log demo README.md
   ls run/logs      # <host name><MAC address without colons>-demo
 
 or call the services directly:
@@ -147,9 +176,9 @@ or call the services directly:
 EOF
 fi
 cat <<EOF
-  run/install/bin/kib-call --host 127.0.0.1:$port RemoteLogger SetLogSource \\
+  run/install/bin/kib-call --host 127.0.0.1:$port$device_options RemoteLogger SetLogSource \\
     '["00:11:22:33:44:55", "puck-7", "Living room", {"date":"$now"}, {"str[]":["system.log"]}]'
-  run/install/bin/kib-call --host 127.0.0.1:$port RemoteLogger AppendLog \\
+  run/install/bin/kib-call --host 127.0.0.1:$port$device_options RemoteLogger AppendLog \\
     '["00:11:22:33:44:55", "system.log", "2026/11/22 10:00:00 hello\\n", {"date":"$now"}]'
 
   cat run/logs/puck-7001122334455-system.log

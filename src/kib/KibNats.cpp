@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "KibConnectOptions.h"
 #include "KibStatus.h"
 
 std::string KibNats::url(const char* host, unsigned short port) {
@@ -30,6 +31,43 @@ std::string KibNats::url(const char* host, unsigned short port) {
     if (port != 0) portText = std::to_string(port);
     if (portText.empty()) portText = std::to_string(kDefaultPort);
     return "nats://" + name + ":" + portText;
+}
+
+std::vector<std::string> KibNats::urls(const char* hosts, unsigned short port) {
+    std::vector<std::string> result;
+    if (hosts == nullptr) return result;
+    const std::string list(hosts);
+    std::size_t start = 0;
+    while (start <= list.size()) {
+        const std::size_t comma = std::min(list.find(',', start), list.size());
+        std::string entry = list.substr(start, comma - start);
+        const std::size_t first = entry.find_first_not_of(" \t");
+        entry = first == std::string::npos
+                    ? std::string()
+                    : entry.substr(first, entry.find_last_not_of(" \t") - first + 1);
+        const std::string address = url(entry.c_str(), port);
+        if (address.empty()) return {};
+        result.push_back(address);
+        start = comma + 1;
+    }
+    return result;
+}
+
+std::string KibNats::redacted(const std::string& url) {
+    const std::size_t scheme = url.find("://");
+    const std::size_t authority = scheme == std::string::npos ? 0 : scheme + 3;
+    const std::size_t at = url.rfind('@');
+    if (at == std::string::npos || at < authority) return url;
+    return url.substr(0, authority) + "***" + url.substr(at);
+}
+
+std::string KibNats::redacted(const std::vector<std::string>& urls) {
+    std::string joined;
+    for (const std::string& address : urls) {
+        if (!joined.empty()) joined += ", ";
+        joined += redacted(address);
+    }
+    return joined;
 }
 
 int KibNats::toStatus(natsStatus status) {
@@ -66,4 +104,16 @@ bool KibNats::isValidName(const char* name) {
         if (c <= 0x20 || c >= 0x7F || c == '.' || c == '*' || c == '>') return false;
     }
     return true;
+}
+
+std::string KibDisplayHost(const std::string& hosts) {
+    std::string shown;
+    std::size_t start = 0;
+    while (start <= hosts.size()) {
+        const std::size_t comma = std::min(hosts.find(',', start), hosts.size());
+        if (start > 0) shown += ",";
+        shown += KibNats::redacted(hosts.substr(start, comma - start));
+        start = comma + 1;
+    }
+    return shown;
 }

@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <nats/nats.h>
 
@@ -27,6 +28,14 @@ public:
     // "nats://host:port" from "host", "host:port", "[v6]" or "[v6]:port"; a non-zero
     // `port` replaces the host's port. Empty when `host` is null or empty.
     static std::string url(const char* host, unsigned short port);
+    // One URL per entry of a comma-separated `hosts` list (blanks around entries
+    // ignored), each as url() makes it. Empty when any entry is empty or malformed.
+    static std::vector<std::string> urls(const char* hosts, unsigned short port);
+    // `url` without the user name and password it may carry ("nats://***@host:4222"),
+    // for messages and logs.
+    static std::string redacted(const std::string& url);
+    // redacted() of every URL, joined with ", ".
+    static std::string redacted(const std::vector<std::string>& urls);
     // The KIB_ status for a client status of a request or connect.
     static int toStatus(natsStatus status);
     // A satellite or service name usable as one subject token: 1 to 128 printable

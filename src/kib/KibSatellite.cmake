@@ -15,6 +15,8 @@ set(NIMB_KIB_SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/KibAvailability.h
     ${CMAKE_CURRENT_LIST_DIR}/KibCodec.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibCodec.h
+    ${CMAKE_CURRENT_LIST_DIR}/KibCredentials.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/KibCredentials.h
     ${CMAKE_CURRENT_LIST_DIR}/KibDropReport.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibDropReport.h
     ${CMAKE_CURRENT_LIST_DIR}/KibLog.cpp
@@ -30,6 +32,7 @@ set(NIMB_KIB_SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/KibStatus.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibValueCodec.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibValueCodec.h
+    ${CMAKE_CURRENT_LIST_DIR}/include/KibConnectOptions.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibDeferredReply.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibReply.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibSatellite.h

@@ -21,6 +21,12 @@ int KibSatellite::ConnectUser(const char* user, const char* password) {
     return KIB_OK;
 }
 
+void KibSatellite::setConnectOptions(const KibConnectOptions& options) {
+    impl_->setConnectOptions(options);
+}
+
+std::string KibSatellite::lastConnectError() const { return impl_->lastError(); }
+
 int KibSatellite::Disconnect() { return impl_->disconnect(); }
 
 int KibSatellite::Request(const char* satelliteName, const char* serviceName, const tagVARIANT& in,

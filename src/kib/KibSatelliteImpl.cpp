@@ -5,6 +5,7 @@
 #include <chrono>
 #include <random>
 
+#include "KibCredentials.h"
 #include "KibLog.h"
 #include "KibSatellite.h"
 #include "KibSubjects.h"
@@ -82,15 +83,43 @@ std::uint32_t randomInstanceId() {
     return distribution(device);
 }
 
-KibNatsOptions makeOptions(const std::string& url, const char* name) {
+KibNatsOptions makeOptions(const char* name) {
     natsOptions* raw = nullptr;
     if (natsOptions_Create(&raw) != NATS_OK) return nullptr;
     KibNatsOptions options(raw);
-    natsOptions_SetURL(raw, url.c_str());
     if (name != nullptr) natsOptions_SetName(raw, name);
     natsOptions_SetSendAsap(raw, true);
     natsOptions_SetTimeout(raw, kConnectTimeoutMs);
     return options;
+}
+
+// The client's status text with its detail (the server's refusal, the TLS error),
+// without the client's source location ("(conn.c:123): ").
+std::string failureText(natsStatus status) {
+    std::string text = natsStatus_GetText(status);
+    std::string detail = nats_GetLastError(nullptr) != nullptr ? nats_GetLastError(nullptr) : "";
+    const std::size_t location = detail.find("): ");
+    if (!detail.empty() && detail.front() == '(' && location != std::string::npos)
+        detail.erase(0, location + 3);
+    if (!detail.empty() && detail != text) text += ": " + detail;
+    return text;
+}
+
+// Errors the server reports on a working connection (a refused subscription or
+// publication, a failed reconnection). Each distinct text is logged once in a row, so a
+// server that keeps refusing does not fill the log.
+void onAsyncErrorThunk(natsConnection* nc, natsSubscription*, natsStatus status, void*) {
+    static std::mutex mutex;
+    static std::string last;
+    const char* detail = nullptr;
+    natsConnection_GetLastError(nc, &detail);
+    const std::string text =
+        std::string(natsStatus_GetText(status)) +
+        (detail != nullptr && *detail != '\0' ? std::string(": ") + detail : std::string());
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (text == last) return;
+    last = text;
+    KibLog::error("Bus server reports: %s", text.c_str());
 }
 
 }  // namespace
@@ -99,13 +128,79 @@ KibSatelliteImpl::KibSatelliteImpl(KibSatellite& owner) : owner_(owner) {}
 
 KibSatelliteImpl::~KibSatelliteImpl() { disconnect(); }
 
+bool KibSatelliteImpl::configure(natsOptions* raw, const std::vector<std::string>& urls,
+                                 std::string& inboxPrefix) {
+    std::vector<const char*> servers;
+    for (const std::string& address : urls) servers.push_back(address.c_str());
+    natsOptions_SetServers(raw, servers.data(), static_cast<int>(servers.size()));
+    // The order given is the order of preference: the first server, then the next.
+    natsOptions_SetNoRandomize(raw, true);
+    natsOptions_SetErrorHandler(raw, &onAsyncErrorThunk, nullptr);
+    if (!options_.caFile.empty()) {
+        natsOptions_SetSecure(raw, true);
+        if (natsOptions_LoadCATrustedCertificates(raw, options_.caFile.c_str()) != NATS_OK) {
+            setLastError(KibNats::redacted(urls),
+                         "cannot load the certificate authority file " + options_.caFile);
+            return false;
+        }
+    }
+    KibCredentials credentials;
+    if (!options_.credentialsFile.empty()) {
+        std::string error;
+        std::string warning;
+        if (!KibCredentials::load(options_.credentialsFile, credentials, error, warning)) {
+            setLastError(KibNats::redacted(urls), error);
+            return false;
+        }
+        if (!warning.empty()) KibLog::error("%s", warning.c_str());
+    } else if (!user_.empty()) {
+        credentials.kind = KibCredentials::Kind::Password;
+        credentials.user = user_;
+        credentials.password = password_;
+    }
+    if (credentials.kind == KibCredentials::Kind::Password) {
+        natsOptions_SetUserInfo(raw, credentials.user.c_str(), credentials.password.c_str());
+    } else if (credentials.kind == KibCredentials::Kind::CredsFile) {
+        natsOptions_SetUserCredentialsFromFiles(raw, credentials.path.c_str(), nullptr);
+    }
+    inboxPrefix = KibNats::isValidName(credentials.user.c_str()) ? credentials.inboxPrefix()
+                                                                 : std::string("_INBOX");
+    return true;
+}
+
+void KibSatelliteImpl::setLastError(const std::string& where, const std::string& text) {
+    if (!text.empty()) {
+        KibLog::error("Cannot connect to the bus directory %s: %s", where.c_str(), text.c_str());
+    }
+    const std::lock_guard<std::mutex> lock(errorMutex_);
+    lastError_ = text;
+}
+
+std::string KibSatelliteImpl::lastError() const {
+    const std::lock_guard<std::mutex> lock(errorMutex_);
+    return lastError_;
+}
+
+natsStatus KibSatelliteImpl::open(natsConnection** connection, natsOptions* raw,
+                                  const std::string& where) {
+    const natsStatus status = natsConnection_Connect(connection, raw);
+    std::string why = status == NATS_OK ? std::string() : failureText(status);
+    if (status == NATS_SSL_ERROR && options_.caFile.empty()) {
+        why += " (the server requires TLS: give the certificate authority file of the bus)";
+    }
+    setLastError(where, why);
+    return status;
+}
+
 int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
     if (connection_ != nullptr) return KIB_E_ALREADY_CONNECTED;
-    const std::string url = KibNats::url(host, 0);
-    if (url.empty() || !KibNats::isValidName(satelliteName)) return KIB_E_INVALID_ARGUMENT;
-    KibNatsOptions options = makeOptions(url, satelliteName);
+    const std::vector<std::string> urls = KibNats::urls(host, 0);
+    if (urls.empty() || !KibNats::isValidName(satelliteName)) return KIB_E_INVALID_ARGUMENT;
+    const std::string where = KibNats::redacted(urls);
+    KibNatsOptions options = makeOptions(satelliteName);
     if (!options) return KIB_E_TRANSPORT;
     natsOptions* raw = options.get();
+    if (!configure(raw, urls, inboxPrefix_)) return KIB_E_CONNECT_FAILED;
     natsOptions_SetMaxReconnect(raw, -1);
     const int reconnectWait = reconnectWaitMs_.load();
     natsOptions_SetReconnectWait(raw, reconnectWait);
@@ -113,7 +208,6 @@ int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
                                    std::min(kReconnectJitterTlsMs, reconnectWait));
     natsOptions_SetPingInterval(raw, kPingIntervalMs);
     natsOptions_SetMaxPingsOut(raw, kMaxPingsOut);
-    if (!user_.empty()) natsOptions_SetUserInfo(raw, user_.c_str(), password_.c_str());
     auto link = std::make_shared<KibConnectionLink>();
     auto* holder = new std::shared_ptr<KibConnectionLink>(link);
     natsOptions_SetDisconnectedCB(raw, &onDisconnectedThunk, holder);
@@ -121,11 +215,8 @@ int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
     natsOptions_SetClosedCB(raw, &onClosedThunk, holder);
 
     natsConnection* connection = nullptr;
-    const natsStatus status = natsConnection_Connect(&connection, raw);
-    if (status != NATS_OK) {
+    if (open(&connection, raw, where) != NATS_OK) {
         delete holder;  // no connection, so no callback will ever see it
-        KibLog::error("Cannot connect to the bus directory %s: %s", url.c_str(),
-                      natsStatus_GetText(status));
         return KIB_E_CONNECT_FAILED;
     }
     connection_.reset(connection);
@@ -137,7 +228,10 @@ int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
         const std::lock_guard<std::mutex> lock(link->mutex);
         link->owner = this;
     }
-    KibLog::info("Connected to %s as %s (%u)", url.c_str(), name_.c_str(), instance_);
+    char connectedUrl[256] = "";
+    natsConnection_GetConnectedUrl(connection, connectedUrl, sizeof connectedUrl);
+    KibLog::info("Connected to %s as %s (%u)", KibNats::redacted(connectedUrl).c_str(),
+                 name_.c_str(), instance_);
 
     int result = subscribeControl();
     if (result == KIB_OK) result = owner_.CreateServices();

@@ -23,6 +23,7 @@
 
 #include "KibAvailability.h"
 #include "KibCodec.h"
+#include "KibConnectOptions.h"
 #include "KibDeferredReply.h"
 #include "KibDropReport.h"
 #include "KibNats.h"
@@ -74,6 +75,9 @@ public:
 
     int connect(const char* host, const char* satelliteName);
     void setUser(const char* user, const char* password);
+    void setConnectOptions(const KibConnectOptions& options) { options_ = options; }
+    // Why the last connect (or ping connection) failed, "" after a success. Any thread.
+    std::string lastError() const;
     int disconnect();
     int call(const char* satellite, const char* service, const VARIANT& in, KibReply& reply,
              int timeoutMs, bool noReply);
@@ -125,6 +129,19 @@ private:
     void announce(bool leaving);
     void discover(const std::string& satellite);
     void closeConnection();
+    // Fills `raw` with the servers, TLS and credentials of a connection and sets
+    // `inboxPrefix` to its reply inbox prefix. Returns false, with the reason logged and
+    // kept for lastError(), when the options cannot be used.
+    bool configure(natsOptions* raw, const std::vector<std::string>& urls,
+                   std::string& inboxPrefix);
+    // Opens a connection with `raw`; a failure is logged and kept for lastError().
+    natsStatus open(natsConnection** connection, natsOptions* raw, const std::string& where);
+    void setLastError(const std::string& where, const std::string& text);
+    // One request and its reply, received on an inbox under `inboxPrefix`, so that the
+    // server can keep other users from reading it.
+    static natsStatus request(natsConnection* nc, const std::string& inboxPrefix,
+                              const std::string& subject, const std::string& frame, int timeoutMs,
+                              KibNatsMsg& reply);
 
     // Immutable after construction.
     KibSatellite& owner_;
@@ -139,6 +156,12 @@ private:
     std::uint32_t instance_ = 0;
     std::string user_;
     std::string password_;
+    KibConnectOptions options_;
+    // Reply inboxes of connection_: "<prefix>.<unique>".
+    std::string inboxPrefix_ = "_INBOX";
+
+    mutable std::mutex errorMutex_;
+    std::string lastError_;  // guarded by errorMutex_
     std::atomic<int> requestTimeoutMs_{5000};
     std::atomic<int> requestSequence_{0};
     std::atomic<int> reconnectWaitMs_{250};

@@ -74,11 +74,9 @@ int KibSatelliteImpl::call(const char* satellite, const char* service, const VAR
         }
         return reply.status;
     }
-    natsMsg* raw = nullptr;
+    KibNatsMsg msg;
     const natsStatus sent =
-        natsConnection_Request(&raw, connection_.get(), subject.c_str(), frame.data(),
-                               static_cast<int>(frame.size()), timeoutMs);
-    KibNatsMsg msg(raw);
+        request(connection_.get(), inboxPrefix_, subject, frame, timeoutMs, msg);
     if (sent != NATS_OK) {
         status = KibNats::toStatus(sent);
         std::string text = natsStatus_GetText(sent);
@@ -104,17 +102,20 @@ int KibSatelliteImpl::ping(const char* host, const char* satellite, unsigned sho
     if (status != nullptr) *status = KIBSTATUS_DISCONNECTED;
     if (!KibNats::isValidName(satellite)) return KIB_E_INVALID_ARGUMENT;
     natsConnection* connection = connection_.get();
+    std::string inboxPrefix = inboxPrefix_;
     KibNatsConnection temporary;
     if (host != nullptr && *host != '\0') {
+        const std::vector<std::string> urls = KibNats::urls(host, port);
+        if (urls.empty()) return KIB_E_INVALID_ARGUMENT;
         natsOptions* options = nullptr;
         if (natsOptions_Create(&options) != NATS_OK) return KIB_E_TRANSPORT;
         KibNatsOptions owned(options);
-        natsOptions_SetURL(options, KibNats::url(host, port).c_str());
         natsOptions_SetSendAsap(options, true);
         natsOptions_SetTimeout(options, timeoutMs > 0 ? timeoutMs : 2000);
         natsOptions_SetAllowReconnect(options, false);
-        const natsStatus opened = natsConnection_Connect(&connection, options);
-        if (opened != NATS_OK) return KIB_E_CONNECT_FAILED;
+        if (!configure(options, urls, inboxPrefix)) return KIB_E_CONNECT_FAILED;
+        if (open(&connection, options, KibNats::redacted(urls)) != NATS_OK)
+            return KIB_E_CONNECT_FAILED;
         temporary.reset(connection);
     }
     if (connection == nullptr) return KIB_E_NOT_CONNECTED;
@@ -124,13 +125,37 @@ int KibSatelliteImpl::ping(const char* host, const char* satellite, unsigned sho
     VariantInit(&empty);
     KibCodec::encodeRequest(name_, empty, frame, error, limits_);
     const std::string subject = KibSubjects::ping(satellite);
-    natsMsg* raw = nullptr;
-    const natsStatus sent = natsConnection_Request(&raw, connection, subject.c_str(), frame.data(),
-                                                   static_cast<int>(frame.size()), timeoutMs);
-    KibNatsMsg msg(raw);
+    KibNatsMsg msg;
+    const natsStatus sent = request(connection, inboxPrefix, subject, frame, timeoutMs, msg);
     if (sent != NATS_OK) return KibNats::toStatus(sent);
     if (status != nullptr) *status = KIBSTATUS_CONNECTED;
     return KIB_OK;
+}
+
+natsStatus KibSatelliteImpl::request(natsConnection* nc, const std::string& inboxPrefix,
+                                     const std::string& subject, const std::string& frame,
+                                     int timeoutMs, KibNatsMsg& reply) {
+    natsInbox* unique = nullptr;
+    natsStatus status = natsInbox_Create(&unique);
+    if (status != NATS_OK) return status;
+    // The client's inbox is "_INBOX.<unique>": keep the unique part under our prefix.
+    const std::string created(unique);
+    natsInbox_Destroy(unique);
+    const std::string inbox = inboxPrefix + created.substr(created.find('.'));
+    natsSubscription* raw = nullptr;
+    status = natsConnection_SubscribeSync(&raw, nc, inbox.c_str());
+    KibNatsSubscription sub(raw);
+    if (status == NATS_OK) status = natsSubscription_AutoUnsubscribe(raw, 1);
+    if (status == NATS_OK) {
+        status = natsConnection_PublishRequest(nc, subject.c_str(), inbox.c_str(), frame.data(),
+                                               static_cast<int>(frame.size()));
+    }
+    natsMsg* message = nullptr;
+    if (status == NATS_OK) status = natsSubscription_NextMsg(&message, raw, timeoutMs);
+    reply.reset(message);
+    if (status == NATS_OK && natsMsg_IsNoResponders(message)) status = NATS_NO_RESPONDERS;
+    if (status != NATS_OK && raw != nullptr) natsSubscription_Unsubscribe(raw);
+    return status;
 }
 
 void KibSatelliteImpl::onMessage(KibSubscription& s, natsConnection* nc, natsMsg* msg) {

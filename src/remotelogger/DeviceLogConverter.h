@@ -18,7 +18,14 @@ public:
     // year take the device's current year, or the year before when they lie after the
     // device's current moment. A numeric timestamp with a month outside 01-12 is left
     // as it is.
+    // Finds candidates with a byte scan and lets the pattern confirm each one, so the
+    // result is that of convertLogByPattern, at several times its speed.
     static CStdStr convertLog(const CStdStr& content, long deviceTime, long serverTime);
+
+    // The same conversion by the plain pattern search, match after match, and one
+    // C-library time conversion per timestamp: the reference that convertLog is
+    // checked and measured against.
+    static CStdStr convertLogByPattern(const CStdStr& content, long deviceTime, long serverTime);
 
     // Converts one broken-down time (read as UTC; fields are not range-checked and
     // carry over) into server time: t - deviceTime + serverTime, formatted in the

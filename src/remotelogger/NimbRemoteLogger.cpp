@@ -31,6 +31,8 @@ bool NimbRemoteLogger::init(const std::vector<CStdStr>&) {
                  &NimbRemoteLogger::appendLog, Qt::AutoConnection)) {
         CBBLog::error("Failed to connect appendLog signal");
     }
+    connect(satellite, &NimbRemoteLoggerSatellite::closeLog, this, &NimbRemoteLogger::closeLog,
+            Qt::AutoConnection);
     const int status = satellite->connect();
     if (status != 0) {
         CBBLog::error("Failed to register 0x%x", static_cast<unsigned>(status));
@@ -135,4 +137,16 @@ void NimbRemoteLogger::writeText(const CStdStr& id, CStdStr text,
     }
     log->AddRawLog(std::move(text),
                    [reply](int error, const CStdStr& message) { reply->partDone(error, message); });
+}
+
+void NimbRemoteLogger::closeLog(QString logId) {
+    boost::shared_ptr<CBBLog> log;
+    {
+        const PMutexLocker lock(logMapLock);
+        const auto found = logMap.find(CStdStr(logId));
+        if (found == logMap.end()) return;
+        log = found->second;
+        logMap.erase(found);
+    }
+    // Released outside the lock: the logger drains its queue as it goes.
 }

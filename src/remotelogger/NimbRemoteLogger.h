@@ -59,6 +59,9 @@ public slots:
     // Queues `content` as it is to the log's file. For a log that is unknown the text
     // is dropped (a request from the satellite is answered "unknown source").
     void appendLog(QString macAddr, QString logName, QString content);
+    // The log gave up its slot: releases its logger, which writes out what it holds and
+    // closes the file. Later text for it is dropped until it is announced again.
+    void closeLog(QString logId);
 
 private:
     // Starts the syslog listeners when the settings enable them.

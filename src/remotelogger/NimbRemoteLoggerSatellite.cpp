@@ -2,8 +2,10 @@
 #include "NimbRemoteLoggerSatellite.h"
 
 #include <cassert>
+#include <chrono>
 #include <cmath>
 #include <ctime>
+#include <thread>
 #include <vector>
 
 #include <boost/format.hpp>
@@ -12,6 +14,7 @@
 #include "CRegistry.h"
 #include "DeviceLogConverter.h"
 #include "KibVariantHolder.h"
+#include "NimbBusSettings.h"
 #include "RemoteLogNames.h"
 #include "VUtil.h"
 
@@ -19,6 +22,12 @@ namespace {
 
 const char* const kConfigKey = "Software\\Pellix\\Nimb\\Config";
 const char* const kSatelliteName = "RemoteLogger";
+// The start-up check for another collector: how long one has to answer a ping, and how
+// many answers in a row, 500 ms apart, mean it is alive (a collector that was just killed
+// may answer once more before the server notices its connection is gone).
+constexpr int kInstanceCheckMs = 1000;
+constexpr int kInstanceCheckAnswers = 3;
+constexpr auto kInstanceCheckPause = std::chrono::milliseconds(500);
 
 // Device times accepted, in seconds since 1970: years 1 to 9999. Keeps the clock
 // arithmetic of the conversion far from overflow.
@@ -169,10 +178,16 @@ NimbRemoteLoggerSatellite::NimbRemoteLoggerSatellite(QObject* parent) : QObject(
     // Queued like the module's own connections, so each call's room comes back when the
     // main thread reaches it.
     const std::shared_ptr<RemoteLogBacklog> room = backlog;
-    QObject::connect(this, &NimbRemoteLoggerSatellite::addLog, this, [room] { room->release(0); });
+    const std::shared_ptr<RemoteLogDeviceQuota> share = quota;
+    QObject::connect(this, &NimbRemoteLoggerSatellite::addLog, this,
+                     [room, share](const QString& macAddr) {
+                         room->release(0);
+                         share->release(asDelivered(macAddr), 0);
+                     });
     QObject::connect(this, &NimbRemoteLoggerSatellite::appendLog, this,
-                     [room](const QString&, const QString&, const QString& content) {
+                     [room, share](const QString& macAddr, const QString&, const QString& content) {
                          room->release(textBytes(content));
+                         share->release(asDelivered(macAddr), textBytes(content));
                      });
 }
 
@@ -201,14 +216,33 @@ void NimbRemoteLoggerSatellite::queueReplyLocked(const std::shared_ptr<RemoteLog
 int NimbRemoteLoggerSatellite::connect() {
     const boost::shared_ptr<CRegistry> registry = CRegistry::getInstance();
     assert(registry);
-    CStdStr host = "127.0.0.1";
-    registry->ReadSettingImpl(kConfigKey, "kibDirectory.host", host);
+    const NimbBusSettings bus = NimbBusSettings::read();
     int maxSources = kDefaultMaxLogSources;
-    if (registry->ReadSettingImpl(kConfigKey, "MaxLogSources", maxSources))
-        setMaxLogSources(maxSources);
+    int perDevice = static_cast<int>(RemoteLogSources::kDefaultMaxPerDevice);
+    registry->ReadSettingImpl(kConfigKey, "MaxLogSources", maxSources);
+    registry->ReadSettingImpl(kConfigKey, "MaxLogsPerDevice", perDevice);
+    setMaxLogSources(maxSources, perDevice);
 
-    CBBLog::info("Connecting to %s", host.c_str());
-    const int status = Connect(host.c_str(), kSatelliteName);
+    const std::string shown = bus.displayHost();
+    CBBLog::info("Connecting to %s", shown.c_str());
+    setConnectOptions(bus.connection);
+    // The announced sources live in this process's memory: a second collector on the same
+    // bus would take half the requests of devices it never saw announce, and drop them.
+    KIBSTATUS other = KIBSTATUS_CONNECTED;
+    int pinged = KIB_OK;
+    for (int i = 0; i < kInstanceCheckAnswers && other == KIBSTATUS_CONNECTED; ++i) {
+        if (i > 0) std::this_thread::sleep_for(kInstanceCheckPause);
+        pinged =
+            DirectoryPingSatellite(bus.host.c_str(), kSatelliteName, 0, kInstanceCheckMs, &other);
+    }
+    if (other == KIBSTATUS_CONNECTED) {
+        CBBLog::error(boost::format("Another collector already serves %1% on %2%; this one "
+                                    "does not start (only one collector per bus)") %
+                      kSatelliteName % shown);
+        return KIB_E_ALREADY_CONNECTED;
+    }
+    // A server that refused the check's connection refuses the real one too: report it once.
+    const int status = pinged == KIB_E_CONNECT_FAILED ? pinged : bus.connect(*this, kSatelliteName);
     if (status != 0) {
         CBBLog::error(boost::format("Failed to register: %1$d (0x%1$x)") % status);
         return status;
@@ -264,8 +298,8 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
     std::set<CStdStr> ids;
     for (const QString& logName : logNames)
         ids.insert(RemoteLogNames::logId(asDelivered(macAddr), asDelivered(logName)));
-    admitLogIds(ids, logNames.size());
-    reserveBacklog("SetLogSource", logNames.size(), 0);
+    admitLogIds(asDelivered(macAddr), ids, logNames.size());
+    reserveBacklog("SetLogSource", asDelivered(macAddr), logNames.size(), 0);
     if (logNames.empty()) return 0;
 
     const auto reply = std::make_shared<RemoteLogReply>(DeferReply(), "SetLogSource",
@@ -291,12 +325,19 @@ int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char* caller, const tag
         checkTime(deviceTime, "AppendLog: invalid time");
         content = convertLog(content, deviceTime, deviceTime + clockOffset(in, 3));
     }
+    const QString mac = fromUtf8(macAddr);
+    const QString log = fromUtf8(logName);
+    if (sources.touch(RemoteLogNames::logId(asDelivered(mac), asDelivered(log))) ==
+        RemoteLogSources::State::Closed) {
+        throw KibException("AppendLog: log closed to make room for other logs: announce it again",
+                           kLogClosedCode);
+    }
     const QString text = deliveredText(std::move(content));
-    reserveBacklog("AppendLog", 1, textBytes(text));
+    reserveBacklog("AppendLog", asDelivered(mac), 1, textBytes(text));
     const auto reply = std::make_shared<RemoteLogReply>(DeferReply(), "AppendLog", 1);
     const PMutexLocker lock(emitLock);
     queueReplyLocked(reply);
-    emit appendLog(fromUtf8(macAddr), fromUtf8(logName), text);
+    emit appendLog(mac, log, text);
     return 0;
 }
 
@@ -309,28 +350,31 @@ CStdStr NimbRemoteLoggerSatellite::convertDate(const tm& t, long deviceTime, lon
     return DeviceLogConverter::convertDate(t, deviceTime, serverTime);
 }
 
-void NimbRemoteLoggerSatellite::setMaxLogSources(int limit) {
-    const PMutexLocker lock(sourcesLock);
-    maxLogSources = limit < 0 ? 0 : limit;
+void NimbRemoteLoggerSatellite::setMaxLogSources(int limit, int perDevice) {
+    sources.setLimits(static_cast<std::size_t>(std::max(limit, 0)),
+                      static_cast<std::size_t>(std::max(perDevice, 0)));
 }
 
-void NimbRemoteLoggerSatellite::admitLogIds(const std::set<CStdStr>& ids, size_t listLength) {
-    const PMutexLocker lock(sourcesLock);
-    size_t fresh = 0;
-    for (const CStdStr& id : ids) fresh += knownLogIds.count(id) == 0 ? 1 : 0;
-    const size_t limit = static_cast<size_t>(maxLogSources);
-    if (knownLogIds.size() + fresh > limit || listLength > limit) {
-        throw KibInvalidParameterException(
-            boost::str(boost::format("SetLogSource: too many log sources: at most %1%") %
-                       maxLogSources)
-                .c_str());
+void NimbRemoteLoggerSatellite::admitLogIds(const CStdStr& mac, const std::set<CStdStr>& ids,
+                                            size_t listLength) {
+    std::vector<CStdStr> closed;
+    std::string error;
+    if (!sources.admit(mac, ids, listLength, closed, error)) {
+        throw KibInvalidParameterException(("SetLogSource: " + error).c_str());
     }
-    knownLogIds.insert(ids.begin(), ids.end());
+    for (const CStdStr& id : closed) emit closeLog(QString::fromUtf8(id.c_str()));
 }
 
-void NimbRemoteLoggerSatellite::reserveBacklog(const char* service, std::size_t calls,
-                                               std::size_t bytes) {
+void NimbRemoteLoggerSatellite::reserveBacklog(const char* service, const CStdStr& mac,
+                                               std::size_t calls, std::size_t bytes) {
+    if (!quota->tryAcquire(mac, calls, bytes)) {
+        throw KibException(
+            (CStdStr(service) + ": busy: this device has too much waiting to be written, try again")
+                .c_str(),
+            kBusyCode);
+    }
     if (backlog->acquire(calls, bytes, std::chrono::milliseconds(kBacklogWaitMs))) return;
+    for (std::size_t i = 0; i < calls; ++i) quota->release(mac, i == 0 ? bytes : 0);
     throw KibException(
         (CStdStr(service) + ": busy: too much is waiting to be written, try again").c_str(),
         kBusyCode);

@@ -21,7 +21,9 @@
 #include "KibSatellite.h"
 #include "PMutex.h"
 #include "RemoteLogBacklog.h"
+#include "RemoteLogDeviceQuota.h"
 #include "RemoteLogReply.h"
+#include "RemoteLogSources.h"
 #include "StdString.h"
 
 class NimbRemoteLoggerSatellite : public QObject, public KibSatellite {
@@ -38,6 +40,13 @@ public:
     static constexpr std::size_t kMaxQueuedBytes = 32 * 1024 * 1024;
     static constexpr int kBacklogWaitMs = 2000;
     static constexpr std::int32_t kBusyCode = 2;
+    // One device's share of that backlog; past it the device is answered busy at once,
+    // without waiting, so that a flooding device cannot starve the others.
+    static constexpr std::size_t kMaxQueuedCallsPerDevice = 64;
+    static constexpr std::size_t kMaxQueuedBytesPerDevice = 4 * 1024 * 1024;
+    // Exception code of AppendLog for a log that gave up its slot to another: the device
+    // announces it again with SetLogSource and resends.
+    static constexpr std::int32_t kLogClosedCode = 4;
 
     // Constructs both parts; connects nothing. Main thread.
     explicit NimbRemoteLoggerSatellite(QObject* parent);
@@ -47,9 +56,11 @@ public:
     // so that nothing is emitted from a half-destroyed object. Main thread.
     ~NimbRemoteLoggerSatellite() override;
 
-    // Reads "kibDirectory.host" (default "127.0.0.1") and "MaxLogSources" under
+    // Reads the bus settings (NimbBusSettings), "MaxLogSources" and "MaxLogsPerDevice" under
     // "Software\Pellix\Nimb\Config", connects to that bus directory as "RemoteLogger" and
-    // registers the services. Returns 0, or the bus library's non-zero status (logged).
+    // registers the services. Returns 0, or the bus library's non-zero status (logged);
+    // KIB_E_ALREADY_CONNECTED when another collector already answers as "RemoteLogger" on
+    // that bus (one collector per bus: the announced logs live in its memory).
     // Main thread; blocks for at most a few seconds.
     int connect();
 
@@ -83,21 +94,28 @@ public:
     CStdStr convertLog(const CStdStr& content, long deviceTime, long serverTime);
     CStdStr convertDate(const tm& t, long deviceTime, long serverTime);
 
-    // The bound on announced logs; connect() sets it from the settings. Any thread.
-    void setMaxLogSources(int limit);
+    // The bounds on open logs, in all and per device; connect() sets them from the
+    // settings. Any thread.
+    void setMaxLogSources(int limit, int perDevice = RemoteLogSources::kDefaultMaxPerDevice);
 
 signals:
     void addLog(QString macAddr, QString deviceId, QString satName, QString displayName,
                 QDateTime puckTime, QString logName);
     void appendLog(QString macAddr, QString logName, QString content);
+    // The log gave up its slot to another one: close its file. Emitted before the
+    // addLog that took the slot.
+    void closeLog(QString logId);
 
 private:
-    // Admits the log ids of one request against the bound: ids seen before are free.
-    // Throws, admitting none, when the new ones do not fit, or when the request's list
-    // (`listLength` names, repeats included) is itself longer than the bound.
-    void admitLogIds(const std::set<CStdStr>& ids, size_t listLength);
-    // Waits for room for `calls` calls with `bytes` of text; throws "<service>: busy".
-    void reserveBacklog(const char* service, std::size_t calls, std::size_t bytes);
+    // Admits the log ids of device `mac` against the bounds and emits closeLog for the
+    // logs that gave up their slot. Throws, admitting none, when they cannot all be open,
+    // or when the request's list (`listLength` names, repeats included) is itself longer
+    // than the bound.
+    void admitLogIds(const CStdStr& mac, const std::set<CStdStr>& ids, size_t listLength);
+    // Takes the device's share, then waits for room in the backlog, for `calls` calls
+    // with `bytes` of text; throws "<service>: busy".
+    void reserveBacklog(const char* service, const CStdStr& mac, std::size_t calls,
+                        std::size_t bytes);
     // Queues `reply` for the next call to be emitted; the caller holds emitLock.
     void queueReplyLocked(const std::shared_ptr<RemoteLogReply>& reply) NIMB_REQUIRES(emitLock);
 
@@ -105,10 +123,10 @@ private:
     const std::shared_ptr<RemoteLogBacklog> backlog =
         std::make_shared<RemoteLogBacklog>(kMaxQueuedCalls, kMaxQueuedBytes);
 
-    PMutex sourcesLock;
-    int maxLogSources NIMB_GUARDED_BY(sourcesLock) = kDefaultMaxLogSources;
-    // Log ids announced so far; never shrinks, as the module's logs never go away.
-    std::set<CStdStr> knownLogIds NIMB_GUARDED_BY(sourcesLock);
+    const std::shared_ptr<RemoteLogDeviceQuota> quota =
+        std::make_shared<RemoteLogDeviceQuota>(kMaxQueuedCallsPerDevice, kMaxQueuedBytesPerDevice);
+    // The open logs and their slots.
+    RemoteLogSources sources{kDefaultMaxLogSources, RemoteLogSources::kDefaultMaxPerDevice};
 
     // Held while a handler queues replies and emits, so that both bus threads queue in
     // the order their calls reach the main thread.

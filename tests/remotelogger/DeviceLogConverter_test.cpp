@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <random>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -19,6 +20,113 @@ long utc(int year, int month, int day, int h, int m, int s) {
 }
 
 const char* kCentralEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
+
+// Random text for comparing convertLog with the plain pattern loop: runs of timestamps
+// a few seconds apart (now and then jumping to another year or to just before a
+// daylight-saving change), near misses made by mutating stamps, and noise built of
+// the bytes that matter to the pattern. Pieces are joined with or without separators,
+// so stamps also touch and overlap each other.
+class StampCorpus {
+public:
+    explicit StampCorpus(unsigned seed) : rng_(seed) {}
+
+    // Appends about `pieces` pieces to `out`, for a conversion that moves stamps by
+    // `shift` seconds; returns how many were stamps (whole or mutated).
+    int append(std::string& out, int pieces, long shift) {
+        shift_ = shift;
+        int stamps = 0;
+        for (int i = 0; i < pieces; ++i) {
+            const int kind = pick(10);
+            if (kind < 5) {
+                out += stamp();
+                ++stamps;
+            } else if (kind < 7) {
+                out += mutated(stamp());
+                ++stamps;
+            } else {
+                out += noise();
+            }
+            static const char* kSeparators[] = {"", "", " ", "\n", "\t", "x", "1", ":"};
+            out += kSeparators[pick(8)];
+        }
+        return stamps;
+    }
+
+    long moment() const { return moment_; }
+
+private:
+    int pick(int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng_); }
+
+    void advance() {
+        static const long kJumps[] = {
+            // Seconds before the spring and autumn changes of 2009 in central Europe (as
+            // converted).
+            1238288400 - 90, 1256432400 - 90,
+            // Around new year, for month-name stamps without a year.
+            1262304000 - 300, 0, 946684800, 2145916800};
+        if (pick(50) == 0) {
+            moment_ = kJumps[pick(6)] - shift_ + pick(60);
+        } else if (pick(500) == 0) {
+            moment_ = std::uniform_int_distribution<long>(0, 4102444800L)(rng_);
+        } else if (pick(8) == 0) {
+            moment_ -= pick(40);  // log lines are not always in order
+        } else {
+            moment_ += pick(70);
+        }
+    }
+
+    std::string stamp() {
+        advance();
+        const time_t seconds = moment_;
+        tm t{};
+        gmtime_r(&seconds, &t);
+        char text[64];
+        if (pick(2) == 0) {
+            std::snprintf(text, sizeof text, "%04d/%02d/%02d %02d:%02d:%02d", t.tm_year + 1900,
+                          t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+            return text;
+        }
+        static const char* kMonthNames[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                            "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+        static const char* kSpace[] = {"", " ", "  ", "\t", " \n ", "\r\v\f", " \t "};
+        std::snprintf(text, sizeof text,
+                      pick(2) == 0 ? "%s%s%d%s%02d:%02d:%02d" : "%s%s%02d%s%02d:%02d:%02d",
+                      kMonthNames[t.tm_mon], kSpace[pick(7)], t.tm_mday, kSpace[pick(7)], t.tm_hour,
+                      t.tm_min, t.tm_sec);
+        return text;
+    }
+
+    std::string mutated(std::string text) {
+        static const char kBytes[] = "0123456789:/ \tJanxy\xff";
+        const std::size_t at = static_cast<std::size_t>(pick(static_cast<int>(text.size())));
+        const char byte = kBytes[pick(static_cast<int>(sizeof kBytes) - 1)];
+        switch (pick(3)) {
+            case 0:
+                text[at] = byte;
+                break;
+            case 1:
+                text.erase(at, 1);
+                break;
+            default:
+                text.insert(at, 1, byte);
+        }
+        return text;
+    }
+
+    std::string noise() {
+        static const char* kTokens[] = {"Jan",    "Dec", "May",        "Ma",   "J",        "n",
+                                        "0",      "12",  "7",          ":",    "/",        " ",
+                                        "\t",     "\n",  "x",          "\xff", "12:34:56", "2009/",
+                                        "09/30 ", ":00", "12:34:56:78"};
+        std::string text;
+        for (int n = 1 + pick(6); n > 0; --n) text += kTokens[pick(21)];
+        return text;
+    }
+
+    std::mt19937 rng_;
+    long shift_ = 0;
+    long moment_ = 1238288400 - 3600;
+};
 
 }  // namespace
 
@@ -120,4 +228,36 @@ TEST(DeviceLogConverter, ConvertsEveryTimestampInALongText) {
         expected.AppendFormat("line %d 2011/01/01 00:%02d:%02d text\n", i, i / 60 % 60, i % 60);
     }
     EXPECT_EQ(DeviceLogConverter::convertLog(in, now, now + 3600), expected);
+}
+
+// convertLog finds candidates with its own scan and keeps the time conversion of the
+// minute it last saw: over 10^5 random and edge-case stamps, in zones with daylight
+// saving and with an offset in seconds, it must write the very
+// bytes of the plain pattern loop.
+TEST(DeviceLogConverter, WritesWhatThePlainPatternLoopWrites) {
+    // Central Europe with its changes in the middle of a minute, Lord Howe's half-hour
+    // daylight saving, an offset in seconds.
+    const char* kZones[] = {"CET-1CEST,M3.5.0/2:00:30,M10.5.0/3:00:30",
+                            "<+1030>-10:30<+11>-11,M10.1.0,M4.1.0", "<LMT>-0:19:32"};
+    StampCorpus corpus(20260424);
+    int stamps = 0;
+    for (int round = 0; round < 60; ++round) {
+        ScopedTimeZone tz(kZones[round % 3]);
+        std::string text;
+        const long shift = (round % 5) * 3599 - 7000;
+        stamps += corpus.append(text, 3000, shift);
+        const long device = corpus.moment() + round * 997 - 30000;
+        const long server = device + shift;
+        // Whole and cut into request-sized pieces, which start and end anywhere.
+        ASSERT_EQ(DeviceLogConverter::convertLog(text, device, server),
+                  DeviceLogConverter::convertLogByPattern(text, device, server))
+            << "round " << round;
+        for (std::size_t at = 0; at < text.size(); at += 4096) {
+            const CStdStr piece = text.substr(at, 4096 - round);
+            ASSERT_EQ(DeviceLogConverter::convertLog(piece, device, server),
+                      DeviceLogConverter::convertLogByPattern(piece, device, server))
+                << "round " << round << " at " << at;
+        }
+    }
+    EXPECT_GE(stamps, 100000);
 }

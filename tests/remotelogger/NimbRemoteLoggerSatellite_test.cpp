@@ -7,6 +7,7 @@
 #include <QDateTime>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -246,21 +247,88 @@ TEST_F(SatelliteTest, ClockOffsetIsRoundedFromMillisecondTimes) {
     EXPECT_EQ(appended[0], satellite.convertLog(content, 1000, 1000));  // moved by 0 s
 }
 
-TEST_F(SatelliteTest, LogSourcesAreBoundedAndReannouncementsAreFree) {
-    satellite.setMaxLogSources(3);
+TEST_F(SatelliteTest, LogSlotsAreBoundedPerDeviceAndTheIdlestGivesItsSlotUp) {
+    satellite.setMaxLogSources(3, 2);
+    std::vector<std::string> closed;
+    QObject::connect(&satellite, &NimbRemoteLoggerSatellite::closeLog,
+                     [&](QString id) { closed.push_back(id.toStdString()); });
     auto announce = [&](const char* mac, std::vector<const char*> logs) {
         return failure(
             [&] { setLogSource(request(str(mac), str("n"), date(kDeviceTime), strings(logs))); });
     };
+    auto append = [&](const char* mac, const char* log) -> std::string {
+        try {
+            appendLog(request(str(mac), str(log), str("text\n")));
+        } catch (const KibException& e) {
+            return std::to_string(e.code()) + " " + e.message();
+        }
+        return "";
+    };
     EXPECT_EQ(announce("00:11", {"a", "b"}), "");
     EXPECT_EQ(announce("0011", {"/x/a", "b"}), "");  // the same two ids
-    EXPECT_EQ(announce("00:11", {"b", "c", "d"}), "SetLogSource: too many log sources: at most 3");
+    EXPECT_EQ(announce("00:11", {"c"}),
+              "SetLogSource: too many log sources for device 00:11: at most 2");
     EXPECT_EQ(announce("00:22", {"a"}), "");
-    EXPECT_EQ(announce("00:33", {"a"}), "SetLogSource: too many log sources: at most 3");
-    // Repeating known names cannot multiply the work either.
+    EXPECT_EQ(append("00:11", "a"), "");
+    // All three slots are taken: the log idle longest ("b" of 00:11) gives its slot up.
+    EXPECT_EQ(announce("00:33", {"a"}), "");
+    EXPECT_EQ(closed, std::vector<std::string>{"0011-b"});
+    EXPECT_EQ(append("00:11", "b"),
+              "4 AppendLog: log closed to make room for other logs: announce it again");
+    EXPECT_EQ(append("00:11", "a"), "");
+    EXPECT_EQ(announce("00:11", {"b"}), "");  // announced again, it takes a slot back
+    EXPECT_EQ(append("00:11", "b"), "");
+    // Neither a longer list nor repeating known names can multiply the work.
+    EXPECT_EQ(announce("00:44", {"a", "b", "c", "d"}),
+              "SetLogSource: too many log sources: at most 3");
     EXPECT_EQ(announce("00:11", {"a", "a", "a", "a"}),
               "SetLogSource: too many log sources: at most 3");
-    EXPECT_EQ(added.size(), 5u);
+    EXPECT_EQ(closed, (std::vector<std::string>{"0011-b", "0022-a"}));
+    EXPECT_EQ(added.size(), 7u);
+}
+
+// Calls emitted on another thread wait, queued, for this thread, which does not deliver
+// them during the test: what a device got accepted stays in the backlog.
+TEST_F(SatelliteTest, OneDeviceCannotTakeTheWholeBacklog) {
+    for (const char* mac : {"00:0f", "00:01", "00:02"}) {
+        ASSERT_EQ(setLogSource(request(str(mac), str("n"), date(kDeviceTime), strings({"l"}))), 0);
+    }
+    auto busyText = [&](const char* mac, const std::string& content) -> std::string {
+        try {
+            appendLog(request(str(mac), str("l"), str(content)));
+        } catch (const KibException& e) {
+            return std::to_string(e.code()) + " " + e.message();
+        }
+        return "";
+    };
+    const std::string busy =
+        "2 AppendLog: busy: this device has too much waiting to be written, try again";
+    std::size_t accepted = 0;
+    std::string refused;
+    std::string other;
+    std::chrono::steady_clock::duration otherTook{};
+    std::string large;
+    std::thread bus([&] {
+        for (std::size_t i = 0; i <= NimbRemoteLoggerSatellite::kMaxQueuedCallsPerDevice; ++i) {
+            refused = busyText("00:0f", "line\n");
+            if (!refused.empty()) break;
+            ++accepted;
+        }
+        const auto start = std::chrono::steady_clock::now();
+        other = busyText("00:01", "line\n");
+        otherTook = std::chrono::steady_clock::now() - start;
+        // The byte share: 3 MiB of text waiting, then 3 MiB more pass the 4 MiB share.
+        const std::string half(1536 * 1024, 'x');
+        large = busyText("00:02", half);
+        large += "|" + busyText("00:02", half);
+    });
+    bus.join();
+    EXPECT_EQ(accepted, NimbRemoteLoggerSatellite::kMaxQueuedCallsPerDevice);
+    EXPECT_EQ(refused, busy);
+    // Answered at once: the other device neither waits for room nor is refused.
+    EXPECT_EQ(other, "");
+    EXPECT_LT(otherTook, std::chrono::milliseconds(NimbRemoteLoggerSatellite::kBacklogWaitMs / 2));
+    EXPECT_EQ(large, "|" + busy);
 }
 
 }  // namespace

@@ -36,7 +36,19 @@ NatsServer::NatsServer() {
     }
 }
 
+NatsServer::NatsServer(int port, std::vector<std::string> arguments)
+    : port_(port), arguments_(std::move(arguments)) {
+    start();
+}
+
 NatsServer::~NatsServer() { stop(); }
+
+void NatsServer::kill() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+}
 
 int NatsServer::freePort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -52,19 +64,20 @@ int NatsServer::freePort() {
 
 bool NatsServer::start() {
     if (pid_ > 0) return true;
-    const std::string port = std::to_string(port_);
+    std::vector<std::string> arguments = arguments_;
+    if (arguments.empty()) arguments = {"-a", "127.0.0.1", "-p", std::to_string(port_)};
+    std::vector<char*> argv{const_cast<char*>("nats-server")};
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
     pid_ = ::fork();
     if (pid_ == 0) {
         const int devnull = ::open("/dev/null", O_WRONLY);
         ::dup2(devnull, STDOUT_FILENO);
         ::dup2(devnull, STDERR_FILENO);
         // Debian installs the server in /usr/sbin; elsewhere it is on the PATH.
-        for (const char* path : {"/usr/bin/nats-server", "/usr/sbin/nats-server"}) {
-            ::execl(path, "nats-server", "-a", "127.0.0.1", "-p", port.c_str(),
-                    static_cast<char*>(nullptr));
-        }
-        ::execlp("nats-server", "nats-server", "-a", "127.0.0.1", "-p", port.c_str(),
-                 static_cast<char*>(nullptr));
+        for (const char* path : {"/usr/bin/nats-server", "/usr/sbin/nats-server"})
+            ::execv(path, argv.data());
+        ::execvp("nats-server", argv.data());
         ::_exit(127);
     }
     for (int i = 0; i < 100; ++i) {

@@ -11,9 +11,11 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include <boost/shared_ptr.hpp>
 
+#include "KibConnectOptions.h"
 #include "KibDeferredReply.h"
 #include "KibReply.h"
 #include "KibSatelliteDelegate.h"
@@ -39,15 +41,23 @@ public:
     // process; without one they go to the process's default logger. Call at start-up.
     static void setLogger(const boost::shared_ptr<CBBLog>& logger);
 
-    // Connects to the bus directory at `host` ("host" or "host:port", port 4222 by
-    // default), announces the satellite as `satelliteName`, calls CreateServices and
-    // registers the services. Returns KIB_OK, or a KIB_E_ code (KIB_E_CONNECT_FAILED
-    // when no directory answers) or CreateServices' non-zero status, in which case the
-    // satellite is left disconnected. Blocks for at most a few seconds. Once connected,
-    // a lost connection is re-established without end; OnStatusChange reports it.
+    // Connects to the bus directory at `host` ("host", "host:port" or a URL, port 4222 by
+    // default; a comma-separated list names several servers of one cluster: any of them
+    // is used and the others take over when it fails), announces the satellite as `satelliteName`,
+    // calls CreateServices and registers the services. Returns KIB_OK, or a KIB_E_ code
+    // (KIB_E_CONNECT_FAILED when no directory answers) or CreateServices' non-zero status, in which
+    // case the satellite is left disconnected. Blocks for at most a few seconds. Once connected, a
+    // lost connection is re-established without end; OnStatusChange reports it.
     virtual int Connect(const char* host, const char* satelliteName);
     // Credentials used by the following Connect calls (null clears them).
     virtual int ConnectUser(const char* user, const char* password);
+    // TLS and the credentials file for the following Connect calls and ping connections;
+    // a credentials file takes precedence over ConnectUser. Management thread.
+    void setConnectOptions(const KibConnectOptions& options);
+    // Why the last Connect or ping connection failed (the server's refusal, the TLS
+    // error, an unreadable credentials file), or "" after a success. Never holds a
+    // secret. Management thread.
+    std::string lastConnectError() const;
     // Unregisters and removes every service, stops listening and closes the connection,
     // waiting (boundedly) for running handlers. Must not be called from a handler.
     virtual int Disconnect();

@@ -15,6 +15,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -232,6 +233,16 @@ bool writeCrashReport(const CrashReportRequest& request, const std::string& stac
         note = "minidump_stackwalk could not read the dump";
     }
     const std::string path = reportPathFor(request.dumpPath);
+    // The report tells as much as the dump about the process: it gets the dump's mode
+    // (owner only, as dumps are written), set before any byte is in it.
+    struct stat dumpInfo {};
+    const mode_t mode =
+        ::stat(request.dumpPath.c_str(), &dumpInfo) == 0 ? (dumpInfo.st_mode & 0666) : 0600;
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, mode);
+    if (fd >= 0) {
+        ::fchmod(fd, mode);
+        ::close(fd);
+    }
     std::ofstream out(path, std::ios::trunc);
     out << buildCrashReport(request, summary, note);
     out.close();

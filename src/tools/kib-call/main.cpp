@@ -9,9 +9,9 @@
 #include <QJsonObject>
 #include <cstdio>
 
-#include "CRegistry.h"
 #include "KibJson.h"
 #include "KibSatellite.h"
+#include "NimbBusSettings.h"
 #include <unistd.h>
 
 namespace {
@@ -22,20 +22,9 @@ constexpr int kExitServiceError = 2;   // the handler threw, or the service refu
 constexpr int kExitCallFailed = 3;     // no connection, no responders, timeout
 constexpr int kExitUsage = 64;
 
-const char* const kConfigKey = "Software\\Pellix\\Nimb\\Config";
-const char* const kHostSetting = "kibDirectory.host";
-
 int usage(const QString& message) {
     std::fprintf(stderr, "kib-call: %s\n", qUtf8Printable(message));
     return kExitUsage;
-}
-
-// The bus directory host: the option, else the suite's setting, else 127.0.0.1.
-QString directoryHost(const QCommandLineParser& parser) {
-    if (parser.isSet(QStringLiteral("host"))) return parser.value(QStringLiteral("host"));
-    CStdStr host("127.0.0.1");
-    CRegistry::getInstance()->ReadSettingImpl(kConfigKey, kHostSetting, host);
-    return QString::fromStdString(host);
 }
 
 const char* errorKindName(KibErrorKind kind) {
@@ -77,11 +66,8 @@ int main(int argc, char** argv) {
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Calls a service on the component bus."));
     parser.addHelpOption();
+    parser.addOptions(NimbBusSettings::commandLineOptions());
     parser.addOptions({
-        {{QStringLiteral("H"), QStringLiteral("host")},
-         QStringLiteral("Bus directory as host or host:port (default: the kibDirectory.host "
-                        "setting, else 127.0.0.1)."),
-         QStringLiteral("host")},
         {{QStringLiteral("t"), QStringLiteral("timeout")},
          QStringLiteral("Reply timeout in milliseconds (default 5000)."),
          QStringLiteral("ms"),
@@ -121,12 +107,13 @@ int main(int argc, char** argv) {
     const QString name = parser.isSet(QStringLiteral("name"))
                              ? parser.value(QStringLiteral("name"))
                              : QStringLiteral("kib-call-%1").arg(::getpid());
-    const QByteArray host = directoryHost(parser).toUtf8();
+    const NimbBusSettings bus = NimbBusSettings::fromCommandLine(parser);
     KibSatellite satellite;
-    const int connected = satellite.Connect(host.constData(), name.toUtf8().constData());
+    const int connected = bus.connect(satellite, name.toUtf8().constData());
     if (connected != KIB_OK) {
-        std::fprintf(stderr, "kib-call: cannot connect to %s: %s\n", host.constData(),
-                     KibStatusText(connected));
+        const std::string why = satellite.lastConnectError();
+        std::fprintf(stderr, "kib-call: cannot connect to %s: %s\n", bus.displayHost().c_str(),
+                     why.empty() ? KibStatusText(connected) : why.c_str());
         return kExitCallFailed;
     }
     KibReply reply;

@@ -17,6 +17,9 @@ namespace {
 const char* const kSetLogSource = "SetLogSource";
 const char* const kAppendLog = "AppendLog";
 const char* const kOwnName = "nimb-logpush";
+// Exception codes of the collector's answers that a retry overcomes.
+constexpr int kCollectorBusy = 2;
+constexpr int kLogClosed = 4;
 
 constexpr std::chrono::milliseconds kFirstBackoff{250};
 constexpr std::chrono::milliseconds kLongestBackoff{5000};
@@ -139,8 +142,8 @@ LogPushClient::Result LogPushClient::deliver(const char* service, const Builder&
             const std::string why = g_stopRetrying != 0
                                         ? "stopped"
                                         : "gave up after " + durationText(settings_.retryMs);
-            error_ = "cannot reach " + settings_.satellite + " at " + settings_.host + ": " +
-                     failure + " (" + why + ")";
+            error_ = "cannot reach " + settings_.satellite + " at " + settings_.bus.displayHost() +
+                     ": " + failure + " (" + why + ")";
             return Result::Unreachable;
         }
         pause(backoff);
@@ -181,7 +184,7 @@ LogPushClient::Attempt LogPushClient::attempt(const char* service, const Builder
 }
 
 LogPushClient::Attempt LogPushClient::connectOnce(std::string& failure) {
-    const int status = Connect(settings_.host.c_str(), name_.c_str());
+    const int status = settings_.bus.connect(*this, name_.c_str());
     if (status == KIB_OK) {
         connected_ = true;
         linkUp_ = true;
@@ -190,7 +193,8 @@ LogPushClient::Attempt LogPushClient::connectOnce(std::string& failure) {
         AddServiceAvailabilityListener(settings_.satellite.c_str());
         return Attempt::Ok;
     }
-    failure = KibStatusText(status);
+    failure = lastConnectError();
+    if (failure.empty()) failure = KibStatusText(status);
     return isTransient(status) ? Attempt::Transient : Attempt::Invalid;
 }
 
@@ -212,6 +216,12 @@ LogPushClient::Attempt LogPushClient::call(const char* service, const KibVariant
     if (isTransient(reply)) {
         if (reply.errorKind != KibErrorKind::Local && reply.errorKind != KibErrorKind::KibException)
             failure = std::string(service) + ": " + failure;
+        return Attempt::Transient;
+    }
+    // The collector is busy with this device's earlier text, or closed the log to make
+    // room for others: both pass; the retry announces the log again first.
+    if (reply.errorKind == KibErrorKind::KibException &&
+        (reply.errorCode == kCollectorBusy || reply.errorCode == kLogClosed)) {
         return Attempt::Transient;
     }
     // Handler exceptions carry the collector's own text ("SetLogSource: invalid addr: ...");

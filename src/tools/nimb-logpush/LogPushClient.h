@@ -21,13 +21,14 @@
 #include <vector>
 
 #include "KibSatellite.h"
+#include "NimbBusSettings.h"
 
 class KibVariantHolder;
 
 class LogPushClient : public KibSatellite {
 public:
     struct Settings {
-        std::string host;        // bus directory, "host" or "host:port"
+        NimbBusSettings bus;     // servers, TLS and credentials
         std::string satellite;   // the collector's satellite name
         std::string macAddress;  // who the device is
         std::string deviceId;

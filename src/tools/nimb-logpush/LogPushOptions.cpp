@@ -5,13 +5,10 @@
 #include <QStringList>
 #include <cstdio>
 
-#include "CRegistry.h"
 #include "DeviceIdentity.h"
 
 namespace {
 
-const char* const kConfigKey = "Software\\Pellix\\Nimb\\Config";
-const char* const kHostSetting = "kibDirectory.host";
 const char* const kDefaultSatellite = "RemoteLogger";
 const char* const kStdinLogName = "stdin";
 
@@ -42,21 +39,12 @@ bool readNumber(const QCommandLineParser& parser, const char* name, int minimum,
     return false;
 }
 
-std::string defaultHost() {
-    CStdStr host("127.0.0.1");
-    CRegistry::getInstance()->ReadSettingImpl(kConfigKey, kHostSetting, host);
-    return host;
-}
-
 void addOptions(QCommandLineParser& parser) {
     parser.setApplicationDescription(
         q("Sends log files, or standard input, to the suite's log collector."));
     parser.addHelpOption();
+    parser.addOptions(NimbBusSettings::commandLineOptions());
     parser.addOptions({
-        {{q("H"), q("host")},
-         q("Bus directory as host or host:port (default: the kibDirectory.host setting, "
-           "else 127.0.0.1)."),
-         q("host")},
         {q("mac"), q("MAC address of this device (default: first network interface)."), q("addr")},
         {q("device-id"), q("Device id (default: the host name)."), q("id")},
         {q("name"), q("Display name of this device (default: the host name)."), q("text")},
@@ -94,7 +82,7 @@ bool LogPushOptions::parse(const std::vector<std::string>& arguments, std::strin
     follow = parser.isSet(q("follow"));
     // A follower runs unattended: giving up would lose its place in the files.
     if (follow) client.retryMs = -1;
-    client.host = parser.isSet(q("host")) ? text(parser, "host") : defaultHost();
+    client.bus = NimbBusSettings::fromCommandLine(parser);
     client.satellite = text(parser, "satellite");
     if (!isValidSatelliteName(client.satellite)) {
         error = "invalid satellite name: " + client.satellite;

@@ -78,10 +78,14 @@ TEST(CrashReporterReport, WithoutStackwalkGivesTheBasicFacts) {
     TempFolder folder;
     const fs::path dump = folder.path() / (std::string(kIds[0]) + ".dmp");
     writeFile(dump, std::string(2048, 'x'));
+    fs::permissions(dump, fs::perms::owner_read | fs::perms::owner_write);
     CrashReportRequest request{dump.string(), "NimbRemoteLogger", "build 42", {}};
     std::string error;
     ASSERT_TRUE(writeCrashReport(request, "", &error)) << error;
     const std::string report = readFile(reportPathFor(dump.string()));
+    // As private as the dump.
+    EXPECT_EQ(fs::status(reportPathFor(dump.string())).permissions(),
+              fs::perms::owner_read | fs::perms::owner_write);
     EXPECT_NE(report.find("Application: NimbRemoteLogger\n"), std::string::npos) << report;
     EXPECT_NE(report.find("Dump: " + dump.string() + "\n"), std::string::npos);
     EXPECT_NE(report.find("Dump size: 2048 bytes\n"), std::string::npos);

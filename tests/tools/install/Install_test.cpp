@@ -66,7 +66,7 @@ int InstallTest::installStatus_ = -1;
 TEST_F(InstallTest, LaysOutProgramsMarkerAndServiceFiles) {
     const fs::path bin = prefix_ / "bin";
     std::vector<std::string> programs = {"NimbRemoteLogger", "NimbCrashReporter", "kib-call",
-                                         "nimb-defaults", "nimb-logs"};
+                                         "nimb-defaults",    "nimb-logs",         "nimb-bus-setup"};
     if (NIMB_HAVE_LOGPUSH) programs.push_back("nimb-logpush");
     if (NIMB_HAVE_BREAKPAD) programs.push_back("minidump_stackwalk");
     for (const std::string& program : programs) {

@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: MIT
+#include "NimbBusSettings.h"
+
+#include <QCommandLineParser>
+
+#include "CRegistry.h"
+#include "KibSatellite.h"
+
+namespace {
+
+const char* const kConfigKey = "Software\\Pellix\\Nimb\\Config";
+
+QString q(const char* text) { return QString::fromUtf8(text); }
+
+void readString(const char* name, std::string& value) {
+    CStdStr text;
+    if (CRegistry::getInstance()->ReadSettingImpl(kConfigKey, name, text) && !text.empty())
+        value = text;
+}
+
+void takeOption(const QCommandLineParser& parser, const char* name, std::string& value) {
+    if (parser.isSet(q(name))) value = parser.value(q(name)).toStdString();
+}
+
+}  // namespace
+
+NimbBusSettings NimbBusSettings::read() {
+    NimbBusSettings settings;
+    readString(kHostKey, settings.host);
+    readString(kCaFileKey, settings.connection.caFile);
+    readString(kCredentialsKey, settings.connection.credentialsFile);
+    return settings;
+}
+
+QList<QCommandLineOption> NimbBusSettings::commandLineOptions() {
+    return {
+        {{q("H"), q("host")},
+         q("Bus directory as host, host:port or URL; a comma-separated list for a cluster "
+           "(default: the kibDirectory.host setting, else 127.0.0.1)."),
+         q("host")},
+        {q("ca"),
+         q("Certificate authority (PEM) that the bus server's certificate must chain to; "
+           "connects with TLS (default: the kibDirectory.caFile setting)."),
+         q("file")},
+        {q("creds"),
+         q("Credentials file of this device (default: the kibDirectory.credsFile setting)."),
+         q("file")},
+    };
+}
+
+NimbBusSettings NimbBusSettings::fromCommandLine(const QCommandLineParser& parser) {
+    NimbBusSettings settings = read();
+    takeOption(parser, "host", settings.host);
+    takeOption(parser, "ca", settings.connection.caFile);
+    takeOption(parser, "creds", settings.connection.credentialsFile);
+    return settings;
+}
+
+std::string NimbBusSettings::displayHost() const { return KibDisplayHost(host); }
+
+int NimbBusSettings::connect(KibSatellite& satellite, const char* name) const {
+    satellite.setConnectOptions(connection);
+    return satellite.Connect(host.c_str(), name);
+}

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: MIT
+// NimbBusSettings: where and how every program of the suite reaches the bus: the
+// server list, the certificate authority and the credentials file, read from the
+// settings under "Software\Pellix\Nimb\Config" and, in the tools, replaced by their
+// --host, --ca and --creds options. Secrets stay in the files named here: nothing in
+// this struct is secret except a password a URL of `host` may carry, which
+// displayHost() hides. Plain data; read on the thread that connects.
+#pragma once
+
+#include <QCommandLineOption>
+#include <QList>
+#include <string>
+
+#include "KibConnectOptions.h"
+
+class KibSatellite;
+class QCommandLineParser;
+
+struct NimbBusSettings {
+    static constexpr const char* kHostKey = "kibDirectory.host";
+    static constexpr const char* kCaFileKey = "kibDirectory.caFile";
+    static constexpr const char* kCredentialsKey = "kibDirectory.credsFile";
+
+    // Comma-separated servers: "host", "host:port" or URLs ("tls://host:4222").
+    std::string host = "127.0.0.1";
+    KibConnectOptions connection;
+
+    // The settings, with 127.0.0.1 and no TLS or credentials for what is not set.
+    static NimbBusSettings read();
+    // The options a tool offers for them: -H/--host, --ca, --creds.
+    static QList<QCommandLineOption> commandLineOptions();
+    // read(), with the options of commandLineOptions() given on `parser` taking precedence.
+    static NimbBusSettings fromCommandLine(const QCommandLineParser& parser);
+
+    // `host` with the user names and passwords that its URLs may carry replaced by "***".
+    std::string displayHost() const;
+    // Hands the connection options to `satellite` and connects it as `name` (see
+    // KibSatellite::Connect). On failure, satellite.lastConnectError() says why.
+    int connect(KibSatellite& satellite, const char* name) const;
+};
