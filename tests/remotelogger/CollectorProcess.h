@@ -47,6 +47,9 @@ public:
 
     // Starts the collector and waits (up to 10 s) until it is on the bus.
     ::testing::AssertionResult start() {
+        // The child empties the file only after the fork: an earlier run's "connected"
+        // must not be taken for this one's.
+        std::filesystem::remove(output());
         pid_ = nimbtest::spawnChild({NIMB_REMOTE_LOGGER}, environment(), output());
         for (int i = 0; i < 500; ++i) {
             if (nimbtest::readFile(output()).find("connected") != std::string::npos)
