@@ -15,12 +15,13 @@
 #include "DeviceLogConverter.h"
 #include "KibVariantHolder.h"
 #include "NimbBusSettings.h"
+#include "NimbSettingsKeys.h"
 #include "RemoteLogNames.h"
 #include "VUtil.h"
 
 namespace {
 
-const char* const kConfigKey = "Software\\Pellix\\Nimb\\Config";
+using NimbSettings::kConfigKey;
 const char* const kSatelliteName = "RemoteLogger";
 // The start-up check for another collector: how long one has to answer a ping, and how
 // many answers in a row, 500 ms apart, mean it is alive (a collector that was just killed
@@ -219,8 +220,8 @@ int NimbRemoteLoggerSatellite::connect() {
     const NimbBusSettings bus = NimbBusSettings::read();
     int maxSources = kDefaultMaxLogSources;
     int perDevice = static_cast<int>(RemoteLogSources::kDefaultMaxPerDevice);
-    registry->ReadSettingImpl(kConfigKey, "MaxLogSources", maxSources);
-    registry->ReadSettingImpl(kConfigKey, "MaxLogsPerDevice", perDevice);
+    registry->ReadSettingImpl(kConfigKey, NimbSettings::kMaxLogSources, maxSources);
+    registry->ReadSettingImpl(kConfigKey, NimbSettings::kMaxLogsPerDevice, perDevice);
     setMaxLogSources(maxSources, perDevice);
 
     const std::string shown = bus.displayHost();
