@@ -15,11 +15,12 @@ endif()
 
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/NimbLauncher DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/nimb-remote-logger.service
+              ${PROJECT_SOURCE_DIR}/packaging/nimb-web.service
               ${PROJECT_SOURCE_DIR}/packaging/nats-server.conf
               ${PROJECT_SOURCE_DIR}/packaging/nats-cluster.conf
         DESTINATION ${CMAKE_INSTALL_DATADIR}/nimb)
 foreach(page IN ITEMS operations collector settings logging crash-dumps bus-protocol
-                     security kib-call logpush)
+                     security kib-call logpush web)
     if(EXISTS ${PROJECT_SOURCE_DIR}/docs/${page}.md)
         install(FILES ${PROJECT_SOURCE_DIR}/docs/${page}.md
                 DESTINATION ${CMAKE_INSTALL_DATADIR}/nimb/doc)
@@ -31,7 +32,7 @@ endforeach()
 # belongs in this list too.
 add_custom_target(nimb_programs)
 foreach(program IN ITEMS NimbRemoteLogger NimbCrashReporter nimb-logpush kib-call nimb-defaults
-                        nimb-logs)
+                        nimb-logs nimb-web)
     if(TARGET ${program})
         add_dependencies(nimb_programs ${program})
     endif()

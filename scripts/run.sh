@@ -9,8 +9,11 @@
 #   3. writes the collector's settings into run/config/ (used through XDG_CONFIG_HOME, so
 #      the real ~/.config is never touched): logs into run/logs/, crash dumps into
 #      run/dumps/ (TMPDIR), log level INFO;
-#   4. prints how to push a log from another terminal and runs the collector in the
-#      foreground. Ctrl-C stops the collector, then the script stops the nats-server.
+#   4. starts the web console nimb-web on 127.0.0.1:8470 (or the next free port up to
+#      8499; NIMB_RUN_WEB_PORT=<port> picks one) and prints its address;
+#   5. prints how to push a log from another terminal and runs the collector in the
+#      foreground. Ctrl-C stops the collector, then the script stops nimb-web and the
+#      nats-server.
 #
 # Re-runnable: the collector and nats-server of an earlier run that was killed are
 # stopped first; settings are rewritten; logs are kept.
@@ -31,6 +34,7 @@ run_dir=$root/run
 prefix=$run_dir/install
 nats_pid_file=$run_dir/nats-server.pid
 collector_pid_file=$run_dir/collector.pid
+web_pid_file=$run_dir/nimb-web.pid
 
 scripts/setup.sh
 
@@ -73,8 +77,16 @@ stop_previous() {
 }
 
 nats_pid=""
+web_pid=""
 # shellcheck disable=SC2317 # run from the EXIT trap
 stop_server() {
+    if [ -n "$web_pid" ] && kill -0 "$web_pid" 2>/dev/null; then
+        kill "$web_pid" 2>/dev/null || true
+        wait "$web_pid" 2>/dev/null || true
+        echo "run: nimb-web stopped"
+    fi
+    web_pid=""
+    rm -f "$web_pid_file"
     if [ -n "$nats_pid" ] && kill -0 "$nats_pid" 2>/dev/null; then
         kill "$nats_pid" 2>/dev/null || true
         for _ in $(seq 50); do
@@ -91,6 +103,7 @@ stop_server() {
 
 stop_previous "$collector_pid_file" "$prefix/bin/NimbRemoteLogger" collector
 stop_previous "$nats_pid_file" "--pid $nats_pid_file" nats-server
+stop_previous "$web_pid_file" "$prefix/bin/nimb-web" nimb-web
 
 if [ -n "${NIMB_RUN_PORT:-}" ]; then
     port=$NIMB_RUN_PORT
@@ -151,11 +164,37 @@ fi
 "$bin/nimb-defaults" write 'Software\Pellix\Nimb' LogsDir -string "$run_dir/logs"
 "$bin/nimb-defaults" write 'Software\Pellix\Nimb' LogLevel -int 3
 
+web_port=${NIMB_RUN_WEB_PORT:-}
+if [ -z "$web_port" ]; then
+    for candidate in $(seq 8470 8499); do
+        if ! listening "$candidate"; then
+            web_port=$candidate
+            break
+        fi
+    done
+fi
+if [ -z "$web_port" ] || listening "$web_port"; then
+    echo "run: no free port for nimb-web (8470-8499 or NIMB_RUN_WEB_PORT)" >&2
+    exit 1
+fi
+"$bin/nimb-web" --listen "127.0.0.1:$web_port" >"$run_dir/nimb-web.log" 2>&1 </dev/null &
+web_pid=$!
+echo "$web_pid" >"$web_pid_file"
+for _ in $(seq 50); do
+    listening "$web_port" && break
+    sleep 0.1
+done
+if ! listening "$web_port"; then
+    echo "run: nimb-web did not start; see $run_dir/nimb-web.log" >&2
+    exit 1
+fi
+
 now=$(date -u +%Y-%m-%dT%H:%M:%SZ)
 cat <<EOF
 
 run: nats-server on 127.0.0.1:$port (pid $nats_pid, log run/nats-server.log)
 run: settings in run/config/pellix/, logs in run/logs/, crash dumps in run/dumps/
+run: web console at http://127.0.0.1:$web_port/ (log run/nimb-web.log)
 
 Push a log from another terminal (in $root):
 

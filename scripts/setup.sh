@@ -12,6 +12,8 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
     clang-format
     clang
+    qt6-httpserver-dev qt6-websockets-dev libarchive-dev libre2-dev
+    chromium
 )
 
 # npm fetches the Breakpad sources at configure time (cmake/Breakpad.cmake). Machines
@@ -34,4 +36,15 @@ if [ ${#missing[@]} -gt 0 ]; then
     export DEBIAN_FRONTEND=noninteractive
     $sudo apt-get update -qq
     $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
+
+# The browser test drives Chromium with puppeteer-core (pinned), kept in the git-ignored
+# .cache/webtest/; its own install script (a browser download) must not run.
+puppeteer_version=24.30.0
+webtest_dir=$(cd "$(dirname "$0")/.." && pwd)/.cache/webtest
+if ! grep -qs "\"version\": \"$puppeteer_version\"" "$webtest_dir/node_modules/puppeteer-core/package.json"; then
+    echo "setup: installing puppeteer-core $puppeteer_version into .cache/webtest"
+    mkdir -p "$webtest_dir"
+    npm install --prefix "$webtest_dir" --no-audit --no-fund --ignore-scripts --silent \
+        "puppeteer-core@$puppeteer_version" >/dev/null
 fi

@@ -29,6 +29,7 @@ class ExceptionHandler {};
 #include "CFileTools.h"
 #include "CRegistry.h"
 #include "CStdPath.h"
+#include "CrashLog.h"
 #include "PSignalStack.h"
 #include "PThread.h"
 
@@ -70,26 +71,6 @@ void runThroughShell(const char* commandLine) {
     }
     int status = 0;
     while (waitpid(static_cast<pid_t>(pid), &status, 0) < 0 && errno == EINTR) {
-    }
-}
-
-// Runs in: crash context. Gives the default logger's writer thread a moment to put the
-// FATAL line into the module's own log before the process ends: waits until nothing is
-// queued and the file has stopped growing, for at most kLogDrainMilliseconds. When the
-// writer thread is the one that crashed, the line reaches only "errors.log", which the
-// logger writes on the caller's thread.
-void waitForLogWriter() {
-    constexpr int kLogDrainMilliseconds = 2000;
-    constexpr int kPollMilliseconds = 10;
-    const boost::shared_ptr<CBBLog> log = CBBLog::getLogger();
-    if (!log) return;
-    long long lastSize = -2;
-    for (int waited = 0; waited < kLogDrainMilliseconds; waited += kPollMilliseconds) {
-        const long long size = log->getFileSize();
-        if (size == lastSize && log->getLogs().empty()) return;
-        lastSize = size;
-        const timespec pause{0, kPollMilliseconds * 1000L * 1000L};
-        nanosleep(&pause, nullptr);
     }
 }
 
@@ -174,7 +155,7 @@ MiniDumper::MiniDumper(const char* name, const char* arg2, const char* registryK
     initialize(true, true);
 }
 
-MiniDumper::~MiniDumper() = default;
+MiniDumper::~MiniDumper() = default;  // CrashLog is complete here
 
 CStdStr MiniDumper::defaultDumpDir() {
     const char* tmp = std::getenv("TMPDIR");
@@ -210,6 +191,8 @@ void MiniDumper::initialize(bool installHooks, bool /*secondFlag*/) {
 #else
     (void)installHooks;  // builds without crash dumps leave every hook alone
 #endif
+    if (!crashLog) crashLog = std::make_unique<CrashLog>();
+    crashLog->prepare(CBBLog::getLogsDirectory(), appName);
     prepareCrashPath();
 }
 
@@ -310,9 +293,19 @@ void MiniDumper::minidumpCallback(const char* folder, const char* id, void* /*co
         runThroughShell(line);
     }
     if (logCrash) {
-        CBBLog::fatal("crash of %s. minidump generated as %s (%dkB)", appName.c_str(),
-                      crashDumpPath, static_cast<int>(size / 1024));
-        waitForLogWriter();
+        // Lines queued before the crash go first, as long as the writer thread still
+        // runs; the crash line itself never touches the logger (its locks and its
+        // allocations may be what the crashed thread was holding).
+        crashLog->waitUntilQuiet(kLogDrainMilliseconds);
+        crashLog->begin();
+        crashLog->append("crash of ");
+        crashLog->append(appName.c_str());
+        crashLog->append(". minidump generated as ");
+        crashLog->append(crashDumpPath);
+        crashLog->append(" (");
+        crashLog->append(size / 1024);
+        crashLog->append("kB)");
+        crashLog->finish();
     }
     _exit(0);
 }

@@ -17,11 +17,16 @@ class ExceptionHandler;
 class MinidumpDescriptor;
 }  // namespace google_breakpad
 
+class CrashLog;
+
 class MiniDumper {
 public:
     // Seconds the dump callback may take (reporter, log line) before the process is
     // ended regardless, so that a hang in the crash path cannot keep it alive.
     static constexpr unsigned kCallbackTimeoutSeconds = 30;
+    // How long the dump callback lets the logger's writer thread finish the lines
+    // queued before the crash.
+    static constexpr int kLogDrainMilliseconds = 1000;
 
     // All flags true, hooks installed. The constructor the module host uses.
     // Runs in: normal context.
@@ -52,9 +57,11 @@ public:
     // the quoted command line stays intact. Runs in: normal context.
     void setAppData(const CStdStr& data);
 
-    // After a dump: starts the reporter, writes the FATAL line, ends the process with
-    // status 0. Never returns. Runs in: crash context (the crashed thread's signal
-    // handler), so it only uses what was prepared in normal context.
+    // After a dump: starts the reporter, writes the FATAL line to errors.log and to
+    // "<appName>.log" in the logs folder, ends the process with status 0. Never
+    // returns. Runs in: crash context (the crashed thread's signal handler), so it only
+    // uses what was prepared in normal context and async-signal-safe calls: no
+    // allocation, no lock, no logger.
     [[noreturn]] void minidumpCallback(const char* dumpDir, const char* minidumpId, void* context,
                                        bool succeeded);
     // The dump handler's callback in the directory + id form; `context` is the
@@ -105,4 +112,6 @@ private:
     CStdStr commandSuffix;
     std::vector<char> commandBuffer;
     char crashDumpPath[PATH_MAX] = {};
+    // The FATAL line's files and buffer, opened by initialize().
+    std::unique_ptr<CrashLog> crashLog;
 };

@@ -6,6 +6,9 @@
 // An entry is a plain value owned by whoever creates it; its attributes are read once,
 // at construction (refresh() reads them again). One entry must not be used by two
 // threads at once; the static functions may be called from any thread.
+// Errors: the folder look-ups that must produce a folder throw std::logic_error with a
+// fixed text when they cannot (each says so below); an entry's attribute that cannot be
+// read is a zero or empty value, and a missing file never throws.
 #pragma once
 
 #include <cstdint>

@@ -21,8 +21,10 @@
 //     0 VT_EMPTY, 1 VT_NULL          nil
 //     16 I1, 2 I2, 3 I4, 20 I8       int within the type's signed range
 //     17 UI1, 18 UI2, 19 UI4, 21 UI8 uint within the type's range
-//     4 R4                           float32 (float64 accepted and narrowed)
-//     5 R8, 7 DATE                   float64 (float32 accepted)
+//     4 R4                           float32 (float64 accepted and narrowed; an
+//                                    integer accepted when a float32 holds it exactly)
+//     5 R8, 7 DATE                   float64 (float32 accepted; an integer accepted
+//                                    when a float64 holds it exactly)
 //     11 BOOL                        bool
 //     8 BSTR                         str (any bytes, NULs included) / nil: the null string
 //     0x2000|T, T one of the scalar codes above except EMPTY and NULL, or BSTR:
@@ -116,8 +118,14 @@ int parse(const char* data, std::size_t size, const KibCodecLimits& limits,
     } catch (const msgpack::depth_size_overflow&) {
         error = "values nested too deeply";
         return KIB_E_BAD_FRAME;
+    } catch (const msgpack::map_size_overflow&) {
+        error = "MessagePack maps are not used in frames";
+        return KIB_E_BAD_FRAME;
+    } catch (const msgpack::ext_size_overflow&) {
+        error = "MessagePack extension types are not used in frames";
+        return KIB_E_BAD_FRAME;
     } catch (const msgpack::size_overflow&) {
-        error = "array, string or map above its size limit";
+        error = "array, string or binary above its size limit";
         return KIB_E_BAD_FRAME;
     } catch (const std::bad_alloc&) {
         error = "out of memory while parsing";

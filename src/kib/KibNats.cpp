@@ -117,3 +117,31 @@ std::string KibDisplayHost(const std::string& hosts) {
     }
     return shown;
 }
+
+bool KibNats::isInboxSubject(const char* subject) {
+    // "_INBOX.<token>..." or, for a user with an inbox of its own, "_INBOX_<user>.<token>...".
+    static const char kInboxPrefix[] = "_INBOX";
+    if (subject == nullptr || std::strncmp(subject, kInboxPrefix, sizeof kInboxPrefix - 1) != 0) {
+        return false;
+    }
+    const char* rest = subject + sizeof kInboxPrefix - 1;
+    if (*rest == '_') {
+        const char* user = rest + 1;
+        while (*rest != '\0' && *rest != '.') ++rest;
+        if (rest == user || *rest != '.') return false;
+        for (const char* c = user; c < rest; ++c) {
+            const unsigned char u = static_cast<unsigned char>(*c);
+            if (u <= 0x20 || u >= 0x7F || u == '*' || u == '>') return false;
+        }
+    } else if (*rest != '.') {
+        return false;
+    }
+    ++rest;
+    if (*rest == '\0') return false;
+    for (const char* c = rest; *c != '\0'; ++c) {
+        const unsigned char u = static_cast<unsigned char>(*c);
+        if (u <= 0x20 || u >= 0x7F || u == '*' || u == '>') return false;
+        if (u == '.' && (c[1] == '.' || c[1] == '\0')) return false;  // an empty token
+    }
+    return true;
+}

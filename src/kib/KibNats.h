@@ -41,4 +41,9 @@ public:
     // A satellite or service name usable as one subject token: 1 to 128 printable
     // ASCII characters other than blank, '.', '*' and '>'.
     static bool isValidName(const char* name);
+    // A subject a reply may go to: the requester's own inbox, "_INBOX." (or, for a
+    // user with inboxes of its own, "_INBOX_<user>.") followed by tokens without
+    // wildcards. Replies anywhere else (a service subject,
+    // "kib.discover") would let a requester make this satellite talk for it.
+    static bool isInboxSubject(const char* subject);
 };

@@ -26,6 +26,7 @@
 #include "KibConnectOptions.h"
 #include "KibDeferredReply.h"
 #include "KibDropReport.h"
+#include "KibLog.h"
 #include "KibNats.h"
 #include "KibReply.h"
 #include "KibReplyChannel.h"
@@ -168,6 +169,9 @@ private:
     // When the connection was lost (steady clock, ns); written and read by the client's
     // connection-state callbacks, which it runs one at a time.
     std::atomic<long long> lostAt_{0};
+    // Refused requests (bad frames, reply subjects outside an inbox) are logged at most
+    // once per interval: a peer that keeps sending them cannot flood the log.
+    KibLogLimit refusedRequestLog_;
 
     // Control subscriptions (ping, discovery): management thread only.
     std::vector<std::unique_ptr<KibSubscription>> control_;

@@ -160,6 +160,16 @@ natsStatus KibSatelliteImpl::request(natsConnection* nc, const std::string& inbo
 
 void KibSatelliteImpl::onMessage(KibSubscription& s, natsConnection* nc, natsMsg* msg) {
     KibNatsMsg owned(msg);
+    const bool asksForReply =
+        s.kind == KibSubscription::Kind::Service || s.kind == KibSubscription::Kind::Ping;
+    const char* replyTo = natsMsg_GetReply(msg);
+    if (asksForReply && replyTo != nullptr && *replyTo != '\0' &&
+        !KibNats::isInboxSubject(replyTo)) {
+        KibLog::error(refusedRequestLog_,
+                      "Refused a request for %s: its reply subject \"%.128s\" is not an inbox",
+                      s.name.c_str(), replyTo);
+        return;
+    }
     switch (s.kind) {
         case KibSubscription::Kind::Service:
             serveRequest(s, nc, msg);
@@ -192,7 +202,8 @@ void KibSatelliteImpl::serveRequest(KibSubscription& s, natsConnection*, natsMsg
         natsMsg_GetData(msg), static_cast<std::size_t>(natsMsg_GetDataLength(msg)), request, error,
         limits_);
     if (decoded != KIB_OK) {
-        KibLog::error("Refused a request for %s: %s", s.name.c_str(), error.c_str());
+        KibLog::error(refusedRequestLog_, "Refused a request for %s: %s", s.name.c_str(),
+                      error.c_str());
         setError(reply, KibErrorKind::Library, decoded, "bad request: " + error);
     } else {
         const ServingScope scope(served);

@@ -314,6 +314,11 @@ private:
             case VT_DATE: {
                 double d = 0;
                 ok = KibValueCodec::asFloat(o, d);
+                // A float 64 is narrowed for VT_R4; an integer must fit exactly.
+                const bool isInteger = o.type == msgpack::type::POSITIVE_INTEGER ||
+                                       o.type == msgpack::type::NEGATIVE_INTEGER;
+                if (ok && t == VT_R4 && isInteger)
+                    ok = static_cast<double>(static_cast<float>(d)) == d;
                 if (ok && t == VT_R4) store(slot, static_cast<float>(d));
                 if (ok && t != VT_R4) store(slot, d);
                 break;
@@ -371,9 +376,29 @@ bool KibValueCodec::asUnsigned(const msgpack::object& o, std::uint64_t max, std:
 }
 
 bool KibValueCodec::asFloat(const msgpack::object& o, double& v) {
-    if (o.type != msgpack::type::FLOAT32 && o.type != msgpack::type::FLOAT64) return false;
-    v = o.via.f64;
-    return true;
+    // Many encoders write a whole-number float as an integer: taken when the double
+    // holds it exactly. 2^64 and -2^63 bound the casts back, which are exact below them.
+    constexpr double kTwoTo64 = 18446744073709551616.0;
+    switch (o.type) {
+        case msgpack::type::FLOAT32:
+        case msgpack::type::FLOAT64:
+            v = o.via.f64;
+            return true;
+        case msgpack::type::POSITIVE_INTEGER: {
+            const double d = static_cast<double>(o.via.u64);
+            if (d >= kTwoTo64 || static_cast<std::uint64_t>(d) != o.via.u64) return false;
+            v = d;
+            return true;
+        }
+        case msgpack::type::NEGATIVE_INTEGER: {
+            const double d = static_cast<double>(o.via.i64);
+            if (static_cast<std::int64_t>(d) != o.via.i64) return false;
+            v = d;
+            return true;
+        }
+        default:
+            return false;
+    }
 }
 
 bool KibValueCodec::asString(const msgpack::object& o, std::string& v) {

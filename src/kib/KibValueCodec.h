@@ -30,6 +30,7 @@ bool decode(const msgpack::object& o, const KibCodecLimits& limits, VARIANT& out
 
 bool asSigned(const msgpack::object& o, std::int64_t min, std::int64_t max, std::int64_t& v);
 bool asUnsigned(const msgpack::object& o, std::uint64_t max, std::uint64_t& v);
+// A float, or an integer that a double holds exactly.
 bool asFloat(const msgpack::object& o, double& v);
 bool asString(const msgpack::object& o, std::string& v);
 

@@ -239,7 +239,8 @@ void CBBLog::emitLine(const char* text, size_t length, LOGLEVEL messageLevel) {
 }
 
 CStdStr CBBLog::buildLineHeader(LOGLEVEL messageLevel) const {
-    char header[kFormatBufferSize];
+    // Room for the longest header: date, time, label and a 32-bit process id.
+    char header[64];
     CStdStr result(header, formatHeader(header, sizeof(header), messageLevel));
     if (messageLevel == FATAL) {
         result += shortName;

@@ -130,6 +130,10 @@ public:
     static constexpr const char* kFileGroup = "nimb";
     // Mode of the logs folder when the logger has to create it.
     static constexpr mode_t kFolderMode = 0775;
+    // Opens `path` through `io` as openFile() does; for a writer outside the logger that
+    // must append to the same files, such as the crash path, which opens them
+    // beforehand. Runs in: normal context.
+    static bool openLogFile(LogFileIo& io, int& fd, const CStdStr& path, bool truncate);
     // The logs folder (the "LogsDir" setting, else the system default).
     static CStdStr getLogsDirectory();
     // Local time now as "YYYY/MM/DD hh:mm:ss.mmm".

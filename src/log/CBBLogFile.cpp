@@ -66,6 +66,10 @@ void CBBLog::prepareProcess() {
 // ---- Opening ----
 
 bool CBBLog::openFile(int& fd, const CStdStr& path, bool truncate) {
+    return openLogFile(*io, fd, path, truncate);
+}
+
+bool CBBLog::openLogFile(LogFileIo& io, int& fd, const CStdStr& path, bool truncate) {
     // Never through a symbolic link, never waiting for a FIFO's reader, never taking a
     // terminal, and nothing but a regular file is even opened (the look before the open
     // spares devices the open; the check after it closes the race). O_EXCL first tells
@@ -73,7 +77,7 @@ bool CBBLog::openFile(int& fd, const CStdStr& path, bool truncate) {
     // that a file planted by someone else is never changed.
     const int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
     bool created = true;
-    fd = io->open(path.c_str(), flags | O_CREAT | O_EXCL, kFileMode);
+    fd = io.open(path.c_str(), flags | O_CREAT | O_EXCL, kFileMode);
     if (fd == -1 && errno == EEXIST) {
         created = false;
         const int refusal = refusalOf(path.c_str());
@@ -81,11 +85,11 @@ bool CBBLog::openFile(int& fd, const CStdStr& path, bool truncate) {
             errno = refusal;
             return false;
         }
-        fd = io->open(path.c_str(), flags | (truncate ? O_TRUNC : 0), 0);
+        fd = io.open(path.c_str(), flags | (truncate ? O_TRUNC : 0), 0);
     }
     if (fd == -1) return false;
     struct stat info {};
-    const int error = io->fstat(fd, &info) != 0 ? errno : S_ISREG(info.st_mode) ? 0 : EINVAL;
+    const int error = io.fstat(fd, &info) != 0 ? errno : S_ISREG(info.st_mode) ? 0 : EINVAL;
     if (error != 0) {
         close(fd);
         fd = -1;

@@ -73,3 +73,7 @@ NimbModuleBaseQT* createNimbModuleInstance();
 
 // Set by a module program that needs a GUI application object; see NimbModuleMain.cpp.
 extern bool g_nimbModuleRequiresQApplication;
+// The module program's name and the text `<program> --help` prints: what the module is,
+// the settings it reads and where it logs. Defined by the module program.
+extern const char* const g_nimbModuleProgramName;
+extern const char* const g_nimbModuleUsage;

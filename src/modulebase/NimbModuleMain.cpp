@@ -1,14 +1,16 @@
 // SPDX-License-Identifier: MIT
-// The module program's entry: builds the application object, creates the module through
-// createNimbModuleInstance(), hands it the command line, runs the event loop until a
-// signal ends it, then closes and deletes the module and the application object. The
-// exit status is 0 in every case.
+// The module program's entry: answers "--help" and "--version"; otherwise builds the
+// application object, creates the module through createNimbModuleInstance(), hands it
+// the command line, runs the event loop until a signal ends it, then closes and deletes
+// the module and the application object. The exit status is 0 in every case.
 //
 // Built twice: nimb_modulemain for modules without a user interface (this one), and,
 // where Qt's widgets are installed, nimb_modulemain_gui (NIMB_MODULE_GUI) for modules
 // that set g_nimbModuleRequiresQApplication.
 #include <QCoreApplication>
 #include <QDir>
+#include <cstdio>
+#include <cstring>
 #include <vector>
 
 #if NIMB_MODULE_GUI
@@ -17,6 +19,7 @@
 
 #include "CFileTools.h"
 #include "NimbModuleBaseQT.h"
+#include "NimbVersion.h"
 
 namespace {
 
@@ -38,6 +41,13 @@ QCoreApplication* createApplication(int& argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // "--help" and "--version" as the only argument answer and exit; any other command
+    // line is not interpreted and starts the module.
+    if (nimbPrintVersionIfAsked(argc, argv, g_nimbModuleProgramName)) return 0;
+    if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
+        std::fputs(g_nimbModuleUsage, stdout);
+        return 0;
+    }
     QCoreApplication* application = createApplication(argc, argv);
     std::vector<CStdStr> args(argv, argv + argc);
 

@@ -408,24 +408,44 @@ tm deviceNow(long deviceTime) {
     return now;
 }
 
+// Division rounding toward minus infinity, so that carries work for negative fields.
+long floorDiv(long a, long b) {
+    const long q = a / b;
+    return (a % b != 0 && (a < 0) != (b < 0)) ? q - 1 : q;
+}
+
+bool isLeapYear(long year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0; }
+
+// Leap years in [1, year), counted the proleptic Gregorian way (negative for year < 1).
+long leapYearsBefore(long year) {
+    const long y = year - 1;
+    return floorDiv(y, 4) - floorDiv(y, 100) + floorDiv(y, 400);
+}
+
 }  // namespace
 
 long DeviceLogConverter::utcSeconds(const tm& t) {
     static const long kDaysBeforeMonth[] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
-    const long y = t.tm_year;
-    const long m = t.tm_mon;
-    long leapDays = (y + 300) / 400 + y / 4 - 17 - y / 100;
-    const long fullYear = 1900 + y;
-    const bool leapYear = (fullYear % 4 == 0 && fullYear % 100 != 0) || fullYear % 400 == 0;
-    if (leapYear && m < 2) --leapDays;
-    return (y - 70) * 31536000L + (kDaysBeforeMonth[m] + t.tm_mday - 1 + leapDays) * 86400L +
-           t.tm_hour * 3600L + t.tm_min * 60L + t.tm_sec;
+    // A month outside 0-11 carries into the year, as every other field carries into the
+    // next unit; the table is only ever indexed with 0-11.
+    const long yearCarry = floorDiv(t.tm_mon, 12);
+    const long month = t.tm_mon - 12 * yearCarry;
+    const long year = 1900L + t.tm_year + yearCarry;
+    const long days = 365 * (year - 1970) + leapYearsBefore(year) - leapYearsBefore(1970) +
+                      kDaysBeforeMonth[month] + (month >= 2 && isLeapYear(year) ? 1 : 0) +
+                      t.tm_mday - 1;
+    return days * 86400L + t.tm_hour * 3600L + t.tm_min * 60L + t.tm_sec;
 }
 
 CStdStr DeviceLogConverter::convertDate(const tm& t, long deviceTime, long serverTime) {
-    const time_t seconds = shifted(t, deviceTime, serverTime);
+    long moved = 0;
     tm local{};
-    localtime_r(&seconds, &local);
+    if (__builtin_sub_overflow(utcSeconds(t), deviceTime, &moved) ||
+        __builtin_add_overflow(moved, serverTime, &moved)) {
+        return CStdStr();
+    }
+    const time_t when = static_cast<time_t>(moved);
+    if (localtime_r(&when, &local) == nullptr) return CStdStr();  // beyond the calendar
     CStdStr out;
     appendLocal(local, out);
     return out;

@@ -27,12 +27,16 @@ public:
     // checked and measured against.
     static CStdStr convertLogByPattern(const CStdStr& content, long deviceTime, long serverTime);
 
-    // Converts one broken-down time (read as UTC; fields are not range-checked and
-    // carry over) into server time: t - deviceTime + serverTime, formatted in the
-    // server's local time zone.
+    // Converts one broken-down time (read as UTC; out-of-range fields carry over as in
+    // utcSeconds) into server time: t - deviceTime + serverTime, formatted in the
+    // server's local time zone. Empty when the sum overflows or the result lies beyond
+    // what the calendar functions can show.
     static CStdStr convertDate(const tm& t, long deviceTime, long serverTime);
 
     // Seconds since 1970 of a broken-down UTC time, by the calendar rule alone (no C
-    // library call, no range check: out-of-range fields carry into the next unit).
+    // library call). Every field may lie outside its range, negative ones included:
+    // it carries into the next unit (month 12 is January of the next year, month -1
+    // December of the year before, day 0 the last day of the month before), as
+    // timegm() does.
     static long utcSeconds(const tm& t);
 };

@@ -4,6 +4,7 @@
 #include <QCoreApplication>
 #include <cerrno>
 
+#include "CollectorStats.h"
 #include "NimbRemoteLoggerSatellite.h"
 #include "RemoteLogNames.h"
 #include "RemoteLogReply.h"
@@ -131,6 +132,7 @@ void NimbRemoteLogger::writeText(const CStdStr& id, CStdStr text,
         if (reply) reply->unknownSource();
         return;
     }
+    CollectorStats::global().countWritten(text.c_str(), text.size());
     if (!reply) {
         log->AddRawLog(text.c_str());
         return;

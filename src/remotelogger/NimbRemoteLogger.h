@@ -6,6 +6,9 @@
 // threads). The log map is guarded by logMapLock, never held while a logger writes.
 // A call that came from the satellite carries its request's reply along to the
 // logger, which completes it once the text is in the file.
+// Errors: a device's bad request is thrown as KibInvalidParameterException by the
+// satellite's handlers and becomes the error reply; a text that cannot be written is
+// answered with an error reply naming the file; nothing a device sends ends the process.
 #pragma once
 
 #include <QDateTime>

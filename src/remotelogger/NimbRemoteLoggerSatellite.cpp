@@ -12,6 +12,7 @@
 
 #include "CBBLog.h"
 #include "CRegistry.h"
+#include "CollectorStats.h"
 #include "DeviceLogConverter.h"
 #include "KibVariantHolder.h"
 #include "NimbBusSettings.h"
@@ -250,11 +251,13 @@ int NimbRemoteLoggerSatellite::connect() {
     }
     // Written at error level on purpose, so that every start shows in the log.
     CBBLog::error("connected");
+    CollectorStats::global().setConnected(true);
     return 0;
 }
 
 int NimbRemoteLoggerSatellite::CreateServices() {
     using Delegate = KibSatelliteDelegateMember<NimbRemoteLoggerSatellite>;
+    AddService("GetStats", "", new Delegate(this, &NimbRemoteLoggerSatellite::KibServiceGetStats));
     AddService("SetLogSource", "",
                new Delegate(this, &NimbRemoteLoggerSatellite::KibServiceSetLogSource));
     return AddService("AppendLog", "",
@@ -301,7 +304,10 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
         ids.insert(RemoteLogNames::logId(asDelivered(macAddr), asDelivered(logName)));
     admitLogIds(asDelivered(macAddr), ids, logNames.size());
     reserveBacklog("SetLogSource", asDelivered(macAddr), logNames.size(), 0);
-    if (logNames.empty()) return 0;
+    if (logNames.empty()) {
+        CollectorStats::global().countRequest();  // answered at once: nothing to write
+        return 0;
+    }
 
     const auto reply = std::make_shared<RemoteLogReply>(DeferReply(), "SetLogSource",
                                                         static_cast<int>(logNames.size()));

@@ -89,6 +89,18 @@ public:
     // a NUL byte becomes U+FFFD like any other byte that is not UTF-8 text. Throws
     // KibInvalidParameterException for a bad request. Bus thread.
     int KibServiceAppendLog(const char* caller, const tagVARIANT& in, tagVARIANT* out);
+    // The collector's counters as name/value pairs (CollectorStats; 64-bit integers):
+    // requests, linesWritten, bytesWritten, errors.<kind>, queueDepth, queueBytes,
+    // connected. Bus thread.
+    int KibServiceGetStats(const char* caller, const tagVARIANT& in, tagVARIANT* out);
+
+    // Counts each SetLogSource / AppendLog request refused by an exception (by kind),
+    // then lets the exception through; answered requests are counted by their
+    // RemoteLogReply. Bus thread.
+    int OnServiceRequested(int requestId, const char* caller, const char* service, tagVARIANT in,
+                           tagVARIANT* out, int* result) override;
+    // Keeps the "connected" counter current. Bus thread.
+    void OnStatusChange(int reason, KIBSTATUS status) override;
 
     // Timestamp rewriting of device log text; see DeviceLogConverter. Any thread.
     CStdStr convertLog(const CStdStr& content, long deviceTime, long serverTime);

@@ -43,3 +43,13 @@ bool RemoteLogBacklog::fitsLocked(std::size_t calls, std::size_t bytes) const {
     if (calls_ == 0 || !bounded_) return true;
     return calls_ + calls <= maxCalls_ && bytes_ + bytes <= maxBytes_;
 }
+
+std::size_t RemoteLogBacklog::queuedCalls() const {
+    const PMutexLocker lock(mutex_);
+    return calls_;
+}
+
+std::size_t RemoteLogBacklog::queuedBytes() const {
+    const PMutexLocker lock(mutex_);
+    return bytes_;
+}

@@ -25,6 +25,9 @@ public:
     bool acquire(std::size_t calls, std::size_t bytes, std::chrono::milliseconds timeout);
     // Gives back the room of one delivered call. Main thread.
     void release(std::size_t bytes);
+    // What is waiting right now (calls, bytes of text). Any thread.
+    std::size_t queuedCalls() const;
+    std::size_t queuedBytes() const;
     // Makes every waiting and later acquire() fail at once. Main thread, at shutdown.
     void stop();
     // Makes every waiting and later acquire() succeed at once (until stop()): while the
@@ -39,7 +42,7 @@ private:
     const std::size_t maxCalls_ = 0;
     const std::size_t maxBytes_ = 0;
     // Its condition: room was freed, or the bound changed.
-    PCondMutex mutex_;
+    mutable PCondMutex mutex_;
     std::size_t calls_ NIMB_GUARDED_BY(mutex_) = 0;
     std::size_t bytes_ NIMB_GUARDED_BY(mutex_) = 0;
     bool stopped_ NIMB_GUARDED_BY(mutex_) = false;

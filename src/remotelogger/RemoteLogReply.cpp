@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "RemoteLogReply.h"
 
+#include "CollectorStats.h"
 #include "KibVariantHolder.h"
 
 const char* const RemoteLogReply::kUnknownSourceText =
@@ -34,14 +35,18 @@ void RemoteLogReply::finishPart() {
         failure = failure_;
         unknown = unknown_;
     }
+    CollectorStats& stats = CollectorStats::global();
     if (!failure.empty()) {
+        stats.countError(CollectorStats::ErrorKind::Write);
         reply_.fail(failure.c_str(), kNotWrittenCode);
     } else if (unknown) {
+        stats.countError(CollectorStats::ErrorKind::Unknown);
         KibVariantHolder text;
         text.edit().vt = VT_BSTR;
         text.edit().bstrVal = SysAllocString(kUnknownSourceText);
         reply_.succeed(kUnknownSourceStatus, &text.get());
     } else {
+        stats.countRequest();
         reply_.succeed(0);
     }
 }

@@ -5,6 +5,8 @@
 // the lazily created singleton getInstance(); make the first call before other
 // threads use the store. Reads return true only when the value exists and leave the
 // output untouched otherwise, so the caller's variable holds the default.
+// Errors: reads and writes return bool (false: missing, unreadable or not stored) and
+// do not throw; only an unusable domain name is refused by the same false result.
 #pragma once
 
 #include <map>

@@ -11,6 +11,7 @@ namespace NimbSettings {
 constexpr const char* kSuiteKey = "Software\\Pellix\\Nimb";
 constexpr const char* kConfigKey = "Software\\Pellix\\Nimb\\Config";
 constexpr const char* kSyslogKey = "Software\\Pellix\\Nimb\\Syslog";
+constexpr const char* kWebKey = "Software\\Pellix\\Nimb\\Web";
 
 // Value names under kConfigKey.
 constexpr const char* kBusHost = "kibDirectory.host";
@@ -57,6 +58,10 @@ constexpr Key kKeys[] = {
     {kSyslogKey, "MaxConnections", "int", "64", "open syslog connections"},
     {kSyslogKey, "MaxSenders", "int", "64", "senders with files"},
     {kSyslogKey, "MaxAppsPerSender", "int", "16", "files per sender"},
+    {kWebKey, "Listen", "string", "127.0.0.1:8470", "nimb-web address, ADDR:PORT"},
+    {kWebKey, "TokenHash", "string", "none", "nimb-web bearer token (nimb-web --hash-secret)"},
+    {kWebKey, "User", "string", "none", "nimb-web user name for its password"},
+    {kWebKey, "PasswordHash", "string", "none", "nimb-web password (nimb-web --hash-secret)"},
 };
 
 }  // namespace NimbSettings

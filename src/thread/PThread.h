@@ -4,6 +4,8 @@
 // PThread object only observes it through a weak reference, so it may be destroyed
 // while the thread still runs (a joinable thread is then detached, never cancelled).
 // Owner: whoever constructs it; join()/detach() from the owning thread only.
+// Errors: only a thread that cannot be created throws (std::runtime_error); lock,
+// join and detach results are not checked, as the wrappers' callers expect.
 #pragma once
 
 #include <boost/shared_ptr.hpp>

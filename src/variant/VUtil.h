@@ -135,6 +135,7 @@ bool FindPairNoCase(const tagVARIANT& list, CStdStr name, tagVARIANT& value);
 std::map<CStdStr, CStdStr> toStringMap(const tagVARIANT& list, bool lowerCaseNames);
 std::map<CStdStr, CStdStr> toStringAMap(const tagVARIANT& list, bool lowerCaseNames);
 // Element `index` read as a string and split at commas and blanks (no empty tokens).
+// An index outside the array, beyond `int` included, fails as any element read does.
 std::vector<CStdStr> GetCSVElement(const tagVARIANT& v, long index);
 
 // ---- Comparison and return codes ---------------------------------------------------

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Name/value pair lookup, pair lists as maps, comma lists and return codes.
 #include <cctype>
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 
@@ -141,7 +142,9 @@ std::map<CStdStr, CStdStr> toStringAMap(const tagVARIANT& list, bool lowerCaseNa
 }
 
 std::vector<CStdStr> GetCSVElement(const tagVARIANT& v, long index) {
-    const CStdStr text = GetStringElement(v, static_cast<int>(index));
+    // An index beyond int must not wrap onto a real element: -1 fails as out of range.
+    const bool fits = index >= INT_MIN && index <= INT_MAX;
+    const CStdStr text = GetStringElement(v, fits ? static_cast<int>(index) : -1);
     std::vector<CStdStr> tokens;
     const char* delimiters = ", ";
     std::size_t start = text.find_first_not_of(delimiters);

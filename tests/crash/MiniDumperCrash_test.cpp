@@ -3,6 +3,7 @@
 // exit status 0, one dump that minidump_stackwalk reads with the expected crash, the
 // reporter started with the expected arguments, and the FATAL line in the logs.
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -46,14 +47,15 @@ protected:
     }
 
     ChildResult crash(const std::string& mode, const std::string& name = kChildName,
-                      const std::vector<std::string>& extra = {}) {
+                      const std::vector<std::string>& extra = {},
+                      std::chrono::seconds timeout = std::chrono::seconds(60)) {
         std::vector<std::string> argv = {NIMB_CRASH_CHILD, mode, logs().string(),
                                          (root_.path() / "install dir").string(), name};
         argv.insert(argv.end(), extra.begin(), extra.end());
         return runChild(
             argv,
             {{"XDG_CONFIG_HOME", (root_.path() / "config").string()}, {"TMPDIR", dumps().string()}},
-            root_.path() / "output.txt");
+            root_.path() / "output.txt", true, timeout);
     }
 
     fs::path logs() const { return root_.path() / "logs"; }
@@ -108,7 +110,7 @@ protected:
         return dump;
     }
 
-    // The FATAL line also reached the module's own log (through its writer thread).
+    // The FATAL line also reached the module's own log.
     void expectFatalInOwnLog() const {
         const std::string own = readFile(logs() / "CrashChild.log");
         EXPECT_NE(own.find("[FATAL] - CrashChild - " + fatalLine_), std::string::npos) << own;
@@ -132,9 +134,9 @@ struct CrashKind {
     const char* mode;       // what the child does
     const char* reason;     // how minidump_stackwalk names the fault (its start)
     CrashingThread thread;  // where the dump says it happened
-    bool reachesOwnLog;     // the FATAL line also reaches the module's own log
     const char* output;     // printed by the handler, or nullptr
     const char* logged;     // logged in both logs besides the FATAL line, or nullptr
+    int seconds = 60;       // the child's whole run, set-up included, must end within this
 };
 
 void PrintTo(const CrashKind& kind, std::ostream* out) { *out << kind.mode; }
@@ -144,11 +146,11 @@ class MiniDumperCrashKindTest : public MiniDumperCrashTest,
 
 TEST_P(MiniDumperCrashKindTest, IsDumpedReportedAndLogged) {
     const CrashKind& kind = GetParam();
-    const ChildResult child = crash(kind.mode);
+    const ChildResult child = crash(kind.mode, kChildName, {}, std::chrono::seconds(kind.seconds));
     const fs::path dump = expectHandled(child);
     ASSERT_FALSE(dump.empty());
     EXPECT_EQ(reporterArgs().size(), 2u);
-    if (kind.reachesOwnLog) expectFatalInOwnLog();
+    expectFatalInOwnLog();
     if (kind.output) {
         EXPECT_NE(child.output.find(kind.output), std::string::npos) << child.output;
     }
@@ -171,22 +173,26 @@ TEST_P(MiniDumperCrashKindTest, IsDumpedReportedAndLogged) {
 
 // A null write on the main thread and on the logger's writer thread, a stack overflow
 // on a worker, abort() (made a fault on the aborting thread), an uncaught exception
-// (logged with its type and message) and SIGUSR1 (the running process dumped from a
-// fresh thread).
+// (logged with its type and message), SIGUSR1 (the running process dumped from a
+// fresh thread), and two crashes the crash path must not deadlock on: while another
+// thread is stuck inside the logger holding its queue lock, and on a thread that is
+// busy allocating (holding the allocator's lock). Those two must end within 3 s of
+// set-up (the child's own wait) plus 5 s; a crash path that waits on either lock hangs
+// until its 30 s alarm instead.
 INSTANTIATE_TEST_SUITE_P(
     Kinds, MiniDumperCrashKindTest,
     ::testing::Values(
-        CrashKind{"main-null", "SIGSEGV /SEGV_MAPERR", CrashingThread::Main, true, nullptr,
+        CrashKind{"main-null", "SIGSEGV /SEGV_MAPERR", CrashingThread::Main, nullptr, nullptr},
+        CrashKind{"writer-null", "SIGSEGV /SEGV_MAPERR", CrashingThread::Other, nullptr, nullptr},
+        CrashKind{"worker-overflow", "SIGSEGV", CrashingThread::Other, nullptr, nullptr},
+        CrashKind{"abort", "SIGSEGV /SEGV_MAPERR", CrashingThread::Main, "abort() was called",
                   nullptr},
-        CrashKind{"writer-null", "SIGSEGV /SEGV_MAPERR", CrashingThread::Other, false, nullptr,
-                  nullptr},
-        CrashKind{"worker-overflow", "SIGSEGV", CrashingThread::Other, true, nullptr, nullptr},
-        CrashKind{"abort", "SIGSEGV /SEGV_MAPERR", CrashingThread::Main, true, "abort() was called",
-                  nullptr},
-        CrashKind{"uncaught", "SIGSEGV /SEGV_MAPERR", CrashingThread::Any, false, nullptr,
+        CrashKind{"uncaught", "SIGSEGV /SEGV_MAPERR", CrashingThread::Any, nullptr,
                   "uncaught St13runtime_error c++ exception: boom in the child"},
-        CrashKind{"usr1", "SIGSEGV /SEGV_MAPERR", CrashingThread::Other, true,
-                  "USR1 signal received, generating crash", nullptr}),
+        CrashKind{"usr1", "SIGSEGV /SEGV_MAPERR", CrashingThread::Other,
+                  "USR1 signal received, generating crash", nullptr},
+        CrashKind{"logger-held", "SIGSEGV /SEGV_MAPERR", CrashingThread::Main, nullptr, nullptr, 8},
+        CrashKind{"malloc-busy", "SIGSEGV", CrashingThread::Other, nullptr, nullptr, 8}),
     [](const ::testing::TestParamInfo<CrashKind>& param) {
         std::string name = param.param.mode;
         name.erase(std::remove(name.begin(), name.end(), '-'), name.end());

@@ -23,7 +23,6 @@ protected:
     void SetUp() override {
         ConfigHomeTest::SetUp();
         setInstallDir("");
-        unsetenv("TMPDIR");
     }
     static void setInstallDir(const std::string& folder) {
         CRegistry::getInstance()->WriteSettingImpl(kSuiteKey, "InstallDir", folder);
@@ -33,6 +32,9 @@ protected:
     static std::unique_ptr<MiniDumper> quietDumper(const char* name) {
         return std::make_unique<MiniDumper>(name, true, true, false, true, true);
     }
+
+    // Unset for each test and restored after it: later tests need a usable one.
+    nimbtest::ScopedEnv tmpDir_{"TMPDIR", std::nullopt};
 };
 
 TEST_F(MiniDumperTest, ShortCommandLineQuotesDumpAndNameAndAppendsAppData) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "KibCodec.h"
 
+#include <cmath>
 #include <string>
 #include <vector>
 
@@ -210,4 +211,99 @@ TEST(KibCodecTest, LimitsBindBothDirections) {
     }
     EXPECT_EQ(KibCodec::encodeRequest("A", deep.get(), frame, error), KIB_E_BAD_VALUE);
     EXPECT_EQ(KibCodec::encodeRequest("A", scalar(99, 0).get(), frame, error), KIB_E_BAD_VALUE);
+}
+
+namespace {
+
+// A value whose innermost scalar sits `levels` VARIANT levels deep (1: the scalar).
+KibVariantHolder nestedValue(int levels) {
+    KibVariantHolder value = i4(1);
+    for (int i = 1; i < levels; ++i) value = variants(value);
+    return value;
+}
+
+// A request frame for `value` encoded without the depth limit.
+std::string unlimitedRequest(const VARIANT& value) {
+    KibCodecLimits unlimited;
+    unlimited.maxValueDepth = 64;
+    std::string frame;
+    std::string error;
+    EXPECT_EQ(KibCodec::encodeRequest("A", value, frame, error, unlimited), KIB_OK) << error;
+    return frame;
+}
+
+int decodeStatus(const std::string& frame, std::string& error) {
+    KibRequestFrame request;
+    return KibCodec::decodeRequest(frame.data(), frame.size(), request, error);
+}
+
+}  // namespace
+
+TEST(KibCodecTest, SixteenLevelsPassAndSeventeenAreRefusedBothWays) {
+    std::string frame;
+    std::string error;
+    const KibVariantHolder sixteen = nestedValue(16);
+    ASSERT_EQ(KibCodec::encodeRequest("A", sixteen.get(), frame, error), KIB_OK) << error;
+    EXPECT_TRUE(sameValue(roundTrip(sixteen.get()).get(), sixteen.get()));
+
+    const KibVariantHolder seventeen = nestedValue(17);
+    EXPECT_EQ(KibCodec::encodeRequest("A", seventeen.get(), frame, error), KIB_E_BAD_VALUE);
+    EXPECT_EQ(decodeStatus(unlimitedRequest(seventeen.get()), error), KIB_E_BAD_FRAME);
+    EXPECT_EQ(error, "values nested too deeply");
+}
+
+// Encoders that hold numbers as doubles write a whole one as an integer: R4, R8 and
+// DATE take an integer that they hold exactly and refuse one they would round.
+TEST(KibCodecTest, FloatTypesTakeIntegersTheyHoldExactly) {
+    struct Case {
+        const char* what;
+        std::string payload;  // after the value's array(2) and type
+        VARTYPE type;
+        double expected;  // NaN: refused
+    };
+    const double refused = std::nan("");
+    const std::vector<Case> cases = {
+        {"DATE from uint16", bytes({0xCD, 0xB5, 0x0C}), VT_DATE, 46348.0},
+        {"R8 from negative fixint", bytes({0xFD}), VT_R8, -3.0},
+        {"R8 from 2^53", bytes({0xCF, 0, 0x20, 0, 0, 0, 0, 0, 0}), VT_R8, 9007199254740992.0},
+        {"R8 from 2^53 + 1", bytes({0xCF, 0, 0x20, 0, 0, 0, 0, 0, 1}), VT_R8, refused},
+        {"R8 from -2^63", bytes({0xD3, 0x80, 0, 0, 0, 0, 0, 0, 0}), VT_R8, -9223372036854775808.0},
+        {"R8 from 2^64 - 1", bytes({0xCF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}), VT_R8,
+         refused},
+        {"R4 from 2^24", bytes({0xCE, 0x01, 0, 0, 0}), VT_R4, 16777216.0},
+        {"R4 from 2^24 + 1", bytes({0xCE, 0x01, 0, 0, 1}), VT_R4, refused},
+    };
+    for (const Case& c : cases) {
+        const std::string frame =
+            bytes({0x94, 0x01, 0x00, 0xA0, 0x92, static_cast<int>(c.type)}) + c.payload;
+        KibRequestFrame request;
+        std::string error;
+        const int status = KibCodec::decodeRequest(frame.data(), frame.size(), request, error);
+        if (std::isnan(c.expected)) {
+            EXPECT_EQ(status, KIB_E_BAD_FRAME) << c.what;
+            EXPECT_EQ(error, "payload of the wrong type for value type " + std::to_string(c.type))
+                << c.what;
+            continue;
+        }
+        ASSERT_EQ(status, KIB_OK) << c.what << ": " << error;
+        ASSERT_EQ(request.value.vt(), c.type) << c.what;
+        const VARIANT& v = request.value.get();
+        EXPECT_EQ(c.type == VT_R4 ? v.fltVal : v.dblVal, c.expected) << c.what;
+    }
+}
+
+TEST(KibCodecTest, MapsAndExtensionTypesAreNamedInTheError) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {bytes({0x94, 0x01, 0x00, 0xA0, 0x81, 0x01, 0x02}),
+         "MessagePack maps are not used in frames"},
+        {bytes({0x94, 0x01, 0x00, 0xA0, 0x92, 0x05, 0xD4, 0x01, 0x00}),
+         "MessagePack extension types are not used in frames"},
+        {bytes({0x94, 0x01, 0x00, 0xA0, 0xDC, 0x01, 0x00}),
+         "array, string or binary above its size limit"},
+    };
+    for (const auto& [frame, text] : cases) {
+        std::string error;
+        EXPECT_EQ(decodeStatus(frame, error), KIB_E_BAD_FRAME) << text;
+        EXPECT_EQ(error, text);
+    }
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "KibSatellite.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -17,6 +18,7 @@
 #include "KibCodec.h"
 #include "KibException.h"
 #include "KibSubjects.h"
+#include "KibLog.h"
 #include "NatsServer.h"
 #include "NimbTestSupport.h"
 #include "TestValues.h"
@@ -94,6 +96,7 @@ public:
         {
             const std::lock_guard<std::mutex> lock(mutex_);
             lastCaller_ = caller;
+            callers_.push_back(caller);
         }
         VariantCopy(out, &in);
         return 7;
@@ -142,10 +145,17 @@ public:
         return lastCaller_;
     }
 
+    // Every caller the echo service served, in order.
+    std::vector<std::string> callers() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return callers_;
+    }
+
 private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::string lastCaller_;
+    std::vector<std::string> callers_;
     std::vector<std::pair<int, KIBSTATUS>> statuses_;
     std::vector<std::string> events_;
 };
@@ -271,14 +281,15 @@ TEST_F(KibSatelliteTest, OrderlyStopServesEveryRequestAlreadyReceived) {
     natsConnection* nc = nullptr;
     ASSERT_EQ(natsConnection_ConnectTo(&nc, ("nats://" + nats_.host()).c_str()), NATS_OK);
     natsSubscription* inbox = nullptr;
-    ASSERT_EQ(natsConnection_SubscribeSync(&inbox, nc, "test.replies"), NATS_OK);
+    ASSERT_EQ(natsConnection_SubscribeSync(&inbox, nc, "_INBOX.test.replies"), NATS_OK);
     std::string frame;
     std::string error;
     ASSERT_EQ(KibCodec::encodeRequest("Raw", i4(1).get(), frame, error), KIB_OK);
     constexpr int kRequests = 300;
     for (int i = 0; i < kRequests; ++i) {
         natsConnection_PublishRequest(nc, KibSubjects::service("Server", "Slow").c_str(),
-                                      "test.replies", frame.data(), static_cast<int>(frame.size()));
+                                      "_INBOX.test.replies", frame.data(),
+                                      static_cast<int>(frame.size()));
     }
     natsConnection_Flush(nc);
     ASSERT_EQ(server_.Disconnect(), KIB_OK);
@@ -503,4 +514,92 @@ TEST_F(KibSatelliteLogTest, CredentialsFilesAreCheckedAndTheirPasswordsNeverShow
     satellite.setConnectOptions({"", (dir_ / "good.creds")});
     EXPECT_EQ(satellite.Connect(server.host().c_str(), "Creds"), KIB_OK);
     EXPECT_EQ(satellite.lastConnectError(), "");
+}
+
+namespace {
+
+// Counts the messages that arrive on one subject.
+struct SubjectCounter {
+    std::atomic<int> count{0};
+    static void onMessage(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) {
+        ++static_cast<SubjectCounter*>(closure)->count;
+        natsMsg_Destroy(msg);
+    }
+};
+
+int linesHolding(const std::string& text, const std::string& needle) {
+    int count = 0;
+    for (const std::string& line : nimbtest::linesOf(text)) {
+        if (line.find(needle) != std::string::npos) ++count;
+    }
+    return count;
+}
+
+}  // namespace
+
+// A request whose reply subject is not the requester's inbox (here "kib.discover",
+// which would make every satellite announce itself) is dropped unserved; reply frames
+// sent to a service subject are refused with one ERROR line per interval, not per frame.
+TEST_F(KibSatelliteLogTest, ForeignReplySubjectsAndStrayRepliesAreRefusedQuietly) {
+    setSuiteSetting("LogsDir", dir_ / "logs");
+    setSuiteSetting("LogLevel", 1);
+    auto log = boost::make_shared<CBBLog>("KibTest.log", false, 524288);
+    KibSatellite::setLogger(log);
+    NatsServer nats;
+    {
+        TestSatellite server;
+        TestSatellite client;
+        ASSERT_EQ(server.Connect(nats.host().c_str(), "Server"), KIB_OK);
+        ASSERT_EQ(client.Connect(nats.host().c_str(), "Client"), KIB_OK);
+
+        natsConnection* nc = nullptr;
+        ASSERT_EQ(natsConnection_ConnectTo(&nc, ("nats://" + nats.host()).c_str()), NATS_OK);
+        SubjectCounter discovers;
+        natsSubscription* sub = nullptr;
+        ASSERT_EQ(natsConnection_Subscribe(&sub, nc, "kib.discover", &SubjectCounter::onMessage,
+                                           &discovers),
+                  NATS_OK);
+        ASSERT_EQ(natsConnection_Flush(nc), NATS_OK);
+
+        std::string request;
+        std::string error;
+        ASSERT_EQ(KibCodec::encodeRequest("Mallory", i4(1).get(), request, error), KIB_OK);
+        ASSERT_EQ(natsConnection_PublishRequest(nc, "kib.svc.Server.Echo", "kib.discover",
+                                                request.data(), static_cast<int>(request.size())),
+                  NATS_OK);
+        KibReply stray;
+        std::string reply;
+        ASSERT_EQ(KibCodec::encodeReply(stray, reply, error), KIB_OK);
+        for (int i = 0; i < 20; ++i) {
+            ASSERT_EQ(natsConnection_Publish(nc, "kib.svc.Server.Echo", reply.data(),
+                                             static_cast<int>(reply.size())),
+                      NATS_OK);
+        }
+        ASSERT_EQ(natsConnection_Flush(nc), NATS_OK);
+        // The service takes its messages in order: once this call is answered, the
+        // ones before it have been handled.
+        KibReply answer;
+        EXPECT_EQ(client.Call("Server", "Echo", i4(3).get(), &answer, 5000), 7);
+        EXPECT_EQ(server.callers(), std::vector<std::string>{"Client"});  // not Mallory
+        EXPECT_EQ(discovers.count.load(), 0);
+        natsSubscription_Destroy(sub);
+        natsConnection_Destroy(nc);
+    }
+    KibSatellite::setLogger(boost::shared_ptr<CBBLog>());
+    log.reset();  // drains the queue into the file
+
+    const std::string text = nimbtest::readFile(dir_ / "logs/KibTest.log");
+    EXPECT_EQ(linesHolding(text, "[ERROR] - Refused a request for Echo"), 1) << text;
+    EXPECT_EQ(linesHolding(text, "its reply subject \"kib.discover\" is not an inbox"), 1) << text;
+}
+
+TEST(KibLogLimitTest, OneLinePerIntervalAndTheNextOneCountsWhatWasHeld) {
+    KibLogLimit limit(50);
+    unsigned held = 99;
+    ASSERT_TRUE(limit.pass(held));
+    EXPECT_EQ(held, 0u);
+    for (int i = 0; i < 5; ++i) EXPECT_FALSE(limit.pass(held));
+    EXPECT_TRUE(nimbtest::waitUntil([&] { return limit.pass(held); }, 2s));
+    // Every failed poll of waitUntil counted too: at least the five above.
+    EXPECT_GE(held, 5u);
 }

@@ -25,6 +25,8 @@
 #endif
 
 bool g_nimbModuleRequiresQApplication = TEST_MODULE_GUI;
+const char* const g_nimbModuleProgramName = "test_module";
+const char* const g_nimbModuleUsage = "test_module: a module for the module host's tests\n";
 
 namespace {
 

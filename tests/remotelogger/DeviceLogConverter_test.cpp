@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "DeviceLogConverter.h"
 
+#include <climits>
 #include <cstdlib>
 #include <ctime>
 #include <random>
@@ -260,4 +261,44 @@ TEST(DeviceLogConverter, WritesWhatThePlainPatternLoopWrites) {
         }
     }
     EXPECT_GE(stamps, 100000);
+}
+
+// A caller's fields outside their ranges carry into the next unit exactly as timegm()
+// carries them; the month in particular never indexes past the month table.
+TEST(DeviceLogConverter, OutOfRangeFieldsCarryAsTimegmDoes) {
+    struct Fields {
+        int year, mon, mday, hour, min, sec;
+    };
+    const Fields cases[] = {
+        {124, 12, 1, 0, 0, 0},  {124, -1, 1, 0, 0, 0},      {124, 25, 31, 0, 0, 0},
+        {124, -13, 1, 0, 0, 0}, {124, 1000000, 1, 0, 0, 0}, {124, -1000000, 1, 0, 0, 0},
+        {124, 0, 0, 0, 0, 0},   {124, 0, -400, 0, 0, 0},    {124, 1, 400, 0, 0, 0},
+        {124, 0, 1, -1, 0, 0},  {124, 0, 1, 100000, 0, 0},  {124, 0, 1, 0, -61, -3601},
+        {-200, 0, 1, 0, 0, 0},  {-1900, 0, 1, 0, 0, 0},     {70, 0, 1, 0, 0, -1},
+    };
+    for (const Fields& f : cases) {
+        tm t{};
+        t.tm_year = f.year;
+        t.tm_mon = f.mon;
+        t.tm_mday = f.mday;
+        t.tm_hour = f.hour;
+        t.tm_min = f.min;
+        t.tm_sec = f.sec;
+        tm copy = t;
+        EXPECT_EQ(DeviceLogConverter::utcSeconds(t), static_cast<long>(timegm(&copy)))
+            << f.year << " " << f.mon << " " << f.mday << " " << f.hour << ":" << f.min << ":"
+            << f.sec;
+    }
+}
+
+TEST(DeviceLogConverter, ConvertDateGivesEmptyWhenTheResultCannotBeShown) {
+    ScopedTimeZone tz("UTC");
+    tm t{};
+    t.tm_year = 124;
+    t.tm_mon = 13;  // February of the next year
+    t.tm_mday = 1;
+    EXPECT_EQ(DeviceLogConverter::convertDate(t, 0, 0), "2025/02/01 00:00:00");
+    EXPECT_EQ(DeviceLogConverter::convertDate(t, LONG_MIN, 0), "");
+    EXPECT_EQ(DeviceLogConverter::convertDate(t, 0, LONG_MAX), "");
+    EXPECT_EQ(DeviceLogConverter::convertDate(t, -(1L << 60), 0), "");
 }

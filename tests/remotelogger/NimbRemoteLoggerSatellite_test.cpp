@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The bus service handlers, called directly without a bus: request checks and their
-// messages, both SetLogSource layouts, the file-name hardening and the source bound.
+// messages, both SetLogSource layouts, the file-name hardening and the source bound;
+// then connect() on a real bus: the settings it reads and the lines it logs.
 
 #include "NimbRemoteLoggerSatellite.h"
 
@@ -10,9 +11,14 @@
 #include <thread>
 #include <vector>
 
+#include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
+#include "CBBLog.h"
+#include "CRegistry.h"
 #include "KibException.h"
+#include "NatsServer.h"
+#include "NimbTestSupport.h"
 #include "TestValues.h"
 #include "VUtil.h"
 #include <time.h>
@@ -329,6 +335,67 @@ TEST_F(SatelliteTest, OneDeviceCannotTakeTheWholeBacklog) {
     EXPECT_EQ(other, "");
     EXPECT_LT(otherTook, std::chrono::milliseconds(NimbRemoteLoggerSatellite::kBacklogWaitMs / 2));
     EXPECT_EQ(large, "|" + busy);
+}
+
+}  // namespace
+
+namespace {
+
+// connect() against a real bus, with the collector's own log in a private folder.
+class SatelliteConnectTest : public nimbtest::ConfigHomeTest {
+protected:
+    void SetUp() override {
+        ConfigHomeTest::SetUp();
+        setSuiteSetting("LogsDir", dir_ / "logs");
+        setSuiteSetting("LogLevel", 3);
+        log_ = boost::make_shared<CBBLog>("Collector.log", false, 524288);
+        CBBLog::setLogger(log_);
+    }
+    void TearDown() override { CBBLog::setLogger(boost::shared_ptr<CBBLog>()); }
+
+    static void setConfig(const char* name, const std::string& value) {
+        CRegistry::getInstance()->WriteSettingImpl(kConfigKey, name, value);
+    }
+    // Every line written so far (the logger is destroyed to drain its queue).
+    std::string loggedText() {
+        CBBLog::setLogger(boost::shared_ptr<CBBLog>());
+        log_.reset();
+        return nimbtest::readFile(dir_ / "logs/Collector.log");
+    }
+
+    static constexpr const char* kConfigKey = "Software\\Pellix\\Nimb\\Config";
+    boost::shared_ptr<CBBLog> log_;
+};
+
+// The bus host and the source bound come from the settings; the start is logged as
+// "Connecting to <host>" (INFO) and "connected" (ERROR, so that every start shows).
+TEST_F(SatelliteConnectTest, ReadsHostAndSourceBoundFromTheSettingsAndLogsTheStart) {
+    NatsServer nats;
+    setConfig("kibDirectory.host", nats.host());
+    CRegistry::getInstance()->WriteSettingImpl(kConfigKey, "MaxLogSources", 2);
+    NimbRemoteLoggerSatellite satellite(nullptr);
+    ASSERT_EQ(satellite.connect(), 0);
+    const KibVariantHolder three =
+        request(str("00:11"), str("n"), date(kDeviceTime), strings({"a", "b", "c"}));
+    try {
+        satellite.KibServiceSetLogSource("dev1", three.get(), nullptr);
+        ADD_FAILURE() << "three sources accepted";
+    } catch (const KibInvalidParameterException& e) {
+        EXPECT_EQ(std::string(e.message()), "SetLogSource: too many log sources: at most 2");
+    }
+    satellite.Disconnect();
+    const std::string text = loggedText();
+    EXPECT_NE(text.find("[INFO ] - Connecting to " + nats.host() + "\n"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("[ERROR] - connected\n"), std::string::npos) << text;
+}
+
+TEST_F(SatelliteConnectTest, WithoutAHostSettingConnectsToTheLocalMachine) {
+    NimbRemoteLoggerSatellite satellite(nullptr);
+    satellite.connect();  // whether a server listens on 127.0.0.1:4222 does not matter here
+    satellite.Disconnect();
+    const std::string text = loggedText();
+    EXPECT_NE(text.find("[INFO ] - Connecting to 127.0.0.1\n"), std::string::npos) << text;
 }
 
 }  // namespace

@@ -56,18 +56,51 @@ struct DerivedTarget : Target {
 
 }  // namespace
 
-TEST(PThread, ConstructorReturnsOnlyAfterTheThreadBegan) {
-    std::atomic<bool> release{false}, ran{false};
+// The real start routine behind delayedCreate, and whether the new thread reached it.
+void* (*g_realStart)(void*) = nullptr;
+std::atomic<bool> g_reachedStart{false};
+
+// Lets the new thread sleep before it runs the start routine, so that a constructor
+// that returned without waiting for the thread to begin would be caught.
+void* delayedStart(void* arg) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    g_reachedStart = true;
+    return g_realStart(arg);
+}
+
+int delayedCreate(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*), void* arg) {
+    g_realStart = start;
+    return pthread_create(thread, attr, &delayedStart, arg);
+}
+
+TEST(PThread, ConstructorWaitsForASlowStartingThread) {
+    PThread::setCreateFunctionForTesting(&delayedCreate);
+    std::atomic<bool> release{true}, ran{false};
     {
         PThread thread(CountingDelegate(&release, &ran), nullptr, "nimb-test");
-        // started was set under the handshake before the constructor returned; the
-        // delegate runs right after it.
-        EXPECT_TRUE(nimbtest::waitUntil([&] { return ran.load(); }));
-        release = true;
+        EXPECT_TRUE(g_reachedStart.load());
         thread.join();
-        EXPECT_TRUE(thread.isReleased());
     }
+    PThread::setCreateFunctionForTesting(nullptr);
+    EXPECT_TRUE(ran.load());
     EXPECT_EQ(g_liveDelegates.load(), 0);
+}
+
+// join() and detach() on a thread that has already ended return and release it.
+TEST(PThread, JoinAndDetachAfterTheThreadEnded) {
+    for (const bool joining : {true, false}) {
+        std::atomic<bool> release{true}, ran{false};
+        PThread thread(CountingDelegate(&release, &ran), nullptr);
+        // The thread's copy of the delegate goes when the thread ends.
+        ASSERT_TRUE(nimbtest::waitUntil([] { return g_liveDelegates.load() == 0; }));
+        if (joining) {
+            thread.join();
+        } else {
+            thread.detach();
+        }
+        EXPECT_TRUE(thread.isReleased());
+        EXPECT_TRUE(ran.load());
+    }
 }
 
 TEST(PThread, DestroyingAJoinableThreadLeavesItRunningAndFreesItsDelegateAtTheEnd) {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Pair lookup, maps, comma lists, deep comparison and return codes.
+#include <climits>
 #include <cstdint>
 #include <string>
 
@@ -79,6 +80,15 @@ TEST(VUtilPairs, CommaListsSplitOnCommasAndBlanks) {
     EXPECT_TRUE(VUtil::GetCSVElement(list.get(), 1).empty());
     EXPECT_TRUE(VUtil::GetCSVElement(list.get(), 2).empty());
     EXPECT_EQ(VUtil::GetCSVElement(strings({"x y"}).get(), 0), (std::vector<CStdStr>{"x", "y"}));
+}
+
+TEST(VUtilPairs, CommaListIndexOutsideTheArrayFailsEvenBeyondInt) {
+    const KibVariantHolder list = strings({"a,b"});
+    // 2^32 must not wrap onto element 0.
+    for (long index : {-1L, 1L, 1L << 32, (1L << 32) + 1, LONG_MIN}) {
+        EXPECT_THROW(VUtil::GetCSVElement(list.get(), index), KibInvalidParameterException)
+            << index;
+    }
 }
 
 TEST(VUtilEquals, ComparesDeeply) {

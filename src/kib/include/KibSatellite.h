@@ -8,6 +8,11 @@
 // Disconnect, Register/Unregister, listeners) is for one thread at a time;
 // Request, Call and DirectoryPingSatellite may be called from any thread, handlers
 // included. Service handlers and the On... notifications run on the library's threads.
+// Errors: this is a C-shaped interface, so every operation returns a KIB_ status
+// (KibStatus.h) and never throws; a request that fails carries the reason in its reply.
+// At the bus boundary the direction reverses: a service handler reports a bad request
+// by throwing (KibException and its family), which the library turns into an error
+// reply; inside the library, decoders return status values with an error text.
 #pragma once
 
 #include <memory>

@@ -11,6 +11,7 @@
 #include "CRegistry.h"
 #include "CrashReport.h"
 #include "NimbSettingsKeys.h"
+#include "NimbVersion.h"
 #include <unistd.h>
 
 namespace {
@@ -51,6 +52,7 @@ std::size_t keptDumps() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (nimbPrintVersionIfAsked(argc, argv, "NimbCrashReporter")) return 0;
     std::string error;
     const auto request =
         parseCrashReporterArguments(std::vector<std::string>(argv + 1, argv + argc), &error);

@@ -12,6 +12,7 @@
 #include "KibJson.h"
 #include "KibSatellite.h"
 #include "NimbBusSettings.h"
+#include "NimbVersion.h"
 #include <unistd.h>
 
 namespace {
@@ -62,6 +63,7 @@ void printReply(const KibReply& reply) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (nimbPrintVersionIfAsked(argc, argv, "kib-call")) return 0;
     QCoreApplication app(argc, argv);
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Calls a service on the component bus."));

@@ -5,8 +5,10 @@
 #include <vector>
 
 #include "DefaultsTool.h"
+#include "NimbVersion.h"
 
 int main(int argc, char** argv) {
+    if (nimbPrintVersionIfAsked(argc, argv, "nimb-defaults")) return 0;
     const std::vector<std::string> args(argv + 1, argv + argc);
     DefaultsTool tool(std::cout, std::cerr);
     const int status = tool.run(args);

@@ -15,6 +15,7 @@
 #include "LogInput.h"
 #include "LogPushClient.h"
 #include "LogPushOptions.h"
+#include "NimbVersion.h"
 #include <poll.h>
 
 namespace {
@@ -154,6 +155,7 @@ int run(const std::vector<std::string>& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (nimbPrintVersionIfAsked(argc, argv, "nimb-logpush")) return 0;
     // The settings store needs an application object; nothing here runs its event loop.
     QCoreApplication app(argc, argv);
     std::vector<std::string> arguments(argv, argv + argc);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "CFileTools.h"
+#include "NimbVersion.h"
 
 namespace {
 
@@ -199,6 +200,7 @@ int listFolder(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (nimbPrintVersionIfAsked(argc, argv, "nimb-logs")) return 0;
     Options options;
     try {
         parseArguments(argc, argv, options);

@@ -90,6 +90,27 @@ TEST_F(InstallTest, LaysOutProgramsMarkerAndServiceFiles) {
         << readFile(root_ / "conf.out");
 }
 
+// Every installed program answers --version with its name and the suite's version, and
+// the collector answers --help with what it reads and where it writes, instead of
+// starting.
+TEST_F(InstallTest, ProgramsAnswerVersionAndTheCollectorHelp) {
+    const fs::path bin = prefix_ / "bin";
+    std::vector<std::string> programs = {"NimbRemoteLogger", "NimbCrashReporter", "kib-call",
+                                         "nimb-defaults", "nimb-logs"};
+    if (NIMB_HAVE_LOGPUSH) programs.push_back("nimb-logpush");
+    const fs::path out = root_ / "version.out";
+    for (const std::string& program : programs) {
+        EXPECT_EQ(run("'" + (bin / program).string() + "' --version", out), 0) << program;
+        EXPECT_EQ(readFile(out), program + " " + NIMB_VERSION + "\n");
+    }
+    EXPECT_EQ(run("'" + (bin / "NimbRemoteLogger").string() + "' --help", out), 0);
+    const std::string help = readFile(out);
+    for (const char* part : {"Usage: NimbRemoteLogger", "kibDirectory.host", "MaxLogSources",
+                             "LogLevel", "LogsDir", "NimbRemoteLogger.log", "errors.log"}) {
+        EXPECT_NE(help.find(part), std::string::npos) << part << "\n" << help;
+    }
+}
+
 TEST_F(InstallTest, InstalledCollectorFindsItsFolderAndReporter) {
     if (!NIMB_HAVE_BREAKPAD) GTEST_SKIP() << "builds without Breakpad write no dumps";
     NatsServer nats;

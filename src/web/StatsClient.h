@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: MIT
+// StatsClient: reads the collector's counters with its "GetStats" bus service. Holds
+// one bus connection, made on first use and again after a failure (at most once per
+// few seconds, so a missing bus costs a request little). Thread-safe: fetch() may be
+// called from any worker thread; calls are serialised.
+#pragma once
+
+#include <QString>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "NimbBusSettings.h"
+
+class KibSatellite;
+
+class StatsClient {
+public:
+    struct Stats {
+        bool reachable = false;  // the collector answered
+        QString error;           // why not, when it did not
+        std::map<std::string, std::int64_t> values;
+    };
+
+    explicit StatsClient(NimbBusSettings bus);
+    StatsClient(const StatsClient&) = delete;
+    StatsClient& operator=(const StatsClient&) = delete;
+    ~StatsClient();
+
+    // Calls RemoteLogger.GetStats; blocks up to about a second. Any thread.
+    Stats fetch();
+
+private:
+    bool connectLocked();
+
+    const NimbBusSettings bus_;
+    std::mutex mutex_;
+    std::unique_ptr<KibSatellite> satellite_;              // guarded by mutex_
+    std::chrono::steady_clock::time_point nextAttempt_{};  // guarded by mutex_
+};

@@ -1,0 +1,433 @@
+// SPDX-License-Identifier: MIT
+#include "WebApi.h"
+
+#include <QDateTime>
+#include <QFile>
+#include <QJsonArray>
+#include <QRegularExpression>
+#include <QTemporaryFile>
+#include <algorithm>
+#include <map>
+
+#include "DeviceArchive.h"
+#include "LogCatalog.h"
+#include "LogReader.h"
+#include "LogSearch.h"
+#include "SafeFolder.h"
+
+namespace WebApi {
+
+namespace {
+
+constexpr std::size_t kMaxSearchHits = 1000;
+constexpr std::size_t kMaxCrashes = 100;
+constexpr std::size_t kMaxReportBytes = 1024 * 1024;
+const std::string kBack = ".back";
+
+QString text(const std::string& bytes) {
+    return QString::fromUtf8(bytes.data(), static_cast<qsizetype>(bytes.size()));
+}
+
+WebReply notFound() { return WebReply::error(404, QStringLiteral("not found")); }
+
+bool number(const std::string& value, std::uint64_t& out) {
+    if (value.empty() || value.size() > 19 ||
+        !std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+        return false;
+    }
+    out = std::stoull(value);
+    return true;
+}
+
+// "12:34:56:78:9a:bc" for twelve hex digits, else the text as it is.
+QString macText(const std::string& mac) {
+    if (mac.size() != 12) return text(mac);
+    QString out;
+    for (std::size_t i = 0; i < 12; i += 2) {
+        if (i > 0) out += QLatin1Char(':');
+        out += text(mac.substr(i, 2));
+    }
+    return out;
+}
+
+QJsonObject deviceJson(const LogCatalog::Device& device) {
+    QJsonObject object;
+    object.insert(QStringLiteral("key"), text(device.key));
+    object.insert(QStringLiteral("deviceId"), text(device.deviceId));
+    object.insert(QStringLiteral("mac"), macText(device.mac));
+    object.insert(QStringLiteral("name"),
+                  text(device.hasHeader ? device.header.displayName : device.key));
+    if (device.hasHeader) {
+        object.insert(QStringLiteral("satellite"), text(device.header.satellite));
+        object.insert(QStringLiteral("deviceTime"), text(device.header.deviceTime));
+        object.insert(QStringLiteral("serverTime"), text(device.header.serverTime));
+    }
+    object.insert(QStringLiteral("size"), static_cast<qint64>(device.size));
+    object.insert(QStringLiteral("lastWrite"), static_cast<qint64>(device.lastWrite));
+    QJsonArray logs;
+    for (const LogCatalog::LogInfo& log : device.logs) {
+        QJsonObject item;
+        item.insert(QStringLiteral("file"), text(log.file));
+        item.insert(QStringLiteral("log"), text(log.logName));
+        item.insert(QStringLiteral("size"), static_cast<qint64>(log.size));
+        item.insert(QStringLiteral("lastWrite"), static_cast<qint64>(log.lastWrite));
+        item.insert(QStringLiteral("hasBack"), log.hasBack);
+        logs.append(item);
+    }
+    object.insert(QStringLiteral("logs"), logs);
+    QJsonArray activity;
+    for (const std::uint32_t count : device.activity) activity.append(static_cast<qint64>(count));
+    object.insert(QStringLiteral("activity"), activity);
+    return object;
+}
+
+// Orders devices by one of the listing's sort keys; false for an unknown key.
+bool sortDevices(std::vector<LogCatalog::Device>& devices, const std::string& key) {
+    const auto name = [](const LogCatalog::Device& d) {
+        std::string n = d.hasHeader ? d.header.displayName : d.key;
+        std::transform(n.begin(), n.end(), n.begin(),
+                       [](unsigned char c) { return std::tolower(c); });
+        return n;
+    };
+    using Less = std::function<bool(const LogCatalog::Device&, const LogCatalog::Device&)>;
+    const std::map<std::string, Less> orders = {
+        {"title:asc", [&](const auto& a, const auto& b) { return name(a) < name(b); }},
+        {"title:desc", [&](const auto& a, const auto& b) { return name(a) > name(b); }},
+        {"size:asc", [](const auto& a, const auto& b) { return a.size < b.size; }},
+        {"size:desc", [](const auto& a, const auto& b) { return a.size > b.size; }},
+        {"lastModified:asc",
+         [](const auto& a, const auto& b) { return a.lastWrite < b.lastWrite; }},
+        {"lastModified:desc",
+         [](const auto& a, const auto& b) { return a.lastWrite > b.lastWrite; }},
+    };
+    const auto order = orders.find(key);
+    if (order == orders.end()) return false;
+    std::stable_sort(devices.begin(), devices.end(), order->second);
+    return true;
+}
+
+// The files a search covers, each log's ".back" before the log itself.
+std::vector<std::string> searchFiles(const std::string& folder, const std::string& file,
+                                     const std::string& device) {
+    std::vector<std::string> names;
+    if (!file.empty()) return {file + kBack, file};
+    for (const SafeFolder::Entry& entry : SafeFolder::listRegular(folder)) {
+        LogCatalog::NameParts parts;
+        const bool deviceLog = LogCatalog::splitFileName(entry.name, parts);
+        if (!device.empty() && (!deviceLog || parts.key != device)) continue;
+        names.push_back(entry.name);
+    }
+    // Sorting "x.back" before "x": compare with the suffix taken off.
+    const auto base = [](const std::string& n) {
+        const bool back =
+            n.size() > kBack.size() && n.compare(n.size() - kBack.size(), kBack.size(), kBack) == 0;
+        return std::make_pair(back ? n.substr(0, n.size() - kBack.size()) : n, !back);
+    };
+    std::sort(names.begin(), names.end(),
+              [&](const std::string& a, const std::string& b) { return base(a) < base(b); });
+    return names;
+}
+
+// "2026-11-22T10:00" or with seconds, server local time; false when malformed.
+bool parseTime(const std::string& value, std::int64_t& seconds) {
+    QDateTime when = QDateTime::fromString(text(value), Qt::ISODate);
+    if (!when.isValid()) return false;
+    seconds = when.toSecsSinceEpoch();
+    return true;
+}
+
+QJsonObject hitJson(const LogSearch::Hit& hit) {
+    QJsonObject object;
+    object.insert(QStringLiteral("offset"), static_cast<qint64>(hit.offset));
+    object.insert(QStringLiteral("before"), text(hit.before));
+    object.insert(QStringLiteral("after"), text(hit.after));
+    QJsonArray parts;
+    for (const std::string& part : hit.parts) parts.append(text(part));
+    object.insert(QStringLiteral("parts"), parts);
+    return object;
+}
+
+bool isCrashName(const QString& id) {
+    static const QRegularExpression pattern(QStringLiteral("^[0-9A-Fa-f][0-9A-Fa-f-]{7,63}$"));
+    return pattern.match(id).hasMatch();
+}
+
+}  // namespace
+
+std::string param(const QUrlQuery& query, const char* name) {
+    return query.queryItemValue(QString::fromLatin1(name), QUrl::FullyDecoded).toStdString();
+}
+
+WebReply devices(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) {
+    std::vector<LogCatalog::Device> list = catalog.devices(now);
+    const std::string sort =
+        query.hasQueryItem(QStringLiteral("sort")) ? param(query, "sort") : "title:asc";
+    if (!sortDevices(list, sort)) {
+        return WebReply::error(400, QStringLiteral("unknown sort key \"%1\" (title, size or "
+                                                   "lastModified, each :asc or :desc)")
+                                        .arg(text(sort)));
+    }
+    QJsonArray items;
+    for (const LogCatalog::Device& device : list) items.append(deviceJson(device));
+    QJsonObject object;
+    object.insert(QStringLiteral("devices"), items);
+    object.insert(QStringLiteral("activityEnd"), static_cast<qint64>(LogCatalog::activityEnd(now)));
+    object.insert(QStringLiteral("binMinutes"), LogCatalog::kBinMinutes);
+    QJsonArray suite;
+    for (const SafeFolder::Entry& entry : SafeFolder::listRegular(catalog.folder())) {
+        LogCatalog::NameParts parts;
+        if (!LogCatalog::splitFileName(entry.name, parts) &&
+            entry.name.compare(entry.name.size() - std::min(entry.name.size(), kBack.size()),
+                               kBack.size(), kBack) != 0) {
+            suite.append(text(entry.name));
+        }
+    }
+    object.insert(QStringLiteral("suiteLogs"), suite);
+    return WebReply::json(object);
+}
+
+WebReply log(const std::string& folder, const QUrlQuery& query) {
+    const std::string file = param(query, "file");
+    std::optional<std::uint64_t> before;
+    std::uint64_t value = 0;
+    std::size_t limit = LogReader::kDefaultChunk;
+    if (query.hasQueryItem(QStringLiteral("before"))) {
+        if (!number(param(query, "before"), value)) {
+            return WebReply::error(400, QStringLiteral("before: expected a byte offset"));
+        }
+        before = value;
+    }
+    if (query.hasQueryItem(QStringLiteral("limit"))) {
+        if (!number(param(query, "limit"), value) || value == 0) {
+            return WebReply::error(400, QStringLiteral("limit: expected a positive byte count"));
+        }
+        limit = static_cast<std::size_t>(std::min<std::uint64_t>(value, LogReader::kMaxChunk));
+    }
+    const std::optional<LogReader::Chunk> chunk = LogReader::read(folder, file, before, limit);
+    if (!chunk) return notFound();
+    QJsonObject object;
+    object.insert(QStringLiteral("file"), text(chunk->file));
+    object.insert(QStringLiteral("text"), text(chunk->text));
+    object.insert(QStringLiteral("start"), static_cast<qint64>(chunk->start));
+    object.insert(QStringLiteral("end"), static_cast<qint64>(chunk->end));
+    object.insert(QStringLiteral("inode"), QString::number(chunk->inode));
+    if (!chunk->earlierFile.empty()) {
+        QJsonObject earlier;
+        earlier.insert(QStringLiteral("file"), text(chunk->earlierFile));
+        earlier.insert(QStringLiteral("before"), static_cast<qint64>(chunk->earlierBefore));
+        object.insert(QStringLiteral("earlier"), earlier);
+    }
+    return WebReply::json(object);
+}
+
+WebReply search(const std::string& folder, const QUrlQuery& query) {
+    LogSearch::Query q;
+    q.pattern = param(query, "q");
+    q.regex = param(query, "regex") == "1";
+    const std::string file = param(query, "file");
+    const std::string device = param(query, "device");
+    if ((!file.empty() && !SafeFolder::isPlainName(file)) ||
+        (!device.empty() && !SafeFolder::isPlainName(device))) {
+        return notFound();
+    }
+    if (query.hasQueryItem(QStringLiteral("from")) && !parseTime(param(query, "from"), q.from)) {
+        return WebReply::error(400, QStringLiteral("from: expected a time like 2026-11-22T10:00"));
+    }
+    if (query.hasQueryItem(QStringLiteral("to")) && !parseTime(param(query, "to"), q.to)) {
+        return WebReply::error(400, QStringLiteral("to: expected a time like 2026-11-22T10:00"));
+    }
+    std::uint64_t max = 0;
+    if (query.hasQueryItem(QStringLiteral("max"))) {
+        if (!number(param(query, "max"), max) || max == 0) {
+            return WebReply::error(400, QStringLiteral("max: expected a positive count"));
+        }
+        q.maxHits = static_cast<std::size_t>(std::min<std::uint64_t>(max, kMaxSearchHits));
+    }
+    q.files = searchFiles(folder, file, device);
+    const LogSearch::Result result = LogSearch::run(folder, q);
+    if (!result.error.empty()) return WebReply::error(400, text(result.error));
+    QJsonArray files;
+    for (const LogSearch::FileHits& hits : result.files) {
+        QJsonArray items;
+        for (const LogSearch::Hit& hit : hits.hits) items.append(hitJson(hit));
+        QJsonObject entry;
+        entry.insert(QStringLiteral("file"), text(hits.file));
+        entry.insert(QStringLiteral("hits"), items);
+        files.append(entry);
+    }
+    QJsonObject object;
+    object.insert(QStringLiteral("files"), files);
+    object.insert(QStringLiteral("hitCount"), static_cast<qint64>(result.hitCount));
+    object.insert(QStringLiteral("more"), result.more);
+    object.insert(QStringLiteral("timedOut"), result.timedOut);
+    object.insert(QStringLiteral("budgetMs"), static_cast<qint64>(q.budget.count()));
+    object.insert(QStringLiteral("bytesScanned"), static_cast<qint64>(result.bytesScanned));
+    object.insert(QStringLiteral("filesScanned"), static_cast<qint64>(result.filesScanned));
+    return WebReply::json(object);
+}
+
+WebReply download(const std::string& folder, const QUrlQuery& query) {
+    const std::string file = param(query, "file");
+    struct stat st {};
+    const UniqueFd current = SafeFolder::openRegular(folder, file, &st);
+    if (!current.valid()) return notFound();
+    WebReply reply;
+    reply.contentType = "text/plain; charset=utf-8";
+    std::string part;
+    if (file.size() <= kBack.size() ||
+        file.compare(file.size() - kBack.size(), kBack.size(), kBack) != 0) {
+        struct stat backSt {};
+        const UniqueFd back = SafeFolder::openRegular(folder, file + kBack, &backSt);
+        if (back.valid() && SafeFolder::readAt(back.get(), 0, backSt.st_size, part)) {
+            reply.body.append(part.data(), static_cast<qsizetype>(part.size()));
+        }
+    }
+    if (!SafeFolder::readAt(current.get(), 0, st.st_size, part)) {
+        return WebReply::error(500, QStringLiteral("cannot read %1").arg(text(file)));
+    }
+    reply.body.append(part.data(), static_cast<qsizetype>(part.size()));
+    reply.headers.emplace_back(
+        "Content-Disposition",
+        "attachment; filename=\"" + QByteArray::fromStdString(file) + ".txt\"");
+    return reply;
+}
+
+WebReply archive(const std::string& folder, const QUrlQuery& query) {
+    const std::string device = param(query, "device");
+    if (!SafeFolder::isPlainName(device)) return notFound();
+    const std::vector<std::string> files = searchFiles(folder, {}, device);
+    if (files.empty()) return notFound();
+    auto temp = std::make_shared<QTemporaryFile>();
+    if (!temp->open())
+        return WebReply::error(500, QStringLiteral("cannot create a temporary file"));
+    const std::string error = DeviceArchive::write(folder, files, temp->handle());
+    if (!error.empty()) return WebReply::error(500, text(error));
+    temp->seek(0);
+    WebReply reply;
+    reply.contentType = "application/gzip";
+    reply.file = temp;
+    reply.headers.emplace_back(
+        "Content-Disposition",
+        "attachment; filename=\"" + QByteArray::fromStdString(device) + ".tar.gz\"");
+    return reply;
+}
+
+WebReply crashes(const std::string& dumpFolder) {
+    struct Crash {
+        std::int64_t time = 0;
+        std::uint64_t dumpSize = 0;
+        bool hasDump = false, hasReport = false;
+    };
+    std::map<QString, Crash> byId;
+    for (const SafeFolder::Entry& entry : SafeFolder::listRegular(dumpFolder)) {
+        const QString name = text(entry.name);
+        const bool dump = name.endsWith(QLatin1String(".dmp"));
+        if (!dump && !name.endsWith(QLatin1String(".txt"))) continue;
+        const QString id = name.left(name.size() - 4);
+        if (!isCrashName(id)) continue;
+        Crash& crash = byId[id];
+        crash.time = std::max(crash.time, entry.mtime);
+        (dump ? crash.hasDump : crash.hasReport) = true;
+        if (dump) crash.dumpSize = entry.size;
+    }
+    std::vector<std::pair<QString, Crash>> list(byId.begin(), byId.end());
+    std::sort(list.begin(), list.end(),
+              [](const auto& a, const auto& b) { return a.second.time > b.second.time; });
+    QJsonArray items;
+    for (std::size_t i = 0; i < list.size() && i < kMaxCrashes; ++i) {
+        QJsonObject item;
+        item.insert(QStringLiteral("id"), list[i].first);
+        item.insert(QStringLiteral("time"), static_cast<qint64>(list[i].second.time));
+        item.insert(QStringLiteral("dumpSize"), static_cast<qint64>(list[i].second.dumpSize));
+        item.insert(QStringLiteral("hasDump"), list[i].second.hasDump);
+        item.insert(QStringLiteral("hasReport"), list[i].second.hasReport);
+        items.append(item);
+    }
+    QJsonObject object;
+    object.insert(QStringLiteral("crashes"), items);
+    object.insert(QStringLiteral("more"), list.size() > kMaxCrashes);
+    return WebReply::json(object);
+}
+
+WebReply crash(const std::string& dumpFolder, const QUrlQuery& query) {
+    const std::string id = param(query, "id");
+    if (!isCrashName(text(id))) return notFound();
+    struct stat st {};
+    const UniqueFd fd = SafeFolder::openRegular(dumpFolder, id + ".txt", &st);
+    std::string report;
+    if (!fd.valid() || !SafeFolder::readAt(fd.get(), 0, kMaxReportBytes, report)) return notFound();
+    QJsonObject object;
+    object.insert(QStringLiteral("id"), text(id));
+    object.insert(QStringLiteral("text"), text(report));
+    object.insert(QStringLiteral("cut"), static_cast<std::uint64_t>(st.st_size) > report.size());
+    return WebReply::json(object);
+}
+
+WebReply stats(const StatsClient::Stats& stats, std::size_t tailClients) {
+    QJsonObject object;
+    object.insert(QStringLiteral("reachable"), stats.reachable);
+    if (!stats.error.isEmpty()) object.insert(QStringLiteral("error"), stats.error);
+    QJsonObject counters;
+    for (const auto& [name, value] : stats.values) {
+        counters.insert(text(name), static_cast<qint64>(value));
+    }
+    object.insert(QStringLiteral("counters"), counters);
+    object.insert(QStringLiteral("tailClients"), static_cast<qint64>(tailClients));
+    return WebReply::json(object);
+}
+
+WebReply metrics(const StatsClient::Stats& stats, std::size_t tailClients) {
+    struct Metric {
+        const char* name;
+        const char* type;
+        const char* help;
+    };
+    static const std::map<std::string, Metric> known = {
+        {"requests",
+         {"nimb_collector_requests_total", "counter",
+          "SetLogSource and AppendLog requests served."}},
+        {"linesWritten",
+         {"nimb_collector_lines_written_total", "counter", "Lines handed to device log files."}},
+        {"bytesWritten",
+         {"nimb_collector_bytes_written_total", "counter", "Bytes handed to device log files."}},
+        {"queueDepth",
+         {"nimb_collector_queue_depth", "gauge", "Calls waiting for the collector's main thread."}},
+        {"queueBytes",
+         {"nimb_collector_queue_bytes", "gauge",
+          "Bytes of text waiting for the collector's main thread."}},
+        {"connected",
+         {"nimb_collector_bus_connected", "gauge",
+          "Whether the collector's bus connection is up."}},
+    };
+    QByteArray out;
+    const auto line = [&out](const char* name, const char* type, const char* help) {
+        out += QByteArray("# HELP ") + name + ' ' + help + "\n# TYPE " + name + ' ' + type + '\n';
+    };
+    line("nimb_collector_up", "gauge", "Whether the collector answered GetStats.");
+    out += QByteArray("nimb_collector_up ") + (stats.reachable ? "1" : "0") + '\n';
+    for (const auto& [key, metric] : known) {
+        const auto value = stats.values.find(key);
+        if (value == stats.values.end()) continue;
+        line(metric.name, metric.type, metric.help);
+        out += QByteArray(metric.name) + ' ' +
+               QByteArray::number(static_cast<qint64>(value->second)) + '\n';
+    }
+    bool errorsHeader = false;
+    for (const auto& [key, value] : stats.values) {
+        if (key.rfind("errors.", 0) != 0) continue;
+        if (!errorsHeader)
+            line("nimb_collector_errors_total", "counter", "Requests that failed, by kind.");
+        errorsHeader = true;
+        const std::string kind = key.substr(7);
+        if (!std::all_of(kind.begin(), kind.end(),
+                         [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; }))
+            continue;
+        out += "nimb_collector_errors_total{kind=\"" + QByteArray::fromStdString(kind) + "\"} " +
+               QByteArray::number(static_cast<qint64>(value)) + '\n';
+    }
+    line("nimb_web_tail_clients", "gauge", "Live tails open in nimb-web.");
+    out += "nimb_web_tail_clients " + QByteArray::number(static_cast<qint64>(tailClients)) + '\n';
+    return WebReply::text(out, "text/plain; version=0.0.4; charset=utf-8");
+}
+
+}  // namespace WebApi

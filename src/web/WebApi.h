@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: MIT
+// WebApi: the answers of the JSON API and the downloads, as plain functions of the
+// folders and the request's query. Each validates its parameters (names must be plain
+// names of regular files in the folder; anything else is 404) and builds a WebReply.
+// Blocking file work; called on worker threads (tail and static files live in
+// WebServer).
+#pragma once
+
+#include <QUrlQuery>
+#include <cstdint>
+#include <string>
+
+#include "StatsClient.h"
+#include "WebReply.h"
+
+class LogCatalog;
+
+namespace WebApi {
+
+// /api/devices?sort=KEY (title, size or lastModified, each :asc or :desc).
+WebReply devices(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now);
+// /api/log?file=NAME[&before=OFFSET][&limit=BYTES]
+WebReply log(const std::string& folder, const QUrlQuery& query);
+// /api/search?q=TEXT[&regex=1][&file=NAME | &device=KEY][&from=TIME][&to=TIME][&max=N]
+WebReply search(const std::string& folder, const QUrlQuery& query);
+// /api/download?file=NAME: its ".back" then the file itself, as one text file.
+WebReply download(const std::string& folder, const QUrlQuery& query);
+// /api/archive?device=KEY: the device's files as .tar.gz (streamed from a temp file).
+WebReply archive(const std::string& folder, const QUrlQuery& query);
+// /api/crashes: crash dumps and reports in the dump folder, newest first.
+WebReply crashes(const std::string& dumpFolder);
+// /api/crash?id=ID: the readable report of one crash.
+WebReply crash(const std::string& dumpFolder, const QUrlQuery& query);
+// /api/stats: the collector's counters and the console's own.
+WebReply stats(const StatsClient::Stats& stats, std::size_t tailClients);
+// /metrics: the same in the Prometheus text format.
+WebReply metrics(const StatsClient::Stats& stats, std::size_t tailClients);
+
+// A query value, fully decoded, as UTF-8 bytes (NULs kept, so that checks see them).
+std::string param(const QUrlQuery& query, const char* name);
+
+}  // namespace WebApi

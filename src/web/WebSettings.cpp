@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: MIT
+#include "WebSettings.h"
+
+#include <cstdlib>
+
+#include "CFileTools.h"
+#include "CRegistry.h"
+#include "StdString.h"
+
+namespace {
+
+QString readString(const char* key, const char* name, const QString& fallback) {
+    CStdStr value;
+    if (!CRegistry::getInstance()->ReadSettingImpl(key, name, value)) return fallback;
+    return QString::fromStdString(value);
+}
+
+}  // namespace
+
+WebSettings WebSettings::load() {
+    WebSettings settings;
+    QString error;
+    const QString listen = readString(kKey, "Listen", QString::fromLatin1(kDefaultListen));
+    if (!settings.setListen(listen, error)) settings.problem = error;
+    settings.tokenHash = readString(kKey, "TokenHash", {});
+    settings.user = readString(kKey, "User", {});
+    settings.passwordHash = readString(kKey, "PasswordHash", {});
+    settings.bus = NimbBusSettings::read();
+    settings.logsDir = CFileTools::GetLogsDirectory();
+    const char* tmp = std::getenv("TMPDIR");
+    settings.dumpDir = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+    return settings;
+}
+
+bool WebSettings::setListen(const QString& text, QString& error) {
+    const qsizetype colon = text.lastIndexOf(QLatin1Char(':'));
+    QString address = colon > 0 ? text.left(colon) : QString();
+    if (address.startsWith(QLatin1Char('[')) && address.endsWith(QLatin1Char(']'))) {
+        address = address.mid(1, address.size() - 2);
+    }
+    bool ok = false;
+    const uint value = colon > 0 ? text.mid(colon + 1).toUInt(&ok) : 0;
+    QHostAddress parsed;
+    if (!ok || value == 0 || value > 65535 || !parsed.setAddress(address)) {
+        error = QStringLiteral("invalid listen address \"%1\" (expected ADDR:PORT, e.g. %2)")
+                    .arg(text, QString::fromLatin1(kDefaultListen));
+        return false;
+    }
+    listen = text;
+    host = parsed;
+    port = static_cast<quint16>(value);
+    return true;
+}

@@ -1,0 +1,467 @@
+// Nimb logs: the page. Device text is never parsed as markup: every piece of it goes
+// into the document through textContent or text nodes, and control characters are
+// shown as visible symbols.
+"use strict";
+
+const $ = (id) => document.getElementById(id);
+const state = { view: "", sort: "title:asc", devices: [], timer: 0, log: null, source: null, retry: 0 };
+
+// ---- small helpers ----
+
+function el(tag, className, text) {
+  const node = document.createElement(tag);
+  if (className) node.className = className;
+  if (text !== undefined && text !== null) node.textContent = visible(String(text));
+  return node;
+}
+
+// Control characters (escape sequences, NUL, ...) as their visible symbols.
+function visible(text) {
+  return text.replace(/[\u0000-\u0008\u000b-\u001f\u007f]/g,
+    (c) => String.fromCharCode(c === "\u007f" ? 0x2421 : 0x2400 + c.charCodeAt(0)));
+}
+
+function bytes(n) {
+  if (n < 1024) return n + " B";
+  const units = ["KiB", "MiB", "GiB", "TiB"];
+  let v = n, u = -1;
+  do { v /= 1024; u++; } while (v >= 1024 && u < units.length - 1);
+  return v.toFixed(v < 10 ? 1 : 0) + " " + units[u];
+}
+
+function ago(seconds) {
+  const d = Math.max(0, Date.now() / 1000 - seconds);
+  if (d < 60) return "just now";
+  if (d < 3600) return Math.floor(d / 60) + " min ago";
+  if (d < 86400) return Math.floor(d / 3600) + " h ago";
+  return Math.floor(d / 86400) + " d ago";
+}
+
+function stamp(seconds) {
+  return new Date(seconds * 1000).toLocaleString();
+}
+
+async function api(path) {
+  const response = await fetch(path, { headers: { Accept: "application/json" } });
+  const body = await response.json().catch(() => ({ error: response.statusText }));
+  if (!response.ok) throw new Error(body.error || response.statusText);
+  return body;
+}
+
+function query(params) {
+  const q = new URLSearchParams();
+  for (const [k, v] of Object.entries(params)) if (v !== undefined && v !== null && v !== "") q.set(k, v);
+  return q.toString();
+}
+
+// ---- theme ----
+
+function applyTheme(theme) {
+  if (theme) document.documentElement.dataset.theme = theme;
+  else delete document.documentElement.dataset.theme;
+}
+
+function initTheme() {
+  applyTheme(localStorage.getItem("theme"));
+  $("theme").addEventListener("click", () => {
+    const dark = document.documentElement.dataset.theme
+      ? document.documentElement.dataset.theme === "dark"
+      : matchMedia("(prefers-color-scheme: dark)").matches;
+    const next = dark ? "light" : "dark";
+    localStorage.setItem("theme", next);
+    applyTheme(next);
+  });
+}
+
+// ---- routing: #/devices, #/log?file=NAME, #/search?q=..., #/health ----
+
+function route() {
+  const hash = location.hash.replace(/^#\/?/, "") || "devices";
+  const [name, search] = hash.split("?");
+  const params = new URLSearchParams(search || "");
+  const view = ["devices", "log", "search", "health"].includes(name) ? name : "devices";
+  stopLive();
+  clearInterval(state.timer);
+  state.view = view;
+  for (const section of document.querySelectorAll(".view")) section.hidden = section.id !== "view-" + view;
+  for (const tab of document.querySelectorAll(".tabs a")) tab.classList.toggle("active", tab.dataset.view === view);
+  if (view === "devices") { loadDevices(); state.timer = setInterval(loadDevices, 10000); }
+  if (view === "log") openLog(params.get("file") || "");
+  if (view === "search") openSearch(params);
+  if (view === "health") { loadHealth(); state.timer = setInterval(loadHealth, 5000); }
+}
+
+// ---- devices ----
+
+function activityPlot(counts, binMinutes) {
+  const ns = "http://www.w3.org/2000/svg";
+  const svg = document.createElementNS(ns, "svg");
+  svg.setAttribute("class", "plot");
+  svg.setAttribute("viewBox", "0 0 " + counts.length + " 30");
+  svg.setAttribute("preserveAspectRatio", "none");
+  const peak = Math.max(1, ...counts);
+  let d = "M0 30";
+  counts.forEach((c, i) => { const y = 30 - (c / peak) * 27; d += " L" + i + " " + y.toFixed(2) + " L" + (i + 1) + " " + y.toFixed(2); });
+  const area = document.createElementNS(ns, "path");
+  area.setAttribute("class", "area");
+  area.setAttribute("d", d + " L" + counts.length + " 30 Z");
+  const edge = document.createElementNS(ns, "path");
+  edge.setAttribute("class", "edge");
+  edge.setAttribute("d", d.replace(/^M0 30 L/, "M"));
+  const base = document.createElementNS(ns, "line");
+  base.setAttribute("class", "base");
+  base.setAttribute("x1", "0"); base.setAttribute("x2", String(counts.length));
+  base.setAttribute("y1", "30"); base.setAttribute("y2", "30");
+  const total = counts.reduce((a, b) => a + b, 0);
+  const title = document.createElementNS(ns, "title");
+  title.textContent = total + " lines in the last 24 h; busiest: " + (Math.max(...counts) / binMinutes).toFixed(1) + " lines/min";
+  svg.append(title, area, edge, base);
+  return svg;
+}
+
+function deviceCard(device, binMinutes) {
+  const card = el("article", "device");
+  card.dataset.key = device.key;
+  const info = el("div", "info");
+  info.append(el("div", "name", device.name));
+  info.append(el("div", "ids", [device.deviceId, device.mac].filter(Boolean).join(" \u00b7 ")));
+  if (device.serverTime) {
+    const tie = el("div", "tie", "device " + device.deviceTime + " UTC \u2194 server " + device.serverTime);
+    tie.title = "Clock tie of the newest announcement" + (device.satellite ? " (via " + device.satellite + ")" : "");
+    info.append(tie);
+  }
+  const logs = el("div", "logs");
+  for (const log of device.logs) {
+    const chip = el("a", "chip");
+    chip.href = "#/log?" + query({ file: log.file });
+    chip.append(el("span", "", log.log || log.file), el("span", "size", bytes(log.size)));
+    chip.title = log.file + " \u00b7 last write " + stamp(log.lastWrite);
+    logs.append(chip);
+  }
+  const numbers = el("div", "numbers");
+  const last = el("strong", "", ago(device.lastWrite));
+  last.title = stamp(device.lastWrite);
+  numbers.append(last, el("span", "muted", bytes(device.size)));
+  const activity = el("div", "activity");
+  activity.append(activityPlot(device.activity, binMinutes));
+  const label = el("div", "plotlabel");
+  label.append(el("span", "", "24 h ago"), el("span", "", "now"));
+  activity.append(label);
+  card.append(info, logs, numbers, activity);
+  return card;
+}
+
+async function loadDevices() {
+  try {
+    const data = await api("/api/devices?" + query({ sort: state.sort }));
+    state.devices = data.devices;
+    const list = $("devices");
+    list.replaceChildren(...data.devices.map((d) => deviceCard(d, data.binMinutes)));
+    $("devices-empty").hidden = data.devices.length > 0;
+    const logs = data.devices.reduce((n, d) => n + d.logs.length, 0);
+    $("devices-summary").textContent = data.devices.length + " devices \u00b7 " + logs + " logs";
+  } catch (e) {
+    $("devices-summary").textContent = "cannot list devices: " + e.message;
+  }
+}
+
+function initSort() {
+  $("sort").addEventListener("change", () => { state.sort = $("sort").value; loadDevices(); });
+  $("sort-dir").addEventListener("click", () => {
+    const [key, dir] = state.sort.split(":");
+    state.sort = key + ":" + (dir === "asc" ? "desc" : "asc");
+    loadDevices();
+  });
+}
+
+// ---- one log ----
+
+const headerLine = /^===== .* === .* <-> .* =====$/;
+
+function lineDiv(text, fresh) {
+  const div = el("div", "l" + (headerLine.test(text) ? " hdr" : "") + (fresh ? " new" : ""), text);
+  div.dataset.raw = text.length > 4096 ? "" : text;
+  return div;
+}
+
+// Appends text to the view; a first piece continues an unfinished last line.
+function appendText(container, text, fresh) {
+  const log = state.log;
+  const pieces = text.split("\n");
+  const endsOpen = pieces[pieces.length - 1] !== "";
+  if (!endsOpen) pieces.pop();
+  const fragment = document.createDocumentFragment();
+  if (log && log.open && container.lastChild && pieces.length) {
+    const last = container.lastChild;
+    const joined = (last.dataset.raw || last.textContent) + pieces.shift();
+    container.replaceChild(lineDiv(joined, fresh), last);
+  }
+  for (const piece of pieces) fragment.append(lineDiv(piece, fresh));
+  container.append(fragment);
+  if (log) log.open = endsOpen;
+}
+
+function prependText(container, text) {
+  const pieces = text.split("\n");
+  if (pieces[pieces.length - 1] === "") pieces.pop();
+  const fragment = document.createDocumentFragment();
+  for (const piece of pieces) fragment.append(lineDiv(piece, false));
+  container.prepend(fragment);
+}
+
+async function openLog(file) {
+  const lines = $("log-lines");
+  lines.replaceChildren();
+  $("log-title").textContent = file;
+  $("log-download").href = "/api/download?" + query({ file });
+  const device = state.devices.find((d) => d.logs.some((l) => l.file === file));
+  $("log-archive").hidden = !device;
+  if (device) $("log-archive").href = "/api/archive?" + query({ device: device.key });
+  state.log = { file, end: 0, inode: "", earlier: null, open: false };
+  try {
+    const chunk = await api("/api/log?" + query({ file }));
+    state.log.end = chunk.end;
+    state.log.inode = chunk.inode;
+    state.log.earlier = chunk.earlier || null;
+    appendText(lines, chunk.text, false);
+    $("log-meta").textContent = "showing the last " + bytes(chunk.end - chunk.start) + (chunk.start > 0 || chunk.earlier ? "; earlier text is kept" : "");
+    $("load-earlier").hidden = !state.log.earlier;
+    lines.scrollTop = lines.scrollHeight;
+    if ($("live").checked) startLive();
+  } catch (e) {
+    $("log-meta").textContent = "cannot open " + file + ": " + e.message;
+    $("load-earlier").hidden = true;
+  }
+}
+
+async function loadEarlier() {
+  const log = state.log;
+  if (!log || !log.earlier) return;
+  try {
+    const chunk = await api("/api/log?" + query({ file: log.earlier.file, before: log.earlier.before }));
+    const lines = $("log-lines");
+    const height = lines.scrollHeight;
+    prependText(lines, chunk.text);
+    lines.scrollTop += lines.scrollHeight - height;
+    log.earlier = chunk.earlier || null;
+    $("load-earlier").hidden = !log.earlier;
+  } catch (e) {
+    $("log-meta").textContent = "cannot load earlier text: " + e.message;
+  }
+}
+
+function setLiveLabel(text) { $("live-label").textContent = text; }
+
+function startLive() {
+  stopLive();
+  const log = state.log;
+  if (!log) return;
+  const source = new EventSource("/api/tail?" + query({ file: log.file, from: log.end, inode: log.inode }));
+  state.source = source;
+  setLiveLabel("Live");
+  source.addEventListener("text", (event) => {
+    const data = JSON.parse(event.data);
+    const lines = $("log-lines");
+    const atBottom = lines.scrollHeight - lines.scrollTop - lines.clientHeight < 40;
+    appendText(lines, data.text, true);
+    log.end = data.end;
+    log.inode = data.inode;
+    state.retry = 0;
+    if (atBottom) lines.scrollTop = lines.scrollHeight;
+  });
+  source.addEventListener("rotated", (event) => {
+    const data = JSON.parse(event.data);
+    log.end = 0;
+    log.inode = data.inode;
+    log.open = false;
+    $("log-lines").append(el("div", "l sep", "file rotated: earlier text moved to " + log.file + ".back"));
+  });
+  source.onerror = () => {
+    // Reconnect from what was shown, not from where the stream started.
+    stopLive();
+    setLiveLabel("Reconnecting\u2026");
+    state.retry = Math.min(state.retry + 1, 10);
+    setTimeout(() => { if (state.log === log && $("live").checked) startLive(); }, 1000 * state.retry);
+  };
+}
+
+function stopLive() {
+  if (state.source) { state.source.close(); state.source = null; }
+}
+
+// ---- search ----
+
+function fillScope(selected) {
+  const scope = $("scope");
+  const options = [new Option("every log", "")];
+  for (const d of state.devices) {
+    options.push(new Option("device: " + d.name + " (" + d.key + ")", "device:" + d.key));
+    for (const l of d.logs) options.push(new Option("\u00a0\u00a0log: " + l.file, "file:" + l.file));
+  }
+  scope.replaceChildren(...options);
+  scope.value = selected;
+  if (scope.value !== selected && selected) {
+    scope.append(new Option(selected, selected));
+    scope.value = selected;
+  }
+}
+
+function markedLine(parts) {
+  const div = el("div", "l hitline");
+  parts.forEach((part, i) => {
+    if (i % 2 === 1) div.append(el("mark", "", part));
+    else div.append(document.createTextNode(visible(part)));
+  });
+  return div;
+}
+
+async function openSearch(params) {
+  if (!state.devices.length) {
+    try { state.devices = (await api("/api/devices")).devices; } catch (e) { /* the list stays short */ }
+  }
+  $("q").value = params.get("q") || "";
+  $("regex").checked = params.get("regex") === "1";
+  $("from").value = params.get("from") || "";
+  $("to").value = params.get("to") || "";
+  const scope = params.get("file") ? "file:" + params.get("file") : params.get("device") ? "device:" + params.get("device") : "";
+  fillScope(scope);
+  if (!$("q").value) { $("results").replaceChildren(); $("search-status").textContent = ""; return; }
+  $("search-status").textContent = "Searching\u2026";
+  const started = performance.now();
+  try {
+    const data = await api("/api/search?" + params.toString());
+    const seconds = ((performance.now() - started) / 1000).toFixed(2);
+    const plural = (n, word) => n + " " + word + (n === 1 ? "" : "s");
+    $("search-status").textContent = plural(data.hitCount, "hit") + " in " + plural(data.files.length, "file") + " \u00b7 " +
+      bytes(data.bytesScanned) + " of " + data.filesScanned + " files searched in " + seconds + " s";
+    const blocks = [];
+    if (data.more) blocks.push(el("p", "note", "More results exist: only the first " + data.hitCount + " are shown. Narrow the search to a device, a log or a time range."));
+    if (data.timedOut) blocks.push(el("p", "note", "The search stopped after its limit of " + data.budgetMs / 1000 + " s; the results are incomplete."));
+    for (const f of data.files) {
+      const box = el("section", "filehits");
+      const title = el("h3");
+      const link = el("a", "", f.file);
+      link.href = "#/log?" + query({ file: f.file.replace(/\.back$/, "") });
+      title.append(link, el("span", "muted", plural(f.hits.length, "hit")));
+      const lines = el("div", "lines");
+      for (const hit of f.hits) {
+        const item = el("div", "hit");
+        if (hit.before) item.append(el("div", "l ctx", hit.before));
+        item.append(markedLine(hit.parts));
+        if (hit.after) item.append(el("div", "l ctx", hit.after));
+        lines.append(item);
+      }
+      box.append(title, lines);
+      blocks.push(box);
+    }
+    if (!data.files.length) blocks.push(el("p", "empty", "Nothing found."));
+    $("results").replaceChildren(...blocks);
+  } catch (e) {
+    $("search-status").textContent = "";
+    $("results").replaceChildren(el("p", "note bad", e.message));
+  }
+}
+
+function initSearch() {
+  $("search-form").addEventListener("submit", (event) => {
+    event.preventDefault();
+    const [kind, value] = ($("scope").value || ":").split(/:(.*)/s);
+    const params = { q: $("q").value, regex: $("regex").checked ? "1" : "", from: $("from").value, to: $("to").value };
+    if (kind === "file") params.file = value;
+    if (kind === "device") params.device = value;
+    const target = "#/search?" + query(params);
+    if (location.hash === target) route(); else location.hash = target;
+  });
+}
+
+// ---- health ----
+
+function card(label, value, bad) {
+  const box = el("div", "card");
+  box.append(el("div", "k", label), el("div", "v" + (bad ? " bad" : ""), value));
+  return box;
+}
+
+async function fillTail(id, file) {
+  const target = $(id);
+  try {
+    const chunk = await api("/api/log?" + query({ file, limit: 32768 }));
+    const atBottom = target.scrollHeight - target.scrollTop - target.clientHeight < 40 || !target.childElementCount;
+    state.log = null;
+    target.replaceChildren();
+    appendText(target, chunk.text, false);
+    if (atBottom) target.scrollTop = target.scrollHeight;
+  } catch (e) {
+    target.replaceChildren(el("div", "l muted", file + ": " + e.message));
+  }
+}
+
+async function loadCrashes() {
+  const list = $("crashes");
+  try {
+    const data = await api("/api/crashes");
+    if (!data.crashes.length) { list.replaceChildren(el("p", "muted", "No crash reports.")); return; }
+    const open = new Set([...list.querySelectorAll("details[open]")].map((d) => d.dataset.id));
+    list.replaceChildren(...data.crashes.map((c) => {
+      const details = el("details", "crash");
+      details.dataset.id = c.id;
+      const summary = el("summary");
+      summary.append(el("strong", "", stamp(c.time)), el("span", "ids muted", c.id),
+        el("span", "muted", c.hasDump ? "dump " + bytes(c.dumpSize) : "no dump"));
+      const body = el("pre", "", c.hasReport ? "Loading\u2026" : "No readable report yet.");
+      details.append(summary, body);
+      details.addEventListener("toggle", async () => {
+        if (!details.open || !c.hasReport || details.dataset.loaded) return;
+        details.dataset.loaded = "1";
+        try { body.textContent = visible((await api("/api/crash?" + query({ id: c.id }))).text); }
+        catch (e) { body.textContent = "cannot read the report: " + e.message; }
+      });
+      if (open.has(c.id)) details.open = true;
+      return details;
+    }));
+  } catch (e) {
+    list.replaceChildren(el("p", "note bad", "cannot list crash reports: " + e.message));
+  }
+}
+
+async function loadHealth() {
+  try {
+    const s = await api("/api/stats");
+    const c = s.counters;
+    const pill = $("stats-state");
+    pill.textContent = s.reachable ? (c.connected ? "collector connected" : "collector reconnecting") : "collector not answering";
+    pill.className = "pill " + (s.reachable && c.connected ? "ok" : "bad");
+    pill.title = s.error || "";
+    const cards = [];
+    if (s.reachable) {
+      cards.push(card("Requests served", (c.requests || 0).toLocaleString()));
+      cards.push(card("Lines written", (c.linesWritten || 0).toLocaleString()));
+      cards.push(card("Bytes written", bytes(c.bytesWritten || 0)));
+      cards.push(card("Queue depth", (c.queueDepth || 0).toLocaleString()));
+      for (const [k, v] of Object.entries(c)) {
+        if (k.startsWith("errors.")) cards.push(card("Errors: " + k.slice(7), v.toLocaleString(), v > 0));
+      }
+    } else {
+      cards.push(card("Collector", "no answer", true));
+    }
+    cards.push(card("Live tails open", String(s.tailClients)));
+    $("counters").replaceChildren(...cards);
+  } catch (e) {
+    $("counters").replaceChildren(card("Counters", e.message, true));
+  }
+  fillTail("own-log", "NimbRemoteLogger.log");
+  fillTail("errors-log", "errors.log");
+  loadCrashes();
+}
+
+// ---- start ----
+
+document.addEventListener("DOMContentLoaded", () => {
+  initTheme();
+  initSort();
+  initSearch();
+  $("load-earlier").addEventListener("click", loadEarlier);
+  $("live").addEventListener("change", () => { if ($("live").checked) startLive(); else { stopLive(); setLiveLabel("Paused"); } });
+  window.addEventListener("hashchange", route);
+  route();
+});

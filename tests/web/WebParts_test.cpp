@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: MIT
+// The console's parts that need no server: reading the collector's text (header
+// lines, stamps, file names), the listen address and the credential hashes.
+#include <gtest/gtest.h>
+
+#include "LogCatalog.h"
+#include "LogText.h"
+#include "NimbTestSupport.h"
+#include "WebAuth.h"
+#include "WebSettings.h"
+
+namespace {
+
+TEST(LogTextTest, HeaderLinesSplitIntoNamesAndTheClockTie) {
+    LogText::Header h;
+    ASSERT_TRUE(LogText::parseHeader(
+        "===== Living - room - sat1 === 2026/11/22 10:00:00 <-> 2026/11/22 11:00:02 =====", h));
+    EXPECT_EQ(h.displayName, "Living - room");
+    EXPECT_EQ(h.satellite, "sat1");
+    EXPECT_EQ(h.deviceTime, "2026/11/22 10:00:00");
+    EXPECT_EQ(h.serverTime, "2026/11/22 11:00:02");
+    for (const char* line :
+         {"===== no tie =====", "===== a - b === x =====", "=====  =====",
+          "2026/11/22 10:00:00 ===== a - b === x <-> y =====", "===== a - b === x <-> y"}) {
+        EXPECT_FALSE(LogText::parseHeader(line, h)) << line;
+    }
+}
+
+TEST(LogTextTest, StampsAreReadAsLocalTimeAcrossHours) {
+    const nimbtest::ScopedTimeZone zone("Europe/Berlin");
+    LogText::StampReader reader;
+    std::int64_t first = 0, second = 0, third = 0;
+    ASSERT_TRUE(reader.read("2026/03/29 01:59:59 before the change", first));
+    ASSERT_TRUE(reader.read("2026/03/29 03:00:00 after it", second));
+    EXPECT_EQ(second - first, 1) << "the hour cache must not skip daylight saving";
+    ASSERT_TRUE(reader.read("2026/03/29 03:00:30", third));
+    EXPECT_EQ(third - second, 30);
+    std::int64_t unused = 0;
+    for (const char* line : {"", "2026/13/01 00:00:00", "2026/11/22 24:00:00",
+                             "2026-11-22 10:00:00", " 2026/11/22 10:00:00", "2026/11/22 10:00"}) {
+        EXPECT_FALSE(reader.read(line, unused)) << line;
+    }
+}
+
+TEST(LogCatalogTest, FileNamesSplitIntoDeviceMacAndLog) {
+    struct Row {
+        const char* name;
+        bool device;
+        const char* deviceId;
+        const char* mac;
+        const char* log;
+        bool back;
+    };
+    const Row rows[] = {
+        {"puck-7001122334455-system.log", true, "puck-7", "001122334455", "system.log", false},
+        {"puck-7001122334455-system.log.back", true, "puck-7", "001122334455", "system.log", true},
+        {"puck001A2b3C4d5E-", true, "puck", "001A2b3C4d5E", "", false},
+        {"001122334455-a-b", true, "", "001122334455", "a-b", false},
+        {"dev-xyz-log", true, "", "dev", "xyz-log", false},
+        {"NimbRemoteLogger.log", false, "", "", "", false},
+        {"errors.log.back", false, "", "", "", false},
+    };
+    for (const Row& row : rows) {
+        LogCatalog::NameParts parts;
+        ASSERT_EQ(LogCatalog::splitFileName(row.name, parts), row.device) << row.name;
+        if (!row.device) continue;
+        EXPECT_EQ(parts.deviceId, row.deviceId) << row.name;
+        EXPECT_EQ(parts.mac, row.mac) << row.name;
+        EXPECT_EQ(parts.logName, row.log) << row.name;
+        EXPECT_EQ(parts.back, row.back) << row.name;
+    }
+}
+
+TEST(WebSettingsTest, ListenAddressesAreNumericWithAPort) {
+    WebSettings settings;
+    QString error;
+    ASSERT_TRUE(settings.setListen(QStringLiteral("[::1]:9000"), error));
+    EXPECT_TRUE(settings.loopbackOnly());
+    EXPECT_EQ(settings.port, 9000);
+    ASSERT_TRUE(settings.setListen(QStringLiteral("192.168.1.5:80"), error));
+    EXPECT_FALSE(settings.loopbackOnly());
+    for (const char* bad :
+         {"localhost:8470", "127.0.0.1", "127.0.0.1:0", "127.0.0.1:65536", ":8470", "1.2.3.4:x"}) {
+        EXPECT_FALSE(settings.setListen(QString::fromLatin1(bad), error)) << bad;
+    }
+    EXPECT_EQ(settings.port, 80) << "a refused address changes nothing";
+}
+
+TEST(WebAuthTest, SecretsAreCheckedAgainstSaltedHashes) {
+    const QString hash = WebAuth::hashSecret("open sesame");
+    EXPECT_TRUE(WebAuth::verify("open sesame", hash));
+    EXPECT_FALSE(WebAuth::verify("open sesame!", hash));
+    for (const char* broken :
+         {"", "pbkdf2-sha256$1$c2FsdA==", "md5$1$c2FsdA==$AAAA", "pbkdf2-sha256$0$c2FsdA==$AAAA"}) {
+        EXPECT_FALSE(WebAuth::verify("x", QString::fromLatin1(broken))) << broken;
+    }
+    WebAuth open;
+    EXPECT_TRUE(open.allows(""));
+    WebAuth tokenOnly(hash, QString(), QString());
+    EXPECT_FALSE(tokenOnly.allows(""));
+    EXPECT_FALSE(tokenOnly.allows("Basic " + QByteArray(":open sesame").toBase64()));
+    EXPECT_TRUE(tokenOnly.allows("Bearer open sesame"));
+}
+
+}  // namespace

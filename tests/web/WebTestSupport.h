@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: MIT
+// Shared by the web console's tests: a raw HTTP/1.1 client over a loopback socket
+// (so that requests reach the server exactly as written, odd paths included), and a
+// fixture that runs nimb-web (and, when asked, nats-server and the collector) as child
+// processes with their own settings home, logs folder and dump folder.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "NatsServer.h"
+#include "NimbTestSupport.h"
+#include <sys/types.h>
+
+namespace webtest {
+
+struct HttpResponse {
+    int status = 0;                              // 0: no answer
+    std::map<std::string, std::string> headers;  // names lower-cased
+    std::string body;
+    std::string header(const std::string& name) const;
+};
+
+// Sends "GET <target> HTTP/1.1" (or another method) with `extraHeaders` ("Name: value"
+// lines) and reads one response with a Content-Length body. Bounded by `timeout`.
+HttpResponse request(int port, const std::string& target,
+                     const std::vector<std::string>& extraHeaders = {},
+                     const std::string& method = "GET",
+                     std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// An open connection reading a server-sent event stream.
+class EventStream {
+public:
+    EventStream(int port, const std::string& target);
+    EventStream(const EventStream&) = delete;
+    EventStream& operator=(const EventStream&) = delete;
+    ~EventStream();
+    // Reads until everything received so far contains `text`; false after `timeout`.
+    bool waitFor(const std::string& text,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    const std::string& received() const { return received_; }
+
+private:
+    int fd_ = -1;
+    std::string received_;
+};
+
+class WebFixture : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    nimbtest::fs::path root() const { return nimbtest::fs::path(dir_.path()); }
+    nimbtest::fs::path logs() const { return root() / "logs"; }
+    nimbtest::fs::path dumps() const { return root() / "dumps"; }
+    std::map<std::string, std::string> environment() const;
+    // Writes a setting of nimb-web's key.
+    void setWebSetting(const std::string& name, const std::string& value);
+
+    // Starts nats-server and the collector; waits until the collector is on the bus.
+    void startCollector();
+    // Starts nimb-web on a free port of `address` with `args` added; waits until it serves.
+    void startWeb(const std::vector<std::string>& args = {},
+                  const std::string& address = "127.0.0.1");
+    // Runs nimb-web to its end (for refusals): exit code and standard error.
+    nimbtest::ChildResult runWeb(const std::vector<std::string>& args);
+    // Runs kib-call RemoteLogger <service> <json> as the device "dev1"; its exit code.
+    int callCollector(const std::string& service, const std::string& json);
+
+    HttpResponse get(const std::string& target, const std::vector<std::string>& headers = {}) {
+        return request(port_, target, headers);
+    }
+
+    nimbtest::TempDir dir_;
+    std::unique_ptr<NatsServer> nats_;
+    pid_t collector_ = -1;
+    pid_t web_ = -1;
+    int port_ = 0;
+};
+
+}  // namespace webtest

@@ -1,0 +1,140 @@
+// The page in a real headless Chromium (puppeteer-core over the DevTools protocol).
+// Run by Browser_test.cpp, which starts nats-server, the collector and nimb-web and
+// passes: WEB_URL, LOGPUSH (the program), BUS (host:port), LOGS, SCREENSHOTS (folder),
+// CHROMIUM (the browser), NODE_MODULES, and LIVE_ROUNDS (how many live lines to time).
+// Prints one JSON line of figures; exits non-zero with the reason on any failure.
+import { createRequire } from "node:module";
+import { execFileSync } from "node:child_process";
+import { mkdtempSync, mkdirSync, writeFileSync } from "node:fs";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
+
+const require = createRequire(process.env.NODE_MODULES + "/");
+const puppeteer = require("puppeteer-core");
+
+const url = process.env.WEB_URL;
+const shots = process.env.SCREENSHOTS;
+const rounds = Number(process.env.LIVE_ROUNDS || "5");
+const device = ["--host", process.env.BUS, "--mac", "00:11:22:33:44:55", "--device-id", "puck-7",
+  "--name", "Living room", "--log", "system.log", "--no-time", "--retry-for", "5000"];
+mkdirSync(shots, { recursive: true });
+
+function fail(message) { throw new Error(message); }
+
+// Pushes text as the device, like a device would; returns when the collector replied.
+function push(text) {
+  const dir = mkdtempSync(join(tmpdir(), "push-"));
+  const file = join(dir, "piece.log");
+  writeFileSync(file, text);
+  execFileSync(process.env.LOGPUSH, [...device, file], { stdio: ["ignore", "ignore", "inherit"], timeout: 15000 });
+}
+
+async function shoot(page, name, width, height, theme) {
+  await page.setViewport({ width, height, deviceScaleFactor: 1 });
+  await page.evaluate((t) => { localStorage.setItem("theme", t); document.documentElement.dataset.theme = t; }, theme);
+  await new Promise((r) => setTimeout(r, 150));
+  await page.screenshot({ path: join(shots, name + "-" + (width < 600 ? "phone" : "laptop") + "-" + theme + ".png") });
+}
+
+async function allShots(page, name) {
+  for (const theme of ["light", "dark"]) {
+    await shoot(page, name, 1280, 800, theme);
+    await shoot(page, name, 390, 844, theme);
+  }
+  await page.setViewport({ width: 1280, height: 800 });
+}
+
+const now = new Date();
+const pad = (n) => String(n).padStart(2, "0");
+const stamp = (d) => `${d.getFullYear()}/${pad(d.getMonth() + 1)}/${pad(d.getDate())} ${pad(d.getHours())}:${pad(d.getMinutes())}:${pad(d.getSeconds())}`;
+const hostile = [
+  "<script>window.__pwned = 1</script>",
+  "</textarea><img src=x onerror=\"window.__pwned = 2\">",
+  "<a href=\"javascript:window.__pwned = 3\">click</a>",
+  "\u001b[31mred text\u001b[0m after an escape",
+].join("\n");
+let seed = "";
+for (let i = 40; i > 0; i--) seed += stamp(new Date(now - i * 60000)) + " service heartbeat " + i + "\n";
+push(seed + stamp(now) + " disk needle found on /dev/sda1\n" + hostile + "\n");
+
+const browser = await puppeteer.launch({
+  executablePath: process.env.CHROMIUM,
+  headless: true,
+  userDataDir: mkdtempSync(join(tmpdir(), "chromium-")),
+  args: ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
+    "--disable-component-update", "--disable-sync", "--disable-dev-shm-usage"],
+});
+const figures = {};
+try {
+  const page = await browser.newPage();
+  const problems = [];
+  page.on("pageerror", (e) => problems.push("page error: " + e.message));
+  page.on("console", (m) => { if (m.type() === "error") problems.push("console: " + m.text()); });
+  await page.setViewport({ width: 1280, height: 800 });
+
+  // The device list appears.
+  await page.goto(url, { waitUntil: "domcontentloaded" });
+  await page.waitForSelector(".device", { timeout: 5000 });
+  const name = await page.$eval(".device .name", (e) => e.textContent);
+  if (name !== "Living room") fail("device name shown as " + JSON.stringify(name));
+  await allShots(page, "devices");
+
+  // A log opens, header lines marked, the hostile lines inert.
+  const opened = Date.now();
+  await page.click(".device .chip");
+  await page.waitForFunction(() => [...document.querySelectorAll("#log-lines .l")].some((l) => l.textContent.includes("needle")), { timeout: 5000 });
+  figures.openLogMs = Date.now() - opened;
+  const check = await page.evaluate(() => ({
+    pwned: window.__pwned,
+    headers: document.querySelectorAll("#log-lines .l.hdr").length,
+    markup: document.querySelectorAll("#log-lines script, #log-lines img, #log-lines a, #log-lines textarea").length,
+    script: [...document.querySelectorAll("#log-lines .l")].some((l) => l.textContent === "<script>window.__pwned = 1</script>"),
+    escape: [...document.querySelectorAll("#log-lines .l")].some((l) => l.textContent.startsWith("\u241b[31mred")),
+  }));
+  if (check.pwned !== undefined) fail("device text ran as script: " + check.pwned);
+  if (check.markup !== 0) fail("device text became markup");
+  if (!check.script) fail("the <script> line is not shown as text");
+  if (!check.escape) fail("the escape character is not shown as a visible symbol");
+  if (check.headers < 1) fail("no header line is marked");
+
+  // Lines pushed now appear live, each within 2 s of the collector's reply.
+  const latencies = [];
+  for (let i = 0; i < rounds; i++) {
+    const marker = "live line " + i + " " + Math.random().toString(36).slice(2);
+    push(stamp(new Date()) + " " + marker + "\n");
+    const replied = Date.now();
+    await page.waitForFunction((m) => [...document.querySelectorAll("#log-lines .l")].some((l) => l.textContent.endsWith(m)), { timeout: 2000 }, marker);
+    latencies.push(Date.now() - replied);
+  }
+  latencies.sort((a, b) => a - b);
+  figures.liveP50Ms = latencies[Math.floor(latencies.length / 2)];
+  figures.liveMaxMs = latencies[latencies.length - 1];
+  await allShots(page, "log");
+
+  // A search highlights its hit.
+  await page.goto(url + "#/search?q=needle", { waitUntil: "domcontentloaded" });
+  await page.waitForSelector("#results mark", { timeout: 5000 });
+  const marked = await page.$eval("#results mark", (e) => e.textContent);
+  if (marked !== "needle") fail("search marked " + JSON.stringify(marked));
+  await allShots(page, "search");
+
+  await page.goto(url + "#/health", { waitUntil: "domcontentloaded" });
+  await page.waitForSelector("#counters .card", { timeout: 5000 });
+  await page.waitForFunction(() => document.querySelector("#stats-state").textContent.includes("connected"), { timeout: 5000 });
+  await allShots(page, "health");
+
+  // Opening a 1 MiB log: from the navigation to its last line on screen.
+  let big = "";
+  for (let i = 0; big.length < 1 << 20; i++) big += stamp(now) + " mediad[977]: scanning /media/usb0/Music entry " + i + "\n";
+  big += "last line of the big log\n";
+  writeFileSync(join(process.env.LOGS, "puck-7001122334455-big.log"), big);
+  const bigStart = Date.now();
+  await page.goto(url + "#/log?file=puck-7001122334455-big.log", { waitUntil: "domcontentloaded" });
+  await page.waitForFunction(() => { const l = document.querySelector("#log-lines .l:last-child"); return l && l.textContent === "last line of the big log"; }, { timeout: 5000 });
+  await page.evaluate(() => new Promise((r) => requestAnimationFrame(() => r())));
+  figures.openBigLogMs = Date.now() - bigStart;
+  if (problems.length) fail(problems.join("; "));
+} finally {
+  await browser.close();
+}
+console.log(JSON.stringify(figures));
