@@ -376,10 +376,6 @@ private:
     char text_[kStampSize] = {};  // their stamp (the seconds are written over)
 };
 
-time_t shifted(const tm& t, long deviceTime, long serverTime) {
-    return static_cast<time_t>(DeviceLogConverter::utcSeconds(t) - deviceTime + serverTime);
-}
-
 // DeviceLogConverter::utcSeconds for stamps that come in runs: the calendar rule is
 // worked out once per month; day, hour, minute and second add linearly, as in the rule.
 class MonthStart {

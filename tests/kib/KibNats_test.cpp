@@ -46,7 +46,8 @@ TEST(KibNatsTest, DirectoryHostsBecomeServerUrls) {
 }
 
 TEST(KibNatsTest, OnlyInboxSubjectsTakeReplies) {
-    for (const char* subject : {"_INBOX.abc", "_INBOX.abc.1", "_INBOX.x-y_z.77", "_INBOX_device-garage.k1.2"}) {
+    for (const char* subject :
+         {"_INBOX.abc", "_INBOX.abc.1", "_INBOX.x-y_z.77", "_INBOX_device-garage.k1.2"}) {
         EXPECT_TRUE(KibNats::isInboxSubject(subject)) << subject;
     }
     for (const char* subject :
