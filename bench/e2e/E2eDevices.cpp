@@ -19,7 +19,7 @@ namespace e2e {
 
 namespace {
 
-constexpr const char* kSetSourceSubject = "kib.svc.RemoteLogger.SetLogSource";
+const std::string kSetSourceSubject = KibSubjects::service("RemoteLogger", "SetLogSource");
 constexpr int kFramesPerLog = 8;
 constexpr auto kPhaseTimeout = std::chrono::seconds(120);
 
@@ -270,8 +270,8 @@ bool announce(Device& device, const Source& source, pid_t daemon) {
     while (Clock::now() < deadline) {
         natsMsg* reply = nullptr;
         const natsStatus status =
-            natsConnection_Request(&reply, device.connection, kSetSourceSubject, frame.data(),
-                                   static_cast<int>(frame.size()), 2000);
+            natsConnection_Request(&reply, device.connection, kSetSourceSubject.c_str(),
+                                   frame.data(), static_cast<int>(frame.size()), 2000);
         if (status == NATS_OK) {
             const bool ok =
                 acceptCollectorReply(natsMsg_GetData(reply), natsMsg_GetDataLength(reply));

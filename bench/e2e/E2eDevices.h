@@ -15,13 +15,14 @@
 
 #include <nats/nats.h>
 
+#include "KibSubjects.h"
 #include <sys/types.h>
 
 namespace e2e {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kAppendSubject = "kib.svc.RemoteLogger.AppendLog";
+const std::string kAppendSubject = KibSubjects::service("RemoteLogger", "AppendLog");
 constexpr const char* kEchoSubject = "bench.e2e.echo";
 
 // One announced source: its MAC address, device id and log names.

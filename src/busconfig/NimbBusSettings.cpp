@@ -5,10 +5,11 @@
 
 #include "CRegistry.h"
 #include "KibSatellite.h"
+#include "NimbSettingsKeys.h"
 
 namespace {
 
-const char* const kConfigKey = "Software\\Pellix\\Nimb\\Config";
+using NimbSettings::kConfigKey;
 
 QString q(const char* text) { return QString::fromUtf8(text); }
 

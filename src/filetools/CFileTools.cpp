@@ -14,6 +14,7 @@
 
 #include "CRegistry.h"
 #include "CStdPath.h"
+#include "NimbSettingsKeys.h"
 #include "SuiteFolders.h"
 #include <pwd.h>
 #include <sys/stat.h>
@@ -23,8 +24,6 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-constexpr const char* kSuiteKey = "Software\\Pellix\\Nimb";
-constexpr const char* kInstallDirValue = "InstallDir";
 constexpr const char* kBinSubfolder = "bin";
 constexpr const char* kLauncherName = "/NimbLauncher";
 constexpr const char* kDefaultBinFolder = "/opt/pellix/nimb/bin";
@@ -61,7 +60,7 @@ CStdStr CFileTools::getNimbBinFolderPath() {
         std::abort();
     }
     CStdStr installDir;
-    registry->ReadSettingImpl(kSuiteKey, kInstallDirValue, installDir);
+    registry->ReadSettingImpl(NimbSettings::kSuiteKey, NimbSettings::kInstallDir, installDir);
     if (!installDir.empty()) return CStdPath::AppendPath(installDir, kBinSubfolder);
     return getNimbBinFolderPathLinux();
 }

@@ -17,6 +17,8 @@ set(NIMB_KIB_SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/KibCodec.h
     ${CMAKE_CURRENT_LIST_DIR}/KibCredentials.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibCredentials.h
+    ${CMAKE_CURRENT_LIST_DIR}/KibDropReport.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/KibDropReport.h
     ${CMAKE_CURRENT_LIST_DIR}/KibLog.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibLog.h
     ${CMAKE_CURRENT_LIST_DIR}/KibNats.cpp
@@ -35,7 +37,8 @@ set(NIMB_KIB_SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/include/KibReply.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibSatellite.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibSatelliteDelegate.h
-    ${CMAKE_CURRENT_LIST_DIR}/include/KibStatus.h)
+    ${CMAKE_CURRENT_LIST_DIR}/include/KibStatus.h
+    ${CMAKE_CURRENT_LIST_DIR}/include/KibSubjects.h)
 add_library(nimb_kib STATIC ${NIMB_KIB_SOURCES})
 # Public headers only; the internals (codec, transport) are reachable through the
 # separate nimb_kib_internal interface, for the library's own tests, fuzzer and benchmark.

@@ -8,6 +8,7 @@
 #include "KibCredentials.h"
 #include "KibLog.h"
 #include "KibSatellite.h"
+#include "KibSubjects.h"
 
 namespace {
 
@@ -28,13 +29,11 @@ constexpr int kMaxPingsOut = 2;
 constexpr int kPendingMessages = 1024;
 constexpr int kPendingBytes = 64 * 1024 * 1024;
 
-const char* const kSubjectService = "kib.svc.";
-const char* const kSubjectPing = "kib.ping.";
-const char* const kSubjectDiscover = "kib.discover";
-
-void onMessageThunk(natsConnection* nc, natsSubscription*, natsMsg* msg, void* closure) {
+void onMessageThunk(natsConnection* nc, natsSubscription* sub, natsMsg* msg, void* closure) {
     auto* s = static_cast<KibSubscription*>(closure);
     s->impl->onMessage(*s, nc, msg);
+    // Any drop leaves a full queue behind it, so a message handled here follows it.
+    s->impl->reportDrops(*s, sub, false);
 }
 
 // The client's promise that the subscription's handler will not run again.
@@ -303,6 +302,7 @@ std::unique_ptr<KibSubscription> KibSatelliteImpl::makeSubscription(KibSubscript
 }
 
 int KibSatelliteImpl::subscribe(KibSubscription& s, const std::string& subject, bool queue) {
+    s.subject = subject;  // before the first message can arrive
     natsSubscription* sub = nullptr;
     natsStatus status =
         queue ? natsConnection_QueueSubscribe(&sub, connection_.get(), subject.c_str(),
@@ -323,11 +323,21 @@ int KibSatelliteImpl::subscribe(KibSubscription& s, const std::string& subject, 
     return KIB_OK;
 }
 
+void KibSatelliteImpl::reportDrops(KibSubscription& s, natsSubscription* sub, bool final) {
+    std::int64_t total = 0;
+    if (natsSubscription_GetDropped(sub, &total) != NATS_OK) return;
+    const std::int64_t count = s.drops.take(total, KibDropReport::Clock::now(), final);
+    if (count <= 0) return;
+    KibLog::error("Dropped %lld messages to %s: more than %d were waiting",
+                  static_cast<long long>(count), s.subject.c_str(), kPendingMessages);
+}
+
 // Stops the subscription and waits until its handler has returned for the last time.
 // If that takes too long (or this runs inside that handler) the subscription object
 // is handed to its completion callback, which deletes it later.
 void KibSatelliteImpl::unsubscribe(std::unique_ptr<KibSubscription> s) {
     if (!s || s->sub == nullptr) return;
+    reportDrops(*s, s->sub.get(), true);
     natsSubscription_Unsubscribe(s->sub.get());
     s->sub.reset();
     std::unique_lock<std::mutex> lock(s->mutex);
@@ -340,9 +350,9 @@ void KibSatelliteImpl::unsubscribe(std::unique_ptr<KibSubscription> s) {
 
 int KibSatelliteImpl::subscribeControl() {
     const std::pair<KibSubscription::Kind, std::string> subjects[] = {
-        {KibSubscription::Kind::Ping, kSubjectPing + name_},
-        {KibSubscription::Kind::Discover, std::string(kSubjectDiscover) + "." + name_},
-        {KibSubscription::Kind::Discover, kSubjectDiscover},
+        {KibSubscription::Kind::Ping, KibSubjects::ping(name_)},
+        {KibSubscription::Kind::Discover, KibSubjects::discover(name_)},
+        {KibSubscription::Kind::Discover, KibSubjects::discover("*")},
     };
     for (const auto& [kind, subject] : subjects) {
         auto s = makeSubscription(kind, name_);
@@ -360,7 +370,7 @@ int KibSatelliteImpl::registerServices() {
         const PMutexLocker lock(mutex_);
         for (auto& [name, service] : services_) {
             if (service->sub != nullptr) continue;
-            const int status = subscribe(*service, kSubjectService + name_ + "." + name, true);
+            const int status = subscribe(*service, KibSubjects::service(name_, name), true);
             if (status != KIB_OK && result == KIB_OK) result = status;
         }
         registered_ = true;
@@ -420,6 +430,7 @@ int KibSatelliteImpl::unregisterServices(bool removeServices) {
 // Stops the server's deliveries to `s` while its handler works through what already
 // arrived; without a connection to tell the server, the subscription just ends.
 void KibSatelliteImpl::drain(KibSubscription& s) {
+    reportDrops(s, s.sub.get(), true);
     const natsStatus status = natsSubscription_DrainTimeout(
         s.sub.get(), std::chrono::duration_cast<std::chrono::milliseconds>(kTeardownWait).count());
     if (status != NATS_OK) natsSubscription_Unsubscribe(s.sub.get());
@@ -442,7 +453,7 @@ int KibSatelliteImpl::addService(const char* name, const char* description,
         service->description = description != nullptr ? description : "";
         service->delegate = std::move(delegate);
         if (registered_ && connection_ != nullptr) {
-            result = subscribe(*service, kSubjectService + name_ + "." + name, true);
+            result = subscribe(*service, KibSubjects::service(name_, name), true);
         }
         if (result == KIB_OK) services_.emplace(name, std::move(service));
     }

@@ -6,12 +6,8 @@
 // client's threads and find their way back here through KibSubscription and
 // KibConnectionLink.
 //
-// Subjects (satellite and service names are single subject tokens):
-//   kib.svc.<satellite>.<service>   requests, queue group <satellite>
-//   kib.ping.<satellite>            ping requests, queue group <satellite>
-//   kib.avail.<satellite>           announcements of <satellite>'s instances
-//   kib.discover.<satellite>        asks <satellite>'s instances to announce
-//   kib.discover                    asks every satellite to announce
+// The subjects it uses are built by KibSubjects.h (satellite and service names are
+// single subject tokens).
 #pragma once
 
 #include <atomic>
@@ -29,6 +25,7 @@
 #include "KibCodec.h"
 #include "KibConnectOptions.h"
 #include "KibDeferredReply.h"
+#include "KibDropReport.h"
 #include "KibLog.h"
 #include "KibNats.h"
 #include "KibReply.h"
@@ -50,9 +47,11 @@ struct KibSubscription {
     KibSatelliteImpl* impl = nullptr;
     Kind kind = Kind::Service;
     std::string name;  // service name, or the watched satellite
+    std::string subject;
     std::string description;
     std::unique_ptr<KibSatelliteDelegateGeneric> delegate;
     KibNatsSubscription sub;
+    KibDropReport drops;  // what the client dropped from its full queue
 
     std::mutex mutex;
     std::condition_variable completed;
@@ -108,6 +107,9 @@ public:
 
     // Callbacks from the NATS client's threads.
     void onMessage(KibSubscription& s, natsConnection* nc, natsMsg* msg);
+    // Logs (rate-limited) what the client dropped from `sub`'s full queue; `final` for
+    // the last look before it ends. Any thread.
+    void reportDrops(KibSubscription& s, natsSubscription* sub, bool final);
     void onDisconnected();
     void onReconnected();
 

@@ -10,13 +10,10 @@
 #include "KibLog.h"
 #include "KibSatellite.h"
 #include "KibSatelliteImpl.h"
+#include "KibSubjects.h"
 
 namespace {
 
-const char* const kSubjectService = "kib.svc.";
-const char* const kSubjectPing = "kib.ping.";
-const char* const kSubjectAvail = "kib.avail.";
-const char* const kSubjectDiscover = "kib.discover";
 const char* const kUnknownException = "unknown exception";
 
 // The request a thread is serving, while its handler runs.
@@ -68,7 +65,7 @@ int KibSatelliteImpl::call(const char* satellite, const char* service, const VAR
         setError(reply, KibErrorKind::Local, status, "request cannot be sent: " + error);
         return reply.status;
     }
-    const std::string subject = kSubjectService + std::string(satellite) + "." + service;
+    const std::string subject = KibSubjects::service(satellite, service);
     if (noReply) {
         const natsStatus sent = natsConnection_Publish(
             connection_.get(), subject.c_str(), frame.data(), static_cast<int>(frame.size()));
@@ -127,7 +124,7 @@ int KibSatelliteImpl::ping(const char* host, const char* satellite, unsigned sho
     VARIANT empty{};
     VariantInit(&empty);
     KibCodec::encodeRequest(name_, empty, frame, error, limits_);
-    const std::string subject = kSubjectPing + std::string(satellite);
+    const std::string subject = KibSubjects::ping(satellite);
     KibNatsMsg msg;
     const natsStatus sent = request(connection, inboxPrefix, subject, frame, timeoutMs, msg);
     if (sent != NATS_OK) return KibNats::toStatus(sent);
@@ -280,7 +277,7 @@ void KibSatelliteImpl::announce(bool leaving) {
         KibLog::error("Announcement not sent: %s", error.c_str());
         return;
     }
-    const std::string subject = kSubjectAvail + name_;
+    const std::string subject = KibSubjects::avail(name_);
     natsConnection_Publish(connection_.get(), subject.c_str(), data.data(),
                            static_cast<int>(data.size()));
 }
@@ -288,8 +285,7 @@ void KibSatelliteImpl::announce(bool leaving) {
 void KibSatelliteImpl::discover(const std::string& satellite) {
     std::string data;
     KibCodec::encodeDiscover(name_, data);
-    const std::string subject =
-        satellite == "*" ? std::string(kSubjectDiscover) : kSubjectDiscover + ("." + satellite);
+    const std::string subject = KibSubjects::discover(satellite);
     natsConnection_Publish(connection_.get(), subject.c_str(), data.data(),
                            static_cast<int>(data.size()));
 }
@@ -303,7 +299,7 @@ int KibSatelliteImpl::addListener(const char* satellite) {
         const PMutexLocker lock(mutex_);
         if (listeners_.count(name) != 0) return KIB_OK;
         auto listener = makeSubscription(KibSubscription::Kind::Availability, name);
-        const int status = subscribe(*listener, kSubjectAvail + name, false);
+        const int status = subscribe(*listener, KibSubjects::avail(name), false);
         if (status != KIB_OK) return status;
         listeners_.emplace(name, std::move(listener));
     }

@@ -14,6 +14,7 @@
 #include <typeinfo>
 
 #include "CRegistry.h"
+#include "NimbSettingsKeys.h"
 #include "PThread.h"
 #include "PThreadDelegate.h"
 #include "SuiteFolders.h"
@@ -28,8 +29,6 @@
 namespace {
 
 const char* const kLevelLabels[] = {"FATAL", "ERROR", "WARN", "INFO", "DEBUG"};
-const char* const kSettingsKey = "Software\\Pellix\\Nimb";
-const char* const kLogLevelValue = "LogLevel";
 const char* const kErrorLogName = "errors.log";
 const char* const kWriterThreadName = "nimb-log";
 
@@ -144,7 +143,8 @@ void CBBLog::readLogLevel() {
     int value = ERROR;
     try {
         boost::shared_ptr<CRegistry> registry = CRegistry::getInstance();
-        if (!registry || !registry->ReadSettingImpl(kSettingsKey, kLogLevelValue, value)) {
+        if (!registry ||
+            !registry->ReadSettingImpl(NimbSettings::kSuiteKey, NimbSettings::kLogLevel, value)) {
             value = ERROR;
         }
     } catch (const std::exception&) {

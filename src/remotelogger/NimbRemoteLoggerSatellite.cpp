@@ -16,12 +16,13 @@
 #include "DeviceLogConverter.h"
 #include "KibVariantHolder.h"
 #include "NimbBusSettings.h"
+#include "NimbSettingsKeys.h"
 #include "RemoteLogNames.h"
 #include "VUtil.h"
 
 namespace {
 
-const char* const kConfigKey = "Software\\Pellix\\Nimb\\Config";
+using NimbSettings::kConfigKey;
 const char* const kSatelliteName = "RemoteLogger";
 // The start-up check for another collector: how long one has to answer a ping, and how
 // many answers in a row, 500 ms apart, mean it is alive (a collector that was just killed
@@ -203,7 +204,7 @@ void NimbRemoteLoggerSatellite::leaveBus() {
 }
 
 std::shared_ptr<RemoteLogReply> NimbRemoteLoggerSatellite::takeReply() {
-    const std::lock_guard<std::mutex> lock(emitLock);
+    const PMutexLocker lock(emitLock);
     if (pendingReplies.empty()) return nullptr;
     std::shared_ptr<RemoteLogReply> reply = std::move(pendingReplies.front());
     pendingReplies.pop_front();
@@ -225,7 +226,7 @@ void NimbRemoteLoggerSatellite::queueCallLocked(std::function<void()> call) {
 void NimbRemoteLoggerSatellite::deliverQueuedCalls() {
     std::vector<std::function<void()>> calls;
     {
-        const std::lock_guard<std::mutex> lock(emitLock);
+        const PMutexLocker lock(emitLock);
         calls.swap(queuedCalls);
     }
     // Emitted without the lock: the slots take their replies (takeReply).
@@ -238,8 +239,8 @@ int NimbRemoteLoggerSatellite::connect() {
     const NimbBusSettings bus = NimbBusSettings::read();
     int maxSources = kDefaultMaxLogSources;
     int perDevice = static_cast<int>(RemoteLogSources::kDefaultMaxPerDevice);
-    registry->ReadSettingImpl(kConfigKey, "MaxLogSources", maxSources);
-    registry->ReadSettingImpl(kConfigKey, "MaxLogsPerDevice", perDevice);
+    registry->ReadSettingImpl(kConfigKey, NimbSettings::kMaxLogSources, maxSources);
+    registry->ReadSettingImpl(kConfigKey, NimbSettings::kMaxLogsPerDevice, perDevice);
     setMaxLogSources(maxSources, perDevice);
 
     const std::string shown = bus.displayHost();
@@ -328,7 +329,7 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
 
     const auto reply = std::make_shared<RemoteLogReply>(DeferReply(), "SetLogSource",
                                                         static_cast<int>(logNames.size()));
-    const std::lock_guard<std::mutex> lock(emitLock);
+    const PMutexLocker lock(emitLock);
     for (const QString& logName : logNames) {
         queueReplyLocked(reply);
         queueCallLocked([this, macAddr, deviceId, satName, displayName, puckTime, logName] {
@@ -362,7 +363,7 @@ int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char* caller, const tag
     reserveBacklog("AppendLog", asDelivered(mac), 1, textBytes(text));
     const auto reply = std::make_shared<RemoteLogReply>(DeferReply(), "AppendLog", 1);
     std::function<void()> call = [this, mac, log, text] { emit appendLog(mac, log, text); };
-    const std::lock_guard<std::mutex> lock(emitLock);
+    const PMutexLocker lock(emitLock);
     queueReplyLocked(reply);
     queueCallLocked(std::move(call));
     return 0;
@@ -391,7 +392,7 @@ void NimbRemoteLoggerSatellite::admitLogIds(const CStdStr& mac, const std::set<C
     }
     if (closed.empty()) return;
     // Queued with the other calls, so the log is closed before a later call re-announces it.
-    const std::lock_guard<std::mutex> lock(emitLock);
+    const PMutexLocker lock(emitLock);
     for (const CStdStr& id : closed) {
         queueCallLocked([this, logId = QString::fromUtf8(id.c_str())] { emit closeLog(logId); });
     }

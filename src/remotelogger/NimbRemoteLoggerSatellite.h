@@ -18,7 +18,6 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <vector>
 
@@ -138,9 +137,9 @@ private:
     void reserveBacklog(const char* service, const CStdStr& mac, std::size_t calls,
                         std::size_t bytes);
     // Queues `reply` for the next call to be emitted; the caller holds emitLock.
-    void queueReplyLocked(const std::shared_ptr<RemoteLogReply>& reply);
+    void queueReplyLocked(const std::shared_ptr<RemoteLogReply>& reply) NIMB_REQUIRES(emitLock);
     // Queues the emission `call` for the main thread; the caller holds emitLock.
-    void queueCallLocked(std::function<void()> call);
+    void queueCallLocked(std::function<void()> call) NIMB_REQUIRES(emitLock);
 
     // Shared with the connections that release it on the main thread.
     const std::shared_ptr<RemoteLogBacklog> backlog =
@@ -153,7 +152,7 @@ private:
 
     // Held while a handler queues its replies and calls, so that a reply and its call
     // share one place in the order the calls reach the main thread.
-    std::mutex emitLock;
-    std::deque<std::shared_ptr<RemoteLogReply>> pendingReplies;  // guarded by emitLock
-    std::vector<std::function<void()>> queuedCalls;              // guarded by emitLock
+    PMutex emitLock;
+    std::deque<std::shared_ptr<RemoteLogReply>> pendingReplies NIMB_GUARDED_BY(emitLock);
+    std::vector<std::function<void()>> queuedCalls NIMB_GUARDED_BY(emitLock);
 };

@@ -3,11 +3,12 @@
 
 bool RemoteLogBacklog::acquire(std::size_t calls, std::size_t bytes,
                                std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (!roomFreed_.wait_for(lock, timeout, [&] { return stopped_ || fitsLocked(calls, bytes); }) ||
-        stopped_) {
-        return false;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    const PMutexLocker lock(mutex_);
+    while (!stopped_ && !fitsLocked(calls, bytes)) {
+        if (!mutex_.waitUntil(deadline)) break;
     }
+    if (stopped_ || !fitsLocked(calls, bytes)) return false;
     calls_ += calls;
     bytes_ += bytes;
     return true;
@@ -15,27 +16,27 @@ bool RemoteLogBacklog::acquire(std::size_t calls, std::size_t bytes,
 
 void RemoteLogBacklog::release(std::size_t bytes) {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         if (calls_ > 0) --calls_;
         bytes_ -= bytes < bytes_ ? bytes : bytes_;
+        mutex_.broadcast();
     }
-    roomFreed_.notify_all();
 }
 
 void RemoteLogBacklog::stopBounding() {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         bounded_ = false;
+        mutex_.broadcast();
     }
-    roomFreed_.notify_all();
 }
 
 void RemoteLogBacklog::stop() {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         stopped_ = true;
+        mutex_.broadcast();
     }
-    roomFreed_.notify_all();
 }
 
 bool RemoteLogBacklog::fitsLocked(std::size_t calls, std::size_t bytes) const {
@@ -44,11 +45,11 @@ bool RemoteLogBacklog::fitsLocked(std::size_t calls, std::size_t bytes) const {
 }
 
 std::size_t RemoteLogBacklog::queuedCalls() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PMutexLocker lock(mutex_);
     return calls_;
 }
 
 std::size_t RemoteLogBacklog::queuedBytes() const {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PMutexLocker lock(mutex_);
     return bytes_;
 }

@@ -7,9 +7,9 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <mutex>
+
+#include "PCondMutex.h"
 
 class RemoteLogBacklog {
 public:
@@ -36,16 +36,15 @@ public:
     void stopBounding();
 
 private:
-    bool fitsLocked(std::size_t calls, std::size_t bytes) const;
+    bool fitsLocked(std::size_t calls, std::size_t bytes) const NIMB_REQUIRES(mutex_);
 
     // Immutable after construction.
     const std::size_t maxCalls_ = 0;
     const std::size_t maxBytes_ = 0;
-    // A timed wait is needed here, which PCondMutex does not offer.
-    mutable std::mutex mutex_;
-    std::condition_variable roomFreed_;
-    std::size_t calls_ = 0;  // guarded by mutex_
-    std::size_t bytes_ = 0;  // guarded by mutex_
-    bool stopped_ = false;   // guarded by mutex_
-    bool bounded_ = true;    // guarded by mutex_
+    // Its condition: room was freed, or the bound changed.
+    mutable PCondMutex mutex_;
+    std::size_t calls_ NIMB_GUARDED_BY(mutex_) = 0;
+    std::size_t bytes_ NIMB_GUARDED_BY(mutex_) = 0;
+    bool stopped_ NIMB_GUARDED_BY(mutex_) = false;
+    bool bounded_ NIMB_GUARDED_BY(mutex_) = true;
 };

@@ -12,7 +12,7 @@ RemoteLogReply::RemoteLogReply(KibDeferredReply reply, const char* service, int 
 
 void RemoteLogReply::partDone(int error, const CStdStr& message) {
     if (error != 0) {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         if (failure_.empty()) failure_ = service_ + ": " + message;
     }
     finishPart();
@@ -20,7 +20,7 @@ void RemoteLogReply::partDone(int error, const CStdStr& message) {
 
 void RemoteLogReply::unknownSource() {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         unknown_ = true;
     }
     finishPart();
@@ -31,7 +31,7 @@ void RemoteLogReply::finishPart() {
     std::string failure;
     bool unknown = false;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PMutexLocker lock(mutex_);
         failure = failure_;
         unknown = unknown_;
     }

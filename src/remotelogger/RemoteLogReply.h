@@ -10,10 +10,10 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 #include "KibDeferredReply.h"
+#include "PMutex.h"
 #include "StdString.h"
 
 class RemoteLogReply {
@@ -43,7 +43,7 @@ private:
     const std::string service_;
 
     std::atomic<int> remaining_{0};
-    std::mutex mutex_;
-    std::string failure_;   // guarded by mutex_: the first failure
-    bool unknown_ = false;  // guarded by mutex_
+    PMutex mutex_;
+    std::string failure_ NIMB_GUARDED_BY(mutex_);  // the first failure
+    bool unknown_ NIMB_GUARDED_BY(mutex_) = false;
 };

@@ -2,14 +2,14 @@
 #include "SuiteFolders.h"
 
 #include "CRegistry.h"
+#include "NimbSettingsKeys.h"
 
 namespace {
 
-constexpr const char* kSuiteKey = "Software\\Pellix\\Nimb";
-
 CStdStr configuredFolder(const char* name, const char* fallback) {
     CStdStr folder;
-    if (!CRegistry::getInstance()->ReadSettingImpl(kSuiteKey, name, folder) || folder.empty()) {
+    if (!CRegistry::getInstance()->ReadSettingImpl(NimbSettings::kSuiteKey, name, folder) ||
+        folder.empty()) {
         return fallback;
     }
     while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
@@ -19,9 +19,9 @@ CStdStr configuredFolder(const char* name, const char* fallback) {
 }  // namespace
 
 CStdStr CSuiteFolders::logsDirectory() {
-    return configuredFolder("LogsDir", kDefaultLogsDirectory);
+    return configuredFolder(NimbSettings::kLogsDir, kDefaultLogsDirectory);
 }
 
 CStdStr CSuiteFolders::dataDirectory() {
-    return configuredFolder("DataDir", kDefaultDataDirectory);
+    return configuredFolder(NimbSettings::kDataDir, kDefaultDataDirectory);
 }

@@ -18,6 +18,7 @@
 #include "KibCodec.h"
 #include "KibException.h"
 #include "KibLog.h"
+#include "KibSubjects.h"
 #include "NatsServer.h"
 #include "NimbTestSupport.h"
 #include "TestValues.h"
@@ -286,8 +287,9 @@ TEST_F(KibSatelliteTest, OrderlyStopServesEveryRequestAlreadyReceived) {
     ASSERT_EQ(KibCodec::encodeRequest("Raw", i4(1).get(), frame, error), KIB_OK);
     constexpr int kRequests = 300;
     for (int i = 0; i < kRequests; ++i) {
-        natsConnection_PublishRequest(nc, "kib.svc.Server.Slow", "_INBOX.test.replies",
-                                      frame.data(), static_cast<int>(frame.size()));
+        natsConnection_PublishRequest(nc, KibSubjects::service("Server", "Slow").c_str(),
+                                      "_INBOX.test.replies", frame.data(),
+                                      static_cast<int>(frame.size()));
     }
     natsConnection_Flush(nc);
     ASSERT_EQ(server_.Disconnect(), KIB_OK);
@@ -329,7 +331,8 @@ TEST_F(KibSatelliteTest, MalformedRequestGetsAnErrorReply) {
     ASSERT_EQ(natsConnection_ConnectTo(&nc, ("nats://" + nats_.host()).c_str()), NATS_OK);
     const char frame[] = {'\x94', '\x01', '\x00', '\xA0', '\xDD', '\xFF', '\xFF', '\xFF', '\xFF'};
     natsMsg* msg = nullptr;
-    ASSERT_EQ(natsConnection_Request(&msg, nc, "kib.svc.Server.Echo", frame, sizeof frame, 5000),
+    ASSERT_EQ(natsConnection_Request(&msg, nc, KibSubjects::service("Server", "Echo").c_str(),
+                                     frame, sizeof frame, 5000),
               NATS_OK);
     const std::string data(natsMsg_GetData(msg), natsMsg_GetDataLength(msg));
     natsMsg_Destroy(msg);

@@ -47,7 +47,8 @@ public:
 
     // Starts the collector and waits (up to 10 s) until it is on the bus.
     ::testing::AssertionResult start() {
-        // The previous run's output says "connected" until the new child truncates it.
+        // The child empties the file only after the fork: an earlier run's "connected"
+        // must not be taken for this one's.
         std::filesystem::remove(output());
         pid_ = nimbtest::spawnChild({NIMB_REMOTE_LOGGER}, environment(), output());
         for (int i = 0; i < 500; ++i) {

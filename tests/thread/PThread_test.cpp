@@ -163,3 +163,32 @@ TEST(PCondMutex, BroadcastWakesEveryWaiter) {
     b.join();
     EXPECT_EQ(woken.load(), 2);
 }
+
+// The timed wait returns false once its deadline passed, and true (early) when woken.
+TEST(PCondMutex, TimedWaitEndsAtTheDeadlineOrWhenWoken) {
+    using Clock = std::chrono::steady_clock;
+    PCondMutex cond;
+    {
+        PMutexLocker lock(cond);
+        const auto deadline = Clock::now() + std::chrono::milliseconds(30);
+        EXPECT_FALSE(cond.waitUntil(deadline));
+        EXPECT_GE(Clock::now(), deadline);
+        EXPECT_FALSE(cond.waitUntil(Clock::now() - std::chrono::seconds(1)));
+    }
+    bool go = false;
+    bool woken = false;
+    std::thread waiter([&] {
+        PMutexLocker lock(cond);
+        const auto deadline = Clock::now() + std::chrono::seconds(30);
+        while (!go && cond.waitUntil(deadline)) {
+        }
+        woken = go;
+    });
+    {
+        PMutexLocker lock(cond);
+        go = true;
+        cond.broadcast();
+    }
+    waiter.join();
+    EXPECT_TRUE(woken);
+}

@@ -10,6 +10,7 @@
 
 #include "CRegistry.h"
 #include "CrashReport.h"
+#include "NimbSettingsKeys.h"
 #include "NimbVersion.h"
 #include <unistd.h>
 
@@ -43,7 +44,8 @@ std::string findStackwalk() {
 // The "CrashDumpsKept" setting under "Software\Pellix\Nimb", else the default.
 std::size_t keptDumps() {
     int kept = static_cast<int>(kDefaultKeptDumps);
-    CRegistry::getInstance()->ReadSettingImpl("Software\\Pellix\\Nimb", "CrashDumpsKept", kept);
+    CRegistry::getInstance()->ReadSettingImpl(NimbSettings::kSuiteKey,
+                                              NimbSettings::kCrashDumpsKept, kept);
     return kept > 0 ? static_cast<std::size_t>(kept) : 1;
 }
 

@@ -5,14 +5,16 @@
 #include <QJsonDocument>
 #include <QJsonValue>
 #include <charconv>
+#include <cstdio>
 #include <system_error>
 
 #include "CRegistryImpl.h"
 #include "CSettingsDomain.h"
+#include "NimbSettingsKeys.h"
 
 namespace {
 
-const char kHelp[] =
+const char kHelpHead[] =
     R"(Usage: nimb-defaults read DOMAIN_OR_KEY [NAME]
        nimb-defaults write DOMAIN_OR_KEY NAME -int N | -string TEXT | -bool true|false
        nimb-defaults delete DOMAIN_OR_KEY [NAME]
@@ -33,35 +35,9 @@ Each domain is the file $XDG_CONFIG_HOME/pellix/DOMAIN.json
 (~/.config/pellix/DOMAIN.json when XDG_CONFIG_HOME is not set).
 
 Settings the suite reads:
-  Software\Pellix\Nimb\Config  kibDirectory.host       string  bus directory: host, host:port
-                                                                or URL; comma-separated: cluster
-  Software\Pellix\Nimb\Config  kibDirectory.caFile     string  CA file (PEM): connect with TLS
-  Software\Pellix\Nimb\Config  kibDirectory.credsFile  string  bus credentials file (mode 0600)
-  Software\Pellix\Nimb\Config  MaxLogSources           int     logs the collector keeps open
-  Software\Pellix\Nimb\Config  MaxLogsPerDevice        int     open logs of one device
-  Software\Pellix\Nimb         LogLevel                int     0 FATAL, 1 ERROR ... 4 DEBUG
-  Software\Pellix\Nimb         LogsDir                 string  logs folder
-  Software\Pellix\Nimb         DataDir                 string  data folder
-  Software\Pellix\Nimb         InstallDir              string  install folder
-  Software\Pellix\Nimb\Syslog  UdpPort                 int     syslog over UDP on this port (0: off)
-  Software\Pellix\Nimb\Syslog  TcpPort                 int     syslog over TCP on this port (0: off)
-  Software\Pellix\Nimb\Syslog  TlsPort                 int     syslog over TLS on this port (0: off)
-  Software\Pellix\Nimb\Syslog  Address                 string  address the syslog ports listen on
-                                                                (default 127.0.0.1; 0.0.0.0: the LAN)
-  Software\Pellix\Nimb\Syslog  CertFile                string  TLS certificate chain (PEM)
-  Software\Pellix\Nimb\Syslog  KeyFile                 string  TLS private key (PEM)
-  Software\Pellix\Nimb\Syslog  MaxMessageSize          int     longer messages are cut (default 8192)
-  Software\Pellix\Nimb\Syslog  ClockThreshold          int     seconds a sender's clock may be off
-                                                                before stamps are rewritten (default 2)
-  Software\Pellix\Nimb\Syslog  MaxLinesPerSecond       int     per sender address (default 5000, 0: none)
-  Software\Pellix\Nimb\Syslog  MaxConnections          int     open syslog connections (default 64)
-  Software\Pellix\Nimb\Syslog  MaxSenders              int     senders with files (default 64)
-  Software\Pellix\Nimb\Syslog  MaxAppsPerSender        int     files per sender (default 16)
-  Software\Pellix\Nimb\Web     Listen                  string  nimb-web address, ADDR:PORT (127.0.0.1:8470)
-  Software\Pellix\Nimb\Web     TokenHash               string  nimb-web bearer token (nimb-web --hash-secret)
-  Software\Pellix\Nimb\Web     User                    string  nimb-web user name for its password
-  Software\Pellix\Nimb\Web     PasswordHash            string  nimb-web password (nimb-web --hash-secret)
+)";
 
+const char kHelpTail[] = R"(
 Examples:
   nimb-defaults write 'Software\Pellix\Nimb' LogLevel -int 4
   nimb-defaults write 'Software\Pellix\Nimb' LogsDir -string /srv/pellix/logs
@@ -190,7 +166,14 @@ int DefaultsTool::remove(const std::vector<std::string>& args) {
 }
 
 int DefaultsTool::printHelp() {
-    out_ << kHelp;
+    out_ << kHelpHead;
+    char row[256];
+    for (const NimbSettings::Key& key : NimbSettings::kKeys) {
+        std::snprintf(row, sizeof row, "  %-28s %-22s %-7s %s (default %s)\n", key.keyPath,
+                      key.name, key.type, key.meaning, key.defaultText);
+        out_ << row;
+    }
+    out_ << kHelpTail;
     return kSuccess;
 }
 

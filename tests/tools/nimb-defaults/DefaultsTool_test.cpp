@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "DefaultsTool.h"
 
+#include <regex>
 #include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "CRegistryImpl.h"
+#include "NimbSettingsKeys.h"
 #include "SettingsTestSupport.h"
 
 namespace {
@@ -118,6 +120,12 @@ TEST_F(DefaultsToolTest, ProgramReportsThroughItsStreamsAndStatus) {
     const auto help = nimbtest::runProgram({NIMB_DEFAULTS, "--help"}, dir_);
     EXPECT_EQ(help.exitCode(), 0);
     EXPECT_EQ(help.output.rfind("Usage: nimb-defaults read", 0), 0u) << help.output;
+    for (const NimbSettings::Key& key : NimbSettings::kKeys) {
+        const std::regex row(std::string("\\n  ") +
+                             std::regex_replace(key.keyPath, std::regex(R"(\\)"), R"(\\)") + " +" +
+                             key.name + " +" + key.type + " ");
+        EXPECT_TRUE(std::regex_search(help.output, row)) << key.name;
+    }
     const auto missing = nimbtest::runProgram({NIMB_DEFAULTS, "read", kConfig, "N"}, dir_);
     EXPECT_EQ(missing.exitCode(), 1);
     EXPECT_EQ(missing.errors, "nimb-defaults: no value \"N\" in domain com.pellix.nimb.config\n");

@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: MIT
+// Every setting the suite reads, in one table: key path, value name, type, default and
+// a one-line meaning. Programs take their key paths and value names from here,
+// `nimb-defaults --help` prints the table, and a test checks the docs' settings tables
+// against it. A new setting adds its row here first. Plain constants: any thread.
+#pragma once
+
+namespace NimbSettings {
+
+// Key paths.
+constexpr const char* kSuiteKey = "Software\\Pellix\\Nimb";
+constexpr const char* kConfigKey = "Software\\Pellix\\Nimb\\Config";
+constexpr const char* kSyslogKey = "Software\\Pellix\\Nimb\\Syslog";
+constexpr const char* kWebKey = "Software\\Pellix\\Nimb\\Web";
+
+// Value names under kConfigKey.
+constexpr const char* kBusHost = "kibDirectory.host";
+constexpr const char* kBusCaFile = "kibDirectory.caFile";
+constexpr const char* kBusCredsFile = "kibDirectory.credsFile";
+constexpr const char* kMaxLogSources = "MaxLogSources";
+constexpr const char* kMaxLogsPerDevice = "MaxLogsPerDevice";
+// Value names under kSuiteKey.
+constexpr const char* kLogLevel = "LogLevel";
+constexpr const char* kLogsDir = "LogsDir";
+constexpr const char* kDataDir = "DataDir";
+constexpr const char* kInstallDir = "InstallDir";
+constexpr const char* kCrashDumpsKept = "CrashDumpsKept";
+
+struct Key {
+    const char* keyPath;
+    const char* name;
+    const char* type;  // "int", "string" or "bool"
+    const char* defaultText;
+    const char* meaning;
+};
+
+constexpr Key kKeys[] = {
+    {kConfigKey, kBusHost, "string", "127.0.0.1",
+     "bus directory: host, host:port or URL; comma-separated: cluster"},
+    {kConfigKey, kBusCaFile, "string", "none", "CA file (PEM): connect with TLS"},
+    {kConfigKey, kBusCredsFile, "string", "none", "bus credentials file (mode 0600)"},
+    {kConfigKey, kMaxLogSources, "int", "256", "device logs the collector keeps open"},
+    {kConfigKey, kMaxLogsPerDevice, "int", "32", "open logs of one device"},
+    {kSuiteKey, kLogLevel, "int", "1", "own log level: 0 FATAL, 1 ERROR ... 4 DEBUG"},
+    {kSuiteKey, kLogsDir, "string", "/var/log/pellix", "logs folder"},
+    {kSuiteKey, kDataDir, "string", "/var/lib/pellix", "data folder"},
+    {kSuiteKey, kInstallDir, "string", "/opt/pellix/nimb", "install folder"},
+    {kSuiteKey, kCrashDumpsKept, "int", "10", "crash dumps and reports kept"},
+    {kSyslogKey, "UdpPort", "int", "0", "syslog over UDP on this port (0: off)"},
+    {kSyslogKey, "TcpPort", "int", "0", "syslog over TCP on this port (0: off)"},
+    {kSyslogKey, "TlsPort", "int", "0", "syslog over TLS on this port (0: off)"},
+    {kSyslogKey, "Address", "string", "127.0.0.1", "address the syslog ports listen on"},
+    {kSyslogKey, "CertFile", "string", "none", "TLS certificate chain (PEM)"},
+    {kSyslogKey, "KeyFile", "string", "none", "TLS private key (PEM)"},
+    {kSyslogKey, "MaxMessageSize", "int", "8192", "longer messages are cut"},
+    {kSyslogKey, "ClockThreshold", "int", "2", "seconds a sender's clock may be off"},
+    {kSyslogKey, "MaxLinesPerSecond", "int", "5000", "per sender address (0: none)"},
+    {kSyslogKey, "MaxConnections", "int", "64", "open syslog connections"},
+    {kSyslogKey, "MaxSenders", "int", "64", "senders with files"},
+    {kSyslogKey, "MaxAppsPerSender", "int", "16", "files per sender"},
+    {kWebKey, "Listen", "string", "127.0.0.1:8470", "nimb-web address, ADDR:PORT"},
+    {kWebKey, "TokenHash", "string", "none", "nimb-web bearer token (nimb-web --hash-secret)"},
+    {kWebKey, "User", "string", "none", "nimb-web user name for its password"},
+    {kWebKey, "PasswordHash", "string", "none", "nimb-web password (nimb-web --hash-secret)"},
+};
+
+}  // namespace NimbSettings
