@@ -218,8 +218,9 @@ void NimbRemoteLoggerSatellite::queueReplyLocked(const std::shared_ptr<RemoteLog
 void NimbRemoteLoggerSatellite::queueCallLocked(std::function<void()> call) {
     queuedCalls.push_back(std::move(call));
     if (queuedCalls.size() == 1) {
-        QMetaObject::invokeMethod(
-            this, [this] { deliverQueuedCalls(); }, Qt::QueuedConnection);
+        // Invoked by name: nothing of ours travels inside Qt's event, so everything the
+        // main thread reads of this hand-off passes through emitLock.
+        QMetaObject::invokeMethod(this, "deliverQueuedCalls", Qt::QueuedConnection);
     }
 }
 

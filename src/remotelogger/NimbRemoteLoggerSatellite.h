@@ -81,7 +81,7 @@ public:
     // call queued after a delivery posts one delivery to the main thread for everything
     // that arrives until it runs, so a busy bus costs the main thread one event per batch
     // rather than one per request. Main thread.
-    void deliverQueuedCalls();
+    Q_INVOKABLE void deliverQueuedCalls();
 
     // Adds "SetLogSource" and "AppendLog" (empty descriptions); the status of the second.
     int CreateServices() override;
