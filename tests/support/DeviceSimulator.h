@@ -41,6 +41,15 @@ public:
         bool clean(bool tornAllowed = false) const {
             return lost == 0 && outOfOrder == 0 && duplicated == 0 && (tornAllowed || torn == 0);
         }
+        // The counts and the problems, one per line, for a failure message.
+        std::string text() const {
+            std::string result = std::to_string(acknowledged) + " acknowledged, " +
+                                 std::to_string(lost) + " lost, " + std::to_string(outOfOrder) +
+                                 " out of order, " + std::to_string(duplicated) + " duplicated, " +
+                                 std::to_string(torn) + " torn";
+            for (const std::string& problem : problems) result += "\n  " + problem;
+            return result;
+        }
     };
 
     explicit DeviceSimulator(Options options);
