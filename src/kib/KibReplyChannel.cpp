@@ -20,7 +20,7 @@ void KibReplyChannel::send(const std::string& subject, KibReply& reply) {
         reply.errorText = "reply cannot be sent: " + error;
         KibCodec::encodeReply(reply, frame, error, limits_);
     }
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PMutexLocker lock(mutex_);
     if (connection_ == nullptr) {
         KibLog::debug("Reply to %s dropped: disconnected", subject.c_str());
         return;
@@ -31,7 +31,7 @@ void KibReplyChannel::send(const std::string& subject, KibReply& reply) {
 }
 
 void KibReplyChannel::close() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PMutexLocker lock(mutex_);
     connection_ = nullptr;
 }
 

@@ -8,13 +8,13 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include <nats/nats.h>
 
 #include "KibCodec.h"
 #include "KibReply.h"
+#include "PMutex.h"
 
 class KibReplyChannel {
 public:
@@ -34,8 +34,8 @@ public:
 private:
     // Immutable after construction.
     const KibCodecLimits limits_{};
-    std::mutex mutex_;
-    natsConnection* connection_ = nullptr;  // guarded by mutex_; null once closed
+    PMutex mutex_;
+    natsConnection* connection_ NIMB_GUARDED_BY(mutex_) = nullptr;  // null once closed
 };
 
 struct KibDeferredReplyState {

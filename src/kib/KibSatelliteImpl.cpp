@@ -172,12 +172,12 @@ void KibSatelliteImpl::setLastError(const std::string& where, const std::string&
     if (!text.empty()) {
         KibLog::error("Cannot connect to the bus directory %s: %s", where.c_str(), text.c_str());
     }
-    const std::lock_guard<std::mutex> lock(errorMutex_);
+    const PMutexLocker lock(errorMutex_);
     lastError_ = text;
 }
 
 std::string KibSatelliteImpl::lastError() const {
-    const std::lock_guard<std::mutex> lock(errorMutex_);
+    const PMutexLocker lock(errorMutex_);
     return lastError_;
 }
 

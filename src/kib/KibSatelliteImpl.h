@@ -161,8 +161,8 @@ private:
     // Reply inboxes of connection_: "<prefix>.<unique>".
     std::string inboxPrefix_ = "_INBOX";
 
-    mutable std::mutex errorMutex_;
-    std::string lastError_;  // guarded by errorMutex_
+    mutable PMutex errorMutex_;
+    std::string lastError_ NIMB_GUARDED_BY(errorMutex_);
     std::atomic<int> requestTimeoutMs_{5000};
     std::atomic<int> requestSequence_{0};
     std::atomic<int> reconnectWaitMs_{250};

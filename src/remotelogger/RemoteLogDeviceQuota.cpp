@@ -5,7 +5,7 @@
 
 bool RemoteLogDeviceQuota::tryAcquire(const CStdStr& mac, std::size_t calls, std::size_t bytes) {
     if (calls == 0 && bytes == 0) return true;  // nothing to wait for: no entry either
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PMutexLocker lock(mutex_);
     Use& use = use_[mac];
     const bool idle = use.calls == 0;
     if (!idle && (use.calls + calls > maxCalls_ || use.bytes + bytes > maxBytes_)) return false;
@@ -15,7 +15,7 @@ bool RemoteLogDeviceQuota::tryAcquire(const CStdStr& mac, std::size_t calls, std
 }
 
 void RemoteLogDeviceQuota::release(const CStdStr& mac, std::size_t bytes) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PMutexLocker lock(mutex_);
     const auto found = use_.find(mac);
     if (found == use_.end()) return;
     Use& use = found->second;

@@ -8,8 +8,8 @@
 
 #include <cstddef>
 #include <map>
-#include <mutex>
 
+#include "PMutex.h"
 #include "StdString.h"
 
 class RemoteLogDeviceQuota {
@@ -35,6 +35,7 @@ private:
     // Immutable after construction.
     const std::size_t maxCalls_ = 0;
     const std::size_t maxBytes_ = 0;
-    std::mutex mutex_;
-    std::map<CStdStr, Use> use_;  // guarded by mutex_; devices with nothing waiting are absent
+    PMutex mutex_;
+    // Devices with nothing waiting are absent.
+    std::map<CStdStr, Use> use_ NIMB_GUARDED_BY(mutex_);
 };
