@@ -9,6 +9,9 @@
 
 namespace {
 
+using NimbSettings::kBusCaFile;
+using NimbSettings::kBusCredsFile;
+using NimbSettings::kBusHost;
 using NimbSettings::kConfigKey;
 
 QString q(const char* text) { return QString::fromUtf8(text); }
@@ -27,9 +30,9 @@ void takeOption(const QCommandLineParser& parser, const char* name, std::string&
 
 NimbBusSettings NimbBusSettings::read() {
     NimbBusSettings settings;
-    readString(kHostKey, settings.host);
-    readString(kCaFileKey, settings.connection.caFile);
-    readString(kCredentialsKey, settings.connection.credentialsFile);
+    readString(kBusHost, settings.host);
+    readString(kBusCaFile, settings.connection.caFile);
+    readString(kBusCredsFile, settings.connection.credentialsFile);
     return settings;
 }
 

@@ -4,7 +4,10 @@
 // settings under "Software\Pellix\Nimb\Config" and, in the tools, replaced by their
 // --host, --ca and --creds options. Secrets stay in the files named here: nothing in
 // this struct is secret except a password a URL of `host` may carry, which
-// displayHost() hides. Plain data; read on the thread that connects.
+// displayHost() hides. Plain data; read on the thread that connects. The keys are rows
+// of the settings table (NimbSettingsKeys.h).
+// Errors: a setting that is missing or empty leaves the default; a file that cannot be
+// read shows when connecting, as the bus library's status and lastConnectError().
 #pragma once
 
 #include <QCommandLineOption>
@@ -17,10 +20,6 @@ class KibSatellite;
 class QCommandLineParser;
 
 struct NimbBusSettings {
-    static constexpr const char* kHostKey = "kibDirectory.host";
-    static constexpr const char* kCaFileKey = "kibDirectory.caFile";
-    static constexpr const char* kCredentialsKey = "kibDirectory.credsFile";
-
     // Comma-separated servers: "host", "host:port" or URLs ("tls://host:4222").
     std::string host = "127.0.0.1";
     KibConnectOptions connection;

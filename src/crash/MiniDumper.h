@@ -4,6 +4,9 @@
 // folder, the crash reporter started on it, a FATAL line in the logs, exit status 0.
 // One per process, owned by the module host for the life of the process; built and
 // destroyed on the main thread. The dump callback runs on whichever thread crashed.
+// Errors: nothing is returned or thrown. Whatever the dump's outcome, the callback
+// writes its FATAL line and ends the process with status 0; an alarm ends it too if the
+// reporter or the log hangs.
 #pragma once
 
 #include <memory>

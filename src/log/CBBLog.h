@@ -5,6 +5,10 @@
 // by the instance appends queued lines to the file. FATAL lines are in addition written
 // synchronously into "errors.log". Any thread may log; see docs/logging.md. Files are
 // opened by the writer thread (errors.log also by the FATAL path), never by a caller.
+// Errors: logging never throws and never blocks on a failing disk. A text that cannot be
+// written is reported to its completion (AddRawLog's WriteDone) with the errno and a
+// message naming the file, and at a bounded rate in errors.log, or on standard error
+// when that cannot be written either; a failed open or rotation is retried later.
 #pragma once
 
 #include <atomic>

@@ -4,6 +4,8 @@
 // logger), the crash dump manager, and the bridge that turns SIGHUP, SIGTERM and SIGINT
 // into an orderly end of the event loop. Created once by main() through
 // createNimbModuleInstance() and deleted by main(); lives on the Qt main thread.
+// Errors: a module reports a failed start by returning false from init() (after logging
+// why); the host then skips the event loop and exits 0. Nothing here throws.
 #pragma once
 
 #include <QObject>
