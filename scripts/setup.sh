@@ -14,6 +14,9 @@ packages=(
     clang
     qt6-httpserver-dev qt6-websockets-dev libarchive-dev libre2-dev
     chromium
+    # The page shows control characters in device text as Control Pictures (U+2400),
+    # which only this font covers on Debian; without it screenshots show boxes.
+    fonts-symbola
 )
 
 # npm fetches the Breakpad sources at configure time (cmake/Breakpad.cmake). Machines

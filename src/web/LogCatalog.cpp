@@ -17,6 +17,11 @@ bool isHex(char c) {
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
 }
 
+// Whether a name was split at a MAC address (rather than at a sender's name).
+bool splitAtMac(const LogCatalog::NameParts& parts) {
+    return parts.mac.size() == kMacDigits && std::all_of(parts.mac.begin(), parts.mac.end(), isHex);
+}
+
 }  // namespace
 
 LogCatalog::LogCatalog(std::string folder) : folder_(std::move(folder)) {}
@@ -26,7 +31,8 @@ std::int64_t LogCatalog::activityEnd(std::int64_t now) {
     return (now / bin + 1) * bin;
 }
 
-bool LogCatalog::splitFileName(const std::string& name, NameParts& parts) {
+bool LogCatalog::splitFileName(const std::string& name, NameParts& parts,
+                               const std::vector<std::string_view>& senders) {
     std::string base = name;
     parts.back = base.size() > kBack.size() &&
                  base.compare(base.size() - kBack.size(), kBack.size(), kBack) == 0;
@@ -44,7 +50,14 @@ bool LogCatalog::splitFileName(const std::string& name, NameParts& parts) {
         parts.mac = base.substr(dash - kMacDigits, kMacDigits);
         parts.deviceId = base.substr(0, dash - kMacDigits);
     } else {
-        dash = base.find('-');
+        for (const std::string_view sender : senders) {
+            if (!sender.empty() && base.size() > sender.size() && base[sender.size()] == '-' &&
+                base.compare(0, sender.size(), sender) == 0) {
+                dash = sender.size();
+                break;
+            }
+        }
+        if (dash == std::string::npos) dash = base.find('-');
         if (dash == std::string::npos || dash == 0) return false;
         parts.mac = base.substr(0, dash);
         parts.deviceId.clear();
@@ -109,28 +122,79 @@ void LogCatalog::refresh(const std::string& name, std::uint64_t inode, std::uint
     summary.scanned = from + text.size();
 }
 
-std::vector<LogCatalog::Device> LogCatalog::devices(std::int64_t now) {
-    const std::int64_t end = activityEnd(now);
+std::vector<LogCatalog::Named> LogCatalog::classify(std::int64_t end) {
     std::vector<SafeFolder::Entry> entries = SafeFolder::listRegular(folder_);
     std::sort(entries.begin(), entries.end(),
               [](const auto& a, const auto& b) { return a.name < b.name; });
-    std::map<std::string, Device> byKey;
-    std::map<std::string, std::string> newestHeaderTime;
+    std::vector<Named> files;
     std::set<std::string> present;
-    const std::lock_guard<std::mutex> lock(mutex_);
-    for (const SafeFolder::Entry& entry : entries) {
+    for (SafeFolder::Entry& entry : entries) {
         NameParts parts;
         if (!splitFileName(entry.name, parts)) continue;
         present.insert(entry.name);
         Summary& summary = summaries_[entry.name];
         refresh(entry.name, entry.inode, entry.size, end, summary);
+        files.push_back({std::move(entry), std::move(parts), &summary});
+    }
+    // Forget files that went away, so the cache stays as small as the folder.
+    for (auto it = summaries_.begin(); it != summaries_.end();) {
+        it = present.count(it->first) != 0 ? std::next(it) : summaries_.erase(it);
+    }
 
+    // A file without a MAC address in its name may be a syslog sender's
+    // "<sender>-<application>", where both may hold "-": the sender's name is the one its
+    // header lines give. A log's current file and its ".back" share the newer header
+    // (after a rotation only one of them may have one); a file without any (a sender
+    // whose clock stayed put writes its header once) takes the longest sender name of
+    // the folder's other files that it starts with.
+    std::map<std::string, std::string_view> ownSender;  // by current file name
+    std::vector<std::string_view> senders;
+    for (const Named& file : files) {
+        const std::string& name = file.entry.name;
+        const std::string& header = file.summary->header.displayName;
+        if (!file.summary->hasHeader || header.empty() || splitAtMac(file.parts) ||
+            name.size() <= header.size() || name[header.size()] != '-' ||
+            name.compare(0, header.size(), header) != 0) {
+            continue;
+        }
+        const std::string current =
+            file.parts.back ? name.substr(0, name.size() - kBack.size()) : name;
+        if (!file.parts.back || ownSender.count(current) == 0) ownSender[current] = header;
+        senders.push_back(header);
+    }
+    if (senders.empty()) return files;
+    std::sort(senders.begin(), senders.end(), [](std::string_view a, std::string_view b) {
+        return a.size() != b.size() ? a.size() > b.size() : a < b;
+    });
+    senders.erase(std::unique(senders.begin(), senders.end()), senders.end());
+    std::vector<std::string_view> candidates;
+    for (Named& file : files) {
+        const std::string& name = file.entry.name;
+        const std::string current =
+            file.parts.back ? name.substr(0, name.size() - kBack.size()) : name;
+        candidates.clear();
+        const auto own = ownSender.find(current);
+        if (own != ownSender.end()) candidates.push_back(own->second);
+        candidates.insert(candidates.end(), senders.begin(), senders.end());
+        splitFileName(name, file.parts, candidates);
+    }
+    return files;
+}
+
+std::vector<LogCatalog::Device> LogCatalog::devices(std::int64_t now) {
+    const std::int64_t end = activityEnd(now);
+    std::map<std::string, Device> byKey;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (const Named& file : classify(end)) {
+        const SafeFolder::Entry& entry = file.entry;
+        const NameParts& parts = file.parts;
+        const Summary& summary = *file.summary;
         Device& device = byKey[parts.key];
         device.key = parts.key;
         device.deviceId = parts.deviceId;
         device.mac = parts.mac;
         const std::string current =
-            parts.back ? entry.name.substr(0, entry.name.size() - 5) : entry.name;
+            parts.back ? entry.name.substr(0, entry.name.size() - kBack.size()) : entry.name;
         auto log = std::find_if(device.logs.begin(), device.logs.end(),
                                 [&](const LogInfo& l) { return l.file == current; });
         if (log == device.logs.end()) {
@@ -149,12 +213,17 @@ std::vector<LogCatalog::Device> LogCatalog::devices(std::int64_t now) {
             device.hasHeader = true;
         }
     }
-    // Forget files that went away, so the cache stays as small as the folder.
-    for (auto it = summaries_.begin(); it != summaries_.end();) {
-        it = present.count(it->first) != 0 ? std::next(it) : summaries_.erase(it);
-    }
     std::vector<Device> result;
     result.reserve(byKey.size());
     for (auto& [key, device] : byKey) result.push_back(std::move(device));
     return result;
+}
+
+std::vector<std::string> LogCatalog::deviceFiles(const std::string& key, std::int64_t now) {
+    std::vector<std::string> names;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (Named& file : classify(activityEnd(now))) {
+        if (file.parts.key == key) names.push_back(std::move(file.entry.name));
+    }
+    return names;
 }

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: MIT
 // LogCatalog: what the logs folder holds, grouped by device: one device per device id
-// + MAC address (the text of a file name before its log id's "-"), with its logs,
-// sizes, last write, the newest header line (display name and clock tie) and the
+// + MAC address (the text of a file name before its log id's "-"), or per syslog
+// sender (the name in its header lines, which its file names start with), with its
+// logs, sizes, last write, the newest header line (display name and clock tie) and the
 // lines written per 10 minutes over the last 24 hours. File summaries are cached and
 // extended incrementally as files grow; a rotated or replaced file is read again.
-// Thread-safe: any thread may call devices().
+// Thread-safe: any thread may call devices() and deviceFiles().
 #pragma once
 
 #include <array>
@@ -12,9 +13,11 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "LogText.h"
+#include "SafeFolder.h"
 
 class LogCatalog {
 public:
@@ -58,11 +61,18 @@ public:
     // The end of the activity window for `now` (the end of its 10-minute bin).
     static std::int64_t activityEnd(std::int64_t now);
 
+    // Every device file (current and ".back") of the device with this key, grouped as
+    // devices() groups them; empty for an unknown key.
+    std::vector<std::string> deviceFiles(const std::string& key, std::int64_t now);
+
     // Splits a device log's file name "<device id><MAC>-<log name>[.back]". The MAC
-    // address is the 12 hex digits before the first "-" they precede; a name without
-    // them splits at its first "-" with the whole front as the MAC address. False for
+    // address is the 12 hex digits before the first "-" they precede. A name without
+    // them ends its front at the first of `senders` (sender names, as syslog files
+    // are "<sender>-<application>" and both may hold "-") that it starts with followed
+    // by "-", else at its first "-"; that front stands as the MAC address. False for
     // names without "-" (the suite's own logs: the collector's log, errors.log).
-    static bool splitFileName(const std::string& name, NameParts& parts);
+    static bool splitFileName(const std::string& name, NameParts& parts,
+                              const std::vector<std::string_view>& senders = {});
 
     const std::string& folder() const { return folder_; }
 
@@ -78,6 +88,17 @@ private:
         bool hasHeader = false;
     };
 
+    // A device file with how it splits and what has been read of it.
+    struct Named {
+        SafeFolder::Entry entry;
+        NameParts parts;
+        const Summary* summary = nullptr;
+    };
+
+    // Every device file of the folder, sorted by name, split with the sender names that
+    // its own header lines and those of the folder's other files give; brings their
+    // summaries up to date and forgets those of files that went away. mutex_ held.
+    std::vector<Named> classify(std::int64_t end);
     // Brings `summary` up to date with the file (reads only what was added).
     void refresh(const std::string& name, std::uint64_t inode, std::uint64_t size, std::int64_t end,
                  Summary& summary);

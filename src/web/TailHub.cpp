@@ -18,6 +18,19 @@ constexpr std::size_t kMaxReadPerPump = 1024 * 1024;
 constexpr int kPollMs = 1000;
 constexpr int kKeepAliveTicks = 15;  // a comment line every 15 polls keeps proxies open
 
+// The length of `text` without a UTF-8 sequence left unfinished at its end, so that a
+// long line sent in pieces never splits a character. Bytes that are not UTF-8 stay.
+std::size_t wholeCharacters(const std::string& text) {
+    const std::size_t size = text.size();
+    for (std::size_t back = 1; back <= 3 && back <= size; ++back) {
+        const auto byte = static_cast<unsigned char>(text[size - back]);
+        if ((byte & 0xC0) == 0x80) continue;  // a continuation byte: its lead is further back
+        const std::size_t length = byte >= 0xF0 ? 4 : byte >= 0xE0 ? 3 : byte >= 0xC0 ? 2 : 1;
+        return length > back ? size - back : size;
+    }
+    return size;
+}
+
 }  // namespace
 
 TailHub::TailHub(std::string folder, QObject* parent)
@@ -143,7 +156,7 @@ bool TailHub::pump(Client& client) {
     if (text.size() < kMaxReadPerPump && !followRotation(client, text)) return false;
     std::size_t complete = text.rfind('\n');
     complete = complete == std::string::npos ? 0 : complete + 1;
-    if (complete == 0 && text.size() >= kMaxPending) complete = text.size();
+    if (complete == 0 && text.size() >= kMaxPending) complete = wholeCharacters(text);
     client.pending = text.substr(complete);
     text.resize(complete);
     return text.empty() || send(client, "text", text);

@@ -23,6 +23,7 @@ constexpr std::size_t kMaxSearchHits = 1000;
 constexpr std::size_t kMaxCrashes = 100;
 constexpr std::size_t kMaxReportBytes = 1024 * 1024;
 const std::string kBack = ".back";
+const char* const kArchiveTemplate = "/tmp/nimb-web-archive-XXXXXX";
 
 QString text(const std::string& bytes) {
     return QString::fromUtf8(bytes.data(), static_cast<qsizetype>(bytes.size()));
@@ -107,15 +108,15 @@ bool sortDevices(std::vector<LogCatalog::Device>& devices, const std::string& ke
 }
 
 // The files a search covers, each log's ".back" before the log itself.
-std::vector<std::string> searchFiles(const std::string& folder, const std::string& file,
-                                     const std::string& device) {
-    std::vector<std::string> names;
+std::vector<std::string> searchFiles(LogCatalog& catalog, const std::string& file,
+                                     const std::string& device, std::int64_t now) {
     if (!file.empty()) return {file + kBack, file};
-    for (const SafeFolder::Entry& entry : SafeFolder::listRegular(folder)) {
-        LogCatalog::NameParts parts;
-        const bool deviceLog = LogCatalog::splitFileName(entry.name, parts);
-        if (!device.empty() && (!deviceLog || parts.key != device)) continue;
-        names.push_back(entry.name);
+    std::vector<std::string> names;
+    if (!device.empty()) {
+        names = catalog.deviceFiles(device, now);
+    } else {
+        for (const SafeFolder::Entry& entry : SafeFolder::listRegular(catalog.folder()))
+            names.push_back(entry.name);
     }
     // Sorting "x.back" before "x": compare with the suffix taken off.
     const auto base = [](const std::string& n) {
@@ -220,7 +221,8 @@ WebReply log(const std::string& folder, const QUrlQuery& query) {
     return WebReply::json(object);
 }
 
-WebReply search(const std::string& folder, const QUrlQuery& query) {
+WebReply search(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) {
+    const std::string& folder = catalog.folder();
     LogSearch::Query q;
     q.pattern = param(query, "q");
     q.regex = param(query, "regex") == "1";
@@ -243,7 +245,7 @@ WebReply search(const std::string& folder, const QUrlQuery& query) {
         }
         q.maxHits = static_cast<std::size_t>(std::min<std::uint64_t>(max, kMaxSearchHits));
     }
-    q.files = searchFiles(folder, file, device);
+    q.files = searchFiles(catalog, file, device, now);
     const LogSearch::Result result = LogSearch::run(folder, q);
     if (!result.error.empty()) return WebReply::error(400, text(result.error));
     QJsonArray files;
@@ -292,15 +294,17 @@ WebReply download(const std::string& folder, const QUrlQuery& query) {
     return reply;
 }
 
-WebReply archive(const std::string& folder, const QUrlQuery& query) {
+WebReply archive(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) {
     const std::string device = param(query, "device");
     if (!SafeFolder::isPlainName(device)) return notFound();
-    const std::vector<std::string> files = searchFiles(folder, {}, device);
+    const std::vector<std::string> files = searchFiles(catalog, {}, device, now);
     if (files.empty()) return notFound();
-    auto temp = std::make_shared<QTemporaryFile>();
+    // Built in /tmp, not in $TMPDIR: the suite's programs take $TMPDIR as their crash
+    // dump folder, which the service mounts read-only (its /tmp is private and writable).
+    auto temp = std::make_shared<QTemporaryFile>(QString::fromLatin1(kArchiveTemplate));
     if (!temp->open())
         return WebReply::error(500, QStringLiteral("cannot create a temporary file"));
-    const std::string error = DeviceArchive::write(folder, files, temp->handle());
+    const std::string error = DeviceArchive::write(catalog.folder(), files, temp->handle());
     if (!error.empty()) return WebReply::error(500, text(error));
     temp->seek(0);
     WebReply reply;

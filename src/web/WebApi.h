@@ -22,11 +22,12 @@ WebReply devices(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now);
 // /api/log?file=NAME[&before=OFFSET][&limit=BYTES]
 WebReply log(const std::string& folder, const QUrlQuery& query);
 // /api/search?q=TEXT[&regex=1][&file=NAME | &device=KEY][&from=TIME][&to=TIME][&max=N]
-WebReply search(const std::string& folder, const QUrlQuery& query);
+WebReply search(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now);
 // /api/download?file=NAME: its ".back" then the file itself, as one text file.
 WebReply download(const std::string& folder, const QUrlQuery& query);
-// /api/archive?device=KEY: the device's files as .tar.gz (streamed from a temp file).
-WebReply archive(const std::string& folder, const QUrlQuery& query);
+// /api/archive?device=KEY: the device's files as .tar.gz (streamed from a temporary
+// file in /tmp).
+WebReply archive(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now);
 // /api/crashes: crash dumps and reports in the dump folder, newest first.
 WebReply crashes(const std::string& dumpFolder);
 // /api/crash?id=ID: the readable report of one crash.

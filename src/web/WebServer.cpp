@@ -166,11 +166,17 @@ bool WebServer::handleRequest(const QHttpServerRequest& request, QTcpSocket* soc
     } else if (path == QLatin1String("/api/log")) {
         defer(std::move(responder), [logs, query] { return WebApi::log(logs, query); });
     } else if (path == QLatin1String("/api/search")) {
-        defer(std::move(responder), [logs, query] { return WebApi::search(logs, query); });
+        LogCatalog* catalog = catalog_.get();
+        defer(std::move(responder), [catalog, query] {
+            return WebApi::search(*catalog, query, QDateTime::currentSecsSinceEpoch());
+        });
     } else if (path == QLatin1String("/api/download")) {
         defer(std::move(responder), [logs, query] { return WebApi::download(logs, query); });
     } else if (path == QLatin1String("/api/archive")) {
-        defer(std::move(responder), [logs, query] { return WebApi::archive(logs, query); });
+        LogCatalog* catalog = catalog_.get();
+        defer(std::move(responder), [catalog, query] {
+            return WebApi::archive(*catalog, query, QDateTime::currentSecsSinceEpoch());
+        });
     } else if (path == QLatin1String("/api/crashes")) {
         defer(std::move(responder), [dumps] { return WebApi::crashes(dumps); });
     } else if (path == QLatin1String("/api/crash")) {

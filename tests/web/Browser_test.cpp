@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The page in headless Chromium against a real collector and nimb-web: the device
 // list, a log with its header lines, lines pushed with nimb-logpush appearing live,
-// search highlighting, hostile text shown as text. Screenshots of the main views
+// search highlighting, hostile text shown as text (a 1 MiB line and bytes that are not
+// UTF-8 among it) with the page still answering. Screenshots of the main views
 // (laptop and phone widths, light and dark) land in <build>/screenshots.
 #include <cstdlib>
 #include <filesystem>

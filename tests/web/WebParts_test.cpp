@@ -1,6 +1,12 @@
 // SPDX-License-Identifier: MIT
 // The console's parts that need no server: reading the collector's text (header
-// lines, stamps, file names), the listen address and the credential hashes.
+// lines, stamps, file names and how they group into devices), the listen address and
+// the credential hashes.
+#include <ctime>
+#include <map>
+#include <string>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "LogCatalog.h"
@@ -69,6 +75,52 @@ TEST(LogCatalogTest, FileNamesSplitIntoDeviceMacAndLog) {
         EXPECT_EQ(parts.logName, row.log) << row.name;
         EXPECT_EQ(parts.back, row.back) << row.name;
     }
+}
+
+// Syslog senders' files are "<host name>-<application>" without a MAC address, and both
+// parts may hold "-": the sender's name comes from the header lines, of the file itself,
+// of its ".back" after a rotation, or, for a file with none, of the sender's other files.
+TEST(LogCatalogTest, SyslogSendersAreGroupedByTheNameInTheirHeaders) {
+    const nimbtest::TempDir dir;
+    const auto header = [](const std::string& sender) {
+        return "\n===== " + sender +
+               " - syslog 192.0.2.7 clock +3 s === 2026/11/22 10:00:03 <-> 2026/11/22 10:00:00 "
+               "=====\n2026/11/22 10:00:00 dnsmasq[1]: started\n";
+    };
+    nimbtest::writeFile(dir / "my-router-dnsmasq", header("my-router"));
+    nimbtest::writeFile(dir / "my-router-dnsmasq-dhcp", "2026/11/22 10:00:00 after rotation\n");
+    nimbtest::writeFile(dir / "my-router-dnsmasq-dhcp.back", header("my-router"));
+    nimbtest::writeFile(dir / "my-router-kernel", "2026/11/22 10:00:00 no header\n");
+    nimbtest::writeFile(dir / "my-kernel", header("my"));
+    nimbtest::writeFile(dir / "my-router-x", header("my"));  // sender "my", application "router-x"
+    nimbtest::writeFile(dir / "192.0.2.9-syslog", header("192.0.2.9"));
+    nimbtest::writeFile(dir / "tv001A2b3C4d5E-kernel", header("my-router"));
+
+    LogCatalog catalog(dir.path());
+    std::map<std::string, std::vector<std::string>> logsByKey;
+    for (const LogCatalog::Device& device : catalog.devices(std::time(nullptr))) {
+        for (const LogCatalog::LogInfo& log : device.logs)
+            logsByKey[device.key].push_back(log.logName);
+    }
+    const std::map<std::string, std::vector<std::string>> expected = {
+        {"192.0.2.9", {"syslog"}},
+        {"my", {"kernel", "router-x"}},
+        {"my-router", {"dnsmasq", "dnsmasq-dhcp", "kernel"}},
+        {"tv001A2b3C4d5E", {"kernel"}},
+    };
+    EXPECT_EQ(logsByKey, expected);
+    // Search and archive by device take the same files.
+    EXPECT_EQ(catalog.deviceFiles("my-router", std::time(nullptr)),
+              (std::vector<std::string>{"my-router-dnsmasq", "my-router-dnsmasq-dhcp",
+                                        "my-router-dnsmasq-dhcp.back", "my-router-kernel"}));
+    EXPECT_TRUE(catalog.deviceFiles("my-router-dnsmasq", std::time(nullptr)).empty());
+
+    // Sender names apply only to names without a MAC address, and only whole.
+    LogCatalog::NameParts parts;
+    ASSERT_TRUE(LogCatalog::splitFileName("puck-7001122334455-log", parts, {"puck"}));
+    EXPECT_EQ(parts.key, "puck-7001122334455");
+    ASSERT_TRUE(LogCatalog::splitFileName("my-routers-log", parts, {"my-router"}));
+    EXPECT_EQ(parts.key, "my");
 }
 
 TEST(WebSettingsTest, ListenAddressesAreNumericWithAPort) {

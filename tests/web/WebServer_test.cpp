@@ -323,6 +323,16 @@ TEST_F(WebServerTest, DownloadsALogBackFirstAndADeviceAsOneArchive) {
     writeFile(logs() / kLog, "second\n");
     writeFile(logs() / "puck-7001122334455-app.txt", "app\n");
     writeFile(logs() / "tv001A2b3C4d5E-kernel", "other device\n");
+    const std::string syslog =
+        "\n===== my-router - syslog 192.0.2.7 clock unknown === 2026/11/22 10:00:00 <-> "
+        "2026/11/22 10:00:00 =====\n";
+    writeFile(logs() / "my-router-dnsmasq", syslog);
+    writeFile(logs() / "my-router-kernel", "2026/11/22 10:00:00 no header of its own\n");
+    writeFile(logs() / "my-kernel", "another sender\n");
+    // $TMPDIR is the suite's crash-dump folder, read-only under the service: the
+    // archive must not need it.
+    writeFile(root() / "not-a-folder", "");
+    extraEnvironment_["TMPDIR"] = (root() / "not-a-folder").string();
     startWeb();
 
     const HttpResponse log = get(std::string("/api/download?file=") + kLog);
@@ -338,6 +348,16 @@ TEST_F(WebServerTest, DownloadsALogBackFirstAndADeviceAsOneArchive) {
         {std::string(kLog) + ".back", "first\n"},
         {kLog, "second\n"}};
     EXPECT_EQ(archiveEntries(archive.body), expected);
+
+    // A syslog sender whose name holds "-" is one device, as the listing groups it.
+    const HttpResponse router = get("/api/archive?device=my-router");
+    ASSERT_EQ(router.status, 200) << router.body;
+    const std::vector<std::pair<std::string, std::string>> routerFiles = {
+        {"my-router-dnsmasq", syslog},
+        {"my-router-kernel", "2026/11/22 10:00:00 no header of its own\n"}};
+    EXPECT_EQ(archiveEntries(router.body), routerFiles);
+    const HttpResponse search = get("/api/search?q=header&device=my-router");
+    EXPECT_EQ(json(search).value(QStringLiteral("hitCount")).toInteger(), 1) << search.body;
 }
 
 TEST_F(WebServerTest, CrashReportsAreListedNewestFirstWithTheirText) {
@@ -397,6 +417,17 @@ TEST_F(WebServerTest, LiveTailSendsWholeLinesAndFollowsARotation) {
     EXPECT_LT(resumed.received().find("two\\nunfinished\\nthree\\n"),
               resumed.received().find("four"));
     EXPECT_EQ(resumed.received().find("one"), std::string::npos);
+
+    // A line longer than a piece goes out in pieces, each cut between characters even
+    // when the writer stopped inside one.
+    const std::string euro = "\xE2\x82\xAC";
+    std::string long1;
+    for (int i = 0; i < 23333; ++i) long1 += euro;
+    append(file, long1 + euro.substr(0, 1));
+    ASSERT_TRUE(stream.waitFor(euro + euro + euro)) << "no piece of the long line was sent";
+    append(file, euro.substr(1) + "five\n");
+    ASSERT_TRUE(stream.waitFor("five\\n"));
+    EXPECT_EQ(stream.received().find("\xEF\xBF\xBD"), std::string::npos) << "a character was split";
 
     const QJsonObject stats = json(get("/api/stats"));
     EXPECT_EQ(stats.value(QStringLiteral("tailClients")).toInt(), 2);

@@ -150,7 +150,10 @@ void WebFixture::TearDown() {
 }
 
 std::map<std::string, std::string> WebFixture::environment() const {
-    return {{"XDG_CONFIG_HOME", (root() / "cfg").string()}, {"TMPDIR", (root() / "tmp").string()}};
+    std::map<std::string, std::string> env = {{"XDG_CONFIG_HOME", (root() / "cfg").string()},
+                                              {"TMPDIR", (root() / "tmp").string()}};
+    for (const auto& [name, value] : extraEnvironment_) env[name] = value;
+    return env;
 }
 
 void WebFixture::setWebSetting(const std::string& name, const std::string& value) {

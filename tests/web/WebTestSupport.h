@@ -76,6 +76,8 @@ protected:
         return request(port_, target, headers);
     }
 
+    // Set before starting a program: replaces or adds to environment()'s variables.
+    std::map<std::string, std::string> extraEnvironment_;
     nimbtest::TempDir dir_;
     std::unique_ptr<NatsServer> nats_;
     pid_t collector_ = -1;

@@ -5,7 +5,7 @@
 // Prints one JSON line of figures; exits non-zero with the reason on any failure.
 import { createRequire } from "node:module";
 import { execFileSync } from "node:child_process";
-import { mkdtempSync, mkdirSync, writeFileSync } from "node:fs";
+import { appendFileSync, mkdtempSync, mkdirSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 
@@ -110,6 +110,45 @@ try {
   figures.liveP50Ms = latencies[Math.floor(latencies.length / 2)];
   figures.liveMaxMs = latencies[latencies.length - 1];
   await allShots(page, "log");
+
+  // More hostile text, arriving live: a 1 MiB line (markup, then three-byte characters,
+  // so that a cut anywhere inside it would split one) and bytes that are not UTF-8. Both
+  // show as text, and the page keeps answering.
+  const hostileLog = "puck-7001122334455-hostile.log";
+  const hostilePath = join(process.env.LOGS, hostileLog);
+  const lineEndingWith = (m) => [...document.querySelectorAll("#log-lines .l")].some((l) => l.textContent.endsWith(m));
+  writeFileSync(hostilePath, stamp(now) + " before the hostile lines\n");
+  await page.goto(url + "#/log?file=" + hostileLog, { waitUntil: "domcontentloaded" });
+  await page.waitForFunction(lineEndingWith, { timeout: 5000 }, "before the hostile lines");
+  // 41 bytes: a piece of 1 MiB from the line's start ends inside a character.
+  const longHead = "<img src=x onerror=\"window.__pwned = 4\" >";
+  const longCount = Math.ceil(((1 << 20) - longHead.length) / 3);
+  appendFileSync(hostilePath, Buffer.concat([
+    Buffer.from(longHead + "\u20ac".repeat(longCount) + "\n"),
+    Buffer.from("invalid UTF-8: "), Buffer.from([0xff, 0xfe, 0xc3, 0x28, 0xed, 0xa0, 0x80, 0xe2, 0x82]),
+    Buffer.from(" end\nafter the hostile lines\n")]));
+  await page.waitForFunction(lineEndingWith, { timeout: 10000 }, "after the hostile lines");
+  const more = await page.evaluate((head, count) => {
+    const texts = [...document.querySelectorAll("#log-lines .l")].map((l) => l.textContent);
+    const expected = head + "\u20ac".repeat(count);
+    const long = texts.filter((t) => t.length > 4096);
+    let differs = -1;
+    if (long.length === 1) for (let i = 0; i < expected.length && differs < 0; i++) if (long[0][i] !== expected[i]) differs = i;
+    return {
+      pwned: window.__pwned,
+      markup: document.querySelectorAll("#log-lines script, #log-lines img, #log-lines a").length,
+      long: long.map((t) => t.length), same: long.length === 1 && long[0].length === expected.length && differs < 0, differs,
+      invalid: texts.find((t) => t.startsWith("invalid UTF-8: ")),
+    };
+  }, longHead, longCount);
+  if (more.pwned !== undefined) fail("device text ran as script: " + more.pwned);
+  if (more.markup !== 0) fail("the long line became markup");
+  if (!more.same) fail("the 1 MiB line is not shown whole as one line: lengths " + JSON.stringify(more.long) + ", first difference at " + more.differs);
+  if (!/^invalid UTF-8: \ufffd+\(\ufffd+ end$/.test(more.invalid || "")) fail("invalid UTF-8 shown as " + JSON.stringify(more.invalid));
+  await shoot(page, "hostile", 1280, 800, "light");
+  await page.click('.tabs a[data-view="devices"]');
+  await page.waitForFunction(() => !$("view-devices").hidden &&
+    [...document.querySelectorAll("#devices .chip")].some((c) => c.textContent.includes("hostile.log")), { timeout: 5000 });
 
   // A search highlights its hit.
   await page.goto(url + "#/search?q=needle", { waitUntil: "domcontentloaded" });

@@ -29,6 +29,11 @@ function bytes(n) {
   return v.toFixed(v < 10 ? 1 : 0) + " " + units[u];
 }
 
+// "1 log", "2 logs".
+function plural(n, word) {
+  return n + " " + word + (n === 1 ? "" : "s");
+}
+
 function ago(seconds) {
   const d = Math.max(0, Date.now() / 1000 - seconds);
   if (d < 60) return "just now";
@@ -114,7 +119,7 @@ function activityPlot(counts, binMinutes) {
   base.setAttribute("y1", "30"); base.setAttribute("y2", "30");
   const total = counts.reduce((a, b) => a + b, 0);
   const title = document.createElementNS(ns, "title");
-  title.textContent = total + " lines in the last 24 h; busiest: " + (Math.max(...counts) / binMinutes).toFixed(1) + " lines/min";
+  title.textContent = plural(total, "line") + " in the last 24 h; busiest: " + (Math.max(...counts) / binMinutes).toFixed(1) + " lines/min";
   svg.append(title, area, edge, base);
   return svg;
 }
@@ -159,7 +164,7 @@ async function loadDevices() {
     list.replaceChildren(...data.devices.map((d) => deviceCard(d, data.binMinutes)));
     $("devices-empty").hidden = data.devices.length > 0;
     const logs = data.devices.reduce((n, d) => n + d.logs.length, 0);
-    $("devices-summary").textContent = data.devices.length + " devices \u00b7 " + logs + " logs";
+    $("devices-summary").textContent = plural(data.devices.length, "device") + " \u00b7 " + plural(logs, "log");
   } catch (e) {
     $("devices-summary").textContent = "cannot list devices: " + e.message;
   }
@@ -331,9 +336,8 @@ async function openSearch(params) {
   try {
     const data = await api("/api/search?" + params.toString());
     const seconds = ((performance.now() - started) / 1000).toFixed(2);
-    const plural = (n, word) => n + " " + word + (n === 1 ? "" : "s");
     $("search-status").textContent = plural(data.hitCount, "hit") + " in " + plural(data.files.length, "file") + " \u00b7 " +
-      bytes(data.bytesScanned) + " of " + data.filesScanned + " files searched in " + seconds + " s";
+      bytes(data.bytesScanned) + " of " + plural(data.filesScanned, "file") + " searched in " + seconds + " s";
     const blocks = [];
     if (data.more) blocks.push(el("p", "note", "More results exist: only the first " + data.hitCount + " are shown. Narrow the search to a device, a log or a time range."));
     if (data.timedOut) blocks.push(el("p", "note", "The search stopped after its limit of " + data.budgetMs / 1000 + " s; the results are incomplete."));
