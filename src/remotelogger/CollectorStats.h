@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // CollectorStats: the collector's counters (requests served, lines and bytes written,
-// failed requests by kind, whether the bus connection is up), answered by the
+// failed requests by kind, whether the bus connection is up, the syslog listeners'
+// counters), answered by the
 // "GetStats" service. One process-wide instance of lock-free counters: any thread
 // counts, any thread reads; a reading is a set of individually consistent values, not
 // a snapshot taken under one lock.
@@ -9,6 +10,8 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+
+#include "SyslogCounters.h"
 
 class CollectorStats {
 public:
@@ -44,6 +47,10 @@ public:
     std::uint64_t linesWritten() const { return lines_.load(std::memory_order_relaxed); }
     std::uint64_t bytesWritten() const { return bytes_.load(std::memory_order_relaxed); }
     bool connected() const { return connected_.load(std::memory_order_relaxed); }
+    // Where the syslog listeners count (they live shorter than the process); all zero
+    // while they are off.
+    SyslogCounters& syslog() { return syslog_; }
+    const SyslogCounters& syslog() const { return syslog_; }
 
 private:
     std::atomic<std::uint64_t> requests_{0};
@@ -51,4 +58,5 @@ private:
     std::atomic<std::uint64_t> bytes_{0};
     std::array<std::atomic<std::uint64_t>, static_cast<int>(ErrorKind::Count_)> errors_{};
     std::atomic<bool> connected_{false};
+    SyslogCounters syslog_;
 };

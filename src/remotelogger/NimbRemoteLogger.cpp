@@ -47,7 +47,7 @@ bool NimbRemoteLogger::init(const std::vector<CStdStr>&) {
 void NimbRemoteLogger::startSyslog() {
     const SyslogSettings settings = SyslogSettings::read();
     if (!settings.isEnabled()) return;
-    syslog = std::make_unique<SyslogServer>(settings);
+    syslog = std::make_unique<SyslogServer>(settings, CollectorStats::global().syslog());
     if (!syslog->start()) syslog.reset();
 }
 

@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: MIT
 // The collector's "GetStats" service and the counting around every request: which
-// requests were served, which failed and why, and whether the bus connection is up.
+// requests were served, which failed and why, whether the bus connection is up, and what
+// the syslog listeners counted.
 #include <exception>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "CollectorStats.h"
 #include "KibException.h"
@@ -30,19 +34,37 @@ CollectorStats::ErrorKind kindOf(const KibException& e) {
 
 int NimbRemoteLoggerSatellite::KibServiceGetStats(const char*, const tagVARIANT&, tagVARIANT* out) {
     const CollectorStats& stats = CollectorStats::global();
+    const SyslogCounters& syslog = stats.syslog();
     using Kind = CollectorStats::ErrorKind;
-    VUtil::CreateArray(*out, VT_VARIANT, 11);
-    int i = 0;
-    putCounter(*out, i++, "requests", stats.requests());
-    putCounter(*out, i++, "linesWritten", stats.linesWritten());
-    putCounter(*out, i++, "bytesWritten", stats.bytesWritten());
-    for (const Kind kind : {Kind::Invalid, Kind::Busy, Kind::Write, Kind::Unknown, Kind::Other}) {
-        putCounter(*out, i++, (std::string("errors.") + CollectorStats::kindName(kind)).c_str(),
-                   stats.errors(kind));
-    }
-    putCounter(*out, i++, "queueDepth", backlog->queuedCalls());
-    putCounter(*out, i++, "queueBytes", backlog->queuedBytes());
-    putCounter(*out, i++, "connected", stats.connected() ? 1 : 0);
+    std::vector<std::pair<std::string, std::uint64_t>> counters = {
+        {"requests", stats.requests()},
+        {"linesWritten", stats.linesWritten()},
+        {"bytesWritten", stats.bytesWritten()}};
+    for (const Kind kind : {Kind::Invalid, Kind::Busy, Kind::Write, Kind::Unknown, Kind::Other})
+        counters.emplace_back(std::string("errors.") + CollectorStats::kindName(kind),
+                              stats.errors(kind));
+    counters.insert(
+        counters.end(),
+        {{"queueDepth", backlog->queuedCalls()},
+         {"queueBytes", backlog->queuedBytes()},
+         {"connected", stats.connected() ? 1 : 0},
+         {"syslog.messages", syslog.lines.load(std::memory_order_relaxed)},
+         {"syslog.bytes", syslog.bytes.load(std::memory_order_relaxed)},
+         {"syslog.truncated", syslog.truncated.load(std::memory_order_relaxed)},
+         {"syslog.dropped.rate", syslog.rateDropped.load(std::memory_order_relaxed)},
+         {"syslog.dropped.senders", syslog.senderCapDropped.load(std::memory_order_relaxed)},
+         {"syslog.dropped.file", syslog.refusedFiles.load(std::memory_order_relaxed)},
+         {"syslog.heldBack", syslog.ratePaused.load(std::memory_order_relaxed)},
+         {"syslog.refusedNames", syslog.refusedNames.load(std::memory_order_relaxed)},
+         {"syslog.connections", syslog.connections.load(std::memory_order_relaxed)},
+         {"syslog.closed.cap", syslog.connectionsRefused.load(std::memory_order_relaxed)},
+         {"syslog.closed.frame", syslog.badFrames.load(std::memory_order_relaxed)},
+         {"syslog.closed.handshake", syslog.handshakeTimeouts.load(std::memory_order_relaxed)},
+         {"syslog.closed.idle", syslog.idleClosed.load(std::memory_order_relaxed)},
+         {"syslog.senders", syslog.senders.load(std::memory_order_relaxed)}});
+    VUtil::CreateArray(*out, VT_VARIANT, counters.size());
+    for (std::size_t i = 0; i < counters.size(); ++i)
+        putCounter(*out, static_cast<int>(i), counters[i].first.c_str(), counters[i].second);
     return 0;
 }
 

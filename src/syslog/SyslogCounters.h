@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // SyslogCounters: what the syslog listeners counted since start. Written by the listener
-// thread, read by anyone (tests, the summary logged at stop).
+// thread, read by any thread (the collector's "GetStats" service on a bus thread, tests,
+// the summary logged at stop): every value is an atomic of its own, so a reading is a
+// set of individually consistent values, not a snapshot.
 #pragma once
 
 #include <atomic>
@@ -8,6 +10,7 @@
 
 struct SyslogCounters {
     std::atomic<std::uint64_t> lines{0};               // messages written to a file
+    std::atomic<std::uint64_t> bytes{0};               // bytes received (decrypted, for TLS)
     std::atomic<std::uint64_t> truncated{0};           // messages cut at the maximum size
     std::atomic<std::uint64_t> rateDropped{0};         // datagrams over a sender's rate
     std::atomic<std::uint64_t> ratePaused{0};          // times a connection was held back
@@ -16,4 +19,9 @@ struct SyslogCounters {
     std::atomic<std::uint64_t> senderCapDropped{0};    // lines of senders past the cap
     std::atomic<std::uint64_t> connectionsRefused{0};  // connections past the cap
     std::atomic<std::uint64_t> badFrames{0};           // connections closed on a bad frame
+    std::atomic<std::uint64_t> handshakeTimeouts{0};   // TLS handshakes not done in time
+    std::atomic<std::uint64_t> idleClosed{0};          // idle connections closed for a new one
+    // Levels, not counts: open TCP and TLS connections, senders with files.
+    std::atomic<std::uint64_t> connections{0};
+    std::atomic<std::uint64_t> senders{0};
 };

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "SyslogServer.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <ctime>
 
@@ -44,8 +46,8 @@ std::string addressOf(const sockaddr_storage& peer) {
 
 }  // namespace
 
-SyslogServer::SyslogServer(const SyslogSettings& settings)
-    : settings_(settings), buffer_(kReadChunk) {}
+SyslogServer::SyslogServer(const SyslogSettings& settings, SyslogCounters& counters)
+    : settings_(settings), counters_(counters), buffer_(kReadChunk) {}
 
 SyslogServer::~SyslogServer() {
     stop();
@@ -154,28 +156,29 @@ void SyslogServer::stop() {
         close(connection.fd);
     }
     connections_.clear();
+    handshakes_.clear();
+    counters_.connections.store(0, std::memory_order_relaxed);
     store_->flush();
     CBBLog::info(
         "Syslog: stopped; %llu lines written, %llu truncated, %llu dropped over the "
         "rate bound, %llu connections held back, %llu dropped past the sender cap, "
-        "%llu refused files, %llu refused connections",
+        "%llu refused files, %llu refused connections, %llu TLS handshakes timed out, "
+        "%llu idle connections closed",
         static_cast<unsigned long long>(counters_.lines.load()),
         static_cast<unsigned long long>(counters_.truncated.load()),
         static_cast<unsigned long long>(counters_.rateDropped.load()),
         static_cast<unsigned long long>(counters_.ratePaused.load()),
         static_cast<unsigned long long>(counters_.senderCapDropped.load()),
         static_cast<unsigned long long>(counters_.refusedFiles.load()),
-        static_cast<unsigned long long>(counters_.connectionsRefused.load()));
+        static_cast<unsigned long long>(counters_.connectionsRefused.load()),
+        static_cast<unsigned long long>(counters_.handshakeTimeouts.load()),
+        static_cast<unsigned long long>(counters_.idleClosed.load()));
     store_.reset();
 }
 
 void* SyslogServer::run(void*) {
     try {
-        while (!stopping_) {
-            // With lines gathered, only look for more (and hand them on when there is none).
-            const bool busy = !again_.empty() || store_->hasPending();
-            runRound(busy ? 0 : !paused_.empty() ? kPausedPollMs : -1);
-        }
+        while (!stopping_) runRound(waitMs());
     } catch (const std::exception& e) {
         CBBLog::fatal("%s: %s", kThreadName, e.what());
         abort();
@@ -183,9 +186,22 @@ void* SyslogServer::run(void*) {
     return nullptr;
 }
 
+int SyslogServer::waitMs() const {
+    // With lines gathered, only look for more (and hand them on when there is none).
+    if (!again_.empty() || store_->hasPending()) return 0;
+    int wait = paused_.empty() ? -1 : kPausedPollMs;
+    if (!handshakes_.empty()) {
+        const long long left = std::clamp(handshakes_.front().dueMs - steadyMs(), 0LL,
+                                          static_cast<long long>(INT_MAX));
+        if (wait < 0 || left < wait) wait = static_cast<int>(left);
+    }
+    return wait;
+}
+
 void SyslogServer::runRound(int timeoutMs) {
     epoll_event events[kMaxEvents];
     const int count = epoll_wait(epoll_, events, kMaxEvents, timeoutMs);
+    roundMs_ = steadyMs();
     std::vector<int> again;
     again.swap(again_);
     for (const int fd : again) {
@@ -219,6 +235,7 @@ void SyslogServer::runRound(int timeoutMs) {
         }
     }
     if (!paused_.empty()) resumePaused();
+    if (!handshakes_.empty()) expireHandshakes();
 }
 
 SyslogRateBucket* SyslogServer::bucketFor(const std::string& address) {
@@ -246,6 +263,7 @@ void SyslogServer::readDatagrams(int fd) {
         const ssize_t length = recvfrom(fd, buffer_.data(), buffer_.size(), MSG_TRUNC,
                                         reinterpret_cast<sockaddr*>(&peer), &peerLength);
         if (length < 0) return;  // EAGAIN: all read; other errors: try again next round
+        counters_.bytes.fetch_add(static_cast<std::uint64_t>(length), std::memory_order_relaxed);
         const std::string address = addressOf(peer);
         SyslogRateBucket* bucket = bucketFor(address);
         if (bucket != nullptr) {
@@ -273,7 +291,8 @@ void SyslogServer::acceptConnections(int fd, Kind kind) {
                                    SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (client == -1) return;  // EAGAIN, or a connection that went away
         const std::string address = addressOf(peer);
-        if (connections_.size() >= static_cast<std::size_t>(settings_.maxConnections)) {
+        if (connections_.size() >= static_cast<std::size_t>(settings_.maxConnections) &&
+            !closeIdlest()) {
             ++counters_.connectionsRefused;
             connectionLog_.error("Syslog: too many connections: at most " +
                                  std::to_string(settings_.maxConnections) + "; refused one from " +
@@ -283,7 +302,9 @@ void SyslogServer::acceptConnections(int fd, Kind kind) {
         }
         auto connection = std::make_unique<Connection>(settings_.maxMessageSize);
         connection->fd = client;
+        connection->serial = ++serials_;
         connection->address = address;
+        connection->lastReadMs = roundMs_;
         if (kind == Kind::kTls) {
             connection->ssl = tls_.newSession(client);
             if (connection->ssl == nullptr) {
@@ -291,9 +312,12 @@ void SyslogServer::acceptConnections(int fd, Kind kind) {
                 close(client);
                 continue;
             }
+            handshakes_.push_back(
+                {roundMs_ + settings_.handshakeTimeoutMs, client, connection->serial});
         }
         watch(client, EPOLLIN, true);
         connections_[client] = std::move(connection);
+        counters_.connections.store(connections_.size(), std::memory_order_relaxed);
     }
 }
 
@@ -328,12 +352,14 @@ void SyslogServer::readConnection(Connection& connection) {
         }
         return;
     }
+    connection.lastReadMs = roundMs_;
     if (connection.ssl != nullptr) {
         readTls(connection);
         return;
     }
     const ssize_t length = read(connection.fd, buffer_.data(), buffer_.size());
     if (length > 0) {
+        counters_.bytes.fetch_add(static_cast<std::uint64_t>(length), std::memory_order_relaxed);
         deliver(connection, std::string_view(buffer_.data(), static_cast<std::size_t>(length)));
     } else if (length == 0 || (errno != EAGAIN && errno != EINTR)) {
         closeConnection(connection, nullptr);
@@ -368,6 +394,8 @@ bool SyslogServer::readTls(Connection& connection) {
         const int length = SSL_read(ssl, buffer_.data(), static_cast<int>(buffer_.size()));
         if (length > 0) {
             total += static_cast<std::size_t>(length);
+            counters_.bytes.fetch_add(static_cast<std::uint64_t>(length),
+                                      std::memory_order_relaxed);
             const int fd = connection.fd;
             deliver(connection, std::string_view(buffer_.data(), static_cast<std::size_t>(length)));
             if (connections_.find(fd) == connections_.end()) return false;  // closed
@@ -400,6 +428,42 @@ void SyslogServer::closeConnection(Connection& connection, const char* reason) {
     if (connection.ssl != nullptr) SSL_free(connection.ssl);
     close(fd);
     connections_.erase(fd);  // destroys `connection`
+    counters_.connections.store(connections_.size(), std::memory_order_relaxed);
+}
+
+bool SyslogServer::closeIdlest() {
+    // At most maxConnections entries: this runs only for a connection past the cap.
+    Connection* idlest = nullptr;
+    for (const auto& entry : connections_) {
+        Connection& connection = *entry.second;
+        if (connection.paused) continue;  // held back with bytes waiting: not idle
+        if (idlest == nullptr || connection.lastReadMs < idlest->lastReadMs) idlest = &connection;
+    }
+    if (idlest == nullptr || roundMs_ - idlest->lastReadMs < settings_.idleTimeoutMs) return false;
+    ++counters_.idleClosed;
+    idleLog_.error("Syslog: closed the connection from " + idlest->address + ": idle for " +
+                   std::to_string((roundMs_ - idlest->lastReadMs) / 1000) +
+                   " s while every connection slot is taken");
+    closeConnection(*idlest, nullptr);
+    return true;
+}
+
+void SyslogServer::expireHandshakes() {
+    // Every entry is removed once; the loop stops at the first live one not yet due.
+    while (!handshakes_.empty()) {
+        const HandshakeDue due = handshakes_.front();
+        const auto found = connections_.find(due.fd);
+        const bool waiting = found != connections_.end() && found->second->serial == due.serial &&
+                             !found->second->handshakeDone;
+        if (waiting && due.dueMs > roundMs_) return;
+        handshakes_.pop_front();
+        if (!waiting) continue;
+        ++counters_.handshakeTimeouts;
+        handshakeLog_.error("Syslog: closed the connection from " + found->second->address +
+                            ": TLS handshake not done within " +
+                            std::to_string((settings_.handshakeTimeoutMs + 999) / 1000) + " s");
+        closeConnection(*found->second, nullptr);
+    }
 }
 
 void SyslogServer::resumePaused() {

@@ -5,11 +5,16 @@
 // (64 KiB) from every ready connection and 64 datagrams from the UDP socket; gathered
 // lines go to their loggers when nothing more is ready to read, and at the latest
 // kFlushDelayMs after they were read. A flooding sender therefore delays another's lines
-// by at most that and one round, and its own rate bound holds it back beyond that. Created, started
-// and stopped by the collector on its main thread.
+// by at most that and one round, and its own rate bound holds it back beyond that.
+// Connection slots: a TLS connection must finish its handshake within the settings'
+// handshakeTimeoutMs, and while every slot is taken a new connection takes the slot of
+// the connection idle longest, once that has been idle for idleTimeoutMs. Created,
+// started and stopped by the collector on its main thread.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -32,7 +37,8 @@ public:
     // Longest time a line read waits before it is handed to its file's logger.
     static constexpr long long kFlushDelayMs = 20;
 
-    explicit SyslogServer(const SyslogSettings& settings);
+    // `counters` is borrowed and must outlive the server; any thread may read it.
+    SyslogServer(const SyslogSettings& settings, SyslogCounters& counters);
     SyslogServer(const SyslogServer&) = delete;
     SyslogServer& operator=(const SyslogServer&) = delete;
     // Stops (see stop()).
@@ -53,7 +59,9 @@ private:
     struct Connection {
         explicit Connection(std::size_t maxSize) : framer(maxSize) {}
         int fd = -1;
+        std::uint64_t serial = 0;  // tells a connection from a later one on the same fd
         std::string address;
+        long long lastReadMs = 0;  // steady ms it was accepted or last ready to read
         SyslogFramer framer;
         struct ssl_st* ssl = nullptr;
         bool handshakeDone = false;
@@ -69,6 +77,9 @@ private:
     bool readTls(Connection& connection);
     void deliver(Connection& connection, std::string_view data);
     void closeConnection(Connection& connection, const char* reason);
+    bool closeIdlest();
+    void expireHandshakes();
+    int waitMs() const;
     void resumePaused();
     SyslogRateBucket* bucketFor(const std::string& address);
     void watch(int fd, unsigned events, bool add);
@@ -77,7 +88,7 @@ private:
 
     // Immutable after construction.
     SyslogSettings settings_;
-    SyslogCounters counters_;
+    SyslogCounters& counters_;
     SyslogTlsContext tls_;
     int epoll_ = -1;
     int wake_ = -1;  // eventfd: stop() writes, the thread wakes and ends
@@ -90,12 +101,24 @@ private:
     std::vector<int> paused_;
     std::vector<int> again_;  // TLS connections with decrypted bytes still buffered
     std::vector<char> buffer_;
+    // TLS connections in their handshake, by deadline (steady ms); in accept order, which
+    // is deadline order. Entries of connections gone or done are dropped at the front.
+    struct HandshakeDue {
+        long long dueMs;
+        int fd;
+        std::uint64_t serial;
+    };
+    std::deque<HandshakeDue> handshakes_;
+    std::uint64_t serials_ = 0;
+    long long roundMs_ = 0;     // steady ms the current round started
     long long flushDueMs_ = 0;  // steady ms by which gathered lines are handed on; 0: none
     bool stopping_ = false;
     SyslogThrottledLog rateDropLog_;
     SyslogThrottledLog ratePauseLog_;
     SyslogThrottledLog connectionLog_;
     SyslogThrottledLog frameLog_;
+    SyslogThrottledLog handshakeLog_;
+    SyslogThrottledLog idleLog_;
 
     std::unique_ptr<PThread> thread_;
 };

@@ -30,6 +30,14 @@ struct SyslogSettings {
     // Applications with a file of their own per sender; later ones share "syslog".
     int maxAppsPerSender = 16;
 
+    // Fixed, not read from the settings (tests shorten them). A TLS connection whose
+    // handshake is not done this long after it was accepted is closed.
+    int handshakeTimeoutMs = 10 * 1000;
+    // While every connection slot is taken, a new connection closes the one that has been
+    // idle (no bytes) longest, if that is at least this long; below the cap idle
+    // connections stay open.
+    int idleTimeoutMs = 5 * 60 * 1000;
+
     // Reads every value present; a value out of range is logged and replaced by the
     // nearest bound. Any thread.
     static SyslogSettings read();

@@ -125,7 +125,9 @@ SyslogStore::Sender* SyslogStore::findSender(const std::string& name, const std:
                             quoted(name) + " (" + address + ")");
         return nullptr;
     }
-    return &senders_[name];
+    Sender* sender = &senders_[name];
+    counters_.senders.store(senders_.size(), std::memory_order_relaxed);
+    return sender;
 }
 
 SyslogStore::Log* SyslogStore::findLog(Sender& sender, const std::string& name,

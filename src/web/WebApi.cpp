@@ -7,6 +7,7 @@
 #include <QRegularExpression>
 #include <QTemporaryFile>
 #include <algorithm>
+#include <cstring>
 #include <map>
 
 #include "DeviceArchive.h"
@@ -402,6 +403,36 @@ WebReply metrics(const StatsClient::Stats& stats, std::size_t tailClients) {
         {"connected",
          {"nimb_collector_bus_connected", "gauge",
           "Whether the collector's bus connection is up."}},
+        {"syslog.messages",
+         {"nimb_syslog_messages_total", "counter", "Syslog messages written to files."}},
+        {"syslog.bytes",
+         {"nimb_syslog_bytes_total", "counter", "Bytes the syslog listeners received."}},
+        {"syslog.truncated",
+         {"nimb_syslog_truncated_total", "counter",
+          "Syslog messages cut at the maximum message size."}},
+        {"syslog.heldBack",
+         {"nimb_syslog_held_back_total", "counter",
+          "Times a syslog connection was held back over its sender's rate."}},
+        {"syslog.refusedNames",
+         {"nimb_syslog_refused_host_names_total", "counter",
+          "Syslog host names not usable in a file name (filed under the address)."}},
+        {"syslog.connections",
+         {"nimb_syslog_connections", "gauge", "Open syslog TCP and TLS connections."}},
+        {"syslog.senders", {"nimb_syslog_senders", "gauge", "Syslog senders with files."}},
+    };
+    // Counters by kind: "<prefix><label value>" becomes "<name>{<label>="<value>"}".
+    struct Family {
+        const char* prefix;
+        const char* name;
+        const char* label;
+        const char* help;
+    };
+    static const Family families[] = {
+        {"errors.", "nimb_collector_errors_total", "kind", "Requests that failed, by kind."},
+        {"syslog.dropped.", "nimb_syslog_dropped_total", "reason",
+         "Syslog messages dropped, by reason."},
+        {"syslog.closed.", "nimb_syslog_connections_closed_total", "reason",
+         "Syslog connections refused or closed by the collector, by reason."},
     };
     QByteArray out;
     const auto line = [&out](const char* name, const char* type, const char* help) {
@@ -416,18 +447,22 @@ WebReply metrics(const StatsClient::Stats& stats, std::size_t tailClients) {
         out += QByteArray(metric.name) + ' ' +
                QByteArray::number(static_cast<qint64>(value->second)) + '\n';
     }
-    bool errorsHeader = false;
-    for (const auto& [key, value] : stats.values) {
-        if (key.rfind("errors.", 0) != 0) continue;
-        if (!errorsHeader)
-            line("nimb_collector_errors_total", "counter", "Requests that failed, by kind.");
-        errorsHeader = true;
-        const std::string kind = key.substr(7);
-        if (!std::all_of(kind.begin(), kind.end(),
-                         [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; }))
-            continue;
-        out += "nimb_collector_errors_total{kind=\"" + QByteArray::fromStdString(kind) + "\"} " +
-               QByteArray::number(static_cast<qint64>(value)) + '\n';
+    for (const Family& family : families) {
+        const std::size_t prefixLength = std::strlen(family.prefix);
+        bool header = false;
+        for (const auto& [key, value] : stats.values) {
+            if (key.rfind(family.prefix, 0) != 0) continue;
+            const std::string kind = key.substr(prefixLength);
+            if (kind.empty() || !std::all_of(kind.begin(), kind.end(), [](char c) {
+                    return std::isalnum(static_cast<unsigned char>(c)) != 0;
+                }))
+                continue;
+            if (!header) line(family.name, "counter", family.help);
+            header = true;
+            out += QByteArray(family.name) + '{' + family.label + "=\"" +
+                   QByteArray::fromStdString(kind) + "\"} " +
+                   QByteArray::number(static_cast<qint64>(value)) + '\n';
+        }
     }
     line("nimb_web_tail_clients", "gauge", "Live tails open in nimb-web.");
     out += "nimb_web_tail_clients " + QByteArray::number(static_cast<qint64>(tailClients)) + '\n';

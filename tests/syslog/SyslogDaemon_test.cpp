@@ -1,7 +1,12 @@
 // SPDX-License-Identifier: MIT
 // The syslog listeners end to end: the real collector on a real nats-server, with
-// util-linux `logger`, raw sockets and `openssl s_client` as the senders.
+// util-linux `logger`, raw sockets and `openssl s_client` as the senders, its counters
+// read with kib-call; and the listeners in this process with shortened connection
+// timeouts, so that silent connections run out in a second.
 
+#include <chrono>
+#include <map>
+#include <regex>
 #include <set>
 #include <string>
 #include <thread>
@@ -11,6 +16,7 @@
 
 #include "NatsServer.h"
 #include "NimbTestSupport.h"
+#include "SyslogServer.h"
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -120,6 +126,18 @@ protected:
     bool holds(const std::string& name, const std::string& text) {
         return waitUntil([&] { return readFile(logs() / name).find(text) != std::string::npos; });
     }
+    // The collector's counters as RemoteLogger.GetStats answers them.
+    std::map<std::string, long long> stats() {
+        const ChildResult call =
+            runChild({KIB_CALL, "--host", server_.host(), "RemoteLogger", "GetStats"}, {},
+                     root("tmp/stats.txt"), false);
+        std::map<std::string, long long> values;
+        const std::regex pair(R"re(\["([^"]+)",\{"i8":(-?[0-9]+)\}\])re");
+        for (std::sregex_iterator it(call.output.begin(), call.output.end(), pair), end; it != end;
+             ++it)
+            values[(*it)[1]] = std::stoll((*it)[2]);
+        return values;
+    }
     int runLogger(const std::vector<std::string>& options, const std::string& message) {
         std::vector<std::string> argv = {onPath("logger"), "--server", "127.0.0.1"};
         argv.insert(argv.end(), options.begin(), options.end());
@@ -157,6 +175,10 @@ TEST_F(SyslogDaemonTest, LoggerInEveryModeReachesItsFile) {
                       .rfind("\n===== " + hostName() + " - syslog 127.0.0.1 clock ", 0),
                   0u);
     }
+    std::map<std::string, long long> counted = stats();
+    EXPECT_EQ(counted["syslog.messages"], 6);
+    EXPECT_GT(counted["syslog.bytes"], 6 * 20);
+    EXPECT_EQ(counted["syslog.senders"], 1);
     EXPECT_NE(stop().find("Syslog: stopped; 6 lines written"), std::string::npos);
 }
 
@@ -279,6 +301,16 @@ TEST_F(SyslogDaemonTest, BoundsOnConnectionsAndRateKeepOtherSendersServed) {
     close(stream);
     EXPECT_TRUE(holds("steady-app", "steady app: 59\n"));
     EXPECT_EQ(linesOf(readFile(logs() / "steady-app")).size(), 2u + 60u);
+    std::map<std::string, long long> counted;
+    EXPECT_TRUE(waitUntil([&] {
+        counted = stats();
+        return counted["syslog.connections"] == 0;
+    })) << counted["syslog.connections"];
+    EXPECT_EQ(counted["syslog.closed.cap"], 1);
+    EXPECT_GT(counted["syslog.dropped.rate"], 0);
+    EXPECT_GE(counted["syslog.heldBack"], 1);
+    EXPECT_EQ(counted["syslog.senders"], 3);  // flood, quiet, steady
+    EXPECT_EQ(counted["syslog.closed.idle"], 0);
     const std::string log = stop();
     EXPECT_NE(log.find("Syslog: too many connections: at most 2; refused one from 127.0.0.1"),
               std::string::npos);
@@ -292,6 +324,151 @@ TEST_F(SyslogDaemonTest, BoundsOnConnectionsAndRateKeepOtherSendersServed) {
     const std::size_t written = linesOf(readFile(logs() / "flood-app")).size() - 2;
     EXPECT_GE(written, 40u);  // the burst allowance at least
     EXPECT_LT(written, 500u);
+}
+
+// The listeners in this process, with connection timeouts of a second or less.
+class SyslogServerTest : public ConfigHomeTest {
+protected:
+    using Clock = std::chrono::steady_clock;
+
+    void SetUp() override {
+        ConfigHomeTest::SetUp();
+        fs::create_directory(fs::path(dir_.path()) / "logs");
+        setSuiteSetting("LogsDir", (fs::path(dir_.path()) / "logs").string());
+        settings_.maxLinesPerSecond = 0;
+    }
+    void start() {
+        server_ = std::make_unique<SyslogServer>(settings_, counters_);
+        ASSERT_TRUE(server_->start());
+    }
+    void TearDown() override {
+        server_.reset();
+        ConfigHomeTest::TearDown();
+    }
+    // Waits until the server holds `count` connections.
+    bool holding(std::uint64_t count) {
+        return waitUntil([&] { return counters_.connections.load() == count; });
+    }
+    static long long msSince(Clock::time_point start) {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+    }
+    // Whether the server closed `fd` (end of stream or reset) within its receive timeout.
+    static bool closedByServer(int fd) {
+        char byte = 0;
+        const ssize_t length = recv(fd, &byte, 1, 0);
+        return length == 0 || (length < 0 && errno != EAGAIN && errno != EWOULDBLOCK);
+    }
+    // Whether `fd` is open with nothing to read.
+    static bool stillOpen(int fd) {
+        char byte = 0;
+        return recv(fd, &byte, 1, MSG_DONTWAIT) == -1 && errno == EAGAIN;
+    }
+
+    SyslogSettings settings_;
+    SyslogCounters counters_;
+    std::unique_ptr<SyslogServer> server_;
+};
+
+TEST_F(SyslogServerTest, IdleConnectionsGiveWayToNewSendersOnlyAtTheCap) {
+    settings_.tcpPort = NatsServer::freePort();
+    settings_.maxConnections = 3;
+    settings_.idleTimeoutMs = 1500;
+    start();
+    const int silent[2] = {connectTo(SOCK_STREAM, settings_.tcpPort),
+                           connectTo(SOCK_STREAM, settings_.tcpPort)};
+    const int talker = connectTo(SOCK_STREAM, settings_.tcpPort);
+    ASSERT_TRUE(holding(3));
+    const Clock::time_point full = Clock::now();
+    // A sender retries every 100 ms, as a syslog daemon does: refused at first, it gets
+    // the slot of a silent connection once that has been idle for the timeout.
+    bool talked = false;
+    int sender = -1;
+    long long through = -1;
+    for (int attempt = 0; attempt < 40 && through < 0; ++attempt) {
+        if (!talked && msSince(full) >= 1200) {
+            sendAll(talker, "<13>Nov 24 10:00:00 talker app: still here\n");
+            talked = true;
+        }
+        const std::uint64_t refused = counters_.connectionsRefused.load();
+        const int fd = connectTo(SOCK_STREAM, settings_.tcpPort);
+        ASSERT_NE(fd, -1);
+        ASSERT_TRUE(waitUntil([&] {
+            return counters_.connectionsRefused.load() > refused || counters_.idleClosed.load() > 0;
+        }));
+        if (counters_.idleClosed.load() > 0) {
+            through = msSince(full);
+            sender = fd;
+        } else {
+            close(fd);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    }
+    ASSERT_TRUE(talked);
+    ASSERT_GE(through, 1400);
+    EXPECT_LE(through, 1500 + 1000);
+    EXPECT_GE(counters_.connectionsRefused.load(), 1u);
+    EXPECT_EQ(counters_.idleClosed.load(), 1u);
+    sendAll(sender, "<13>Nov 24 10:00:00 sender app: through\n");
+    // A second newcomer takes the other silent slot; the talker and the sender keep theirs.
+    const int second = connectTo(SOCK_STREAM, settings_.tcpPort);
+    sendAll(second, "<13>Nov 24 10:00:00 second app: through\n");
+    EXPECT_TRUE(waitUntil([&] { return counters_.lines.load() == 3; }));
+    EXPECT_TRUE(closedByServer(silent[0]));
+    EXPECT_TRUE(closedByServer(silent[1]));
+    const std::uint64_t refused = counters_.connectionsRefused.load();
+    const int third = connectTo(SOCK_STREAM, settings_.tcpPort);
+    EXPECT_TRUE(closedByServer(third));
+    EXPECT_EQ(counters_.connectionsRefused.load(), refused + 1);
+    EXPECT_EQ(counters_.idleClosed.load(), 2u);
+    EXPECT_TRUE(stillOpen(talker));
+    sendAll(talker, "<13>Nov 24 10:00:00 talker app: again\n");
+    EXPECT_TRUE(waitUntil([&] { return counters_.lines.load() == 4; }));
+    for (int fd : {silent[0], silent[1], talker, sender, second, third}) close(fd);
+}
+
+TEST_F(SyslogServerTest, TlsConnectionsMustFinishTheirHandshakeInTime) {
+    TempDir scratch;
+    const std::string cert = (fs::path(dir_.path()) / "cert.pem").string();
+    const std::string key = (fs::path(dir_.path()) / "key.pem").string();
+    ASSERT_EQ(runProgram({onPath("openssl"), "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                          "ec_paramgen_curve:prime256v1", "-nodes", "-days", "1", "-subj",
+                          "/CN=localhost", "-keyout", key, "-out", cert},
+                         scratch)
+                  .exitCode(),
+              0);
+    settings_.tlsPort = NatsServer::freePort();
+    settings_.certFile = cert;
+    settings_.keyFile = key;
+    settings_.maxConnections = 2;
+    settings_.handshakeTimeoutMs = 400;
+    start();
+    // One client says nothing, the other stops inside its hello; together they fill the cap.
+    const int silent = connectTo(SOCK_STREAM, settings_.tlsPort);
+    const int halfway = connectTo(SOCK_STREAM, settings_.tlsPort);
+    sendAll(halfway, std::string("\x16\x03\x01\x00", 4));
+    ASSERT_TRUE(holding(2));
+    const Clock::time_point full = Clock::now();
+    EXPECT_TRUE(closedByServer(silent));
+    EXPECT_TRUE(closedByServer(halfway));
+    const long long closed = msSince(full);
+    EXPECT_LE(closed, 400 + 1000);
+    EXPECT_EQ(counters_.handshakeTimeouts.load(), 2u);
+    EXPECT_TRUE(holding(0));
+    close(silent);
+    close(halfway);
+    // A client that finishes its handshake stays beyond the timeout (s_client holds the
+    // connection a second after its input).
+    const std::string message = "<13>1 2026-11-24T10:00:00Z secure app - - - in time";
+    writeFile(fs::path(dir_.path()) / "input.txt", std::to_string(message.size()) + " " + message);
+    const ChildResult client =
+        runChild({onPath("sh"), "-c",
+                  "(cat " + (fs::path(dir_.path()) / "input.txt").string() +
+                      "; sleep 1) | openssl s_client -quiet -no_ign_eof -connect 127.0.0.1:" +
+                      std::to_string(settings_.tlsPort)},
+                 {}, fs::path(dir_.path()) / "client.txt", true, std::chrono::seconds(20));
+    EXPECT_TRUE(client.finished);
+    EXPECT_TRUE(waitUntil([&] { return counters_.lines.load() == 1; }));
+    EXPECT_EQ(counters_.handshakeTimeouts.load(), 2u);
 }
 
 }  // namespace

@@ -11,7 +11,10 @@
 #include "WebTestSupport.h"
 #include <archive.h>
 #include <archive_entry.h>
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -484,6 +487,9 @@ TEST_F(WebServerTest, CredentialsAreRequiredOffLoopbackAndChecked) {
 }
 
 TEST_F(WebServerTest, CountersComeFromTheCollectorAndReachMetrics) {
+    const int udpPort = NatsServer::freePort();
+    writeFile(root() / "cfg/pellix/com.pellix.nimb.syslog.json",
+              "{\"UdpPort\": " + std::to_string(udpPort) + "}");
     startCollector();
     startWeb();
     ASSERT_EQ(
@@ -508,14 +514,45 @@ TEST_F(WebServerTest, CountersComeFromTheCollectorAndReachMetrics) {
     EXPECT_EQ(counters.value(QStringLiteral("errors.invalid")).toInt(), 1);
     EXPECT_EQ(counters.value(QStringLiteral("errors.unknown")).toInt(), 1);
     EXPECT_EQ(counters.value(QStringLiteral("connected")).toInt(), 1);
+    EXPECT_EQ(counters.value(QStringLiteral("syslog.messages")).toInt(-1), 0);
+
+    // A syslog datagram moves the syslog counters.
+    ASSERT_TRUE(nimbtest::waitUntil([&] {
+        return readFile(root() / "collector.txt").find("Syslog: listening") != std::string::npos;
+    }));
+    const std::string datagram = "<13>Nov 22 10:00:00 router app: one";
+    const int udp = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in peer{};
+    peer.sin_family = AF_INET;
+    peer.sin_port = htons(static_cast<uint16_t>(udpPort));
+    inet_pton(AF_INET, "127.0.0.1", &peer.sin_addr);
+    ASSERT_EQ(sendto(udp, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&peer),
+                     sizeof(peer)),
+              static_cast<ssize_t>(datagram.size()));
+    close(udp);
+    const bool filed = nimbtest::waitUntil(
+        [&] {
+            counters = json(get("/api/stats")).value(QStringLiteral("counters")).toObject();
+            return counters.value(QStringLiteral("syslog.messages")).toInt() == 1;
+        },
+        std::chrono::seconds(10));
+    ASSERT_TRUE(filed) << QJsonDocument(counters).toJson().toStdString();
+    EXPECT_EQ(counters.value(QStringLiteral("syslog.bytes")).toInt(),
+              static_cast<int>(datagram.size()));
+    EXPECT_EQ(counters.value(QStringLiteral("syslog.senders")).toInt(), 1);
 
     const std::string metrics = get("/metrics").body;
-    for (const char* line : {"nimb_collector_up 1\n", "nimb_collector_requests_total 2\n",
-                             "nimb_collector_lines_written_total 4\n",
-                             "nimb_collector_errors_total{kind=\"invalid\"} 1\n",
-                             "nimb_collector_errors_total{kind=\"busy\"} 0\n",
-                             "nimb_collector_errors_total{kind=\"unknown\"} 1\n",
-                             "# TYPE nimb_collector_queue_depth gauge\n"}) {
+    for (const char* line :
+         {"nimb_collector_up 1\n", "nimb_collector_requests_total 2\n",
+          "nimb_collector_lines_written_total 4\n",
+          "nimb_collector_errors_total{kind=\"invalid\"} 1\n",
+          "nimb_collector_errors_total{kind=\"busy\"} 0\n",
+          "nimb_collector_errors_total{kind=\"unknown\"} 1\n",
+          "# TYPE nimb_collector_queue_depth gauge\n",
+          "# TYPE nimb_syslog_messages_total counter\n", "nimb_syslog_messages_total 1\n",
+          "nimb_syslog_senders 1\n", "nimb_syslog_dropped_total{reason=\"rate\"} 0\n",
+          "# TYPE nimb_syslog_connections_closed_total counter\n",
+          "nimb_syslog_connections_closed_total{reason=\"idle\"} 0\n"}) {
         EXPECT_NE(metrics.find(line), std::string::npos) << line << metrics;
     }
 }
