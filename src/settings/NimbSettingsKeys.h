@@ -62,6 +62,8 @@ constexpr Key kKeys[] = {
     {kWebKey, "TokenHash", "string", "none", "nimb-web bearer token (nimb-web --hash-secret)"},
     {kWebKey, "User", "string", "none", "nimb-web user name for its password"},
     {kWebKey, "PasswordHash", "string", "none", "nimb-web password (nimb-web --hash-secret)"},
+    {kWebKey, "BusCredsFile", "string", "kibDirectory.credsFile",
+     "nimb-web's own bus credentials file"},
 };
 
 }  // namespace NimbSettings

@@ -26,6 +26,10 @@ WebSettings WebSettings::load() {
     settings.user = readString(kKey, "User", {});
     settings.passwordHash = readString(kKey, "PasswordHash", {});
     settings.bus = NimbBusSettings::read();
+    // Its own bus account when it has one: the suite's credentials file is the
+    // collector's where both read the same settings home (the packaged services).
+    const QString busCreds = readString(kKey, "BusCredsFile", {});
+    if (!busCreds.isEmpty()) settings.bus.connection.credentialsFile = busCreds.toStdString();
     settings.logsDir = CFileTools::GetLogsDirectory();
     const char* tmp = std::getenv("TMPDIR");
     settings.dumpDir = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";

@@ -23,14 +23,15 @@ struct WebSettings {
     QString tokenHash;
     QString user;
     QString passwordHash;
-    // Where the collector's counters are read: the suite's bus settings (TLS, credentials).
+    // Where the collector's counters are read: the suite's bus settings (server, TLS),
+    // with BusCredsFile, when set, as the credentials file.
     NimbBusSettings bus;
     // Why a stored setting could not be used (the program refuses to start); "" if none.
     QString problem;
 
-    // Reads the stored settings: Listen, TokenHash, User, PasswordHash under kKey;
-    // the logs folder (CFileTools); "kibDirectory.host"; the dump folder ($TMPDIR,
-    // else /tmp).
+    // Reads the stored settings: Listen, TokenHash, User, PasswordHash, BusCredsFile
+    // under kKey; the logs folder (CFileTools); the bus settings; the dump folder
+    // ($TMPDIR, else /tmp).
     static WebSettings load();
 
     // Sets listen/host/port from "ADDR:PORT" (IPv6 as "[ADDR]:PORT"); false with

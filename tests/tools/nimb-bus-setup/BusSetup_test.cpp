@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 // nimb-bus-setup end to end: the configuration it writes runs a real nats-server on a
-// loopback port, with the collector and devices using the credentials it issued. What
-// the server must refuse (bad credentials, wrong CA, plaintext, impersonation, reading
-// another device's replies) is tried for real.
+// loopback port, with the collector, nimb-web and devices using the credentials it
+// issued. What the server must refuse (bad credentials, wrong CA, plaintext,
+// impersonation, reading another account's replies or requests, nimb-web writing logs,
+// a revoked account that is still connected) is tried for real.
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -13,7 +15,10 @@
 
 #include "BusTestSupport.h"
 #include "NatsServer.h"
+#include "WebTestSupport.h"
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 namespace {
 
@@ -34,6 +39,116 @@ unsigned modeOf(const fs::path& path) {
     ::stat(path.c_str(), &info);
     return info.st_mode & 0777;
 }
+
+// Calls `done` every `interval` until it returns true or `limit` has passed. Bounded by
+// the clock as well as by the count, as each call may itself take a while.
+bool pollUntil(const std::function<bool()>& done, std::chrono::milliseconds limit,
+               std::chrono::milliseconds interval = std::chrono::milliseconds(100)) {
+    const auto until = std::chrono::steady_clock::now() + limit;
+    for (int i = 0; i < 1000 && std::chrono::steady_clock::now() < until; ++i) {
+        if (done()) return true;
+        std::this_thread::sleep_for(interval);
+    }
+    return false;
+}
+
+// A raw client of the bus with one account's user name and password, to try what the
+// server lets that account do. Does not reconnect.
+class RawClient {
+public:
+    RawClient(const std::string& url, const std::string& caFile, const std::string& credsFile) {
+        natsOptions_Create(&options_);
+        natsOptions_SetURL(options_, url.c_str());
+        natsOptions_SetSecure(options_, true);
+        natsOptions_LoadCATrustedCertificates(options_, caFile.c_str());
+        natsOptions_SetUserInfo(options_, valueOf(credsFile, "user").c_str(),
+                                valueOf(credsFile, "password").c_str());
+        natsOptions_SetAllowReconnect(options_, false);
+        status_ = natsConnection_Connect(&nc_, options_);
+        if (status_ != NATS_OK) error_ = nats_GetLastError(nullptr);
+    }
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+    ~RawClient() {
+        natsConnection_Destroy(nc_);
+        natsOptions_Destroy(options_);
+    }
+
+    bool connected() const { return status_ == NATS_OK; }
+    // Why the connection was refused.
+    const std::string& error() const { return error_; }
+    bool closed() const { return nc_ == nullptr || natsConnection_IsClosed(nc_); }
+
+    // Whether the server answers a subscription to `subject` with its refusal within 2 s.
+    bool refusesSubscription(const char* subject) {
+        natsSubscription* sub = nullptr;
+        natsConnection_SubscribeSync(&sub, nc_, subject);
+        const bool refused = refusal(std::string("Subscription to \"") + subject + "\"");
+        natsSubscription_Destroy(sub);
+        return refused;
+    }
+    // The same for a publication to `subject`.
+    bool refusesPublication(const char* subject) {
+        natsConnection_PublishString(nc_, subject, "refused");
+        return refusal(std::string("Publish to \"") + subject + "\"");
+    }
+
+private:
+    bool refusal(const std::string& what) {
+        natsConnection_FlushTimeout(nc_, 2000);
+        const std::string expected = "Permissions Violation for " + what;
+        // The server's refusal arrives asynchronously after the flush's round trip.
+        return waitUntil(
+            [&] {
+                const char* text = nullptr;
+                natsConnection_GetLastError(nc_, &text);
+                return text != nullptr && std::string(text).find(expected) != std::string::npos;
+            },
+            std::chrono::seconds(2));
+    }
+
+    natsOptions* options_ = nullptr;
+    natsConnection* nc_ = nullptr;
+    natsStatus status_ = NATS_ERR;
+    std::string error_;
+};
+
+// nimb-web as a child process serving on a free loopback port; killed on destruction.
+class WebConsole {
+public:
+    WebConsole(const CollectorHome& home, const fs::path& output) : output_(output) {
+        port_ = NatsServer::freePort();
+        pid_ = spawnChild({NIMB_WEB, "--listen", "127.0.0.1:" + std::to_string(port_), "--logs-dir",
+                           home.logs().string()},
+                          home.environment(), output_);
+    }
+    WebConsole(const WebConsole&) = delete;
+    WebConsole& operator=(const WebConsole&) = delete;
+    ~WebConsole() {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+    }
+
+    // Waits up to `limit` until /metrics says whether the collector answered, as `up`.
+    bool waitForCollectorUp(bool up, std::chrono::seconds limit) {
+        const std::string line = std::string("nimb_collector_up ") + (up ? "1" : "0") + "\n";
+        return pollUntil(
+            [&] {
+                metrics_ =
+                    webtest::request(port_, "/metrics", {}, "GET", std::chrono::seconds(3)).body;
+                return metrics_.find(line) != std::string::npos;
+            },
+            limit);
+    }
+    const std::string& metrics() const { return metrics_; }
+    std::string output() const { return fs::exists(output_) ? readFile(output_) : std::string(); }
+
+private:
+    fs::path output_;
+    int port_ = 0;
+    pid_t pid_ = -1;
+    std::string metrics_;
+};
 
 class BusSetupTest : public ::testing::Test {
 protected:
@@ -72,6 +187,8 @@ protected:
     }
     static std::string bus(const std::string& name) { return root_->path() + "/bus/" + name; }
     static std::string device(const std::string& name) { return bus("devices/" + name + ".creds"); }
+    static std::string web() { return bus("nimb-web.creds"); }
+    static std::string url() { return "nats://" + host(); }
     static std::string host() { return "127.0.0.1:" + std::to_string(port_); }
     static KibConnectOptions optionsOf(const std::string& creds) { return {bus("ca.pem"), creds}; }
 
@@ -103,16 +220,20 @@ Collector* BusSetupTest::collector_ = nullptr;
 std::string BusSetupTest::outputs_;
 
 TEST_F(BusSetupTest, SecretsArePrivateAndNamesChecked) {
-    for (const std::string& file : {bus("ca.key"), bus("nimb-collector.creds"), device("kitchen")})
+    for (const std::string& file :
+         {bus("ca.key"), bus("nimb-collector.creds"), web(), device("kitchen")})
         EXPECT_EQ(modeOf(file), 0600u) << file;
     for (const std::string& file : {bus("server.key"), bus("accounts.conf")})
         EXPECT_EQ(modeOf(file) & 0037u, 0u) << file;  // the server's group may read, no more
-    for (const std::string& creds : {bus("nimb-collector.creds"), device("kitchen")})
+    for (const std::string& creds : {bus("nimb-collector.creds"), web(), device("kitchen")})
         EXPECT_EQ(outputs_.find(valueOf(creds, "password")), std::string::npos) << outputs_;
 
     const std::string settings = readFile(home_->root() / "cfg/pellix/com.pellix.nimb.config.json");
     EXPECT_NE(settings.find(bus("nimb-collector.creds")), std::string::npos) << settings;
     EXPECT_NE(settings.find(bus("ca.pem")), std::string::npos) << settings;
+    // nimb-web shares that home and names its own account under its own key.
+    const std::string webSettings = readFile(home_->root() / "cfg/pellix/com.pellix.nimb.web.json");
+    EXPECT_NE(webSettings.find(web()), std::string::npos) << webSettings;
 
     const struct {
         std::vector<std::string> arguments;
@@ -122,6 +243,7 @@ TEST_F(BusSetupTest, SecretsArePrivateAndNamesChecked) {
         {{"add-device", ""}, "device names are 1 to 63 letters"},
         {{"add-device", "kitchen"}, "device kitchen exists already"},
         {{"revoke-device", "attic"}, "no device attic"},
+        {{"reissue-web", "now"}, "reissue-web takes no argument"},
         {{"frobnicate"}, "unknown command frobnicate"},
     };
     for (const auto& c : refused) {
@@ -247,37 +369,79 @@ TEST_F(BusSetupTest, DeviceCannotImpersonateTheCollector) {
 
 // A raw client with a device's account: what it may not subscribe to is refused.
 TEST_F(BusSetupTest, DeviceCannotReadServiceRequestsOrOtherDevicesReplies) {
-    natsOptions* options = nullptr;
-    ASSERT_EQ(natsOptions_Create(&options), NATS_OK);
-    const std::string url = "nats://" + host();
-    natsOptions_SetURL(options, url.c_str());
-    natsOptions_SetSecure(options, true);
-    natsOptions_LoadCATrustedCertificates(options, bus("ca.pem").c_str());
-    natsOptions_SetUserInfo(options, "device-kitchen",
-                            valueOf(device("kitchen"), "password").c_str());
-    natsOptions_SetAllowReconnect(options, false);
-    natsConnection* nc = nullptr;
-    ASSERT_EQ(natsConnection_Connect(&nc, options), NATS_OK) << nats_GetLastError(nullptr);
+    RawClient kitchen(url(), bus("ca.pem"), device("kitchen"));
+    ASSERT_TRUE(kitchen.connected()) << kitchen.error();
+    for (const char* subject : {"_INBOX_device-garage.>", "_INBOX_nimb-web.>",
+                                "kib.svc.RemoteLogger.AppendLog", "kib.svc.>", "_INBOX.>", ">"})
+        EXPECT_TRUE(kitchen.refusesSubscription(subject)) << subject;
+}
 
-    for (const char* subject : {"_INBOX_device-garage.>", "kib.svc.RemoteLogger.AppendLog",
-                                "kib.svc.>", "_INBOX.>", ">"}) {
-        natsSubscription* sub = nullptr;
-        ASSERT_EQ(natsConnection_SubscribeSync(&sub, nc, subject), NATS_OK);
-        natsConnection_FlushTimeout(nc, 2000);
-        const char* text = nullptr;
-        // The server's refusal arrives asynchronously after the flush's round trip.
-        EXPECT_TRUE(waitUntil(
-            [&] {
-                natsConnection_GetLastError(nc, &text);
-                return text != nullptr && std::string(text).find(std::string("Subscription to \"") +
-                                                                 subject) != std::string::npos;
-            },
-            std::chrono::seconds(2)))
-            << subject << ": " << (text != nullptr ? text : "");
-        natsSubscription_Destroy(sub);
-    }
-    natsConnection_Destroy(nc);
-    natsOptions_Destroy(options);
+// nimb-web, started with the settings home the collector reads (as the packaged services
+// share one), connects with its own account and shows the collector's counters; that
+// account may not write logs, serve or watch requests, or read anyone else's replies.
+TEST_F(BusSetupTest, WebAccountReadsTheCountersAndNothingElse) {
+    WebConsole console(*home_, fs::path(root_->path()) / "web.txt");
+    EXPECT_TRUE(console.waitForCollectorUp(true, std::chrono::seconds(15)))
+        << console.metrics() << console.output();
+    EXPECT_NE(console.metrics().find("nimb_collector_bus_connected 1\n"), std::string::npos)
+        << console.metrics();
+    EXPECT_EQ(console.output().find(valueOf(web(), "password")), std::string::npos);
+
+    RawClient monitor(url(), bus("ca.pem"), web());
+    ASSERT_TRUE(monitor.connected()) << monitor.error();
+    for (const char* subject :
+         {"kib.svc.RemoteLogger.SetLogSource", "kib.svc.RemoteLogger.AppendLog",
+          "kib.avail.RemoteLogger", "kib.ping.RemoteLogger", "kib.discover"})
+        EXPECT_TRUE(monitor.refusesPublication(subject)) << subject;
+    for (const char* subject :
+         {"kib.svc.RemoteLogger.GetStats", "kib.svc.>", "_INBOX_nimb-collector.>",
+          "_INBOX_device-kitchen.>", "kib.avail.>", "kib.ping.RemoteLogger", "_INBOX.>", ">"})
+        EXPECT_TRUE(monitor.refusesSubscription(subject)) << subject;
+
+    // Through the bus library as well: a log announced with this account never arrives.
+    Device intruder("66:55:44:33:22:11", "forged.log");
+    ASSERT_EQ(intruder.connect(host(), optionsOf(web()), "nimb-web"), KIB_OK);
+    EXPECT_NE(intruder.announce(500), 0);
+    EXPECT_NE(intruder.append("forged", 500), 0);
+    EXPECT_FALSE(fs::exists(home_->logs() / intruder.fileName()));
+}
+
+// Credentials do not expire; revoking them is the way to withdraw them, and a client
+// connected with them at that moment is cut off when the server reloads its accounts.
+TEST_F(BusSetupTest, RevokedAccountsAreCutOffAtTheReload) {
+    ASSERT_EQ(setup({"add-device", "porch"}).exitCode(), 0);
+    Device porch("00:11:22:33:44:66", "porch.log");
+    ASSERT_EQ(porch.connect(host(), optionsOf(device("porch")), "porch"), KIB_OK);
+    ASSERT_EQ(porch.announce(), 0);
+    ASSERT_EQ(porch.append("before"), 0);
+    RawClient oldWeb(url(), bus("ca.pem"), web());
+    ASSERT_TRUE(oldWeb.connected()) << oldWeb.error();
+    const std::string oldWebFile = root_->path() + "/old-web.creds";
+    fs::copy_file(web(), oldWebFile, fs::copy_options::overwrite_existing);
+
+    const ChildResult revoked = setup({"revoke-device", "porch"});
+    ASSERT_EQ(revoked.exitCode(), 0) << revoked.output;
+    EXPECT_NE(revoked.output.find("reloaded"), std::string::npos) << revoked.output;
+    // The reload is asynchronous: the device's requests fail within a few seconds, and
+    // what it sends from then on is not written.
+    EXPECT_TRUE(pollUntil([&] { return porch.append("probe") != 0; }, std::chrono::seconds(10)));
+    EXPECT_NE(porch.append("after revocation"), 0);
+
+    const ChildResult reissued = setup({"reissue-web"});
+    ASSERT_EQ(reissued.exitCode(), 0) << reissued.output;
+    EXPECT_EQ(reissued.output.find(valueOf(web(), "password")), std::string::npos);
+    EXPECT_EQ(modeOf(web()), 0600u);
+    EXPECT_TRUE(waitUntil([&] { return oldWeb.closed(); }, std::chrono::seconds(5)));
+    RawClient again(url(), bus("ca.pem"), oldWebFile);
+    EXPECT_FALSE(again.connected());
+    EXPECT_NE(again.error().find("Authorization Violation"), std::string::npos) << again.error();
+    RawClient renewed(url(), bus("ca.pem"), web());
+    EXPECT_TRUE(renewed.connected()) << renewed.error();
+
+    const fs::path file = home_->logs() / porch.fileName();
+    EXPECT_TRUE(waitUntil(
+        [&] { return fs::exists(file) && readFile(file).find("before\n") != std::string::npos; }));
+    EXPECT_EQ(readFile(file).find("after revocation"), std::string::npos);
 }
 
 TEST_F(BusSetupTest, SecondCollectorRefusesToStart) {
