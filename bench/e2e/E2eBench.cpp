@@ -28,13 +28,14 @@
 #include <string>
 #include <vector>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <nats/nats.h>
 
 #include "E2eDevices.h"
 #include "E2eProcess.h"
 #include "NatsServer.h"
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 using namespace e2e;

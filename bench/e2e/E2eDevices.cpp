@@ -8,10 +8,11 @@
 #include <ctime>
 #include <thread>
 
+#include <sys/wait.h>
+
 #include "KibCodec.h"
 #include "KibVariant.h"
 #include "KibVariantHolder.h"
-#include <sys/wait.h>
 
 namespace fs = std::filesystem;
 

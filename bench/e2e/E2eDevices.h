@@ -13,10 +13,11 @@
 #include <string>
 #include <vector>
 
+#include <sys/types.h>
+
 #include <nats/nats.h>
 
 #include "KibSubjects.h"
-#include <sys/types.h>
 
 namespace e2e {
 

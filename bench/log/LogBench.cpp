@@ -21,18 +21,20 @@
 #include <thread>
 #include <vector>
 
-#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/time.h>
+#include <unistd.h>
+
 #include <boost/make_shared.hpp>
 
-#include "CBBLog.h"
-#include "CRegistry.h"
-#include <fcntl.h>
+#include <benchmark/benchmark.h>
 #include <spdlog/async.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
-#include <sys/time.h>
-#include <unistd.h>
+
+#include "CBBLog.h"
+#include "CRegistry.h"
 
 namespace {
 

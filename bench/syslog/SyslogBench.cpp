@@ -26,7 +26,6 @@
 #include <thread>
 #include <vector>
 
-#include "NatsServer.h"
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -34,6 +33,8 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "NatsServer.h"
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;

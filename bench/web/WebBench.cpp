@@ -11,11 +11,12 @@
 #include <string>
 #include <vector>
 
+#include <string.h>
+
 #include <benchmark/benchmark.h>
 
 #include "LogCatalog.h"
 #include "LogSearch.h"
-#include <string.h>
 
 namespace {
 

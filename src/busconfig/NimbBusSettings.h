@@ -10,9 +10,10 @@
 // read shows when connecting, as the bus library's status and lastConnectError().
 #pragma once
 
+#include <string>
+
 #include <QCommandLineOption>
 #include <QList>
-#include <string>
 
 #include "KibConnectOptions.h"
 

@@ -4,11 +4,12 @@
 #include <cstring>
 #include <ctime>
 
-#include "CBBLog.h"
-#include "LogFileIo.h"
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "CBBLog.h"
+#include "LogFileIo.h"
 
 namespace {
 

@@ -8,8 +8,9 @@
 
 #include <cstddef>
 
-#include "StdString.h"
 #include <limits.h>
+
+#include "StdString.h"
 
 class CrashLog {
 public:

@@ -12,8 +12,9 @@
 #include <memory>
 #include <vector>
 
-#include "StdString.h"
 #include <limits.h>
+
+#include "StdString.h"
 
 namespace google_breakpad {
 class ExceptionHandler;

@@ -10,15 +10,16 @@
 #include <optional>
 #include <stdexcept>
 
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <boost/filesystem.hpp>
 
 #include "CRegistry.h"
 #include "CStdPath.h"
 #include "NimbSettingsKeys.h"
 #include "SuiteFolders.h"
-#include <pwd.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace fs = boost::filesystem;
 

@@ -4,11 +4,12 @@
 #include <climits>
 #include <cstring>
 
-#include "CFileTools.h"
-#include "CStdPath.h"
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+
+#include "CFileTools.h"
+#include "CStdPath.h"
 
 namespace {
 

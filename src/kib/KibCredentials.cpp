@@ -6,8 +6,9 @@
 #include <fstream>
 #include <sstream>
 
-#include "KibNats.h"
 #include <sys/stat.h>
+
+#include "KibNats.h"
 
 namespace {
 

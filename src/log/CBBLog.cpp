@@ -13,18 +13,19 @@
 #include <new>
 #include <typeinfo>
 
-#include "CRegistry.h"
-#include "NimbSettingsKeys.h"
-#include "PThread.h"
-#include "PThreadDelegate.h"
-#include "SuiteFolders.h"
-#include "VaListEnd.h"
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/uio.h>
 #include <unistd.h>
+
+#include "CRegistry.h"
+#include "NimbSettingsKeys.h"
+#include "PThread.h"
+#include "PThreadDelegate.h"
+#include "SuiteFolders.h"
+#include "VaListEnd.h"
 
 namespace {
 

@@ -11,12 +11,13 @@
 #include <mutex>
 #include <typeinfo>
 
-#include "CBBLog.h"
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "CBBLog.h"
 
 namespace {
 

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "NimbModuleBaseQT.h"
 
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <QCoreApplication>
 #include <QSocketNotifier>
 
 #include "KibSatellite.h"
-#include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 int NimbModuleBaseQT::unixSignalSockets[2] = {-1, -1};
 

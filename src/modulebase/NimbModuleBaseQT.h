@@ -8,8 +8,9 @@
 // why); the host then skips the event loop and exits 0. Nothing here throws.
 #pragma once
 
-#include <QObject>
 #include <vector>
+
+#include <QObject>
 
 #include <boost/shared_ptr.hpp>
 

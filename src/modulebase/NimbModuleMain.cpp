@@ -7,11 +7,12 @@
 // Built twice: nimb_modulemain for modules without a user interface (this one), and,
 // where Qt's widgets are installed, nimb_modulemain_gui (NIMB_MODULE_GUI) for modules
 // that set g_nimbModuleRequiresQApplication.
-#include <QCoreApplication>
-#include <QDir>
 #include <cstdio>
 #include <cstring>
 #include <vector>
+
+#include <QCoreApplication>
+#include <QDir>
 
 #if NIMB_MODULE_GUI
 #include <QApplication>

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "NimbRemoteLogger.h"
 
-#include <QCoreApplication>
 #include <cerrno>
+
+#include <QCoreApplication>
 
 #include "CollectorStats.h"
 #include "NimbRemoteLoggerSatellite.h"

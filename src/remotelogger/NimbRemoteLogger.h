@@ -11,11 +11,12 @@
 // answered with an error reply naming the file; nothing a device sends ends the process.
 #pragma once
 
-#include <QDateTime>
-#include <QString>
 #include <map>
 #include <memory>
 #include <vector>
+
+#include <QDateTime>
+#include <QString>
 
 #include <boost/shared_ptr.hpp>
 

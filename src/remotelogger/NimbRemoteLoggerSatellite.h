@@ -11,15 +11,16 @@
 // it returns.
 #pragma once
 
-#include <QDateTime>
-#include <QObject>
-#include <QString>
 #include <ctime>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <set>
 #include <vector>
+
+#include <QDateTime>
+#include <QObject>
+#include <QString>
 
 #include "KibSatellite.h"
 #include "PMutex.h"

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "CRegistryImpl.h"
 
-#include <QVariant>
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+
+#include <QVariant>
 
 #include "CSettingsDomain.h"
 

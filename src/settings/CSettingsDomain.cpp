@@ -1,14 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "CSettingsDomain.h"
 
-#include <QFile>
-#include <QFileInfo>
 #include <cstdlib>
 #include <vector>
 
-#include "JsonSettingsFormat.h"
 #include <pwd.h>
 #include <unistd.h>
+
+#include <QFile>
+#include <QFileInfo>
+
+#include "JsonSettingsFormat.h"
 
 namespace {
 

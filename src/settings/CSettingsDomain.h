@@ -7,11 +7,12 @@
 // owned by its creator; one object must not be shared between threads.
 #pragma once
 
+#include <memory>
+#include <optional>
+
 #include <QSettings>
 #include <QStringList>
 #include <QVariant>
-#include <memory>
-#include <optional>
 
 #include "StdString.h"
 

@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "JsonSettingsFormat.h"
 
+#include <cmath>
+#include <cstdint>
+#include <limits>
+
 #include <QFile>
 #include <QFileDevice>
 #include <QIODevice>
@@ -8,9 +12,6 @@
 #include <QJsonObject>
 #include <QJsonParseError>
 #include <QJsonValue>
-#include <cmath>
-#include <cstdint>
-#include <limits>
 
 namespace {
 

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "StdString.h"
 
-#include <QByteArray>
-#include <QString>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include <QByteArray>
+#include <QString>
 
 CStdStr::CStdStr(const QString& text) : std::string(fromQString(text)) {}
 

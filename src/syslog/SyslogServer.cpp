@@ -7,18 +7,20 @@
 #include <cstring>
 #include <ctime>
 
-#include "CBBLog.h"
-#include "PThread.h"
-#include "SyslogStore.h"
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <openssl/err.h>
-#include <openssl/ssl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
+#include "CBBLog.h"
+#include "PThread.h"
+#include "SyslogStore.h"
 
 namespace {
 

@@ -5,11 +5,12 @@
 #include <cstdlib>
 #include <ctime>
 
+#include <sys/stat.h>
+
 #include "CBBLog.h"
 #include "NimbRemoteLogger.h"
 #include "RemoteLogNames.h"
 #include "SyslogParser.h"
-#include <sys/stat.h>
 
 namespace {
 

@@ -5,8 +5,9 @@
 
 #include <chrono>
 
-#include "PMutex.h"
 #include <pthread.h>
+
+#include "PMutex.h"
 
 class PCondMutex : public PMutex {
 public:

@@ -4,8 +4,9 @@
 // included. Lock and unlock results are deliberately not checked.
 #pragma once
 
-#include "ThreadAnnotations.h"
 #include <pthread.h>
+
+#include "ThreadAnnotations.h"
 
 class NIMB_CAPABILITY("mutex") PMutex {
 public:

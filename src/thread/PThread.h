@@ -8,12 +8,13 @@
 // join and detach results are not checked, as the wrappers' callers expect.
 #pragma once
 
+#include <pthread.h>
+
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
 #include "PCondMutex.h"
 #include "PThreadDelegate.h"
-#include <pthread.h>
 
 class PThread {
 public:

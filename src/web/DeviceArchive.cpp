@@ -4,9 +4,10 @@
 #include <algorithm>
 #include <memory>
 
-#include "SafeFolder.h"
 #include <archive.h>
 #include <archive_entry.h>
+
+#include "SafeFolder.h"
 
 namespace DeviceArchive {
 

@@ -6,9 +6,10 @@
 #include <memory>
 #include <string_view>
 
+#include <re2/re2.h>
+
 #include "LogText.h"
 #include "SafeFolder.h"
-#include <re2/re2.h>
 
 namespace LogSearch {
 

@@ -3,10 +3,11 @@
 
 #include <exception>
 
+#include <unistd.h>
+
 #include "KibSatellite.h"
 #include "KibVariantHolder.h"
 #include "VUtil.h"
-#include <unistd.h>
 
 namespace {
 

@@ -5,13 +5,14 @@
 // called from any worker thread; calls are serialised.
 #pragma once
 
-#include <QString>
 #include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+
+#include <QString>
 
 #include "NimbBusSettings.h"
 

@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "TailHub.h"
 
+#include <algorithm>
+
+#include <sys/inotify.h>
+#include <unistd.h>
+
 #include <QHttpServerResponder>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSocketNotifier>
 #include <QTcpSocket>
-#include <algorithm>
-
-#include <sys/inotify.h>
-#include <unistd.h>
 
 namespace {
 

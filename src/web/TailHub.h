@@ -8,14 +8,15 @@
 // may wait unsent per client are bounded. Lives on the main thread.
 #pragma once
 
-#include <QObject>
-#include <QPointer>
-#include <QTimer>
 #include <cstdint>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
+
+#include <QObject>
+#include <QPointer>
+#include <QTimer>
 
 #include "SafeFolder.h"
 

@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "WebApi.h"
 
+#include <algorithm>
+#include <cstring>
+#include <map>
+
 #include <QDateTime>
 #include <QFile>
 #include <QJsonArray>
 #include <QRegularExpression>
 #include <QTemporaryFile>
-#include <algorithm>
-#include <cstring>
-#include <map>
 
 #include "DeviceArchive.h"
 #include "LogCatalog.h"

@@ -6,9 +6,10 @@
 // WebServer).
 #pragma once
 
-#include <QUrlQuery>
 #include <cstdint>
 #include <string>
+
+#include <QUrlQuery>
 
 #include "StatsClient.h"
 #include "WebReply.h"

@@ -3,13 +3,14 @@
 // content type, body (or a file streamed from disk) and extra headers.
 #pragma once
 
+#include <memory>
+#include <utility>
+#include <vector>
+
 #include <QByteArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QString>
-#include <memory>
-#include <utility>
-#include <vector>
 
 class QFile;
 

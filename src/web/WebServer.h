@@ -7,9 +7,10 @@
 // is sent back on the main thread. Lives on the main thread.
 #pragma once
 
+#include <memory>
+
 #include <QAbstractHttpServer>
 #include <QThreadPool>
-#include <memory>
 
 #include "WebAuth.h"
 #include "WebReply.h"

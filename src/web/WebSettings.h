@@ -5,9 +5,10 @@
 // overridden by command-line options. A plain value; main thread.
 #pragma once
 
+#include <string>
+
 #include <QHostAddress>
 #include <QString>
-#include <string>
 
 #include "NimbBusSettings.h"
 

@@ -8,10 +8,11 @@
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include "CrashTestSupport.h"
-#include <sys/stat.h>
 
 namespace {
 

@@ -7,11 +7,12 @@
 #include <cstdlib>
 #include <exception>
 
+#include <signal.h>
+
 #include <gtest/gtest.h>
 
 #include "CRegistry.h"
 #include "CrashTestSupport.h"
-#include <signal.h>
 
 namespace {
 

@@ -13,16 +13,17 @@
 #include <stdexcept>
 #include <string>
 
+#include <malloc.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <boost/shared_ptr.hpp>
 
 #include "CBBLog.h"
 #include "CRegistry.h"
 #include "MiniDumper.h"
 #include "PThread.h"
-#include <malloc.h>
-#include <signal.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 namespace {
 

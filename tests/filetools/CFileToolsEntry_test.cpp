@@ -5,11 +5,12 @@
 #include <map>
 #include <string>
 
-#include "CFileTools.h"
-#include "NimbTestSupport.h"
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+
+#include "CFileTools.h"
+#include "NimbTestSupport.h"
 
 namespace {
 

@@ -5,12 +5,13 @@
 #include <stdexcept>
 #include <string>
 
-#include "CFileTools.h"
-#include "NimbTestSupport.h"
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "CFileTools.h"
+#include "NimbTestSupport.h"
 
 // Chmod on the path named here fails with EPERM; every other call goes through. The
 // folder functions call chmod directly, so this definition takes their calls.

@@ -11,6 +11,7 @@
 #include <string>
 
 #include <boost/make_shared.hpp>
+
 #include <gtest/gtest.h>
 
 #include "CBBLog.h"

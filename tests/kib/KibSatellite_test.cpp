@@ -10,7 +10,11 @@
 #include <thread>
 #include <vector>
 
+#include <signal.h>
+#include <unistd.h>
+
 #include <boost/make_shared.hpp>
+
 #include <gtest/gtest.h>
 #include <nats/nats.h>
 
@@ -22,8 +26,6 @@
 #include "NatsServer.h"
 #include "NimbTestSupport.h"
 #include "TestValues.h"
-#include <signal.h>
-#include <unistd.h>
 
 using namespace testvalues;
 using namespace std::chrono_literals;

@@ -4,9 +4,10 @@
 // standard output once registered, and exits on SIGTERM or after 60 s.
 #include <cstdio>
 
-#include "KibSatellite.h"
 #include <signal.h>
 #include <unistd.h>
+
+#include "KibSatellite.h"
 
 namespace {
 

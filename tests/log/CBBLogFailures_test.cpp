@@ -10,14 +10,16 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <boost/make_shared.hpp>
+
 #include <gtest/gtest.h>
 
 #include "CBBLog.h"
 #include "LogFileIo.h"
 #include "LogTestSupport.h"
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace {
 

@@ -6,15 +6,16 @@
 #include <functional>
 #include <string>
 
-#include <gtest/gtest.h>
-
-#include "CBBLog.h"
-#include "LogTestSupport.h"
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "CBBLog.h"
+#include "LogTestSupport.h"
 
 namespace {
 

@@ -8,11 +8,12 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include "CBBLog.h"
 #include "LogTestSupport.h"
-#include <unistd.h>
 
 namespace {
 

@@ -11,13 +11,15 @@
 #include <thread>
 #include <vector>
 
+#include <sys/stat.h>
+
 #include <boost/format.hpp>
 #include <boost/make_shared.hpp>
+
 #include <gtest/gtest.h>
 
 #include "LogFileIo.h"
 #include "LogTestSupport.h"
-#include <sys/stat.h>
 
 namespace {
 

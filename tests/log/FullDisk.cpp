@@ -15,9 +15,10 @@
 #include <thread>
 #include <vector>
 
-#include "CBBLog.h"
 #include <sys/mount.h>
 #include <unistd.h>
+
+#include "CBBLog.h"
 
 namespace {
 

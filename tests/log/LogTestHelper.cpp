@@ -13,8 +13,9 @@
 #include <string>
 #include <thread>
 
-#include "CBBLog.h"
 #include <unistd.h>
+
+#include "CBBLog.h"
 
 int runFullDisk(const std::string& folder);
 

@@ -11,12 +11,13 @@
 #include <string>
 #include <thread>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include "CBBLog.h"
 #include "NimbTestSupport.h"
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace logtest {
 

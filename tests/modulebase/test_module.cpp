@@ -8,17 +8,19 @@
 // class and plug-in paths as the module is created, then fail init).
 // Built twice: test_module, and gui_test_module (TEST_MODULE_GUI), which asks for a
 // QApplication.
-#include <QCoreApplication>
-#include <QTimer>
 #include <cerrno>
 #include <string>
 
-#include "NimbModuleBaseQT.h"
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <QCoreApplication>
+#include <QTimer>
+
+#include "NimbModuleBaseQT.h"
 
 #ifndef TEST_MODULE_GUI
 #define TEST_MODULE_GUI 0

@@ -14,11 +14,12 @@
 #include <thread>
 #include <vector>
 
-#include "CollectorProcess.h"
-#include "DeviceSimulator.h"
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <unistd.h>
+
+#include "CollectorProcess.h"
+#include "DeviceSimulator.h"
 
 namespace {
 

@@ -10,11 +10,12 @@
 #include <string>
 #include <thread>
 
+#include <signal.h>
+#include <sys/wait.h>
+
 #include <gtest/gtest.h>
 
 #include "NimbTestSupport.h"
-#include <signal.h>
-#include <sys/wait.h>
 
 class CollectorProcess {
 public:

@@ -5,13 +5,18 @@
 
 #include "NimbRemoteLoggerSatellite.h"
 
-#include <QDateTime>
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <time.h>
+#include <unistd.h>
+
+#include <QDateTime>
+
 #include <boost/make_shared.hpp>
+
 #include <gtest/gtest.h>
 
 #include "CBBLog.h"
@@ -21,8 +26,6 @@
 #include "NimbTestSupport.h"
 #include "TestValues.h"
 #include "VUtil.h"
-#include <time.h>
-#include <unistd.h>
 
 namespace {
 

@@ -11,14 +11,15 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include "CollectorProcess.h"
 #include "CrashTestSupport.h"
 #include "DeviceSimulator.h"
 #include "NatsServer.h"
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace {
 

@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include "CollectorProcess.h"
@@ -17,7 +19,6 @@
 #include "KibSatellite.h"
 #include "NatsServer.h"
 #include "TestValues.h"
-#include <sys/stat.h>
 
 namespace {
 

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "CRegistryImpl.h"
 
+#include <thread>
+
 #include <QProcess>
 #include <QStringList>
-#include <thread>
 
 #include <gtest/gtest.h>
 

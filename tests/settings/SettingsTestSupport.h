@@ -3,10 +3,11 @@
 // settings home (XDG_CONFIG_HOME), with helpers for the raw store files.
 #pragma once
 
+#include <string>
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <string>
 
 #include <gtest/gtest.h>
 

@@ -6,11 +6,12 @@
 #include <sstream>
 #include <thread>
 
-#include "CRegistry.h"
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "CRegistry.h"
 
 namespace nimbtest {
 

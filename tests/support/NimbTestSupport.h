@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include <sys/types.h>
+
+#include <gtest/gtest.h>
 
 namespace nimbtest {
 

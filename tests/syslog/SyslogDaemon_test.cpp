@@ -12,17 +12,18 @@
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "NatsServer.h"
-#include "NimbTestSupport.h"
-#include "SyslogServer.h"
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "NatsServer.h"
+#include "NimbTestSupport.h"
+#include "SyslogServer.h"
 
 namespace {
 

@@ -7,8 +7,9 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "WebTestSupport.h"
 #include <unistd.h>
+
+#include "WebTestSupport.h"
 
 namespace {
 

@@ -1,14 +1,9 @@
 // SPDX-License-Identifier: MIT
 // nimb-web over HTTP: a real nimb-web child on a free loopback port, asked with a raw
 // socket client, every endpoint and every refusal.
-#include <QDateTime>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <ctime>
 #include <set>
 
-#include "WebTestSupport.h"
 #include <archive.h>
 #include <archive_entry.h>
 #include <arpa/inet.h>
@@ -18,6 +13,13 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
+
+#include <QDateTime>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include "WebTestSupport.h"
 
 namespace {
 

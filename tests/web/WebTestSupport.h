@@ -11,11 +11,12 @@
 #include <string>
 #include <vector>
 
+#include <sys/types.h>
+
 #include <gtest/gtest.h>
 
 #include "NatsServer.h"
 #include "NimbTestSupport.h"
-#include <sys/types.h>
 
 namespace webtest {
 

@@ -8,11 +8,12 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "CRegistry.h"
 #include "CrashReport.h"
 #include "NimbSettingsKeys.h"
 #include "NimbVersion.h"
-#include <unistd.h>
 
 namespace {
 

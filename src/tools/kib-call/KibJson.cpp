@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "KibJson.h"
 
-#include <QDateTime>
-#include <QJsonArray>
-#include <QJsonObject>
 #include <cmath>
 #include <cstring>
 #include <limits>
+
+#include <QDateTime>
+#include <QJsonArray>
+#include <QJsonObject>
 
 namespace {
 

@@ -2,18 +2,20 @@
 // kib-call: calls one service of one satellite on the bus with an argument written in
 // JSON, prints the reply as JSON and exits non-zero with the error text on failure.
 // Usage and exit codes: docs/kib-call.md.
+#include <cstdio>
+
+#include <unistd.h>
+
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <cstdio>
 
 #include "KibJson.h"
 #include "KibSatellite.h"
 #include "NimbBusSettings.h"
 #include "NimbVersion.h"
-#include <unistd.h>
 
 namespace {
 

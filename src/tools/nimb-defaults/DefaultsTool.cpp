@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "DefaultsTool.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonValue>
 #include <charconv>
 #include <cstdio>
 #include <system_error>
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonValue>
 
 #include "CRegistryImpl.h"
 #include "CSettingsDomain.h"

@@ -6,10 +6,11 @@
 // returns the process exit status. Owned by main(); one thread.
 #pragma once
 
-#include <QVariant>
 #include <ostream>
 #include <string>
 #include <vector>
+
+#include <QVariant>
 
 #include "StdString.h"
 

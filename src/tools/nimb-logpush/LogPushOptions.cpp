@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "LogPushOptions.h"
 
+#include <cstdio>
+
 #include <QCommandLineParser>
 #include <QStringList>
-#include <cstdio>
 
 #include "DeviceIdentity.h"
 

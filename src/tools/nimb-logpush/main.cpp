@@ -3,12 +3,15 @@
 // bus: it announces the device and its logs, then delivers the text in pieces cut at line
 // ends; with --follow it keeps sending what is appended to the files. Usage, exit status
 // and delivery guarantee: docs/logpush.md.
-#include <QCoreApplication>
 #include <csignal>
 #include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <poll.h>
+
+#include <QCoreApplication>
 
 #include "KibException.h"
 #include "LogChunker.h"
@@ -16,7 +19,6 @@
 #include "LogPushClient.h"
 #include "LogPushOptions.h"
 #include "NimbVersion.h"
-#include <poll.h>
 
 namespace {
 

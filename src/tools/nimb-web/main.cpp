@@ -2,18 +2,20 @@
 // nimb-web: the web console. Serves the logs folder and the crash reports to a
 // browser: devices, logs with a live tail, search, downloads, health and /metrics
 // (docs/web.md). Reads only; never writes into the logs folder.
+#include <csignal>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QSocketNotifier>
 #include <QTextStream>
-#include <csignal>
-#include <cstdio>
 
 #include "WebAuth.h"
 #include "WebServer.h"
 #include "WebSettings.h"
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace {
 

@@ -5,11 +5,12 @@
 
 #include <chrono>
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include "CRegistry.h"
 #include "CrashTestSupport.h"
-#include <sys/stat.h>
 
 #if NIMB_HAVE_BREAKPAD
 #include "client/linux/handler/exception_handler.h"

@@ -11,14 +11,15 @@
 #include <string>
 #include <thread>
 
-#include <gtest/gtest.h>
-
-#include "NatsServer.h"
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "NatsServer.h"
 
 namespace fs = std::filesystem;
 

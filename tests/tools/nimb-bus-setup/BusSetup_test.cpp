@@ -10,15 +10,16 @@
 #include <functional>
 #include <thread>
 
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
 #include <gtest/gtest.h>
 #include <nats/nats.h>
 
 #include "BusTestSupport.h"
 #include "NatsServer.h"
 #include "WebTestSupport.h"
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 
 namespace {
 

@@ -4,9 +4,10 @@
 #include <chrono>
 #include <thread>
 
-#include "TestValues.h"
 #include <signal.h>
 #include <sys/wait.h>
+
+#include "TestValues.h"
 
 namespace bustest {
 

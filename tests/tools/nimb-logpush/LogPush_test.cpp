@@ -1,9 +1,5 @@
 // SPDX-License-Identifier: MIT
 // nimb-logpush run as a separate process against a real server and a stand-in collector.
-#include <QFile>
-#include <QProcess>
-#include <QSysInfo>
-#include <QTemporaryDir>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -15,6 +11,11 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <QFile>
+#include <QProcess>
+#include <QSysInfo>
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 

@@ -2,10 +2,11 @@
 // nimb-logs run as a child program on folders of collector-style log files.
 #include <string>
 
-#include "CFileTools.h"
-#include "NimbTestSupport.h"
 #include <fcntl.h>
 #include <sys/stat.h>
+
+#include "CFileTools.h"
+#include "NimbTestSupport.h"
 
 namespace {
 
