@@ -8,7 +8,9 @@
 
 #include <gtest/gtest.h>
 
-TEST(RemoteLogBacklog, BoundsCallsAndBytesWakesOnReleaseAndRefusesOnceStopped) {
+// Calls and bytes are each bounded; a request larger than the bound passes only into
+// an empty backlog.
+TEST(RemoteLogBacklog, BoundsCallsAndBytes) {
     const std::chrono::milliseconds brief(20);
     RemoteLogBacklog backlog(2, 100);
     EXPECT_TRUE(backlog.acquire(3, 300, brief));  // too big, but the backlog was empty
@@ -18,17 +20,35 @@ TEST(RemoteLogBacklog, BoundsCallsAndBytesWakesOnReleaseAndRefusesOnceStopped) {
     EXPECT_FALSE(backlog.acquire(1, 60, brief));  // bytes
     EXPECT_TRUE(backlog.acquire(1, 40, brief));
     EXPECT_FALSE(backlog.acquire(1, 0, brief));  // calls
+}
+
+// A handler waiting for room goes on as soon as the main thread delivers a call.
+TEST(RemoteLogBacklog, AWaitingHandlerIsWokenByARelease) {
+    RemoteLogBacklog backlog(1, 100);
+    EXPECT_TRUE(backlog.acquire(1, 60, std::chrono::milliseconds(0)));
+    const auto started = std::chrono::steady_clock::now();
     std::thread mainThread([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         backlog.release(60);
+    });
+    EXPECT_TRUE(backlog.acquire(1, 60, std::chrono::seconds(30)));
+    mainThread.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
+}
+
+// Once stopped, a waiting handler is woken with a refusal, and later ones are refused
+// even when there is room.
+TEST(RemoteLogBacklog, StopWakesWaitersAndRefusesEveryone) {
+    RemoteLogBacklog backlog(1, 100);
+    EXPECT_TRUE(backlog.acquire(1, 0, std::chrono::milliseconds(0)));
+    std::thread mainThread([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         backlog.stop();
     });
-    EXPECT_TRUE(backlog.acquire(1, 0, std::chrono::seconds(30)));
     EXPECT_FALSE(backlog.acquire(1, 0, std::chrono::seconds(30)));  // woken by stop()
     mainThread.join();
     backlog.release(0);
-    EXPECT_FALSE(backlog.acquire(1, 0, brief));
+    EXPECT_FALSE(backlog.acquire(1, 0, std::chrono::milliseconds(20)));
 }
 
 // While the satellite leaves the bus, full or not, every request is let through at once.
