@@ -119,7 +119,7 @@ TEST_F(RemoteLoggerDaemonTest, UnreachableBusEndsTheProgramWithZeroAndTheReason)
     EXPECT_NE(log.find("Failed to register 0x80044b04"), std::string::npos) << log;
 }
 
-TEST_F(RemoteLoggerDaemonTest, RefusesNamesReachingOutsideTheLogsFolderAndRotatesAtTheLimit) {
+TEST_F(RemoteLoggerDaemonTest, RefusesNamesReachingOutsideTheLogsFolder) {
     start();
     const std::pair<std::string, const char*> cases[] = {
         {R"("../../x", "d")", "SetLogSource: invalid addr: holds"},
@@ -137,7 +137,18 @@ TEST_F(RemoteLoggerDaemonTest, RefusesNamesReachingOutsideTheLogsFolderAndRotate
     EXPECT_EQ(
         call("SetLogSource", R"(["00:11", "d", "n", {"date":0}, {"str[]":["../../esc"]}])").status,
         0);
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(logFiles(),
+              (std::set<std::string>{"NimbRemoteLogger.log", "errors.log", "d0011-esc"}));
+    std::set<std::string> top;
+    for (const auto& entry : fs::directory_iterator(root_.path()))
+        top.insert(entry.path().filename().string());
+    EXPECT_EQ(top, (std::set<std::string>{"cfg", "logs", "tmp", "daemon.txt", "call.txt"}));
+}
 
+// A log past its size limit is rotated into one ".back"; nothing of the text is lost.
+TEST_F(RemoteLoggerDaemonTest, RotatesALogAtItsSizeLimit) {
+    start();
     ASSERT_EQ(call("SetLogSource", kAnnounce + std::string(R"({"str[]":["system.log"]}])")).status,
               0);
     std::string sent;
@@ -157,13 +168,8 @@ TEST_F(RemoteLoggerDaemonTest, RefusesNamesReachingOutsideTheLogsFolderAndRotate
     const std::string all = back + current;
     ASSERT_GT(all.size(), sent.size());
     EXPECT_EQ(all.substr(all.size() - sent.size()), sent);
-
-    EXPECT_EQ(logFiles(), (std::set<std::string>{"NimbRemoteLogger.log", "errors.log", "d0011-esc",
-                                                 kSystemLog, std::string(kSystemLog) + ".back"}));
-    std::set<std::string> top;
-    for (const auto& entry : fs::directory_iterator(root_.path()))
-        top.insert(entry.path().filename().string());
-    EXPECT_EQ(top, (std::set<std::string>{"cfg", "logs", "tmp", "daemon.txt", "call.txt"}));
+    EXPECT_EQ(logFiles(), (std::set<std::string>{"NimbRemoteLogger.log", "errors.log", kSystemLog,
+                                                 std::string(kSystemLog) + ".back"}));
 }
 
 // Things planted at a log's name are never opened through and block nothing; a logs
