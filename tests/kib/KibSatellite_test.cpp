@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -326,6 +327,42 @@ TEST_F(KibSatelliteTest, RemovedOrUnregisteredServicesGiveNoResponders) {
     ASSERT_EQ(error.vt(), VT_BSTR);
     EXPECT_NE(std::string(error.get().bstrVal).find("no responders"), std::string::npos);
     EXPECT_EQ(server_.RemoveService("Echo"), KIB_E_NO_SUCH_SERVICE);
+}
+
+// Services unregistered and registered again while requests arrive: every request is
+// either served or answered "no responders" at once; none is lost to a timeout, and the
+// service answers when registered in the end.
+TEST_F(KibSatelliteTest, RequestsDuringReRegistrationAreServedOrRefusedAtOnce) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> served{0};
+    std::atomic<int> refused{0};
+    std::vector<int> others;
+    std::thread caller([&] {
+        for (int i = 0; i < 20000 && !stop; ++i) {
+            KibReply reply;
+            const int status = client_.Call("Server", "Echo", i4(i).get(), &reply, 3000);
+            if (status == 7)
+                ++served;
+            else if (status == KIB_E_NO_RESPONDERS)
+                ++refused;
+            else
+                others.push_back(status);
+        }
+    });
+    for (int round = 0; round < 20; ++round) {
+        std::this_thread::sleep_for(10ms);
+        EXPECT_EQ(server_.UnregisterServices(false), KIB_OK);
+        std::this_thread::sleep_for(5ms);
+        EXPECT_EQ(server_.RegisterServices(), KIB_OK);
+    }
+    std::this_thread::sleep_for(20ms);
+    stop = true;
+    caller.join();
+    EXPECT_TRUE(others.empty()) << others.size() << " other answers, first " << others.front();
+    EXPECT_GT(served.load(), 0);
+    KibReply reply;
+    EXPECT_EQ(client_.Call("Server", "Echo", i4(1).get(), &reply, 5000), 7);
+    std::printf("re-registration: %d served, %d refused\n", served.load(), refused.load());
 }
 
 TEST_F(KibSatelliteTest, MalformedRequestGetsAnErrorReply) {
