@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
 // CollectorStats: the collector's counters (requests served, lines and bytes written,
 // failed requests by kind, whether the bus connection is up, the syslog listeners'
-// counters), answered by the
-// "GetStats" service. One process-wide instance of lock-free counters: any thread
-// counts, any thread reads; a reading is a set of individually consistent values, not
-// a snapshot taken under one lock.
+// counters), answered by the "GetStats" service. One process-wide instance of lock-free
+// counters: any thread counts, any thread reads; a reading is a set of individually
+// consistent values, not a snapshot taken under one lock.
 #pragma once
 
 #include <array>

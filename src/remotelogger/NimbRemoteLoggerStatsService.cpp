@@ -43,25 +43,11 @@ int NimbRemoteLoggerSatellite::KibServiceGetStats(const char*, const tagVARIANT&
     for (const Kind kind : {Kind::Invalid, Kind::Busy, Kind::Write, Kind::Unknown, Kind::Other})
         counters.emplace_back(std::string("errors.") + CollectorStats::kindName(kind),
                               stats.errors(kind));
-    counters.insert(
-        counters.end(),
-        {{"queueDepth", backlog->queuedCalls()},
-         {"queueBytes", backlog->queuedBytes()},
-         {"connected", stats.connected() ? 1 : 0},
-         {"syslog.messages", syslog.lines.load(std::memory_order_relaxed)},
-         {"syslog.bytes", syslog.bytes.load(std::memory_order_relaxed)},
-         {"syslog.truncated", syslog.truncated.load(std::memory_order_relaxed)},
-         {"syslog.dropped.rate", syslog.rateDropped.load(std::memory_order_relaxed)},
-         {"syslog.dropped.senders", syslog.senderCapDropped.load(std::memory_order_relaxed)},
-         {"syslog.dropped.file", syslog.refusedFiles.load(std::memory_order_relaxed)},
-         {"syslog.heldBack", syslog.ratePaused.load(std::memory_order_relaxed)},
-         {"syslog.refusedNames", syslog.refusedNames.load(std::memory_order_relaxed)},
-         {"syslog.connections", syslog.connections.load(std::memory_order_relaxed)},
-         {"syslog.closed.cap", syslog.connectionsRefused.load(std::memory_order_relaxed)},
-         {"syslog.closed.frame", syslog.badFrames.load(std::memory_order_relaxed)},
-         {"syslog.closed.handshake", syslog.handshakeTimeouts.load(std::memory_order_relaxed)},
-         {"syslog.closed.idle", syslog.idleClosed.load(std::memory_order_relaxed)},
-         {"syslog.senders", syslog.senders.load(std::memory_order_relaxed)}});
+    counters.insert(counters.end(), {{"queueDepth", backlog->queuedCalls()},
+                                     {"queueBytes", backlog->queuedBytes()},
+                                     {"connected", stats.connected() ? 1 : 0}});
+    for (const auto& [name, counter] : SyslogCounters::kNamed)
+        counters.emplace_back(name, (syslog.*counter).load(std::memory_order_relaxed));
     VUtil::CreateArray(*out, VT_VARIANT, counters.size());
     for (std::size_t i = 0; i < counters.size(); ++i)
         putCounter(*out, static_cast<int>(i), counters[i].first.c_str(), counters[i].second);

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <utility>
 
 struct SyslogCounters {
     std::atomic<std::uint64_t> lines{0};               // messages written to a file
@@ -24,4 +25,23 @@ struct SyslogCounters {
     // Levels, not counts: open TCP and TLS connections, senders with files.
     std::atomic<std::uint64_t> connections{0};
     std::atomic<std::uint64_t> senders{0};
+
+    using Counter = std::atomic<std::uint64_t> SyslogCounters::*;
+    // The counters under the names the collector's "GetStats" service gives them.
+    static constexpr std::pair<const char*, Counter> kNamed[] = {
+        {"syslog.messages", &SyslogCounters::lines},
+        {"syslog.bytes", &SyslogCounters::bytes},
+        {"syslog.truncated", &SyslogCounters::truncated},
+        {"syslog.dropped.rate", &SyslogCounters::rateDropped},
+        {"syslog.dropped.senders", &SyslogCounters::senderCapDropped},
+        {"syslog.dropped.file", &SyslogCounters::refusedFiles},
+        {"syslog.heldBack", &SyslogCounters::ratePaused},
+        {"syslog.refusedNames", &SyslogCounters::refusedNames},
+        {"syslog.connections", &SyslogCounters::connections},
+        {"syslog.closed.cap", &SyslogCounters::connectionsRefused},
+        {"syslog.closed.frame", &SyslogCounters::badFrames},
+        {"syslog.closed.handshake", &SyslogCounters::handshakeTimeouts},
+        {"syslog.closed.idle", &SyslogCounters::idleClosed},
+        {"syslog.senders", &SyslogCounters::senders},
+    };
 };

@@ -22,6 +22,17 @@ bool splitAtMac(const LogCatalog::NameParts& parts) {
     return parts.mac.size() == kMacDigits && std::all_of(parts.mac.begin(), parts.mac.end(), isHex);
 }
 
+// Whether `name` is "<sender>-..." for this sender.
+bool startsWithSender(std::string_view name, std::string_view sender) {
+    return !sender.empty() && name.size() > sender.size() && name[sender.size()] == '-' &&
+           name.compare(0, sender.size(), sender) == 0;
+}
+
+// The name of the log's current file: `name` without the ".back" its parts found.
+std::string currentName(const std::string& name, const LogCatalog::NameParts& parts) {
+    return parts.back ? name.substr(0, name.size() - kBack.size()) : name;
+}
+
 }  // namespace
 
 LogCatalog::LogCatalog(std::string folder) : folder_(std::move(folder)) {}
@@ -51,8 +62,7 @@ bool LogCatalog::splitFileName(const std::string& name, NameParts& parts,
         parts.deviceId = base.substr(0, dash - kMacDigits);
     } else {
         for (const std::string_view sender : senders) {
-            if (!sender.empty() && base.size() > sender.size() && base[sender.size()] == '-' &&
-                base.compare(0, sender.size(), sender) == 0) {
+            if (startsWithSender(base, sender)) {
                 dash = sender.size();
                 break;
             }
@@ -152,13 +162,9 @@ std::vector<LogCatalog::Named> LogCatalog::classify(std::int64_t end) {
     for (const Named& file : files) {
         const std::string& name = file.entry.name;
         const std::string& header = file.summary->header.displayName;
-        if (!file.summary->hasHeader || header.empty() || splitAtMac(file.parts) ||
-            name.size() <= header.size() || name[header.size()] != '-' ||
-            name.compare(0, header.size(), header) != 0) {
+        if (!file.summary->hasHeader || splitAtMac(file.parts) || !startsWithSender(name, header))
             continue;
-        }
-        const std::string current =
-            file.parts.back ? name.substr(0, name.size() - kBack.size()) : name;
+        const std::string current = currentName(name, file.parts);
         if (!file.parts.back || ownSender.count(current) == 0) ownSender[current] = header;
         senders.push_back(header);
     }
@@ -170,8 +176,7 @@ std::vector<LogCatalog::Named> LogCatalog::classify(std::int64_t end) {
     std::vector<std::string_view> candidates;
     for (Named& file : files) {
         const std::string& name = file.entry.name;
-        const std::string current =
-            file.parts.back ? name.substr(0, name.size() - kBack.size()) : name;
+        const std::string current = currentName(name, file.parts);
         candidates.clear();
         const auto own = ownSender.find(current);
         if (own != ownSender.end()) candidates.push_back(own->second);
@@ -193,8 +198,7 @@ std::vector<LogCatalog::Device> LogCatalog::devices(std::int64_t now) {
         device.key = parts.key;
         device.deviceId = parts.deviceId;
         device.mac = parts.mac;
-        const std::string current =
-            parts.back ? entry.name.substr(0, entry.name.size() - kBack.size()) : entry.name;
+        const std::string current = currentName(entry.name, parts);
         auto log = std::find_if(device.logs.begin(), device.logs.end(),
                                 [&](const LogInfo& l) { return l.file == current; });
         if (log == device.logs.end()) {

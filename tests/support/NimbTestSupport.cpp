@@ -83,10 +83,14 @@ std::vector<std::string> linesOf(const std::string& text) {
     return lines;
 }
 
-bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
-    for (auto i = limit.count(); i > 0; --i) {
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit,
+               std::chrono::milliseconds interval) {
+    const auto until = std::chrono::steady_clock::now() + limit;
+    // Bounded by the count too, should the clock misbehave.
+    for (auto i = limit / std::max(interval, std::chrono::milliseconds(1)); i >= 0; --i) {
         if (done()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (std::chrono::steady_clock::now() >= until) return false;
+        std::this_thread::sleep_for(interval);
     }
     return done();
 }

@@ -71,9 +71,11 @@ std::string readFile(const fs::path& path);
 void writeFile(const fs::path& path, const std::string& bytes);
 // The lines of `text`, without their newlines; a last line without one is kept.
 std::vector<std::string> linesOf(const std::string& text);
-// Polls `done` every millisecond for at most `limit`.
+// Polls `done` every `interval` until it returns true or `limit` has passed on the
+// clock (however long each call takes), then asks once more.
 bool waitUntil(const std::function<bool()>& done,
-               std::chrono::milliseconds limit = std::chrono::seconds(5));
+               std::chrono::milliseconds limit = std::chrono::seconds(5),
+               std::chrono::milliseconds interval = std::chrono::milliseconds(1));
 
 struct ChildResult {
     int pid = -1;

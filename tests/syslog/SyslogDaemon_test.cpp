@@ -4,6 +4,7 @@
 // read with kib-call; and the listeners in this process with shortened connection
 // timeouts, so that silent connections run out in a second.
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <regex>
@@ -470,6 +471,19 @@ TEST_F(SyslogServerTest, TlsConnectionsMustFinishTheirHandshakeInTime) {
     EXPECT_TRUE(client.finished);
     EXPECT_TRUE(waitUntil([&] { return counters_.lines.load() == 1; }));
     EXPECT_EQ(counters_.handshakeTimeouts.load(), 2u);
+}
+
+// Each counter has its own name, and the bus protocol's GetStats table lists it.
+TEST(SyslogCountersTest, EveryNamedCounterIsDistinctAndDocumented) {
+    const std::string doc = readFile(fs::path(NIMB_SOURCE_DIR) / "docs/bus-protocol.md");
+    std::set<std::string> names;
+    std::vector<SyslogCounters::Counter> counters;
+    for (const auto& [name, counter] : SyslogCounters::kNamed) {
+        EXPECT_TRUE(names.insert(name).second) << name;
+        EXPECT_EQ(std::count(counters.begin(), counters.end(), counter), 0) << name;
+        counters.push_back(counter);
+        EXPECT_NE(doc.find(std::string("| `") + name + "` |"), std::string::npos) << name;
+    }
 }
 
 }  // namespace

@@ -504,14 +504,17 @@ TEST_F(WebServerTest, CountersComeFromTheCollectorAndReachMetrics) {
     ASSERT_EQ(callCollector("AppendLog", R"(["00:11:22:33:44:55", "never.log", "x\n"])"), 1);
 
     QJsonObject counters;
-    const bool counted = nimbtest::waitUntil(
-        [&] {
-            counters = json(get("/api/stats")).value(QStringLiteral("counters")).toObject();
-            // The header line with the blank line before it, then a and b.
-            return counters.value(QStringLiteral("linesWritten")).toInt() == 4;
-        },
-        std::chrono::seconds(10));
-    ASSERT_TRUE(counted) << QJsonDocument(counters).toJson().toStdString();
+    // Reads the counters until `name` reaches `value` (at most 10 s).
+    const auto countersReach = [&](const char* name, int value) {
+        return nimbtest::waitUntil(
+            [&] {
+                counters = json(get("/api/stats")).value(QStringLiteral("counters")).toObject();
+                return counters.value(QLatin1String(name)).toInt() == value;
+            },
+            std::chrono::seconds(10));
+    };
+    // The header line with the blank line before it, then a and b.
+    ASSERT_TRUE(countersReach("linesWritten", 4)) << QJsonDocument(counters).toJson().toStdString();
     EXPECT_EQ(counters.value(QStringLiteral("requests")).toInt(), 2);
     EXPECT_EQ(counters.value(QStringLiteral("errors.invalid")).toInt(), 1);
     EXPECT_EQ(counters.value(QStringLiteral("errors.unknown")).toInt(), 1);
@@ -532,13 +535,8 @@ TEST_F(WebServerTest, CountersComeFromTheCollectorAndReachMetrics) {
                      sizeof(peer)),
               static_cast<ssize_t>(datagram.size()));
     close(udp);
-    const bool filed = nimbtest::waitUntil(
-        [&] {
-            counters = json(get("/api/stats")).value(QStringLiteral("counters")).toObject();
-            return counters.value(QStringLiteral("syslog.messages")).toInt() == 1;
-        },
-        std::chrono::seconds(10));
-    ASSERT_TRUE(filed) << QJsonDocument(counters).toJson().toStdString();
+    ASSERT_TRUE(countersReach("syslog.messages", 1))
+        << QJsonDocument(counters).toJson().toStdString();
     EXPECT_EQ(counters.value(QStringLiteral("syslog.bytes")).toInt(),
               static_cast<int>(datagram.size()));
     EXPECT_EQ(counters.value(QStringLiteral("syslog.senders")).toInt(), 1);

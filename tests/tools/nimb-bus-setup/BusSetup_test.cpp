@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <thread>
 
 #include <signal.h>
@@ -39,18 +38,6 @@ unsigned modeOf(const fs::path& path) {
     struct stat info {};
     ::stat(path.c_str(), &info);
     return info.st_mode & 0777;
-}
-
-// Calls `done` every `interval` until it returns true or `limit` has passed. Bounded by
-// the clock as well as by the count, as each call may itself take a while.
-bool pollUntil(const std::function<bool()>& done, std::chrono::milliseconds limit,
-               std::chrono::milliseconds interval = std::chrono::milliseconds(100)) {
-    const auto until = std::chrono::steady_clock::now() + limit;
-    for (int i = 0; i < 1000 && std::chrono::steady_clock::now() < until; ++i) {
-        if (done()) return true;
-        std::this_thread::sleep_for(interval);
-    }
-    return false;
 }
 
 // A raw client of the bus with one account's user name and password, to try what the
@@ -133,13 +120,13 @@ public:
     // Waits up to `limit` until /metrics says whether the collector answered, as `up`.
     bool waitForCollectorUp(bool up, std::chrono::seconds limit) {
         const std::string line = std::string("nimb_collector_up ") + (up ? "1" : "0") + "\n";
-        return pollUntil(
+        return waitUntil(
             [&] {
                 metrics_ =
                     webtest::request(port_, "/metrics", {}, "GET", std::chrono::seconds(3)).body;
                 return metrics_.find(line) != std::string::npos;
             },
-            limit);
+            limit, std::chrono::milliseconds(100));
     }
     const std::string& metrics() const { return metrics_; }
     std::string output() const { return fs::exists(output_) ? readFile(output_) : std::string(); }
@@ -425,7 +412,8 @@ TEST_F(BusSetupTest, RevokedAccountsAreCutOffAtTheReload) {
     EXPECT_NE(revoked.output.find("reloaded"), std::string::npos) << revoked.output;
     // The reload is asynchronous: the device's requests fail within a few seconds, and
     // what it sends from then on is not written.
-    EXPECT_TRUE(pollUntil([&] { return porch.append("probe") != 0; }, std::chrono::seconds(10)));
+    EXPECT_TRUE(waitUntil([&] { return porch.append("probe") != 0; }, std::chrono::seconds(10),
+                          std::chrono::milliseconds(100)));
     EXPECT_NE(porch.append("after revocation"), 0);
 
     const ChildResult reissued = setup({"reissue-web"});
