@@ -100,6 +100,14 @@ CStdStr shortNameOf(const CStdStr& fileName) {
 CBBLog::CBBLog(const CStdStr& logName, bool withPid, long long rotateSize)
     : name(logName), showPid(withPid), maxSize(rotateSize), pid(static_cast<unsigned>(getpid())) {}
 
+CBBLog::CBBLog(const CStdStr& logName, bool withPid, long long rotateSize,
+               std::shared_ptr<CBBLogSink> textSink)
+    : name(logName),
+      showPid(withPid),
+      maxSize(rotateSize),
+      pid(static_cast<unsigned>(getpid())),
+      sink(std::move(textSink)) {}
+
 CBBLog::~CBBLog() {
     stopWriter();
     const int fd = logFd.exchange(-1);
@@ -132,8 +140,10 @@ void CBBLog::initialize() {
         errorLogPath = dir + "/" + kErrorLogName;
     }
     shortName = shortNameOf(name);
+    if (sink) logPath = sink->path();
     prepareProcess();
     initialized.store(true, std::memory_order_release);
+    if (sink) return;  // the sink writes the texts: no thread, no file of its own
 
     // A failure to start the thread propagates to the caller, with fileMutex unlocked.
     thread = std::make_unique<PThread>(PThreadDelegateMember<CBBLog>(this, &CBBLog::loggerThread),
@@ -191,10 +201,53 @@ void CBBLog::AddRawLog(const char* text) {
     }
 }
 
+namespace {
+
+// A completion function told through the listener interface.
+class WriteDoneListener : public LogWriteListener {
+public:
+    explicit WriteDoneListener(CBBLog::WriteDone done) : done_(std::move(done)) {}
+    void writeDone(int error, const CStdStr& message) override { done_(error, message); }
+
+private:
+    CBBLog::WriteDone done_;
+};
+
+}  // namespace
+
+void CBBLog::AddRawLog(CStdStr text, const std::shared_ptr<LogWriteListener>& listener) {
+    if (sink) {
+        int error = ECANCELED;
+        try {
+            if (!initialized.load(std::memory_order_acquire)) initialize();
+            if (addToSink(std::move(text), listener)) return;
+        } catch (const std::bad_alloc&) {
+            error = ENOMEM;
+        }
+        if (listener) {
+            listener->writeDone(
+                error, error == ECANCELED ? "cannot write '" + logPath + "': the logger has stopped"
+                                          : failureMessage("write", error));
+        }
+        return;
+    }
+    if (!listener) {
+        AddRawLog(text.c_str());
+        return;
+    }
+    AddRawLog(std::move(text), [listener](int error, const CStdStr& message) {
+        listener->writeDone(error, message);
+    });
+}
+
 void CBBLog::AddRawLog(CStdStr text, WriteDone done) {
     int error = ECANCELED;
     try {
         if (!initialized.load(std::memory_order_acquire)) initialize();
+        if (sink) {
+            AddRawLog(std::move(text), std::make_shared<WriteDoneListener>(std::move(done)));
+            return;
+        }
         if (addQueue(std::move(text), &done)) return;
     } catch (const std::bad_alloc&) {
         error = ENOMEM;
@@ -285,7 +338,25 @@ CStdStr CBBLog::getTimeString() {
     return buffer;
 }
 
+void CBBLog::echoLocked(const CStdStr& line) {
+    if (echoDiscarded()) return;
+    fputs(line.c_str(), stdout);
+    fflush(stdout);
+}
+
+bool CBBLog::addToSink(CStdStr line, const std::shared_ptr<LogWriteListener>& listener) {
+    // Echoed under the queue lock, so this logger's echoed lines never interleave; the
+    // sink keeps the order of its texts.
+    PMutexLocker lock(queueLock);
+    echoLocked(line);
+    return sink->append(std::move(line), listener);
+}
+
 bool CBBLog::addQueue(CStdStr line, WriteDone* done) {
+    if (sink) {
+        if (done == nullptr) return addToSink(std::move(line), nullptr);
+        return addToSink(std::move(line), std::make_shared<WriteDoneListener>(std::move(*done)));
+    }
     PMutexLocker lock(queueLock);
     // Once stopping, the writer may already have ended: a text that wants its outcome
     // is refused rather than left waiting forever.
@@ -296,10 +367,7 @@ bool CBBLog::addQueue(CStdStr line, WriteDone* done) {
     if (done != nullptr) completions.push_back({queue.size(), std::move(*done)});
     queue.push_back(std::move(line));
     // Echoed under the queue lock, so echoed lines never interleave.
-    if (!echoDiscarded()) {
-        fputs(queue.back().c_str(), stdout);
-        fflush(stdout);
-    }
+    echoLocked(queue.back());
     if (wakeWriter) queueLock.broadcast();
     return true;
 }

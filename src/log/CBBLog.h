@@ -22,9 +22,11 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
+#include "CBBLogSink.h"
 #include "LogFileIo.h"
 #include "PCondMutex.h"
 #include "PMutex.h"
+#include "RotatingLogFile.h"
 #include "StdString.h"
 
 class PThread;
@@ -50,6 +52,12 @@ public:
     // `withPid` puts the process id into every header; a file whose size has reached
     // `rotateSize` bytes is renamed to "<name>.back" before the next line is written.
     CBBLog(const CStdStr& logName, bool withPid, long long rotateSize);
+    // The same, but the texts go to `sink` (taken; not null), which writes them into its
+    // file, instead of to a writer thread and file of this logger's own: such a logger
+    // starts no thread and opens nothing itself (its FATAL lines still reach
+    // errors.log). `rotateSize` is then the sink's business.
+    CBBLog(const CStdStr& logName, bool withPid, long long rotateSize,
+           std::shared_ptr<CBBLogSink> sink);
     CBBLog(const CBBLog&) = delete;
     CBBLog& operator=(const CBBLog&) = delete;
     // Stops the writer thread after it wrote every queued line, then closes the files.
@@ -94,6 +102,9 @@ public:
     // fails leaves nothing of itself in the file. A derived logger that overrides
     // logLineToFile reports success once its logLineToFile returned.
     virtual void AddRawLog(CStdStr text, WriteDone done);
+    // The same with the outcome told to `listener` (may be null), which costs no
+    // allocation of its own when the logger writes through a sink.
+    void AddRawLog(CStdStr text, const std::shared_ptr<LogWriteListener>& listener);
 
     // Instance forms: each compares with the stored level only, so while the level is
     // still unset they write nothing and do not read the settings.
@@ -111,6 +122,8 @@ public:
     // Reads "LogLevel" under "Software\Pellix\Nimb"; ERROR when missing.
     void readLogLevel();
     LOGLEVEL getLogLevel() const { return level.load(std::memory_order_relaxed); }
+    // False after a failed write to the main log until the next success.
+    bool isWritable() const { return writable.load(); }
     // The lines queued but not yet taken by the writer thread, concatenated.
     CStdStr getLogs();
     // Size of the open main log in bytes; -1 when it is not open.
@@ -125,13 +138,13 @@ public:
     // The least time between two attempts to open a file that could not be opened.
     static constexpr long long kOpenRetryMs = 500;
     // The least time between two attempts to rotate a file whose rotation failed.
-    static constexpr long long kRotateRetryMs = 5000;
+    static constexpr long long kRotateRetryMs = RotatingLogFile::kRotateRetryMs;
     // The least time between two reports of one file's failures.
     static constexpr long long kReportIntervalMs = 10000;
     // Mode of the files this logger creates, and the group they are given when the
     // system has it; files that already exist keep their mode and group.
-    static constexpr mode_t kFileMode = 0660;
-    static constexpr const char* kFileGroup = "nimb";
+    static constexpr mode_t kFileMode = RotatingLogFile::kFileMode;
+    static constexpr const char* kFileGroup = RotatingLogFile::kFileGroup;
     // Mode of the logs folder when the logger has to create it.
     static constexpr mode_t kFolderMode = 0775;
     // Opens `path` through `io` as openFile() does; for a writer outside the logger that
@@ -193,13 +206,7 @@ protected:
     // false with errno set on failure.
     bool openFile(int& fd, const CStdStr& path, bool truncate);
     // The open/rotate state of one file.
-    struct FileState {
-        int openError = 0;             // errno of the failed open; 0 while it opens
-        long long openRetryAt = 0;     // no new open before this (ms)
-        long long rotateRetryAt = 0;   // no new rotation before this (ms)
-        long long rotateReportAt = 0;  // no new report of a failed rotation before this
-        int rotateError = 0;           // a failed rotation waiting to be reported
-    };
+    using FileState = LogFileState;
     // Before a write to `fd`: reopens `path` when the file was deleted or rotated by
     // another process, and renames it to `path`.back when it has reached maxSize. A
     // rotation that fails leaves the file open for appending, is tried again only after
@@ -218,6 +225,10 @@ private:
     // Queues `line` and echoes it; with `done`, also its completion. Returns false, with
     // nothing queued, when the writer has stopped.
     bool addQueue(CStdStr line, WriteDone* done = nullptr);
+    // Hands `line` to the sink and echoes it; false when the sink has stopped.
+    bool addToSink(CStdStr line, const std::shared_ptr<LogWriteListener>& listener);
+    // Echoes `line` on standard output unless that is discarded; under queueLock.
+    void echoLocked(const CStdStr& line) NIMB_REQUIRES(queueLock);
     void writeLines(std::deque<CStdStr>& lines, std::vector<Completion>& done);
     void writeBatched(std::deque<CStdStr>& lines, std::vector<Completion>& done);
     // Writer thread: the main log's descriptor ready for the next write (rotated when
@@ -296,6 +307,9 @@ private:
     std::atomic<int> logFd{-1};
     int errorFd NIMB_GUARDED_BY(fileMutex) = -1;
     FileState errorState NIMB_GUARDED_BY(fileMutex);
+    // Immutable after construction: where the texts go instead of this logger's own
+    // writer thread (null: the logger writes its file itself).
+    const std::shared_ptr<CBBLogSink> sink;
     // Set before the first line; the system calls made on the files.
     std::shared_ptr<LogFileIo> io = LogFileIo::system();
     // Writer thread only.

@@ -5,14 +5,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <typeinfo>
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,48 +18,13 @@
 
 namespace {
 
-const char* const kBackupSuffix = ".back";
 const char* const kReportPrefix = "nimb-log";
 // The most lines one batched write hands to the kernel (the writev limit).
 constexpr size_t kMaxLinesPerWrite = IOV_MAX;
 
-// The suite's group, or -1 when the system has none of that name. Looked up once.
-gid_t fileGroup() {
-    static const gid_t gid = [] {
-        group entry{};
-        group* found = nullptr;
-        char buffer[4096];
-        getgrnam_r(CBBLog::kFileGroup, &entry, buffer, sizeof(buffer), &found);
-        return found != nullptr ? found->gr_gid : static_cast<gid_t>(-1);
-    }();
-    return gid;
-}
-
-// Errors of an open that mean something other than a regular file is at the path.
-bool isNotARegularFile(int error) {
-    return error == EINVAL || error == ELOOP || error == EISDIR || error == ENXIO;
-}
-
-// Why the existing file at `path` may not be opened: 0 when it is a regular file (or
-// vanished meanwhile: the open then says so), else the errno to report.
-int refusalOf(const char* path) {
-    struct stat info {};
-    if (lstat(path, &info) != 0 || S_ISREG(info.st_mode)) return 0;
-    return S_ISLNK(info.st_mode) ? ELOOP : S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
-}
-
 }  // namespace
 
-void CBBLog::prepareProcess() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        struct sigaction current {};
-        if (sigaction(SIGXFSZ, nullptr, &current) == 0 && current.sa_handler == SIG_DFL) {
-            signal(SIGXFSZ, SIG_IGN);
-        }
-        fileGroup();
-    });
-}
+void CBBLog::prepareProcess() { RotatingLogFile::prepareProcess(); }
 
 // ---- Opening ----
 
@@ -71,43 +33,7 @@ bool CBBLog::openFile(int& fd, const CStdStr& path, bool truncate) {
 }
 
 bool CBBLog::openLogFile(LogFileIo& io, int& fd, const CStdStr& path, bool truncate) {
-    // Never through a symbolic link, never waiting for a FIFO's reader, never taking a
-    // terminal, and nothing but a regular file is even opened (the look before the open
-    // spares devices the open; the check after it closes the race). O_EXCL first tells
-    // whether this logger created the file: only then are its mode and group set, so
-    // that a file planted by someone else is never changed.
-    const int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-    bool created = true;
-    fd = io.open(path.c_str(), flags | O_CREAT | O_EXCL, kFileMode);
-    if (fd == -1 && errno == EEXIST) {
-        created = false;
-        const int refusal = refusalOf(path.c_str());
-        if (refusal != 0) {
-            errno = refusal;
-            return false;
-        }
-        fd = io.open(path.c_str(), flags | (truncate ? O_TRUNC : 0), 0);
-    }
-    if (fd == -1) return false;
-    struct stat info {};
-    const int error = io.fstat(fd, &info) != 0 ? errno : S_ISREG(info.st_mode) ? 0 : EINVAL;
-    if (error != 0) {
-        close(fd);
-        fd = -1;
-        errno = error;
-        return false;
-    }
-    if (created) {
-        // The mode is set again because the process's umask narrowed it.
-        if (fchmod(fd, kFileMode) != 0) {
-            // Left as the umask made it; the file is still the logger's own.
-        }
-        if (fileGroup() != static_cast<gid_t>(-1) &&
-            fchown(fd, static_cast<uid_t>(-1), fileGroup())) {
-            // Not a member of the group: the file keeps the process's group.
-        }
-    }
-    return true;
+    return RotatingLogFile::open(io, fd, path, truncate);
 }
 
 int CBBLog::openMainLog() {
@@ -167,54 +93,9 @@ void CBBLog::rotateIfNeeded(int& fd, const CStdStr& path, FileState& state) {
     rotateAndGetSize(fd, path, state);
 }
 
-// Uses system calls only and builds the backup name on the stack, so the synchronous
-// error-log path stays free of allocations.
+// Uses system calls only, so the synchronous error-log path stays free of allocations.
 long long CBBLog::rotateAndGetSize(int& fd, const CStdStr& path, FileState& state) {
-    struct stat opened {};
-    if (fd == -1 || io->fstat(fd, &opened) != 0) return -1;  // the write fails on its own
-    struct stat named {};
-    bool reopen = false;
-    if (io->stat(path.c_str(), &named) != 0) {
-        if (errno != ENOENT) return opened.st_size;
-        reopen = true;  // deleted or moved away: start a new file at the path
-    } else if (named.st_ino != opened.st_ino || named.st_dev != opened.st_dev) {
-        reopen = true;  // another process rotated it: follow to the new file
-    } else if (opened.st_size < maxSize || io->nowMs() < state.rotateRetryAt) {
-        return opened.st_size;  // below the limit, or backing off after a failed rotation
-    }
-    if (!reopen) {
-        // Size reached. The exclusive lock serialises rotation between processes; the
-        // second stat under it sees whether another process rotated first, in which
-        // case the path already names a fresh file and is left alone.
-        int error = 0;
-        char backup[PATH_MAX];
-        const size_t suffixLength = strlen(kBackupSuffix);
-        if (io->flock(fd, LOCK_EX) != 0) {
-            error = errno;
-        } else if (io->stat(path.c_str(), &named) == 0 && named.st_ino == opened.st_ino &&
-                   named.st_dev == opened.st_dev) {
-            if (path.size() + suffixLength >= sizeof(backup)) {
-                error = ENAMETOOLONG;
-            } else {
-                memcpy(backup, path.data(), path.size());
-                memcpy(backup + path.size(), kBackupSuffix, suffixLength + 1);
-                // Replaces the previous backup; a symbolic link or FIFO planted there is
-                // replaced too, never opened.
-                if (io->rename(path.c_str(), backup) != 0) error = errno;
-            }
-        }
-        if (error != 0) {
-            // Keep appending to the open file; try again later, not before every line.
-            io->flock(fd, LOCK_UN);
-            state.rotateRetryAt = io->nowMs() + kRotateRetryMs;
-            state.rotateError = error;
-            return opened.st_size;
-        }
-    }
-    close(fd);  // also drops the lock
-    fd = -1;
-    if (!openFile(fd, path, false)) return -1;
-    return io->fstat(fd, &opened) == 0 ? opened.st_size : -1;
+    return RotatingLogFile::rotateAndGetSize(*io, fd, path, maxSize, state);
 }
 
 size_t CBBLog::formatRotationReport(char* out, size_t size, const CStdStr& path, int error) const {
@@ -224,8 +105,8 @@ size_t CBBLog::formatRotationReport(char* out, size_t size, const CStdStr& path,
     const int length = snprintf(out + header, size - header,
                                 "%s - cannot rotate '%s' to '%s%s': %s; appending to it, next "
                                 "attempt in %lld s\n",
-                                shortName.c_str(), path.c_str(), path.c_str(), kBackupSuffix, text,
-                                kRotateRetryMs / 1000);
+                                shortName.c_str(), path.c_str(), path.c_str(),
+                                RotatingLogFile::kBackupSuffix, text, kRotateRetryMs / 1000);
     return std::min(header + static_cast<size_t>(std::max(length, 0)), size - 1);
 }
 
@@ -347,44 +228,10 @@ void CBBLog::writeBatched(std::deque<CStdStr>& lines, std::vector<Completion>& d
 }
 
 size_t CBBLog::writeParts(int fd, iovec* part, int count, int& error) {
-    // A short write (a full disk) is continued until the kernel refuses with an error.
-    size_t whole = 0;  // lines written completely
-    size_t torn = 0;   // bytes of the next line already written
-    for (;;) {
-        while (count > 0 && part->iov_len == 0) {  // nothing to write for an empty text
-            ++whole;
-            ++part;
-            --count;
-        }
-        if (count == 0) break;
-        const ssize_t n = io->writev(fd, part, count);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            error = n < 0 ? errno : EIO;
-            break;
-        }
-        size_t left = static_cast<size_t>(n);
-        while (count > 0 && left >= part->iov_len) {
-            left -= part->iov_len;
-            torn = 0;
-            ++whole;
-            ++part;
-            --count;
-        }
-        if (left > 0) {
-            part->iov_base = static_cast<char*>(part->iov_base) + left;
-            part->iov_len -= left;
-            torn += left;
-        }
-    }
-    if (torn > 0) {
-        // The file position is just past this logger's last byte (appending), so the
-        // torn line is cut off without touching what came before it.
-        const off_t end = lseek(fd, 0, SEEK_CUR);
-        if (end < static_cast<off_t>(torn) ||
-            io->ftruncate(fd, end - static_cast<off_t>(torn)) != 0) {
-            reportFailure("Log file failure: " + failureMessage("cut a torn line off", errno));
-        }
+    int cutError = 0;
+    const size_t whole = RotatingLogFile::writeParts(*io, fd, part, count, error, cutError);
+    if (cutError != 0) {
+        reportFailure("Log file failure: " + failureMessage("cut a torn line off", cutError));
     }
     return whole;
 }
@@ -408,7 +255,7 @@ CStdStr CBBLog::failureMessage(const char* action, int error) const {
     char reason[256];
     // The GNU strerror_r returns the text, which need not be in `reason`.
     const char* text = strerror_r(error, reason, sizeof(reason));
-    if (strcmp(action, "open") == 0 && isNotARegularFile(error)) {
+    if (strcmp(action, "open") == 0 && RotatingLogFile::isNotARegularFile(error)) {
         return "cannot open '" + logPath + "': not a regular file (" + text + ")";
     }
     return CStdStr("cannot ") + action + " '" + logPath + "': " + text;
@@ -449,8 +296,9 @@ void CBBLog::reportFailure(const CStdStr& text) {
 }
 
 long long CBBLog::getFileSize() const {
-    const int fd = logFd.load();
     struct stat info {};
+    if (sink) return stat(sink->path().c_str(), &info) == 0 ? info.st_size : -1;
+    const int fd = logFd.load();
     if (fd == -1 || fstat(fd, &info) != 0) return -1;
     return info.st_size;
 }

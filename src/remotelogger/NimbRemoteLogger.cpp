@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "NimbRemoteLogger.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include <QCoreApplication>
 
+#include "CRegistry.h"
 #include "CollectorStats.h"
+#include "DeviceLogNames.h"
 #include "NimbRemoteLoggerSatellite.h"
-#include "RemoteLogNames.h"
+#include "NimbSettingsKeys.h"
 #include "RemoteLogReply.h"
 #include "SyslogServer.h"
 
@@ -20,11 +23,35 @@ NimbRemoteLogger::NimbRemoteLogger() : NimbModuleBaseQT("NimbRemoteLogger") {}
 NimbRemoteLogger::~NimbRemoteLogger() {
     close();
     releaseLogs();
+    writer.reset();  // writes what the loggers handed it
+}
+
+const std::shared_ptr<DeviceLogWriter>& NimbRemoteLogger::deviceLogWriter() {
+    if (writer) return writer;
+    const boost::shared_ptr<CRegistry> registry = CRegistry::getInstance();
+    DeviceLogWriter::Options options;
+    options.logsDir = CBBLog::getLogsDirectory();
+    options.rotateSize = kRemoteLogSize;
+    int maxOpenFiles = static_cast<int>(DeviceLogWriter::kDefaultMaxOpenFiles);
+    if (registry) {
+        registry->ReadSettingImpl(NimbSettings::kConfigKey, NimbSettings::kWriterThreads,
+                                  options.threads);
+        registry->ReadSettingImpl(NimbSettings::kConfigKey, NimbSettings::kMaxOpenLogFiles,
+                                  maxOpenFiles);
+    }
+    options.maxOpenFiles = static_cast<std::size_t>(std::max(maxOpenFiles, 1));
+    writer = std::make_shared<DeviceLogWriter>(std::move(options));
+    return writer;
 }
 
 bool NimbRemoteLogger::init(const std::vector<CStdStr>&) {
     CBBLog::info("Starting");
+    deviceLogWriter();
     satellite = new NimbRemoteLoggerSatellite(this);
+    satellite->setDirectAppend(
+        [this](const CStdStr& id, CStdStr text, const std::shared_ptr<RemoteLogReply>& reply) {
+            writeText(id, std::move(text), reply);
+        });
     if (!connect(satellite, &NimbRemoteLoggerSatellite::addLog, this, &NimbRemoteLogger::addLog,
                  Qt::AutoConnection)) {
         CBBLog::error("Failed to connect addLog signal");
@@ -48,7 +75,8 @@ bool NimbRemoteLogger::init(const std::vector<CStdStr>&) {
 void NimbRemoteLogger::startSyslog() {
     const SyslogSettings settings = SyslogSettings::read();
     if (!settings.isEnabled()) return;
-    syslog = std::make_unique<SyslogServer>(settings, CollectorStats::global().syslog());
+    syslog = std::make_unique<SyslogServer>(settings, CollectorStats::global().syslog(),
+                                            deviceLogWriter());
     if (!syslog->start()) syslog.reset();
 }
 
@@ -64,6 +92,7 @@ void NimbRemoteLogger::close() {
     satellite->deliverQueuedCalls();
     QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
     releaseLogs();
+    if (writer) writer->drain();
     delete satellite;
     satellite = nullptr;
 }
@@ -74,11 +103,11 @@ void NimbRemoteLogger::releaseLogs() {
         const PMutexLocker lock(logMapLock);
         released.swap(logMap);
     }
-    released.clear();  // outside the lock: each logger drains its queue into its file
+    released.clear();  // outside the lock: the writer still writes what they handed it
 }
 
 CStdStr NimbRemoteLogger::getLogId(const CStdStr& macAddr, const CStdStr& logName) {
-    return RemoteLogNames::logId(macAddr, logName);
+    return DeviceLogNames::logId(macAddr, logName);
 }
 
 void NimbRemoteLogger::addLog(QString macAddr, QString deviceId, QString satName,
@@ -86,10 +115,10 @@ void NimbRemoteLogger::addLog(QString macAddr, QString deviceId, QString satName
     const std::shared_ptr<RemoteLogReply> reply = replyOfCall();
     const CStdStr mac(macAddr);
     const CStdStr id = getLogId(mac, CStdStr(logName));
-    const CStdStr fileName = RemoteLogNames::fileName(CStdStr(deviceId), id);
+    const CStdStr fileName = DeviceLogNames::fileName(CStdStr(deviceId), id);
     // The satellite refuses such names already; a direct caller of this slot must not
     // reach outside the logs folder either.
-    if (!RemoteLogNames::isPlainFileName(fileName)) {
+    if (!DeviceLogNames::isPlainFileName(fileName)) {
         CBBLog::error("Refused log file name %s", fileName.c_str());
         if (reply) reply->partDone(EINVAL, "refused log file name " + fileName);
         return;
@@ -100,7 +129,8 @@ void NimbRemoteLogger::addLog(QString macAddr, QString deviceId, QString satName
         // finds nothing (leaving a null entry), so every announcement starts a fresh
         // logger for its file.
         if (!logMap[mac]) {
-            boost::shared_ptr<CBBLog> log(new CBBLog(fileName, false, kRemoteLogSize));
+            boost::shared_ptr<CBBLog> log(
+                new CBBLog(fileName, false, kRemoteLogSize, deviceLogWriter()->open(fileName)));
             logMap[id] = log;
         }
     }
@@ -139,8 +169,7 @@ void NimbRemoteLogger::writeText(const CStdStr& id, CStdStr text,
         log->AddRawLog(text.c_str());
         return;
     }
-    log->AddRawLog(std::move(text),
-                   [reply](int error, const CStdStr& message) { reply->partDone(error, message); });
+    log->AddRawLog(std::move(text), std::shared_ptr<LogWriteListener>(reply));
 }
 
 void NimbRemoteLogger::closeLog(QString logId) {

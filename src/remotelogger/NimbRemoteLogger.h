@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: MIT
 // NimbRemoteLogger: the collector module. It keeps one CBBLog per remote log, keyed by
 // the log's id, writes the header line of each announced log and appends the text that
-// devices deliver. Created by createNimbModuleInstance() and owned by the module host;
-// lives on the Qt main thread, where its slots run (queued from the satellite's bus
-// threads). The log map is guarded by logMapLock, never held while a logger writes.
-// A call that came from the satellite carries its request's reply along to the
-// logger, which completes it once the text is in the file.
-// Errors: a device's bad request is thrown as KibInvalidParameterException by the
-// satellite's handlers and becomes the error reply; a text that cannot be written is
-// answered with an error reply naming the file; nothing a device sends ends the process.
+// devices deliver. The loggers hand their texts to one DeviceLogWriter, which writes
+// every device log (the bus's and syslog's) with a few threads and a bounded number of
+// open files; texts for a log with no call waiting on the main thread reach its logger
+// straight from the bus thread (NimbRemoteLoggerSatellite::setDirectAppend). Created by
+// createNimbModuleInstance() and owned by the module host; lives on the Qt main thread, where its
+// slots run (queued from the satellite's bus threads). The log map is guarded by logMapLock, never
+// held while a logger writes. A call that came from the satellite carries its request's reply along
+// to the logger, which completes it once the text is in the file. Errors: a device's bad request is
+// thrown as KibInvalidParameterException by the satellite's handlers and becomes the error reply; a
+// text that cannot be written is answered with an error reply naming the file; nothing a device
+// sends ends the process.
 #pragma once
 
 #include <map>
@@ -21,6 +24,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include "CBBLog.h"
+#include "DeviceLogWriter.h"
 #include "NimbModuleBaseQT.h"
 #include "PMutex.h"
 #include "StdString.h"
@@ -34,7 +38,7 @@ class NimbRemoteLogger : public NimbModuleBaseQT {
 
 public:
     // Size at which each remote log is rotated into its ".back" file.
-    static constexpr long long kRemoteLogSize = 524288;
+    static constexpr long long kRemoteLogSize = DeviceLogWriter::kRotateSize;
 
     NimbRemoteLogger();
     NimbRemoteLogger(const NimbRemoteLogger&) = delete;
@@ -42,14 +46,16 @@ public:
     // Closes, then releases every remote log (each drains its queue into its file).
     ~NimbRemoteLogger() override;
 
-    // Creates the satellite, connects its signals to the slots below and joins the bus;
+    // Starts the device-log writer (the "WriterThreads" and "MaxOpenLogFiles" settings),
+    // creates the satellite, connects its signals to the slots below and joins the bus;
     // then starts the syslog listeners when the settings enable them (a listener that
     // cannot start is logged and the bus path runs on). False (logged) when the
     // satellite could not register. Main thread.
     bool init(const std::vector<CStdStr>& args) override;
     // Leaves the bus (serving every request already received), delivers every addLog /
-    // appendLog already emitted, releases the loggers (each writes all it was given and
-    // completes those requests' replies), then disconnects. Harmless twice. Main thread.
+    // appendLog already emitted, releases the loggers and waits until the writer wrote
+    // everything it was given and completed those requests' replies, then disconnects.
+    // Harmless twice. Main thread.
     void close() override;
 
     // The MAC address without ":", "-", and the log name's last path component.
@@ -72,8 +78,10 @@ private:
     void startSyslog();
     // The reply that came with the call being delivered, when it came from the satellite.
     std::shared_ptr<RemoteLogReply> replyOfCall();
-    // Queues `text` for the log `id`; `reply` (may be null) learns how it went.
+    // Queues `text` for the log `id`; `reply` (may be null) learns how it went. Any thread.
     void writeText(const CStdStr& id, CStdStr text, const std::shared_ptr<RemoteLogReply>& reply);
+    // The writer of every device log, started on first use. Main thread.
+    const std::shared_ptr<DeviceLogWriter>& deviceLogWriter();
     // Empties the map; the loggers write what they hold as they go.
     void releaseLogs();
 
@@ -81,6 +89,8 @@ private:
     // The syslog listeners, when enabled; started once the satellite registered, stopped
     // by close() before the satellite leaves.
     std::unique_ptr<SyslogServer> syslog;
+    // Shared with the loggers' handles and the syslog listeners; outlives the map.
+    std::shared_ptr<DeviceLogWriter> writer;
     PMutex logMapLock;
     std::map<CStdStr, boost::shared_ptr<CBBLog>> logMap NIMB_GUARDED_BY(logMapLock);
 };

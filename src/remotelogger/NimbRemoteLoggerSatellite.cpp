@@ -14,10 +14,11 @@
 #include "CRegistry.h"
 #include "CollectorStats.h"
 #include "DeviceLogConverter.h"
+#include "DeviceLogNames.h"
 #include "KibVariantHolder.h"
 #include "NimbBusSettings.h"
 #include "NimbSettingsKeys.h"
-#include "RemoteLogNames.h"
+#include "Utf8Text.h"
 #include "VUtil.h"
 
 namespace {
@@ -93,12 +94,20 @@ QString escapeControlCharacters(const QString& text) {
 // QString, encoded again (malformed sequences become U+FFFD, three bytes each).
 CStdStr asDelivered(const QString& text) { return CStdStr(text); }
 
-// `content` as the text it is written as: UTF-8, with every NUL byte replaced by U+FFFD
+// The same for bytes that have not been decoded: well-formed UTF-8 without NUL comes
+// back as it is, without the round trip.
+CStdStr asDelivered(CStdStr bytes) {
+    if (Utf8Text::isWellFormed(bytes.data(), bytes.size())) return bytes;
+    return asDelivered(fromUtf8(bytes));
+}
+
+// `content` as the bytes it is written as: UTF-8, with every NUL byte replaced by U+FFFD
 // like the bytes that are not UTF-8 (the decoding replaces those), so nothing after a
-// NUL is lost.
-QString deliveredText(CStdStr content) {
+// NUL is lost. Well-formed text is taken as it is.
+CStdStr deliveredBytes(CStdStr content) {
+    if (Utf8Text::isWellFormed(content.data(), content.size())) return content;
     content.Replace(std::string_view("\0", 1), "\xEF\xBF\xBD");
-    return fromUtf8(content);
+    return asDelivered(fromUtf8(content));
 }
 
 void checkTime(long seconds, const char* context) {
@@ -122,15 +131,11 @@ long clockOffset(const tagVARIANT& in, int index) {
     return static_cast<long>(std::llround(static_cast<double>(serverMs - deviceMs) / 1000.0));
 }
 
-std::size_t textBytes(const QString& text) {
-    return static_cast<std::size_t>(text.size()) * sizeof(QChar);
-}
-
 // One part of a file name made from remote input: no separator and no control character
 // (a NUL would silently cut the name, a line break or escape would reach listings and
 // terminals).
 void checkNamePart(const QString& part, const char* context) {
-    if (RemoteLogNames::hasSeparator(asDelivered(part)))
+    if (DeviceLogNames::hasSeparator(asDelivered(part)))
         throw KibInvalidParameterException((CStdStr(context) + ": holds \"/\" or \"\\\"").c_str());
     if (hasControlCharacter(part))
         throw KibInvalidParameterException(
@@ -146,12 +151,12 @@ void checkLogNames(const QString& macAddr, const QString& deviceId,
     const CStdStr mac = asDelivered(macAddr);
     const CStdStr device = asDelivered(deviceId);
     const CStdStr tooLong =
-        boost::str(boost::format("file name longer than %1% bytes") % RemoteLogNames::kMaxFileName);
-    const CStdStr shortest = RemoteLogNames::logId(mac, "");
-    if (shortest.size() > RemoteLogNames::kMaxFileName)
+        boost::str(boost::format("file name longer than %1% bytes") % DeviceLogNames::kMaxFileName);
+    const CStdStr shortest = DeviceLogNames::logId(mac, "");
+    if (shortest.size() > DeviceLogNames::kMaxFileName)
         throw KibInvalidParameterException(("SetLogSource: invalid addr: " + tooLong).c_str());
-    const CStdStr prefix = RemoteLogNames::fileName(device, shortest);
-    if (prefix.size() > RemoteLogNames::kMaxFileName) {
+    const CStdStr prefix = DeviceLogNames::fileName(device, shortest);
+    if (prefix.size() > DeviceLogNames::kMaxFileName) {
         throw KibInvalidParameterException(("SetLogSource: invalid device id: " + tooLong).c_str());
     }
     // The file name starts with the device id, or with the MAC address when the id is empty.
@@ -166,8 +171,8 @@ void checkLogNames(const QString& macAddr, const QString& deviceId,
                 "SetLogSource: invalid log name: holds a control character");
         }
         const CStdStr name =
-            RemoteLogNames::fileName(device, RemoteLogNames::logId(mac, asDelivered(logName)));
-        if (!RemoteLogNames::isPlainFileName(name)) {
+            DeviceLogNames::fileName(device, DeviceLogNames::logId(mac, asDelivered(logName)));
+        if (!DeviceLogNames::isPlainFileName(name)) {
             throw KibInvalidParameterException(
                 ("SetLogSource: invalid log name: " + tooLong).c_str());
         }
@@ -177,19 +182,12 @@ void checkLogNames(const QString& macAddr, const QString& deviceId,
 }  // namespace
 
 NimbRemoteLoggerSatellite::NimbRemoteLoggerSatellite(QObject* parent) : QObject(parent) {
-    // The calls are emitted on the main thread, so each call's room comes back when the
-    // main thread reaches it.
-    const std::shared_ptr<RemoteLogBacklog> room = backlog;
-    const std::shared_ptr<RemoteLogDeviceQuota> share = quota;
+    // An announcement's calls are emitted on the main thread, so their room comes back
+    // when the main thread reaches them; an AppendLog's room comes back with its reply.
     QObject::connect(this, &NimbRemoteLoggerSatellite::addLog, this,
-                     [room, share](const QString& macAddr) {
+                     [room = backlog, share = quota](const QString& macAddr) {
                          room->release(0);
                          share->release(asDelivered(macAddr), 0);
-                     });
-    QObject::connect(this, &NimbRemoteLoggerSatellite::appendLog, this,
-                     [room, share](const QString& macAddr, const QString&, const QString& content) {
-                         room->release(textBytes(content));
-                         share->release(asDelivered(macAddr), textBytes(content));
                      });
 }
 
@@ -215,8 +213,9 @@ void NimbRemoteLoggerSatellite::queueReplyLocked(const std::shared_ptr<RemoteLog
     pendingReplies.push_back(reply);
 }
 
-void NimbRemoteLoggerSatellite::queueCallLocked(std::function<void()> call) {
-    queuedCalls.push_back(std::move(call));
+void NimbRemoteLoggerSatellite::queueCallLocked(const CStdStr& logId, std::function<void()> call) {
+    ++waitingCalls[logId];
+    queuedCalls.push_back({logId, std::move(call)});
     if (queuedCalls.size() == 1) {
         // Invoked by name: nothing of ours travels inside Qt's event, so everything the
         // main thread reads of this hand-off passes through emitLock.
@@ -225,13 +224,20 @@ void NimbRemoteLoggerSatellite::queueCallLocked(std::function<void()> call) {
 }
 
 void NimbRemoteLoggerSatellite::deliverQueuedCalls() {
-    std::vector<std::function<void()>> calls;
+    std::vector<QueuedCall> calls;
     {
         const PMutexLocker lock(emitLock);
         calls.swap(queuedCalls);
     }
     // Emitted without the lock: the slots take their replies (takeReply).
-    for (const std::function<void()>& call : calls) call();
+    for (const QueuedCall& queued : calls) queued.call();
+    // Only now may texts for these logs bypass the main thread: what the slots queued
+    // is ahead of them.
+    const PMutexLocker lock(emitLock);
+    for (const QueuedCall& call : calls) {
+        const auto waiting = waitingCalls.find(call.logId);
+        if (waiting != waitingCalls.end() && --waiting->second <= 0) waitingCalls.erase(waiting);
+    }
 }
 
 int NimbRemoteLoggerSatellite::connect() {
@@ -320,7 +326,7 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
     checkLogNames(macAddr, deviceId, logNames);
     std::set<CStdStr> ids;
     for (const QString& logName : logNames)
-        ids.insert(RemoteLogNames::logId(asDelivered(macAddr), asDelivered(logName)));
+        ids.insert(DeviceLogNames::logId(asDelivered(macAddr), asDelivered(logName)));
     admitLogIds(asDelivered(macAddr), ids, logNames.size());
     reserveBacklog("SetLogSource", asDelivered(macAddr), logNames.size(), 0);
     if (logNames.empty()) {
@@ -333,41 +339,59 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
     const PMutexLocker lock(emitLock);
     for (const QString& logName : logNames) {
         queueReplyLocked(reply);
-        queueCallLocked([this, macAddr, deviceId, satName, displayName, puckTime, logName] {
-            emit addLog(macAddr, deviceId, satName, displayName, puckTime, logName);
-        });
+        queueCallLocked(DeviceLogNames::logId(asDelivered(macAddr), asDelivered(logName)),
+                        [this, macAddr, deviceId, satName, displayName, puckTime, logName] {
+                            emit addLog(macAddr, deviceId, satName, displayName, puckTime, logName);
+                        });
     }
     return 0;
 }
 
-int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char* caller, const tagVARIANT& in,
-                                                   tagVARIANT*) {
-    const QString callerName = QString::fromUtf8(caller != nullptr ? caller : "");
-    (void)callerName;  // read, as every handler does, but not part of the result
+// The caller's satellite name is not part of what AppendLog writes. The text stays bytes
+// from the request to the file: decoded and encoded again only when it is not
+// well-formed UTF-8 (or holds a NUL), and converted in one pass when stamps move.
+int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char*, const tagVARIANT& in, tagVARIANT*) {
     VUtil::CheckArrayType(in, VT_VARIANT, 3, true, "AppendLog: invalid parameter");
-    const CStdStr macAddr = stringElement(in, 0, "AppendLog: invalid addr");
-    const CStdStr logName = stringElement(in, 1, "AppendLog: invalid log");
+    CStdStr macAddr = stringElement(in, 0, "AppendLog: invalid addr");
+    CStdStr logName = stringElement(in, 1, "AppendLog: invalid log");
     CStdStr content = stringElement(in, 2, "AppendLog: invalid content");
     if (VUtil::GetArrayLength(in) > 3) {
         const long deviceTime = VUtil::GetDateElement(in, 3);
         checkTime(deviceTime, "AppendLog: invalid time");
         content = convertLog(content, deviceTime, deviceTime + clockOffset(in, 3));
     }
-    const QString mac = fromUtf8(macAddr);
-    const QString log = fromUtf8(logName);
-    if (sources.touch(RemoteLogNames::logId(asDelivered(mac), asDelivered(log))) ==
-        RemoteLogSources::State::Closed) {
+    const CStdStr mac = asDelivered(macAddr);
+    const CStdStr id = DeviceLogNames::logId(mac, asDelivered(logName));
+    if (sources.touch(id) == RemoteLogSources::State::Closed) {
         throw KibException("AppendLog: log closed to make room for other logs: announce it again",
                            kLogClosedCode);
     }
-    const QString text = deliveredText(std::move(content));
-    reserveBacklog("AppendLog", asDelivered(mac), 1, textBytes(text));
+    CStdStr text = deliveredBytes(std::move(content));
+    reserveBacklog("AppendLog", mac, 1, text.size());
     const auto reply = std::make_shared<RemoteLogReply>(DeferReply(), "AppendLog", 1);
-    std::function<void()> call = [this, mac, log, text] { emit appendLog(mac, log, text); };
+    // The room is given back once the text is written (or refused).
+    reply->holdRoom(backlog, quota, mac, text.size());
     const PMutexLocker lock(emitLock);
-    queueReplyLocked(reply);
-    queueCallLocked(std::move(call));
+    if (directAppend && waitingCalls.find(id) == waitingCalls.end()) {
+        directAppend(id, std::move(text), reply);
+        return 0;
+    }
+    queueAppendLocked(id, macAddr, logName, std::move(text), reply);
     return 0;
+}
+
+void NimbRemoteLoggerSatellite::queueAppendLocked(const CStdStr& logId, const CStdStr& macAddr,
+                                                  const CStdStr& logName, CStdStr text,
+                                                  const std::shared_ptr<RemoteLogReply>& reply) {
+    queueReplyLocked(reply);
+    queueCallLocked(logId, [this, macAddr, logName, text = std::move(text)] {
+        emit appendLog(fromUtf8(macAddr), fromUtf8(logName), fromUtf8(text));
+    });
+}
+
+void NimbRemoteLoggerSatellite::setDirectAppend(DirectAppend append) {
+    const PMutexLocker lock(emitLock);
+    directAppend = std::move(append);
 }
 
 CStdStr NimbRemoteLoggerSatellite::convertLog(const CStdStr& content, long deviceTime,
@@ -395,7 +419,8 @@ void NimbRemoteLoggerSatellite::admitLogIds(const CStdStr& mac, const std::set<C
     // Queued with the other calls, so the log is closed before a later call re-announces it.
     const PMutexLocker lock(emitLock);
     for (const CStdStr& id : closed) {
-        queueCallLocked([this, logId = QString::fromUtf8(id.c_str())] { emit closeLog(logId); });
+        queueCallLocked(id,
+                        [this, logId = QString::fromUtf8(id.c_str())] { emit closeLog(logId); });
     }
 }
 

@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <set>
+#include <unordered_map>
 #include <vector>
 
 #include <QDateTime>
@@ -35,11 +36,13 @@ class NimbRemoteLoggerSatellite : public QObject, public KibSatellite {
 
 public:
     // How many logs (distinct log ids) may be announced when the "MaxLogSources" setting
-    // is absent. Each one costs an open file, its rotation lock and a writer thread.
-    static constexpr int kDefaultMaxLogSources = 256;
-    // What may wait for the main thread: calls emitted but not yet delivered, and the
-    // text they carry (UTF-16 bytes). A handler waits up to kBacklogWaitMs for room,
-    // then refuses the request as busy (exception code kBusyCode).
+    // is absent. A log costs a few hundred bytes; its file is open only while the
+    // writer's file cache keeps it.
+    static constexpr int kDefaultMaxLogSources = 16384;
+    // What may wait: announcements not yet delivered to the main thread, and texts not
+    // yet written (counted in calls, and in UTF-8 bytes of text). A handler waits up to
+    // kBacklogWaitMs for room, then refuses the request as busy (exception code
+    // kBusyCode).
     static constexpr std::size_t kMaxQueuedCalls = 1024;
     static constexpr std::size_t kMaxQueuedBytes = 32 * 1024 * 1024;
     static constexpr int kBacklogWaitMs = 2000;
@@ -51,6 +54,14 @@ public:
     // Exception code of AppendLog for a log that gave up its slot to another: the device
     // announces it again with SetLogSource and resends.
     static constexpr std::int32_t kLogClosedCode = 4;
+
+    // Where AppendLog hands a text whose log has no call waiting for the main thread:
+    // the log's id, the text as it is written (UTF-8, NUL bytes replaced), and the
+    // request's reply, which the receiver completes once the text is written (or at once,
+    // as unknown source, when the log is not open). Called on a bus thread under the
+    // emission lock, so that it keeps its place among the queued calls.
+    using DirectAppend = std::function<void(const CStdStr& logId, CStdStr text,
+                                            const std::shared_ptr<RemoteLogReply>& reply)>;
 
     // Constructs both parts; connects nothing. Main thread.
     explicit NimbRemoteLoggerSatellite(QObject* parent);
@@ -83,6 +94,13 @@ public:
     // that arrives until it runs, so a busy bus costs the main thread one event per batch
     // rather than one per request. Main thread.
     Q_INVOKABLE void deliverQueuedCalls();
+
+    // From now on AppendLog hands its texts to `append` instead of emitting appendLog
+    // whenever no call for the same log waits for the main thread (the emitted calls
+    // keep their order: a text for a log with a call waiting is queued behind it). The
+    // signal and its slot keep working for every other caller. Main thread, before
+    // connect().
+    void setDirectAppend(DirectAppend append);
 
     // Adds "SetLogSource" and "AppendLog" (empty descriptions); the status of the second.
     int CreateServices() override;
@@ -139,8 +157,13 @@ private:
                         std::size_t bytes);
     // Queues `reply` for the next call to be emitted; the caller holds emitLock.
     void queueReplyLocked(const std::shared_ptr<RemoteLogReply>& reply) NIMB_REQUIRES(emitLock);
-    // Queues the emission `call` for the main thread; the caller holds emitLock.
-    void queueCallLocked(std::function<void()> call) NIMB_REQUIRES(emitLock);
+    // Queues the emission `call`, which concerns the log `logId`, for the main thread;
+    // the caller holds emitLock.
+    void queueCallLocked(const CStdStr& logId, std::function<void()> call) NIMB_REQUIRES(emitLock);
+    // Queues the reply and the appendLog call of one AppendLog request; emitLock held.
+    void queueAppendLocked(const CStdStr& logId, const CStdStr& macAddr, const CStdStr& logName,
+                           CStdStr text, const std::shared_ptr<RemoteLogReply>& reply)
+        NIMB_REQUIRES(emitLock);
 
     // Shared with the connections that release it on the main thread.
     const std::shared_ptr<RemoteLogBacklog> backlog =
@@ -155,5 +178,13 @@ private:
     // share one place in the order the calls reach the main thread.
     PMutex emitLock;
     std::deque<std::shared_ptr<RemoteLogReply>> pendingReplies NIMB_GUARDED_BY(emitLock);
-    std::vector<std::function<void()>> queuedCalls NIMB_GUARDED_BY(emitLock);
+    struct QueuedCall {
+        CStdStr logId;
+        std::function<void()> call;
+    };
+    std::vector<QueuedCall> queuedCalls NIMB_GUARDED_BY(emitLock);
+    // Calls queued or being delivered, per log id (absent: none).
+    std::unordered_map<std::string, int> waitingCalls NIMB_GUARDED_BY(emitLock);
+    // Set before connect(); read by the handlers.
+    DirectAppend directAppend NIMB_GUARDED_BY(emitLock);
 };

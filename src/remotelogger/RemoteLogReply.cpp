@@ -3,12 +3,33 @@
 
 #include "CollectorStats.h"
 #include "KibVariantHolder.h"
+#include "RemoteLogBacklog.h"
+#include "RemoteLogDeviceQuota.h"
 
 const char* const RemoteLogReply::kUnknownSourceText =
     "AppendLog: unknown source: announce it with SetLogSource first";
 
 RemoteLogReply::RemoteLogReply(KibDeferredReply reply, const char* service, int parts)
     : reply_(std::move(reply)), service_(service), remaining_(parts > 0 ? parts : 1) {}
+
+RemoteLogReply::~RemoteLogReply() { releaseRoom(); }
+
+void RemoteLogReply::holdRoom(std::shared_ptr<RemoteLogBacklog> backlog,
+                              std::shared_ptr<RemoteLogDeviceQuota> quota, const CStdStr& mac,
+                              std::size_t bytes) {
+    backlog_ = std::move(backlog);
+    quota_ = std::move(quota);
+    roomMac_ = mac;
+    roomBytes_ = bytes;
+}
+
+// Only the thread of the last part (or the destructor, after it) gets here.
+void RemoteLogReply::releaseRoom() {
+    if (backlog_) backlog_->release(roomBytes_);
+    if (quota_) quota_->release(roomMac_, roomBytes_);
+    backlog_.reset();
+    quota_.reset();
+}
 
 void RemoteLogReply::partDone(int error, const CStdStr& message) {
     if (error != 0) {
@@ -28,6 +49,8 @@ void RemoteLogReply::unknownSource() {
 
 void RemoteLogReply::finishPart() {
     if (--remaining_ != 0) return;
+    // The device may send again as soon as it has its reply: the room comes back first.
+    releaseRoom();
     std::string failure;
     bool unknown = false;
     {

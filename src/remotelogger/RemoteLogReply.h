@@ -9,14 +9,20 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 
+#include "CBBLogSink.h"
 #include "KibDeferredReply.h"
 #include "PMutex.h"
 #include "StdString.h"
 
-class RemoteLogReply {
+class RemoteLogBacklog;
+class RemoteLogDeviceQuota;
+
+class RemoteLogReply : public LogWriteListener {
 public:
     // The handler's status and exception code when a log was never announced, or when a
     // text could not be written; the device may send it again in both cases.
@@ -28,7 +34,16 @@ public:
     RemoteLogReply(KibDeferredReply reply, const char* service, int parts);
     RemoteLogReply(const RemoteLogReply&) = delete;
     RemoteLogReply& operator=(const RemoteLogReply&) = delete;
-    ~RemoteLogReply() = default;
+    // Gives back the room it holds, if the reply never finished.
+    ~RemoteLogReply() override;
+
+    // Holds one call with `bytes` of text of device `mac` in `backlog` and `quota` (taken
+    // already), to be given back when the reply finishes. Call before the first part.
+    void holdRoom(std::shared_ptr<RemoteLogBacklog> backlog,
+                  std::shared_ptr<RemoteLogDeviceQuota> quota, const CStdStr& mac,
+                  std::size_t bytes);
+    // The logger's report on one text: partDone().
+    void writeDone(int error, const CStdStr& message) override { partDone(error, message); }
 
     // One text was written (error 0) or not (`message` names the file and the reason).
     void partDone(int error, const CStdStr& message);
@@ -37,12 +52,18 @@ public:
 
 private:
     void finishPart();
+    void releaseRoom();
 
     // Immutable after construction.
     KibDeferredReply reply_;
     const std::string service_;
 
     std::atomic<int> remaining_{0};
+    // Set by holdRoom(), taken by releaseRoom() (the last part, or the destructor).
+    std::shared_ptr<RemoteLogBacklog> backlog_;
+    std::shared_ptr<RemoteLogDeviceQuota> quota_;
+    CStdStr roomMac_;
+    std::size_t roomBytes_ = 0;
     PMutex mutex_;
     std::string failure_ NIMB_GUARDED_BY(mutex_);  // the first failure
     bool unknown_ NIMB_GUARDED_BY(mutex_) = false;

@@ -19,15 +19,11 @@ bool RemoteLogSources::admit(const CStdStr& mac, const std::set<CStdStr>& ids,
                              std::size_t listLength, std::vector<CStdStr>& closed,
                              std::string& error) {
     const PMutexLocker lock(mutex_);
-    std::size_t fresh = 0;
-    for (const CStdStr& id : ids) fresh += open_.count(id) == 0 ? 1 : 0;
-    const auto device = perDevice_.find(mac);
-    const std::size_t deviceOpen = device == perDevice_.end() ? 0 : device->second;
     if (std::max(ids.size(), listLength) > maxLogs_) {
         error = boost::str(boost::format("too many log sources: at most %1%") % maxLogs_);
         return false;
     }
-    if (deviceOpen + fresh > maxPerDevice_) {
+    if (ids.size() > maxPerDevice_) {
         error = boost::str(boost::format("too many log sources for device %1%: at most %2%") % mac %
                            maxPerDevice_);
         return false;
@@ -37,18 +33,23 @@ bool RemoteLogSources::admit(const CStdStr& mac, const std::set<CStdStr>& ids,
     for (const CStdStr& id : ids) {
         auto found = open_.find(id);
         if (found == open_.end()) {
-            found = open_.emplace(id, Entry{mac, 0}).first;
+            found = open_.emplace(id, Entry{mac, byUse_.end()}).first;
+            found->second.use = byUse_.insert(byUse_.end(), found);
             ++perDevice_[mac];
             if (closed_.erase(id) != 0) {
                 closedOrder_.erase(std::find(closedOrder_.begin(), closedOrder_.end(), id));
             }
         }
-        useLocked(id, found->second);
+        useLocked(found);
+    }
+    for (auto device = perDevice_.find(mac);
+         device != perDevice_.end() && device->second > maxPerDevice_;
+         device = perDevice_.find(mac)) {
+        if (!closeIdlestOfLocked(mac, ids, closed)) break;
     }
     while (open_.size() > maxLogs_) {
-        const CStdStr oldest = byLastUse_.begin()->second;
-        closeLocked(oldest);
-        closed.push_back(oldest);
+        closed.push_back(byUse_.front()->first);
+        closeLocked(byUse_.front());
     }
     return true;
 }
@@ -57,7 +58,7 @@ RemoteLogSources::State RemoteLogSources::touch(const CStdStr& id) {
     const PMutexLocker lock(mutex_);
     const auto found = open_.find(id);
     if (found != open_.end()) {
-        useLocked(id, found->second);
+        useLocked(found);
         return State::Open;
     }
     return closed_.count(id) != 0 ? State::Closed : State::Unknown;
@@ -68,18 +69,27 @@ std::size_t RemoteLogSources::openCount() const {
     return open_.size();
 }
 
-void RemoteLogSources::useLocked(const CStdStr& id, Entry& entry) {
-    if (entry.lastUse != 0) byLastUse_.erase(entry.lastUse);
-    entry.lastUse = ++clock_;
-    byLastUse_.emplace(entry.lastUse, id);
+void RemoteLogSources::useLocked(Open::iterator entry) {
+    byUse_.splice(byUse_.end(), byUse_, entry->second.use);
 }
 
-void RemoteLogSources::closeLocked(const CStdStr& id) {
-    const auto found = open_.find(id);
-    byLastUse_.erase(found->second.lastUse);
-    const auto device = perDevice_.find(found->second.mac);
+bool RemoteLogSources::closeIdlestOfLocked(const CStdStr& mac, const std::set<CStdStr>& keep,
+                                           std::vector<CStdStr>& closed) {
+    for (const Open::iterator entry : byUse_) {
+        if (entry->second.mac != mac || keep.count(entry->first) != 0) continue;
+        closed.push_back(entry->first);
+        closeLocked(entry);
+        return true;
+    }
+    return false;
+}
+
+void RemoteLogSources::closeLocked(Open::iterator entry) {
+    const CStdStr id = entry->first;
+    byUse_.erase(entry->second.use);
+    const auto device = perDevice_.find(entry->second.mac);
     if (--device->second == 0) perDevice_.erase(device);
-    open_.erase(found);
+    open_.erase(entry);
     closed_.insert(id);
     closedOrder_.push_back(id);
     if (closedOrder_.size() > kRememberedClosed) {

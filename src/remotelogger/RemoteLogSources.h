@@ -2,8 +2,9 @@
 // RemoteLogSources: the slots of the logs the collector keeps open. At most `maxLogs`
 // logs in all and `maxPerDevice` per device (MAC address). When every slot is taken, a
 // new log takes the slot of the log that has been idle longest, which is handed back to
-// be closed, instead of new devices being refused until a restart; a device that asks
-// for more logs than its own bound is refused. A log that gave up its slot is
+// be closed, instead of new devices being refused until a restart; past its own bound,
+// a device's new log takes the slot of that device's idlest log. Only an announcement
+// that names more logs than a bound at once is refused. A log that gave up its slot is
 // remembered (boundedly) so that text sent to it can be refused with a request to
 // announce it again, rather than acknowledged and dropped. Any thread; internally locked.
 #pragma once
@@ -11,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <list>
 #include <map>
 #include <set>
 #include <string>
@@ -23,7 +25,7 @@
 class RemoteLogSources {
 public:
     // How many logs one device may keep open when the "MaxLogsPerDevice" setting is absent.
-    static constexpr std::size_t kDefaultMaxPerDevice = 32;
+    static constexpr std::size_t kDefaultMaxPerDevice = 1024;
     // How many closed logs are remembered as closed (older ones read as never announced).
     static constexpr std::size_t kRememberedClosed = 4096;
 
@@ -39,7 +41,8 @@ public:
     // which came as a list of `listLength` names, repeats included. Returns false,
     // opening none, with `error` set, when they cannot all be open at once (more than
     // either bound) or the list itself is longer than the total bound. Otherwise
-    // `closed` receives the logs that gave up their slot for them, idle longest first.
+    // `closed` receives the logs that gave up their slot for them, idle longest first:
+    // first the device's own past its bound, then anyone's past the total bound.
     bool admit(const CStdStr& mac, const std::set<CStdStr>& ids, std::size_t listLength,
                std::vector<CStdStr>& closed, std::string& error);
     // Marks `id` as used now when it is open; says whether it is open, gave up its slot,
@@ -48,19 +51,24 @@ public:
     std::size_t openCount() const;
 
 private:
+    struct Entry;
+    using Open = std::map<CStdStr, Entry>;
     struct Entry {
         CStdStr mac;
-        std::uint64_t lastUse = 0;
+        std::list<Open::iterator>::iterator use;  // its place in byUse_
     };
-    void useLocked(const CStdStr& id, Entry& entry) NIMB_REQUIRES(mutex_);
-    void closeLocked(const CStdStr& id) NIMB_REQUIRES(mutex_);
+    // Marks the log as used last; no allocation.
+    void useLocked(Open::iterator entry) NIMB_REQUIRES(mutex_);
+    // Closes the idlest open log of device `mac`; `keep` are spared. False when none.
+    bool closeIdlestOfLocked(const CStdStr& mac, const std::set<CStdStr>& keep,
+                             std::vector<CStdStr>& closed) NIMB_REQUIRES(mutex_);
+    void closeLocked(Open::iterator entry) NIMB_REQUIRES(mutex_);
 
     mutable PMutex mutex_;
     std::size_t maxLogs_ NIMB_GUARDED_BY(mutex_) = 0;
     std::size_t maxPerDevice_ NIMB_GUARDED_BY(mutex_) = 0;
-    std::uint64_t clock_ NIMB_GUARDED_BY(mutex_) = 0;
-    std::map<CStdStr, Entry> open_ NIMB_GUARDED_BY(mutex_);
-    std::map<std::uint64_t, CStdStr> byLastUse_ NIMB_GUARDED_BY(mutex_);
+    Open open_ NIMB_GUARDED_BY(mutex_);
+    std::list<Open::iterator> byUse_ NIMB_GUARDED_BY(mutex_);  // idlest first
     std::map<CStdStr, std::size_t> perDevice_ NIMB_GUARDED_BY(mutex_);
     std::set<CStdStr> closed_ NIMB_GUARDED_BY(mutex_);
     std::deque<CStdStr> closedOrder_ NIMB_GUARDED_BY(mutex_);

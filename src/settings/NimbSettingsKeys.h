@@ -19,6 +19,8 @@ constexpr const char* kBusCaFile = "kibDirectory.caFile";
 constexpr const char* kBusCredsFile = "kibDirectory.credsFile";
 constexpr const char* kMaxLogSources = "MaxLogSources";
 constexpr const char* kMaxLogsPerDevice = "MaxLogsPerDevice";
+constexpr const char* kWriterThreads = "WriterThreads";
+constexpr const char* kMaxOpenLogFiles = "MaxOpenLogFiles";
 // Value names under kSuiteKey.
 constexpr const char* kLogLevel = "LogLevel";
 constexpr const char* kLogsDir = "LogsDir";
@@ -39,8 +41,11 @@ constexpr Key kKeys[] = {
      "bus directory: host, host:port or URL; comma-separated: cluster"},
     {kConfigKey, kBusCaFile, "string", "none", "CA file (PEM): connect with TLS"},
     {kConfigKey, kBusCredsFile, "string", "none", "bus credentials file (mode 0600)"},
-    {kConfigKey, kMaxLogSources, "int", "256", "device logs the collector keeps open"},
-    {kConfigKey, kMaxLogsPerDevice, "int", "32", "open logs of one device"},
+    {kConfigKey, kMaxLogSources, "int", "16384", "device logs the collector keeps announced"},
+    {kConfigKey, kMaxLogsPerDevice, "int", "1024", "announced logs of one device"},
+    {kConfigKey, kWriterThreads, "int", "0",
+     "device-log writer threads (0: one per core, at most 4)"},
+    {kConfigKey, kMaxOpenLogFiles, "int", "1024", "device-log files kept open at once"},
     {kSuiteKey, kLogLevel, "int", "1", "own log level: 0 FATAL, 1 ERROR ... 4 DEBUG"},
     {kSuiteKey, kLogsDir, "string", "/var/log/pellix", "logs folder"},
     {kSuiteKey, kDataDir, "string", "/var/lib/pellix", "data folder"},

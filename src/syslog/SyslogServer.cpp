@@ -48,8 +48,9 @@ std::string addressOf(const sockaddr_storage& peer) {
 
 }  // namespace
 
-SyslogServer::SyslogServer(const SyslogSettings& settings, SyslogCounters& counters)
-    : settings_(settings), counters_(counters), buffer_(kReadChunk) {}
+SyslogServer::SyslogServer(const SyslogSettings& settings, SyslogCounters& counters,
+                           std::shared_ptr<DeviceLogWriter> writer)
+    : settings_(settings), counters_(counters), writer_(std::move(writer)), buffer_(kReadChunk) {}
 
 SyslogServer::~SyslogServer() {
     stop();
@@ -90,7 +91,7 @@ bool SyslogServer::start() {
         (settings_.tcpPort > 0 && !openListener(settings_.tcpPort, Kind::kTcp)) ||
         (settings_.tlsPort > 0 && !openListener(settings_.tlsPort, Kind::kTls)))
         return false;
-    store_ = std::make_unique<SyslogStore>(settings_, counters_);
+    store_ = std::make_unique<SyslogStore>(settings_, counters_, writer_);
     thread_ = std::make_unique<PThread>(
         PThreadDelegateMember<SyslogServer>(this, &SyslogServer::run), nullptr, kThreadName);
     return true;

@@ -27,6 +27,7 @@
 #include "SyslogThrottledLog.h"
 #include "SyslogTlsContext.h"
 
+class DeviceLogWriter;
 class PThread;
 class SyslogStore;
 
@@ -37,8 +38,10 @@ public:
     // Longest time a line read waits before it is handed to its file's logger.
     static constexpr long long kFlushDelayMs = 20;
 
-    // `counters` is borrowed and must outlive the server; any thread may read it.
-    SyslogServer(const SyslogSettings& settings, SyslogCounters& counters);
+    // `counters` is borrowed and must outlive the server; any thread may read it. The
+    // lines are written by `writer` (shared; not null).
+    SyslogServer(const SyslogSettings& settings, SyslogCounters& counters,
+                 std::shared_ptr<DeviceLogWriter> writer);
     SyslogServer(const SyslogServer&) = delete;
     SyslogServer& operator=(const SyslogServer&) = delete;
     // Stops (see stop()).
@@ -95,6 +98,7 @@ private:
 
     // Listener thread only (and the main thread before start / after join).
     std::unique_ptr<SyslogStore> store_;
+    std::shared_ptr<DeviceLogWriter> writer_;  // immutable after construction
     std::unordered_map<int, Kind> listeners_;
     std::unordered_map<int, std::unique_ptr<Connection>> connections_;
     std::unordered_map<std::string, SyslogRateBucket> buckets_;

@@ -8,8 +8,9 @@
 #include <sys/stat.h>
 
 #include "CBBLog.h"
-#include "NimbRemoteLogger.h"
-#include "RemoteLogNames.h"
+#include "DeviceLogHeader.h"
+#include "DeviceLogNames.h"
+#include "DeviceLogWriter.h"
 #include "SyslogParser.h"
 
 namespace {
@@ -37,8 +38,12 @@ std::string quoted(const std::string& text) {
 
 }  // namespace
 
-SyslogStore::SyslogStore(const SyslogSettings& settings, SyslogCounters& counters)
-    : settings_(settings), logsDir_(CBBLog::getLogsDirectory()), counters_(counters) {}
+SyslogStore::SyslogStore(const SyslogSettings& settings, SyslogCounters& counters,
+                         std::shared_ptr<DeviceLogWriter> writer)
+    : settings_(settings),
+      logsDir_(CBBLog::getLogsDirectory()),
+      counters_(counters),
+      writer_(std::move(writer)) {}
 
 SyslogStore::~SyslogStore() { flush(); }
 
@@ -46,13 +51,13 @@ std::string SyslogStore::senderName(const std::string& hostname, const std::stri
                                     std::string& reason) {
     reason.clear();
     if (hostname.empty()) return address;
-    if (RemoteLogNames::hasSeparator(hostname)) {
+    if (DeviceLogNames::hasSeparator(hostname)) {
         reason = "holds \"/\" or \"\\\"";
     } else if (!isPrintableAscii(hostname)) {
         reason = "holds control characters, blanks or non-ASCII bytes";
     } else if (hostname[0] == '.') {
         reason = "starts with \".\"";
-    } else if (fileName(hostname, kDefaultApp).size() > RemoteLogNames::kMaxFileName) {
+    } else if (fileName(hostname, kDefaultApp).size() > DeviceLogNames::kMaxFileName) {
         reason = "file name longer than 250 bytes";
     }
     return reason.empty() ? hostname : address;
@@ -60,11 +65,11 @@ std::string SyslogStore::senderName(const std::string& hostname, const std::stri
 
 std::string SyslogStore::fileName(const std::string& sender, const std::string& appName) {
     if (!appName.empty() && isPrintableAscii(appName)) {
-        const std::string id = RemoteLogNames::logId("", appName);
-        const std::string name = RemoteLogNames::fileName(sender, id);
-        if (id != "-" && RemoteLogNames::isPlainFileName(name)) return name;
+        const std::string id = DeviceLogNames::logId("", appName);
+        const std::string name = DeviceLogNames::fileName(sender, id);
+        if (id != "-" && DeviceLogNames::isPlainFileName(name)) return name;
     }
-    return RemoteLogNames::fileName(sender, RemoteLogNames::logId("", kDefaultApp));
+    return DeviceLogNames::fileName(sender, DeviceLogNames::logId("", kDefaultApp));
 }
 
 void SyslogStore::add(std::string_view bytes, std::size_t cutBytes, const std::string& address,
@@ -156,7 +161,8 @@ SyslogStore::Log* SyslogStore::openLog(const std::string& file) {
         fileLog_.error("Syslog: refused log file " + quoted(file) +
                        ": it exists and is not a plain file; its lines are dropped");
     } else {
-        log->logger.reset(new CBBLog(file, false, NimbRemoteLogger::kRemoteLogSize));
+        log->logger.reset(
+            new CBBLog(file, false, DeviceLogWriter::kRotateSize, writer_->open(file)));
     }
     Log* raw = log.get();
     logs_[file] = std::move(log);
@@ -178,8 +184,8 @@ void SyslogStore::appendHeader(Log& log, Sender& sender, const std::string& name
         log.headerOffset = offset;
     }
     log.headerWritten = true;
-    log.pending += "\n===== " + name + " - syslog " + address + clock + " === " + senderTime +
-                   " <-> " + localTime(arrivalSeconds) + " =====\n";
+    log.pending += DeviceLogHeader::line(name, "syslog " + address + clock, senderTime,
+                                         localTime(arrivalSeconds));
 }
 
 void SyslogStore::appendLine(Log& log, Sender& sender, SyslogMessage& message,
@@ -214,7 +220,8 @@ void SyslogStore::appendLine(Log& log, Sender& sender, SyslogMessage& message,
 
 void SyslogStore::flushLog(Log& log) {
     if (log.pending.empty()) return;
-    log.logger->AddRawLog(log.pending.c_str());
+    // Handed over whole: the writer takes the bytes as they are.
+    log.logger->AddRawLog(CStdStr(std::move(log.pending)), std::shared_ptr<LogWriteListener>());
     log.pending.clear();
 }
 

@@ -23,11 +23,14 @@
 #include "SyslogThrottledLog.h"
 
 class CBBLog;
+class DeviceLogWriter;
 
 class SyslogStore {
 public:
-    // `counters` is borrowed and must outlive the store.
-    SyslogStore(const SyslogSettings& settings, SyslogCounters& counters);
+    // `counters` is borrowed and must outlive the store; `writer` (shared; not null)
+    // writes the files.
+    SyslogStore(const SyslogSettings& settings, SyslogCounters& counters,
+                std::shared_ptr<DeviceLogWriter> writer);
     SyslogStore(const SyslogStore&) = delete;
     SyslogStore& operator=(const SyslogStore&) = delete;
     // Flushes, then releases the loggers (each writes everything queued before closing).
@@ -90,6 +93,7 @@ private:
     SyslogSettings settings_;
     std::string logsDir_;
     SyslogCounters& counters_;
+    const std::shared_ptr<DeviceLogWriter> writer_;
 
     std::unordered_map<std::string, Sender> senders_;
     std::unordered_map<std::string, std::unique_ptr<Log>> logs_;  // by file name

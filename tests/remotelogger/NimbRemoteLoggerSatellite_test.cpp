@@ -279,27 +279,33 @@ TEST_F(SatelliteTest, LogSlotsAreBoundedPerDeviceAndTheIdlestGivesItsSlotUp) {
         }
         return "";
     };
+    const std::string closedText =
+        "4 AppendLog: log closed to make room for other logs: announce it again";
     EXPECT_EQ(announce("00:11", {"a", "b"}), "");
     EXPECT_EQ(announce("0011", {"/x/a", "b"}), "");  // the same two ids
-    EXPECT_EQ(announce("00:11", {"c"}),
-              "SetLogSource: too many log sources for device 00:11: at most 2");
+    // Past its own bound, the device's idlest log ("a") gives its slot up.
+    EXPECT_EQ(announce("00:11", {"c"}), "");
+    EXPECT_EQ(closed, std::vector<std::string>{"0011-a"});
+    EXPECT_EQ(append("00:11", "a"), closedText);
     EXPECT_EQ(announce("00:22", {"a"}), "");
-    EXPECT_EQ(append("00:11", "a"), "");
-    // All three slots are taken: the log idle longest ("b" of 00:11) gives its slot up.
-    EXPECT_EQ(announce("00:33", {"a"}), "");
-    EXPECT_EQ(closed, std::vector<std::string>{"0011-b"});
-    EXPECT_EQ(append("00:11", "b"),
-              "4 AppendLog: log closed to make room for other logs: announce it again");
-    EXPECT_EQ(append("00:11", "a"), "");
-    EXPECT_EQ(announce("00:11", {"b"}), "");  // announced again, it takes a slot back
     EXPECT_EQ(append("00:11", "b"), "");
-    // Neither a longer list nor repeating known names can multiply the work.
+    // All three slots are taken: the log idle longest ("c" of 00:11) gives its slot up.
+    EXPECT_EQ(announce("00:33", {"a"}), "");
+    EXPECT_EQ(closed, (std::vector<std::string>{"0011-a", "0011-c"}));
+    EXPECT_EQ(append("00:11", "c"), closedText);
+    EXPECT_EQ(append("00:11", "b"), "");
+    EXPECT_EQ(announce("00:11", {"c"}), "");  // announced again, it takes a slot back
+    EXPECT_EQ(append("00:11", "c"), "");
+    // Neither a longer list nor repeating known names can multiply the work, and a list
+    // longer than the device's own bound cannot be open at once.
     EXPECT_EQ(announce("00:44", {"a", "b", "c", "d"}),
               "SetLogSource: too many log sources: at most 3");
     EXPECT_EQ(announce("00:11", {"a", "a", "a", "a"}),
               "SetLogSource: too many log sources: at most 3");
-    EXPECT_EQ(closed, (std::vector<std::string>{"0011-b", "0022-a"}));
-    EXPECT_EQ(added.size(), 7u);
+    EXPECT_EQ(announce("00:55", {"a", "b", "c"}),
+              "SetLogSource: too many log sources for device 00:55: at most 2");
+    EXPECT_EQ(closed, (std::vector<std::string>{"0011-a", "0011-c", "0022-a"}));
+    EXPECT_EQ(added.size(), 8u);
 }
 
 // Calls emitted on another thread wait, queued, for this thread, which does not deliver
@@ -333,8 +339,8 @@ TEST_F(SatelliteTest, OneDeviceCannotTakeTheWholeBacklog) {
         const auto start = std::chrono::steady_clock::now();
         other = busyText("00:01", "line\n");
         otherTook = std::chrono::steady_clock::now() - start;
-        // The byte share: 3 MiB of text waiting, then 3 MiB more pass the 4 MiB share.
-        const std::string half(1536 * 1024, 'x');
+        // The byte share: 2.5 MiB of text waiting, then 2.5 MiB more pass the 4 MiB share.
+        const std::string half(2560 * 1024, 'x');
         large = busyText("00:02", half);
         large += "|" + busyText("00:02", half);
     });

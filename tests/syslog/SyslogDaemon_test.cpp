@@ -22,6 +22,7 @@
 
 #include <gtest/gtest.h>
 
+#include "DeviceLogWriter.h"
 #include "NatsServer.h"
 #include "NimbTestSupport.h"
 #include "SyslogServer.h"
@@ -340,7 +341,10 @@ protected:
         settings_.maxLinesPerSecond = 0;
     }
     void start() {
-        server_ = std::make_unique<SyslogServer>(settings_, counters_);
+        DeviceLogWriter::Options options;
+        options.logsDir = (fs::path(dir_.path()) / "logs").string();
+        server_ = std::make_unique<SyslogServer>(settings_, counters_,
+                                                 std::make_shared<DeviceLogWriter>(options));
         ASSERT_TRUE(server_->start());
     }
     void TearDown() override {

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "DeviceLogConverter.h"
+#include "DeviceLogWriter.h"
 #include "NimbTestSupport.h"
 
 namespace {
@@ -32,10 +33,17 @@ protected:
             names.insert(entry.path().filename().string());
         return names;
     }
-    // Files every message from `address` at `arrival`, then releases the store.
+    // A writer for the logs folder; its destruction writes everything it was given.
+    std::shared_ptr<DeviceLogWriter> writer() const {
+        DeviceLogWriter::Options options;
+        options.logsDir = logs().string();
+        options.threads = 1;
+        return std::make_shared<DeviceLogWriter>(options);
+    }
+    // Files every message from `address` at `arrival`, then releases the store and writes.
     void store(const std::vector<std::string>& messages, long long arrival,
                const std::string& address = "192.168.1.9") {
-        SyslogStore target(settings_, counters_);
+        SyslogStore target(settings_, counters_, writer());
         for (const std::string& message : messages) target.add(message, 0, address, arrival * 1000);
     }
     static long long utc(int month, int day, int hour, int minute, int second) {
@@ -52,8 +60,8 @@ TEST_F(SyslogStoreTest, OneFilePerSenderAndApplicationWithAHeader) {
         {"<13>Nov 24 10:00:00 router dnsmasq[1]: one", "<13>Nov 24 10:00:01 router dnsmasq[1]: two",
          "<13>Nov 24 10:00:01 router /usr/sbin/cron[2]: three", "<13>no stamp, no host"},
         utc(11, 24, 10, 0, 1));
-    EXPECT_EQ(files(), (std::set<std::string>{"router-dnsmasq", "router-cron", "192.168.1.9-syslog",
-                                              "errors.log"}));
+    EXPECT_EQ(files(),
+              (std::set<std::string>{"router-dnsmasq", "router-cron", "192.168.1.9-syslog"}));
     EXPECT_EQ(file("router-dnsmasq"),
               "\n===== router - syslog 192.168.1.9 clock -1 s === 2026/11/24 10:00:00 <-> "
               "2026/11/24 10:00:01 =====\n"
@@ -71,8 +79,7 @@ TEST_F(SyslogStoreTest, HostileHostNamesAreFiledUnderTheAddress) {
            "<13>Nov 24 10:00:00 " + longName + " evil: e",
            "<13>Nov 24 10:00:00 .. ../../../../tmp/x: f", "<13>Nov 24 10:00:00 host /: g"},
           utc(11, 24, 10, 0, 0), "10.0.0.7");
-    EXPECT_EQ(files(),
-              (std::set<std::string>{"10.0.0.7-evil", "10.0.0.7-x", "host-syslog", "errors.log"}));
+    EXPECT_EQ(files(), (std::set<std::string>{"10.0.0.7-evil", "10.0.0.7-x", "host-syslog"}));
     EXPECT_EQ(linesOf(file("10.0.0.7-evil")).size(), 2u + 5u);  // header + 5 lines
     EXPECT_EQ(counters_.refusedNames, 6u);
     EXPECT_NE(file("10.0.0.7-evil").find("tab\\x01x evil: d"), std::string::npos);
@@ -121,7 +128,7 @@ TEST_F(SyslogStoreTest, ANewClockTieWritesANewHeader) {
 TEST_F(SyslogStoreTest, CutMessagesSayHowMuchWasCut) {
     settings_.maxMessageSize = 480;
     {
-        SyslogStore target(settings_, counters_);
+        SyslogStore target(settings_, counters_, writer());
         target.add("<13>Nov 24 10:00:00 nas app: " + std::string(1000, 'x'), 0, "10.0.0.1",
                    utc(11, 24, 10, 0, 0) * 1000);
         target.add("<13>Nov 24 10:00:00 nas app: short", 70, "10.0.0.1",
@@ -142,8 +149,7 @@ TEST_F(SyslogStoreTest, SenderAndApplicationCapsHold) {
            "<13>Nov 24 10:00:00 c one: 5"},
           utc(11, 24, 10, 0, 0));
     // The third application shares the sender's "syslog" file; the third sender is dropped.
-    EXPECT_EQ(files(),
-              (std::set<std::string>{"a-one", "a-two", "a-syslog", "b-one", "errors.log"}));
+    EXPECT_EQ(files(), (std::set<std::string>{"a-one", "a-two", "a-syslog", "b-one"}));
     EXPECT_NE(file("a-syslog").find("a three: 3"), std::string::npos);
     EXPECT_EQ(counters_.senderCapDropped, 1u);
     EXPECT_EQ(counters_.lines, 4u);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// RemoteLogNames: how a remote log is named. A log is known by its id (the device's MAC
+// DeviceLogNames: how a remote log is named. A log is known by its id (the device's MAC
 // address without colons, "-", the last component of the log's name) and written to the
 // file deviceId + id in the logs folder. Also the checks that keep a file name made from
 // remote input one plain component of that folder. Pure functions, any thread.
@@ -9,7 +9,7 @@
 
 #include "StdString.h"
 
-namespace RemoteLogNames {
+namespace DeviceLogNames {
 
 // Longest file name accepted for a remote log, in bytes: the file system's 255 less the
 // ".back" that rotation appends, so that rotation can always rename the file.
@@ -34,4 +34,4 @@ bool hasControlCharacter(const CStdStr& text);
 // kMaxFileName bytes.
 bool isPlainFileName(const CStdStr& name);
 
-}  // namespace RemoteLogNames
+}  // namespace DeviceLogNames

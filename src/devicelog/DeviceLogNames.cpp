@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "RemoteLogNames.h"
+#include "DeviceLogNames.h"
 
-namespace RemoteLogNames {
+namespace DeviceLogNames {
 
 CStdStr logId(const CStdStr& macAddr, const CStdStr& logName) {
     CStdStr id = macAddr;
@@ -32,4 +32,4 @@ bool isPlainFileName(const CStdStr& name) {
            name.size() <= kMaxFileName;
 }
 
-}  // namespace RemoteLogNames
+}  // namespace DeviceLogNames

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: MIT
+// CBBLogSink: where a logger's texts go when the logger does not write its file on a
+// thread of its own, such as a device log whose texts a writer shared by many logs
+// writes. LogWriteListener: told the outcome of one queued text. Both are interfaces;
+// the implementations say which threads call them.
+#pragma once
+
+#include <memory>
+
+#include "StdString.h"
+
+class LogWriteListener {
+public:
+    LogWriteListener() = default;
+    LogWriteListener(const LogWriteListener&) = delete;
+    LogWriteListener& operator=(const LogWriteListener&) = delete;
+    virtual ~LogWriteListener() = default;
+
+    // One text was written (error 0: write or writev returned all of it) or not (the
+    // errno, and `message` naming the file and the reason, "cannot write '<path>':
+    // <reason>"). Called exactly once per queued text, on the writer's thread or, when
+    // the text was refused, on the caller's. Must not throw.
+    virtual void writeDone(int error, const CStdStr& message) = 0;
+};
+
+class CBBLogSink {
+public:
+    CBBLogSink() = default;
+    CBBLogSink(const CBBLogSink&) = delete;
+    CBBLogSink& operator=(const CBBLogSink&) = delete;
+    // Releases the file once everything queued through this sink has been written.
+    virtual ~CBBLogSink() = default;
+
+    // Queues `text` (taken) for the end of the file; `listener` (may be null) learns how
+    // it went. Texts queued through one sink are written in the order queued. Any
+    // thread; never blocks on the disk. False, with nothing queued and the listener not
+    // called, when the writer has stopped.
+    virtual bool append(CStdStr text, std::shared_ptr<LogWriteListener> listener) = 0;
+    // The file's path.
+    virtual const CStdStr& path() const = 0;
+};
