@@ -64,6 +64,7 @@ void LogInput::closeFile() {
 }
 
 LogInput::Read LogInput::read(std::string& error) {
+    moreWaiting_ = false;
     if (fd_ < 0) {
         // A followed file that does not exist (yet, or again).
         return openFile(error) ? Read::Data : Read::Idle;
@@ -93,6 +94,7 @@ LogInput::Read LogInput::readSome(std::string& error) {
         return Read::Failed;
     }
     if (got == 0) return Read::End;
+    moreWaiting_ = static_cast<std::size_t>(got) == kReadSize;
     offset_ += got;
     lastData_ = std::chrono::steady_clock::now();
     return Read::Data;

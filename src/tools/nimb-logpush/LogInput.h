@@ -34,6 +34,10 @@ public:
     // to pending(). At the end of a followed file, checks for rotation and truncation.
     Read read(std::string& error);
 
+    // Whether the last read() filled its buffer, so that the input most likely holds more
+    // text right now: a short last piece is better sent with what the next read brings.
+    bool moreWaiting() const { return moreWaiting_; }
+
     // Text read and not yet sent; the caller removes what it has sent from the front.
     std::string& pending() { return pending_; }
 
@@ -68,6 +72,7 @@ private:
     ino_t inode_ = 0;
     off_t offset_ = 0;
     bool flushMark_ = false;
+    bool moreWaiting_ = false;
     std::chrono::steady_clock::time_point lastData_ = std::chrono::steady_clock::now();
     std::string pending_;
 };

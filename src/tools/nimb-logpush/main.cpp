@@ -71,10 +71,18 @@ int exitStatus(LogPushClient::Result result, const std::string& error) {
 }
 
 // Sends the pieces of `input`'s pending text that are ready; with `flush`, all of it.
+// Requests go one at a time: what a file gains while one is answered waits in the file
+// and comes with the next read, so the next request carries every whole line gathered
+// meanwhile, up to the piece size. After a read that filled its buffer the input holds
+// more: only full pieces are cut then, and the lines left over wait for the next read
+// rather than go alone in a small request of their own.
 int sendReady(LogPushClient& client, LogInput& input, bool flush) {
     std::string& pending = input.pending();
-    std::size_t length = 0;
-    while ((length = LogChunker::nextChunkLength(pending, LogChunker::kDefaultLimit, flush)) > 0) {
+    const std::size_t limit = LogChunker::kDefaultLimit;
+    const bool wholePiecesOnly = !flush && input.moreWaiting();
+    while (!wholePiecesOnly || pending.size() >= limit) {
+        const std::size_t length = LogChunker::nextChunkLength(pending, limit, flush);
+        if (length == 0) break;
         const auto result =
             client.append(input.logName(), std::string_view(pending).substr(0, length));
         if (result != LogPushClient::Result::Sent) return exitStatus(result, client.error());

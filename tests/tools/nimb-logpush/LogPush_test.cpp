@@ -86,6 +86,7 @@ public:
     std::atomic<bool> refuseAppends{false};
     std::atomic<long> appendCalls{0};
     std::atomic<long> delayedAppend{-1};  // this AppendLog (counted from 0) is answered late
+    std::atomic<int> appendReplyMs{0};    // every AppendLog is answered this much later
 
 private:
     int setLogSource(const char* caller, const tagVARIANT& in, tagVARIANT*) {
@@ -122,6 +123,7 @@ private:
         }
         if (appendCalls++ == delayedAppend)
             std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        std::this_thread::sleep_for(std::chrono::milliseconds(appendReplyMs.load()));
         const int length =
             VUtil::CheckArrayType(in, VT_VARIANT, 3, true, "AppendLog: invalid parameter");
         Received r{.caller = caller,
@@ -427,6 +429,64 @@ TEST_F(LogPushTest, TransientAnswersAreRetriedAndAnUnknownSourceIsAnnouncedAgain
     for (const Received& r : collector_->received()) announcements += r.announcement ? 1 : 0;
     EXPECT_GE(announcements, 2);
     EXPECT_FALSE(collector_->forgetSources);
+}
+
+// While a request is being answered, what the followed file gains waits and goes with the
+// next request: a backlog goes in full pieces (none holding only the lines left over
+// from a full read), lines written faster than the collector answers go in batches, and
+// a lone line written to an idle file still goes at once. Every line arrives once.
+TEST_F(LogPushTest, FollowGathersWhatTheFileGainsWhileARequestIsAnswered) {
+    constexpr std::size_t kLineLength = 1000;  // a full read ends inside a line
+    std::string backlog;
+    for (int i = 0; backlog.size() < 3 * kChunkLimit; ++i) {
+        std::string line = "2026-11-22 10:00:00 backlog " + std::to_string(i) + " ";
+        line.resize(kLineLength - 1, '.');
+        backlog += line + "\n";
+    }
+    write("busy.log", backlog);
+    collector_->appendReplyMs = 20;
+    auto process = start({"-f", "--log", "busy", file("busy.log")});
+    std::string expected = backlog;
+    const auto arrived = [&] { return collector_->contentOf("busy") == expected; };
+    const auto pieces = [&] {
+        std::vector<std::string> all;
+        for (const Received& r : collector_->received())
+            if (!r.announcement) all.push_back(r.content);
+        return all;
+    };
+    ASSERT_TRUE(waitFor(arrived)) << collector_->contentOf("busy").size();
+    const std::vector<std::string> backlogPieces = pieces();
+    ASSERT_EQ(backlogPieces.size(), 4u);
+    for (std::size_t i = 0; i + 1 < backlogPieces.size(); ++i)
+        EXPECT_GT(backlogPieces[i].size(), kChunkLimit - kLineLength) << "piece " << i;
+
+    // Each line is written (and flushed) on its own, far faster than the collector answers.
+    constexpr int kLines = 2000;
+    std::FILE* out = std::fopen(path("busy.log").c_str(), "a");
+    ASSERT_NE(out, nullptr);
+    for (int i = 0; i < kLines; ++i) {
+        const std::string line = "2026-11-22 10:00:01 busy line " + std::to_string(i) + "\n";
+        std::fputs(line.c_str(), out);
+        std::fflush(out);
+        expected += line;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    std::fclose(out);
+    ASSERT_TRUE(waitFor(arrived)) << collector_->contentOf("busy").size();
+    const std::vector<std::string> all = pieces();
+    const std::size_t batches = all.size() - backlogPieces.size();
+    EXPECT_LT(batches, static_cast<std::size_t>(kLines / 4));
+    for (std::size_t i = backlogPieces.size(); i < all.size(); ++i)
+        EXPECT_EQ(all[i].back(), '\n') << "piece " << i;
+
+    // The collector answers at once again; a lone line must not wait for company.
+    collector_->appendReplyMs = 0;
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    write("busy.log", "lone\n", true);
+    expected += "lone\n";
+    ASSERT_TRUE(waitFor(arrived, std::chrono::seconds(5)));
+    EXPECT_EQ(pieces().back(), "lone\n");
+    stop(*process);
 }
 
 TEST(DeviceIdentityTest, FallbackMacIsLocallyAdministeredAndPerHost) {
