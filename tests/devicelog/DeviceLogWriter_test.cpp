@@ -250,8 +250,8 @@ TEST_F(DeviceLogWriterTest, LoggersWriteThroughItAndAreRefusedOnceItStopped) {
         error = code;
     });
     EXPECT_EQ(error.load(), ECANCELED);
-    EXPECT_EQ(message,
-              "cannot write '" + (root() / "logs" / "dev-b").string() + "': the logger has stopped");
+    EXPECT_EQ(message, "cannot write '" + (root() / "logs" / "dev-b").string() +
+                           "': the logger has stopped");
     EXPECT_EQ(file("dev-b"), "first\nsecond\n");
 }
 
