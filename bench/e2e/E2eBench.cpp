@@ -8,8 +8,14 @@
 // requests in flight per device; the clock stops when every line is in the log files
 // (counted in each file and its ".back"). The same frames are then sent, the same way,
 // to a bare NATS echo responder: the floor that the bus transport alone costs, for the
-// overhead ratio. Finally a device of its own sends one request at a time (one line
-// each, by default) to each, for the latency of a lone request.
+// overhead ratio; the responder is a process of its own (this program, run with
+// --echo-responder), so that its CPU time and context switches per request can be set
+// beside the collector's. Finally a device of its own sends one request at a time (one
+// line each, by default) to each, for the latency of a lone request.
+//
+// Sources may have different numbers of logs (--logs 1-4: each count in turn), which
+// with many sources per device gives the many small logs of a large installation; the
+// threads, open files and resident memory after the load tell what they cost.
 //
 // The collector rotates a log at 512 KiB and keeps one ".back", so a log that received
 // more than twice that would lose lines to a second rotation: each log gets at most
@@ -44,11 +50,13 @@ namespace {
 
 constexpr std::size_t kMaxBytesPerLog = 960 * 1024;
 constexpr int kDefaultMaxLogSources = 256;  // the collector's, when the setting is absent
+constexpr int kDefaultMaxLogsPerDevice = 32;
 
 struct Options {
     int devices = 8;
     int sources = 1;
-    int logs = 0;  // per source; 0: as few as the lines need (at least 4 per device)
+    int logs = 0;      // per source; 0: as few as the lines need (at least 4 per device)
+    int mostLogs = 0;  // with logs: source s has logsOf(s, logs, mostLogs) logs
     int lines = 24000;
     int linesPerRequest = 4;
     int lineBytes = 120;
@@ -57,19 +65,21 @@ struct Options {
     int loneLines = 1;
     std::string daemon = NIMB_E2E_DAEMON;
     std::string stdoutFile;
+    std::string perfStat;
     bool keep = false;
 };
 
 void usage() {
     std::printf(
-        "usage: e2e_bench [--devices N] [--sources N] [--logs N] [--lines N]\n"
+        "usage: e2e_bench [--devices N] [--sources N] [--logs N|A-B] [--lines N]\n"
         "                 [--lines-per-request N] [--line-bytes N] [--window N]\n"
         "                 [--lone-requests N] [--lone-lines N] [--daemon PATH] [--stdout FILE]\n"
-        "                 [--keep]\n"
+        "                 [--perf-stat FILE] [--keep]\n"
         "  --devices N            simulated devices, one bus connection each (8)\n"
         "  --sources N            sources each device announces, each with its own MAC (1)\n"
         "  --logs N               logs per source (chosen: as few as hold the lines, each\n"
-        "                         log at most 960 KiB, at least 4 per device)\n"
+        "                         log at most 960 KiB, at least 4 per device); A-B: from A\n"
+        "                         to B logs, source s has A + s %% (B - A + 1)\n"
         "  --lines N              lines each device pushes, spread over its logs (24000)\n"
         "  --lines-per-request N  lines in one AppendLog request (4)\n"
         "  --line-bytes N         bytes of one line, newline included, at least 64 (120)\n"
@@ -78,6 +88,8 @@ void usage() {
         "  --lone-lines N         lines in each of those requests (1)\n"
         "  --daemon PATH          the collector to run (the one built beside this program)\n"
         "  --stdout FILE          where the collector's standard output goes (/dev/null)\n"
+        "  --perf-stat FILE       count the collector's context switches and task-clock\n"
+        "                         with \"perf stat -p\" during the load, into FILE\n"
         "  --keep                 keep the run's folder (settings, logs) afterwards\n");
 }
 
@@ -99,9 +111,15 @@ bool parseOptions(int argc, char** argv, Options& options) {
             ok = number(options.devices);
         else if (arg == "--sources")
             ok = number(options.sources);
-        else if (arg == "--logs")
-            ok = number(options.logs);
-        else if (arg == "--lines")
+        else if (arg == "--logs") {
+            if (i + 1 < argc && std::strchr(argv[i + 1], '-')) {
+                ok = std::sscanf(argv[++i], "%d-%d", &options.logs, &options.mostLogs) == 2 &&
+                     options.logs > 0 && options.mostLogs >= options.logs;
+            } else {
+                ok = number(options.logs);
+                options.mostLogs = options.logs;
+            }
+        } else if (arg == "--lines")
             ok = number(options.lines);
         else if (arg == "--lines-per-request")
             ok = number(options.linesPerRequest);
@@ -117,6 +135,8 @@ bool parseOptions(int argc, char** argv, Options& options) {
             ok = text(options.daemon);
         else if (arg == "--stdout")
             ok = text(options.stdoutFile);
+        else if (arg == "--perf-stat")
+            ok = text(options.perfStat);
         else if (arg == "--keep")
             options.keep = true;
         else
@@ -166,6 +186,32 @@ void writeFile(const fs::path& path, const std::string& text) { std::ofstream(pa
 
 double mib(long kib) { return static_cast<double>(kib) / 1024.0; }
 
+// The bare echo responder, as a process of its own: says "ready" once it listens, and
+// ends when its standard input closes (the benchmark is done, or gone).
+int echoResponder(int port) {
+    natsConnection* connection = connect(port);
+    natsSubscription* subscription = nullptr;
+    if (natsConnection_QueueSubscribe(&subscription, connection, kEchoSubject, "echo", &echo,
+                                      nullptr) != NATS_OK ||
+        natsSubscription_SetPendingLimits(subscription, -1, -1) != NATS_OK ||
+        natsConnection_Flush(connection) != NATS_OK)
+        return 1;
+    std::printf("ready\n");
+    std::fflush(stdout);
+    char ignored[64];
+    while (::read(STDIN_FILENO, ignored, sizeof ignored) > 0) {
+    }
+    natsSubscription_Destroy(subscription);
+    natsConnection_Destroy(connection);
+    return 0;
+}
+
+std::string self() {
+    char path[4096];
+    const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path - 1);
+    return n > 0 ? std::string(path, static_cast<std::size_t>(n)) : std::string();
+}
+
 void printUsage(const char* when, const ProcessUsage& usage) {
     std::printf("  %-30s %6d threads %7d open files %8.1f MiB resident (peak %.1f)\n", when,
                 usage.threads, usage.openFiles, mib(usage.residentKiB), mib(usage.peakResidentKiB));
@@ -179,12 +225,18 @@ int main(int argc, char** argv) {
         usage();
         return 0;
     }
+    if (argc == 3 && std::strcmp(argv[1], "--echo-responder") == 0)
+        return echoResponder(std::atoi(argv[2]));
     if (!parseOptions(argc, argv, options)) {
         usage();
         return 64;
     }
+    int logsPerDevice = 0;  // given: the sum over the sources; 0: as the lines need
+    if (options.logs > 0)
+        for (int s = 0; s < options.sources; ++s)
+            logsPerDevice += logsOf(s, options.logs, options.mostLogs);
     const Spread load = spread(options.lines, options.linesPerRequest, options.lineBytes,
-                               options.logs * options.sources, options.sources, 4);
+                               logsPerDevice, options.sources, 4);
     if (load.bytesPerLog(options.lineBytes) > kMaxBytesPerLog) {
         std::fprintf(stderr,
                      "e2e_bench: each log would get %zu bytes (%d lines of %d bytes), more than "
@@ -203,7 +255,8 @@ int main(int argc, char** argv) {
                      options.loneLines, options.lineBytes, kMaxBytesPerLog);
         return 64;
     }
-    const int logsPerSource = load.logs / options.sources;
+    const int fewestLogs = options.logs > 0 ? options.logs : load.logs / options.sources;
+    const int mostLogs = options.logs > 0 ? options.mostLogs : fewestLogs;
     const int totalLogs = options.devices * load.logs + lone.logs;
     const int maxLogSources = std::max(kDefaultMaxLogSources, totalLogs);
 
@@ -221,9 +274,12 @@ int main(int argc, char** argv) {
     NatsServer nats;
     writeFile(folder / "config/pellix/com.pellix.nimb.json",
               "{\"LogsDir\": \"" + logs.string() + "\", \"LogLevel\": 1}\n");
+    const std::string perDevice = mostLogs > kDefaultMaxLogsPerDevice
+                                      ? ", \"MaxLogsPerDevice\": " + std::to_string(mostLogs)
+                                      : std::string();
     writeFile(folder / "config/pellix/com.pellix.nimb.config.json",
               "{\"kibDirectory.host\": \"127.0.0.1:" + std::to_string(nats.port()) +
-                  "\", \"MaxLogSources\": " + std::to_string(maxLogSources) + "}\n");
+                  "\", \"MaxLogSources\": " + std::to_string(maxLogSources) + perDevice + "}\n");
     ::setenv("XDG_CONFIG_HOME", (folder / "config").c_str(), 1);
     ::setenv("TMPDIR", (folder / "dumps").c_str(), 1);
 
@@ -243,11 +299,11 @@ int main(int argc, char** argv) {
 
     std::vector<std::unique_ptr<Device>> devices;
     for (int d = 0; d < options.devices; ++d) {
-        devices.push_back(makeDevice(d, options.sources, logsPerSource, options.linesPerRequest,
-                                     options.lineBytes, nats.port()));
+        devices.push_back(makeDevice(d, options.sources, fewestLogs, mostLogs,
+                                     options.linesPerRequest, options.lineBytes, nats.port()));
     }
     std::vector<std::unique_ptr<Device>> loneDevice;
-    loneDevice.push_back(makeDevice(options.devices, 1, lone.logs, options.loneLines,
+    loneDevice.push_back(makeDevice(options.devices, 1, lone.logs, lone.logs, options.loneLines,
                                     options.lineBytes, nats.port()));
     const Clock::time_point announceStart = Clock::now();
     if (!announceAll(devices, daemon) || !announceAll(loneDevice, daemon)) {
@@ -259,6 +315,9 @@ int main(int argc, char** argv) {
         std::chrono::duration<double>(Clock::now() - announceStart).count();
 
     // Collector, under load, until every line is in the files.
+    const fs::path perfFile =
+        options.perfStat.empty() ? fs::path() : fs::absolute(options.perfStat);
+    const pid_t counter = perfFile.empty() ? -1 : startCounting(daemon, perfFile);
     const ProcessUsage before = processUsage(daemon);
     const Clock::time_point start = Clock::now();
     const PhaseResult collector =
@@ -268,6 +327,7 @@ int main(int argc, char** argv) {
                      std::chrono::seconds(60));
     const double inFiles = std::chrono::duration<double>(Clock::now() - start).count();
     const ProcessUsage after = processUsage(daemon);
+    const Counted counted = stopCounting(counter, perfFile);
     const PhaseResult collectorLone =
         runPhase(loneDevice, kAppendSubject, lone.requests(), 1, &acceptCollectorReply);
     const bool loneComplete =
@@ -276,33 +336,39 @@ int main(int argc, char** argv) {
     const ProcessUsage peak = processUsage(daemon);
 
     // The bare transport with the same frames, the same devices and the same window.
-    natsConnection* echoConnection = connect(nats.port());
-    natsSubscription* echoSubscription = nullptr;
-    natsConnection_QueueSubscribe(&echoSubscription, echoConnection, kEchoSubject, "echo", &echo,
-                                  nullptr);
-    natsSubscription_SetPendingLimits(echoSubscription, -1, -1);
-    natsConnection_Flush(echoConnection);
+    Helper echoProcess = startHelper({self(), "--echo-responder", std::to_string(nats.port())});
+    if (readHelperLine(echoProcess, std::chrono::seconds(10)) != "ready") {
+        std::fprintf(stderr, "e2e_bench: the echo responder did not start\n");
+        stopHelper(echoProcess);
+        stopDaemon(daemon);
+        return 1;
+    }
+    const ProcessUsage echoBefore = processUsage(echoProcess.pid);
     const PhaseResult bare =
         runPhase(devices, kEchoSubject, load.requests(), options.window, &acceptEcho);
+    const ProcessUsage echoAfter = processUsage(echoProcess.pid);
     const PhaseResult bareLone =
         runPhase(loneDevice, kEchoSubject, lone.requests(), 1, &acceptEcho);
 
     for (auto& device : devices) closeDevice(*device);
     closeDevice(*loneDevice.front());
-    natsSubscription_Destroy(echoSubscription);
-    natsConnection_Destroy(echoConnection);
+    stopHelper(echoProcess);
     const int exitStatus = stopDaemon(daemon);
 
     const double lines = static_cast<double>(load.linesPerLog) * load.logs * options.devices;
     const double requests = static_cast<double>(load.requests()) * options.devices;
     const double megabytes = lines * options.lineBytes / 1e6;
     const double bareLinesPerSecond = lines / bare.seconds;
+    const std::string logsPerSource =
+        fewestLogs == mostLogs ? std::to_string(fewestLogs)
+                               : std::to_string(fewestLogs) + "-" + std::to_string(mostLogs);
     std::printf(
-        "e2e ingest: %d devices x %d sources x %d logs, %d lines of %d bytes per log, %d lines "
-        "per request, %d requests in flight per device; lone requests: %d of %d lines over %d "
-        "logs\n",
-        options.devices, options.sources, logsPerSource, load.linesPerLog, options.lineBytes,
-        options.linesPerRequest, options.window, lone.requests(), options.loneLines, lone.logs);
+        "e2e ingest: %d devices x %d sources x %s logs (%d logs), %d lines of %d bytes per log, "
+        "%d lines per request, %d requests in flight per device; lone requests: %d of %d lines "
+        "over %d logs\n",
+        options.devices, options.sources, logsPerSource.c_str(), totalLogs, load.linesPerLog,
+        options.lineBytes, options.linesPerRequest, options.window, lone.requests(),
+        options.loneLines, lone.logs);
     std::printf("%-34s %11s %8s %9s %9s\n", "", "lines/s", "MB/s", "p50 ms", "p99 ms");
     std::printf("%-34s %11.0f %8.1f %9.3f %9.3f\n", "collector, until in the files",
                 lines / inFiles, megabytes / inFiles, collector.p50, collector.p99);
@@ -328,6 +394,24 @@ int main(int argc, char** argv) {
         cpu, after.userSeconds - before.userSeconds, after.systemSeconds - before.systemSeconds,
         inFiles, 100.0 * cpu / inFiles, 1e6 * cpu / lines, 1e6 * cpu / requests,
         switches / requests);
+    const double echoCpu = echoAfter.cpuSeconds() - echoBefore.cpuSeconds();
+    const double echoSwitches =
+        static_cast<double>(echoAfter.contextSwitches - echoBefore.contextSwitches);
+    std::printf(
+        "echo process under load: %.2f s CPU over %.2f s; %.1f us per request, %.2f context "
+        "switches per request; collector / echo CPU per request %.2fx\n",
+        echoCpu, bare.seconds, 1e6 * echoCpu / requests, echoSwitches / requests,
+        echoCpu > 0 ? cpu / echoCpu : 0.0);
+    if (counter > 0) {
+        if (counted.ok)
+            std::printf(
+                "perf stat of the collector during the load: %.0f context switches (%.2f per "
+                "request), task-clock %.0f ms (%.1f us per request)\n",
+                counted.contextSwitches, counted.contextSwitches / requests, counted.taskClockMs,
+                1e3 * counted.taskClockMs / requests);
+        else
+            std::printf("perf stat of the collector: no counts in %s\n", options.perfStat.c_str());
+    }
     std::printf("collector start-up to \"connected\": %.1f ms; %d logs announced in %.2f s\n",
                 startupMs, totalLogs, announceSeconds);
     printUsage("after start-up:", atRest);
@@ -343,11 +427,15 @@ int main(int argc, char** argv) {
     std::printf(
         "summary: lines=%.0f collector_lines_per_s=%.0f collector_cpu_us_per_line=%.3f "
         "collector_cpu_us_per_request=%.2f context_switches_per_request=%.2f "
-        "echo_lines_per_s=%.0f lone_p50_ms=%.3f echo_lone_p50_ms=%.3f startup_ms=%.1f "
-        "peak_rss_mib=%.1f threads=%d open_files=%d\n",
+        "echo_lines_per_s=%.0f echo_cpu_us_per_request=%.2f echo_context_switches_per_request=%.2f "
+        "lone_p50_ms=%.3f echo_lone_p50_ms=%.3f startup_ms=%.1f logs=%d announce_s=%.2f "
+        "load_s=%.2f rss_mib=%.1f hwm_mib=%.1f peak_rss_mib=%.1f threads=%d open_files=%d "
+        "failed=%d complete=%d\n",
         lines, lines / inFiles, 1e6 * cpu / lines, 1e6 * cpu / requests, switches / requests,
-        bareLinesPerSecond, collectorLone.p50, bareLone.p50, startupMs, mib(peak.peakResidentKiB),
-        after.threads, after.openFiles);
+        bareLinesPerSecond, 1e6 * echoCpu / requests, echoSwitches / requests, collectorLone.p50,
+        bareLone.p50, startupMs, totalLogs, announceSeconds, inFiles, mib(after.residentKiB),
+        mib(after.peakResidentKiB), mib(peak.peakResidentKiB), after.threads, after.openFiles,
+        failures, complete && loneComplete ? 1 : 0);
     if (options.keep) {
         std::printf("run folder kept: %s\n", folder.c_str());
     } else {

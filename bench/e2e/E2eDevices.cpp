@@ -190,10 +190,8 @@ std::string line(const Log& log, int number, int bytes) {
     return text;
 }
 
-// A device with `sources` sources of `logsPerSource` logs each, whose requests carry
-// `linesPerRequest` lines; connected and listening for its replies.
-std::unique_ptr<Device> makeDevice(int index, int sources, int logsPerSource, int linesPerRequest,
-                                   int lineBytes, int port) {
+std::unique_ptr<Device> makeDevice(int index, int sources, int fewestLogs, int mostLogs,
+                                   int linesPerRequest, int lineBytes, int port) {
     auto device = std::make_unique<Device>();
     device->index = index;
     device->caller = "bench-d" + std::to_string(index);
@@ -207,7 +205,8 @@ std::unique_ptr<Device> makeDevice(int index, int sources, int logsPerSource, in
         source->deviceId = sources == 1 ? device->caller : device->caller + "s" + std::to_string(s);
         std::string macDigits = source->mac;
         macDigits.erase(std::remove(macDigits.begin(), macDigits.end(), ':'), macDigits.end());
-        for (int l = 0; l < logsPerSource; ++l) {
+        const int logs = logsOf(s, fewestLogs, mostLogs);
+        for (int l = 0; l < logs; ++l) {
             Log log;
             log.source = source.get();
             log.name = "log" + std::to_string(l) + ".log";

@@ -84,10 +84,15 @@ natsConnection* connect(int port);
 PhaseResult runPhase(std::vector<std::unique_ptr<Device>>& devices, const std::string& subject,
                      int requests, int window, bool (*accept)(const char*, int));
 
-// A device with `sources` sources of `logsPerSource` logs each, whose requests carry
-// `linesPerRequest` lines of `lineBytes` bytes; connected and listening for its replies.
-std::unique_ptr<Device> makeDevice(int index, int sources, int logsPerSource, int linesPerRequest,
-                                   int lineBytes, int port);
+// A device with `sources` sources, source s with logsOf(s, fewest, most) logs, whose
+// requests carry `linesPerRequest` lines of `lineBytes` bytes; connected and listening
+// for its replies.
+std::unique_ptr<Device> makeDevice(int index, int sources, int fewestLogs, int mostLogs,
+                                   int linesPerRequest, int lineBytes, int port);
+
+// How many logs source `s` has when sources have `fewest` to `most` logs: each count
+// in turn, so that any `most - fewest + 1` consecutive sources hold them all once.
+inline int logsOf(int s, int fewest, int most) { return fewest + s % (most - fewest + 1); }
 void closeDevice(Device& device);
 
 // Announces every source of every device; retries while the collector's service is not

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -101,6 +102,111 @@ int stopDaemon(pid_t pid) {
     ::kill(pid, SIGKILL);
     ::waitpid(pid, &status, 0);
     return status;
+}
+
+Helper startHelper(const std::vector<std::string>& arguments) {
+    int in[2];
+    int out[2];
+    Helper helper;
+    if (::pipe2(in, O_CLOEXEC) != 0) return helper;
+    if (::pipe2(out, O_CLOEXEC) != 0) {
+        ::close(in[0]);
+        ::close(in[1]);
+        return helper;
+    }
+    std::vector<char*> argv;
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(in[0], STDIN_FILENO);
+        ::dup2(out[1], STDOUT_FILENO);
+        ::execv(argv[0], argv.data());
+        ::_exit(127);
+    }
+    ::close(in[0]);
+    ::close(out[1]);
+    helper.pid = pid;
+    helper.input = in[1];
+    helper.output = out[0];
+    return helper;
+}
+
+std::string readHelperLine(const Helper& helper, std::chrono::milliseconds limit) {
+    std::string line;
+    const Clock::time_point deadline = Clock::now() + limit;
+    for (;;) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) return std::string();
+        pollfd readable{helper.output, POLLIN, 0};
+        if (::poll(&readable, 1, static_cast<int>(left.count())) <= 0) continue;
+        char c;
+        if (::read(helper.output, &c, 1) != 1) return std::string();
+        if (c == '\n') return line;
+        line += c;
+    }
+}
+
+int stopHelper(Helper& helper) {
+    int status = 0;
+    if (helper.pid < 0) return status;
+    ::close(helper.input);
+    for (int i = 0; i < 200; ++i) {
+        if (::waitpid(helper.pid, &status, WNOHANG) == helper.pid) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (i == 199) {
+            ::kill(helper.pid, SIGKILL);
+            ::waitpid(helper.pid, &status, 0);
+        }
+    }
+    ::close(helper.output);
+    helper.pid = -1;
+    return status;
+}
+
+pid_t startCounting(pid_t pid, const fs::path& file) {
+    const std::string target = std::to_string(pid);
+    const pid_t counter = ::fork();
+    if (counter == 0) {
+        const int null = ::open("/dev/null", O_WRONLY);
+        ::dup2(null, STDOUT_FILENO);
+        ::dup2(null, STDERR_FILENO);
+        ::execlp("perf", "perf", "stat", "-x", ",", "-e", "context-switches,task-clock", "-p",
+                 target.c_str(), "-o", file.c_str(), static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    // perf attaches to the threads after it started: give it a moment.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    return counter;
+}
+
+Counted stopCounting(pid_t counter, const fs::path& file) {
+    Counted counted;
+    if (counter <= 0) return counted;
+    ::kill(counter, SIGINT);
+    int status = 0;
+    ::waitpid(counter, &status, 0);
+    // CSV lines: value,unit,event,...
+    std::ifstream in(file);
+    std::string line;
+    int found = 0;
+    while (std::getline(in, line)) {
+        if (line.empty() || line[0] == '#') continue;
+        const std::size_t comma = line.find(',');
+        if (comma == std::string::npos) continue;
+        const double value = std::atof(line.c_str());
+        if (line.find(",context-switches") != std::string::npos) {
+            counted.contextSwitches = value;
+            ++found;
+        } else if (line.find(",task-clock") != std::string::npos) {
+            counted.taskClockMs = value;
+            ++found;
+        }
+    }
+    counted.ok = found == 2;
+    return counted;
 }
 
 bool waitForText(const fs::path& file, const std::string& text, pid_t pid,

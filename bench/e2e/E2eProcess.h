@@ -36,6 +36,30 @@ pid_t startDaemon(const std::string& path, const std::string& output,
 // SIGTERM, then SIGKILL after 10 s; returns the wait status.
 int stopDaemon(pid_t pid);
 
+// A helper program of the benchmark, `arguments` (the program first) run as a child:
+// its standard input is a pipe that `input` keeps open (closing it tells the helper to
+// end), its standard output a pipe read through `output`.
+struct Helper {
+    pid_t pid = -1;
+    int input = -1;
+    int output = -1;
+};
+Helper startHelper(const std::vector<std::string>& arguments);
+// Reads one line of the helper's output (up to `limit`); empty when it ended first.
+std::string readHelperLine(const Helper& helper, std::chrono::milliseconds limit);
+// Closes its input, then waits for it (SIGKILL after 10 s); returns the wait status.
+int stopHelper(Helper& helper);
+
+// "perf stat" counting the context switches and the CPU time (task-clock) of every
+// thread of `pid` into `file`, from now until stopCounting().
+pid_t startCounting(pid_t pid, const std::filesystem::path& file);
+struct Counted {
+    bool ok = false;
+    double contextSwitches = 0;
+    double taskClockMs = 0;
+};
+Counted stopCounting(pid_t counter, const std::filesystem::path& file);
+
 // Waits until `file` holds `text`, polling every millisecond; false after `limit` or
 // when `pid` ended.
 bool waitForText(const std::filesystem::path& file, const std::string& text, pid_t pid,
