@@ -17,8 +17,9 @@ public:
         : core_(std::move(core)), log_(log) {}
     ~DeviceLogHandle() override { core_->release(log_); }
 
-    bool append(CStdStr text, std::shared_ptr<LogWriteListener> listener) override {
-        return core_->append(*log_, std::move(text), std::move(listener));
+    bool append(CStdStr text, std::shared_ptr<LogWriteListener> listener,
+                const LogTextInfo& info) override {
+        return core_->append(*log_, {std::move(text), std::move(listener), info, nullptr});
     }
     const CStdStr& path() const override { return log_->path; }
 
@@ -38,6 +39,15 @@ DeviceLogWriter::~DeviceLogWriter() { core_->stop(); }
 
 std::shared_ptr<CBBLogSink> DeviceLogWriter::open(const std::string& fileName) {
     return std::make_shared<DeviceLogHandle>(core_, core_->acquire(fileName));
+}
+
+void DeviceLogWriter::setIdentity(const std::string& fileName,
+                                  const DeviceLogIndex::Identity& identity) {
+    DeviceLogState* log = core_->acquire(fileName);
+    DeviceLogItem item;
+    item.identity = std::make_shared<const DeviceLogIndex::Identity>(identity);
+    core_->append(*log, std::move(item));
+    core_->release(log);
 }
 
 void DeviceLogWriter::drain() { core_->drain(); }

@@ -20,8 +20,10 @@
 #include <string>
 
 #include "CBBLogSink.h"
+#include "DeviceLogIndex.h"
 #include "LogFileIo.h"
 
+class DeviceLogIndex;
 class DeviceLogWriterCore;
 
 class DeviceLogWriter {
@@ -45,6 +47,8 @@ public:
         std::size_t maxOpenFiles = kDefaultMaxOpenFiles;  // at least 1
         std::shared_ptr<LogFileIo> io = LogFileIo::system();
         CompletionScope completionScope;  // null: the listeners are told directly
+        // Where every written text is recorded (null: nowhere). Must outlive the writer.
+        std::shared_ptr<DeviceLogIndex> index;
     };
 
     // Counts for the collector's statistics and the tests.
@@ -69,6 +73,9 @@ public:
     // texts queued through an old and a new handle keep their order. Nothing is opened
     // until the first text. Any thread.
     std::shared_ptr<CBBLogSink> open(const std::string& fileName);
+    // The source of the log `fileName` from the next text on, for the index (in the
+    // log's order: texts queued before keep the source they had). Any thread.
+    void setIdentity(const std::string& fileName, const DeviceLogIndex::Identity& identity);
     // Waits until every text queued before the call has been written and its listener
     // told. Any thread but a writer's.
     void drain();

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <stdexcept>
 
@@ -18,6 +19,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include "CBBLog.h"
+#include "DeviceLogLines.h"
 #include "PThread.h"
 #include "PThreadDelegate.h"
 
@@ -111,12 +113,16 @@ void DeviceLogWriterCore::release(DeviceLogState* log) {
     logs_.erase(log->fileName);
 }
 
-bool DeviceLogWriterCore::append(DeviceLogState& log, CStdStr text,
-                                 std::shared_ptr<LogWriteListener> listener) {
+bool DeviceLogWriterCore::append(DeviceLogState& log, DeviceLogItem item) {
+    if (options_.index && item.info.receivedMs == 0) {
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        item.info.receivedMs = now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+    }
     PMutexLocker lock(mutex_);
     // While a writer still runs, it takes this text before it ends.
     if (stopping_ && running_ == 0) return false;
-    log.pending.push_back({std::move(text), std::move(listener)});
+    log.pending.push_back(std::move(item));
     ++queued_;
     if (log.ready || log.busy) return true;  // its writer takes it again when done
     log.ready = true;
@@ -309,6 +315,7 @@ void DeviceLogWriterCore::writeBatch(Batch& batch) {
             report(log.shortName,
                    "Log file failure: " + failureMessage(log, "cut a torn line off", cutError));
         }
+        if (options_.index && size >= 0) recordWritten(log, items, first, first + written, size);
         if (error == 0) {
             noteOutcome(log, 0, CStdStr(), 0);
             continue;
@@ -316,6 +323,35 @@ void DeviceLogWriterCore::writeBatch(Batch& batch) {
         const CStdStr message = failureMessage(log, "write", error);
         noteOutcome(log, error, message, next - first - written);
         batch.failures.push_back({first + written, next, error, message});
+    }
+}
+
+void DeviceLogWriterCore::recordWritten(DeviceLogState& log, std::vector<DeviceLogItem>& items,
+                                        std::size_t first, std::size_t end, long long offset) {
+    DeviceLogIndex& index = *options_.index;
+    DeviceLogIndex::Text text;
+    text.file = log.fileName;
+    text.fileId = log.file.fileId;
+    for (std::size_t i = first; i < end; ++i) {
+        DeviceLogItem& item = items[i];
+        if (item.identity) index.setIdentity(log.fileName, *item.identity);
+        if (item.text.empty()) continue;
+        const LogTextInfo& info = item.info;
+        const DeviceLogLines::Summary summary =
+            DeviceLogLines::summarize(item.text, info.receivedMs / 1000, info.severities);
+        text.offset = static_cast<std::uint64_t>(offset);
+        text.length = item.text.size();
+        text.receivedMs = info.receivedMs;
+        text.hasDeviceTime = info.hasDeviceTime;
+        text.deviceTime = info.deviceTime;
+        text.clockOffset = info.clockOffset;
+        text.firstTime = summary.firstTime;
+        text.lastTime = summary.lastTime;
+        text.severities = summary.severities;
+        text.lines = summary.lines;
+        text.header = info.header;
+        index.record(text);
+        offset += static_cast<long long>(item.text.size());
     }
 }
 
@@ -329,6 +365,7 @@ int DeviceLogWriterCore::prepareFile(DeviceLogState& log, long long& size) {
         fd = openFile(log);
         struct stat info {};
         size = fd != -1 && options_.io->fstat(fd, &info) == 0 ? info.st_size : -1;
+        if (size >= 0) log.file.fileId = logFileIdOf(info);
     }
     return fd;
 }

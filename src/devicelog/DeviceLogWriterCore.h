@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "CBBLogSink.h"
+#include "DeviceLogIndex.h"
 #include "DeviceLogWriter.h"
 #include "PCondMutex.h"
 #include "RotatingLogFile.h"
@@ -25,6 +26,9 @@ class PThread;
 struct DeviceLogItem {
     CStdStr text;
     std::shared_ptr<LogWriteListener> listener;
+    LogTextInfo info;
+    // The log's source from this item on (an item that carries one has no text).
+    std::shared_ptr<const DeviceLogIndex::Identity> identity;
 };
 
 // One device log: its file, its queue and its place in the cache.
@@ -74,7 +78,7 @@ public:
     // One handle fewer; the log is forgotten once it has none and nothing waiting.
     void release(DeviceLogState* log);
     // Queues a text; false when stopped.
-    bool append(DeviceLogState& log, CStdStr text, std::shared_ptr<LogWriteListener> listener);
+    bool append(DeviceLogState& log, DeviceLogItem item);
     void drain();
     DeviceLogWriter::Stats stats() const;
 
@@ -103,6 +107,9 @@ private:
 
     // Writer side (the log is busy).
     void writeBatch(Batch& batch);
+    // Tells the index about items [first, end) written from `offset` on.
+    void recordWritten(DeviceLogState& log, std::vector<DeviceLogItem>& items, std::size_t first,
+                       std::size_t end, long long offset);
     int prepareFile(DeviceLogState& log, long long& size);
     int openFile(DeviceLogState& log);
     void noteOutcome(DeviceLogState& log, int error, const CStdStr& message, std::size_t texts);

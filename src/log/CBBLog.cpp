@@ -215,12 +215,13 @@ private:
 
 }  // namespace
 
-void CBBLog::AddRawLog(CStdStr text, const std::shared_ptr<LogWriteListener>& listener) {
+void CBBLog::AddRawLog(CStdStr text, const std::shared_ptr<LogWriteListener>& listener,
+                       const LogTextInfo& info) {
     if (sink) {
         int error = ECANCELED;
         try {
             if (!initialized.load(std::memory_order_acquire)) initialize();
-            if (addToSink(std::move(text), listener)) return;
+            if (addToSink(std::move(text), listener, info)) return;
         } catch (const std::bad_alloc&) {
             error = ENOMEM;
         }
@@ -344,12 +345,13 @@ void CBBLog::echoLocked(const CStdStr& line) {
     fflush(stdout);
 }
 
-bool CBBLog::addToSink(CStdStr line, const std::shared_ptr<LogWriteListener>& listener) {
+bool CBBLog::addToSink(CStdStr line, const std::shared_ptr<LogWriteListener>& listener,
+                       const LogTextInfo& info) {
     // Echoed under the queue lock, so this logger's echoed lines never interleave; the
     // sink keeps the order of its texts.
     PMutexLocker lock(queueLock);
     echoLocked(line);
-    return sink->append(std::move(line), listener);
+    return sink->append(std::move(line), listener, info);
 }
 
 bool CBBLog::addQueue(CStdStr line, WriteDone* done) {

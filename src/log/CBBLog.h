@@ -103,8 +103,10 @@ public:
     // logLineToFile reports success once its logLineToFile returned.
     virtual void AddRawLog(CStdStr text, WriteDone done);
     // The same with the outcome told to `listener` (may be null), which costs no
-    // allocation of its own when the logger writes through a sink.
-    void AddRawLog(CStdStr text, const std::shared_ptr<LogWriteListener>& listener);
+    // allocation of its own when the logger writes through a sink; `info` goes to the
+    // sink with the text (a logger without a sink ignores it).
+    void AddRawLog(CStdStr text, const std::shared_ptr<LogWriteListener>& listener,
+                   const LogTextInfo& info = LogTextInfo());
 
     // Instance forms: each compares with the stored level only, so while the level is
     // still unset they write nothing and do not read the settings.
@@ -226,7 +228,8 @@ private:
     // nothing queued, when the writer has stopped.
     bool addQueue(CStdStr line, WriteDone* done = nullptr);
     // Hands `line` to the sink and echoes it; false when the sink has stopped.
-    bool addToSink(CStdStr line, const std::shared_ptr<LogWriteListener>& listener);
+    bool addToSink(CStdStr line, const std::shared_ptr<LogWriteListener>& listener,
+                   const LogTextInfo& info = LogTextInfo());
     // Echoes `line` on standard output unless that is discarded; under queueLock.
     void echoLocked(const CStdStr& line) NIMB_REQUIRES(queueLock);
     void writeLines(std::deque<CStdStr>& lines, std::vector<Completion>& done);

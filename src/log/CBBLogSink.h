@@ -5,6 +5,7 @@
 // the implementations say which threads call them.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "StdString.h"
@@ -23,6 +24,18 @@ public:
     virtual void writeDone(int error, const CStdStr& message) = 0;
 };
 
+// What the ingesting side knows of a text beyond its bytes, for a sink that records it
+// (the device-log index). All zero: nothing known (the sink takes the time it is handed
+// the text as its receive time).
+struct LogTextInfo {
+    long long receivedMs = 0;  // when it was received, ms since 1970 UTC
+    bool header = false;       // an announce's header line
+    bool hasDeviceTime = false;
+    long long deviceTime = 0;      // the sender's clock then, s since 1970 UTC
+    long long clockOffset = 0;     // server minus sender, seconds, as its stamps were moved
+    std::uint16_t severities = 0;  // bit 1 << level of its lines when known (syslog)
+};
+
 class CBBLogSink {
 public:
     CBBLogSink() = default;
@@ -35,7 +48,8 @@ public:
     // it went. Texts queued through one sink are written in the order queued. Any
     // thread; never blocks on the disk. False, with nothing queued and the listener not
     // called, when the writer has stopped.
-    virtual bool append(CStdStr text, std::shared_ptr<LogWriteListener> listener) = 0;
+    virtual bool append(CStdStr text, std::shared_ptr<LogWriteListener> listener,
+                        const LogTextInfo& info = LogTextInfo()) = 0;
     // The file's path.
     virtual const CStdStr& path() const = 0;
 };

@@ -58,6 +58,11 @@ int renameToBackup(LogFileIo& io, int fd, const CStdStr& path, const struct stat
 
 }  // namespace
 
+std::uint64_t logFileIdOf(const struct stat& info) {
+    return (static_cast<std::uint64_t>(info.st_dev) << 40) ^
+           static_cast<std::uint64_t>(info.st_ino);
+}
+
 namespace RotatingLogFile {
 
 void prepareProcess() {
@@ -119,6 +124,7 @@ long long rotateAndGetSize(LogFileIo& io, int& fd, const CStdStr& path, long lon
                            LogFileState& state) {
     struct stat opened {};
     if (fd == -1 || io.fstat(fd, &opened) != 0) return -1;  // the write fails on its own
+    state.fileId = logFileIdOf(opened);
     struct stat named {};
     bool reopen = false;
     if (io.stat(path.c_str(), &named) != 0) {
@@ -142,7 +148,9 @@ long long rotateAndGetSize(LogFileIo& io, int& fd, const CStdStr& path, long lon
     close(fd);  // also drops the lock
     fd = -1;
     if (!open(io, fd, path, false)) return -1;
-    return io.fstat(fd, &opened) == 0 ? opened.st_size : -1;
+    if (io.fstat(fd, &opened) != 0) return -1;
+    state.fileId = logFileIdOf(opened);
+    return opened.st_size;
 }
 
 std::size_t writeParts(LogFileIo& io, int fd, iovec* part, int count, int& error, int& cutError) {

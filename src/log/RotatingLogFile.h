@@ -9,7 +9,9 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
+#include <sys/stat.h>
 #include <sys/uio.h>
 
 #include "LogFileIo.h"
@@ -22,7 +24,11 @@ struct LogFileState {
     long long rotateRetryAt = 0;   // no new rotation before this (ms)
     long long rotateReportAt = 0;  // no new report of a failed rotation before this
     int rotateError = 0;           // a failed rotation waiting to be reported
+    std::uint64_t fileId = 0;      // device and inode of the file last looked at (0: none)
 };
+
+// One file's identity (device and inode) as LogFileState keeps it.
+std::uint64_t logFileIdOf(const struct stat& info);
 
 namespace RotatingLogFile {
 

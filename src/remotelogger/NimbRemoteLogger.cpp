@@ -24,6 +24,7 @@ NimbRemoteLogger::~NimbRemoteLogger() {
     close();
     releaseLogs();
     writer.reset();  // writes what the loggers handed it
+    index.reset();   // commits what the writer recorded
 }
 
 const std::shared_ptr<DeviceLogWriter>& NimbRemoteLogger::deviceLogWriter() {
@@ -40,6 +41,10 @@ const std::shared_ptr<DeviceLogWriter>& NimbRemoteLogger::deviceLogWriter() {
                                   maxOpenFiles);
     }
     options.maxOpenFiles = static_cast<std::size_t>(std::max(maxOpenFiles, 1));
+    std::string error;
+    index = DeviceLogIndex::openForWriting(options.logsDir, error);
+    if (!index) CBBLog::error("Index: %s; logs are written without it", error.c_str());
+    options.index = index;
     writer = std::make_shared<DeviceLogWriter>(std::move(options));
     return writer;
 }
@@ -49,9 +54,8 @@ bool NimbRemoteLogger::init(const std::vector<CStdStr>&) {
     deviceLogWriter();
     satellite = new NimbRemoteLoggerSatellite(this);
     satellite->setDirectAppend(
-        [this](const CStdStr& id, CStdStr text, const std::shared_ptr<RemoteLogReply>& reply) {
-            writeText(id, std::move(text), reply);
-        });
+        [this](const CStdStr& id, CStdStr text, const std::shared_ptr<RemoteLogReply>& reply,
+               const LogTextInfo& info) { writeText(id, std::move(text), reply, info); });
     if (!connect(satellite, &NimbRemoteLoggerSatellite::addLog, this, &NimbRemoteLogger::addLog,
                  Qt::AutoConnection)) {
         CBBLog::error("Failed to connect addLog signal");
@@ -138,7 +142,20 @@ void NimbRemoteLogger::addLog(QString macAddr, QString deviceId, QString satName
         QStringLiteral("\n===== ") + displayName + QStringLiteral(" - ") + satName +
         QStringLiteral(" === ") + puckTime.toString(kTimeFormat) + QStringLiteral(" <-> ") +
         QDateTime::currentDateTime().toString(kTimeFormat) + QStringLiteral(" =====\n");
-    writeText(id, CStdStr(header), reply);
+    // The index learns the source in the log's order: texts queued before keep theirs.
+    DeviceLogIndex::Identity identity;
+    identity.deviceId = CStdStr(deviceId);
+    identity.mac = mac;
+    identity.displayName = CStdStr(displayName);
+    identity.caller = CStdStr(satName);
+    deviceLogWriter()->setIdentity(fileName, identity);
+    LogTextInfo info;
+    info.header = true;
+    info.hasDeviceTime = true;
+    info.deviceTime = puckTime.toSecsSinceEpoch();
+    info.receivedMs = QDateTime::currentMSecsSinceEpoch();
+    info.clockOffset = info.receivedMs / 1000 - info.deviceTime;
+    writeText(id, CStdStr(header), reply, info);
 }
 
 void NimbRemoteLogger::appendLog(QString macAddr, QString logName, QString content) {
@@ -152,7 +169,8 @@ std::shared_ptr<RemoteLogReply> NimbRemoteLogger::replyOfCall() {
 }
 
 void NimbRemoteLogger::writeText(const CStdStr& id, CStdStr text,
-                                 const std::shared_ptr<RemoteLogReply>& reply) {
+                                 const std::shared_ptr<RemoteLogReply>& reply,
+                                 const LogTextInfo& info) {
     boost::shared_ptr<CBBLog> log;
     {
         const PMutexLocker lock(logMapLock);
@@ -165,11 +183,7 @@ void NimbRemoteLogger::writeText(const CStdStr& id, CStdStr text,
         return;
     }
     CollectorStats::global().countWritten(text.c_str(), text.size());
-    if (!reply) {
-        log->AddRawLog(text.c_str());
-        return;
-    }
-    log->AddRawLog(std::move(text), std::shared_ptr<LogWriteListener>(reply));
+    log->AddRawLog(std::move(text), std::shared_ptr<LogWriteListener>(reply), info);
 }
 
 void NimbRemoteLogger::closeLog(QString logId) {

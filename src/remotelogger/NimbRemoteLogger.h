@@ -79,7 +79,8 @@ private:
     // The reply that came with the call being delivered, when it came from the satellite.
     std::shared_ptr<RemoteLogReply> replyOfCall();
     // Queues `text` for the log `id`; `reply` (may be null) learns how it went. Any thread.
-    void writeText(const CStdStr& id, CStdStr text, const std::shared_ptr<RemoteLogReply>& reply);
+    void writeText(const CStdStr& id, CStdStr text, const std::shared_ptr<RemoteLogReply>& reply,
+                   const LogTextInfo& info = LogTextInfo());
     // The writer of every device log, started on first use. Main thread.
     const std::shared_ptr<DeviceLogWriter>& deviceLogWriter();
     // Empties the map; the loggers write what they hold as they go.
@@ -89,6 +90,8 @@ private:
     // The syslog listeners, when enabled; started once the satellite registered, stopped
     // by close() before the satellite leaves.
     std::unique_ptr<SyslogServer> syslog;
+    // Where the writer records what it wrote (null when it cannot be opened); outlives it.
+    std::shared_ptr<DeviceLogIndex> index;
     // Shared with the loggers' handles and the syslog listeners; outlives the map.
     std::shared_ptr<DeviceLogWriter> writer;
     PMutex logMapLock;

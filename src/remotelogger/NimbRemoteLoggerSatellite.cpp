@@ -355,10 +355,18 @@ int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char*, const tagVARIANT
     CStdStr macAddr = stringElement(in, 0, "AppendLog: invalid addr");
     CStdStr logName = stringElement(in, 1, "AppendLog: invalid log");
     CStdStr content = stringElement(in, 2, "AppendLog: invalid content");
+    LogTextInfo info;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    info.receivedMs = static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
     if (VUtil::GetArrayLength(in) > 3) {
         const long deviceTime = VUtil::GetDateElement(in, 3);
         checkTime(deviceTime, "AppendLog: invalid time");
-        content = convertLog(content, deviceTime, deviceTime + clockOffset(in, 3));
+        const long offset = clockOffset(in, 3);
+        content = convertLog(content, deviceTime, deviceTime + offset);
+        info.hasDeviceTime = true;
+        info.deviceTime = deviceTime;
+        info.clockOffset = offset;
     }
     const CStdStr mac = asDelivered(macAddr);
     const CStdStr id = DeviceLogNames::logId(mac, asDelivered(logName));
@@ -373,7 +381,7 @@ int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char*, const tagVARIANT
     reply->holdRoom(backlog, quota, mac, text.size());
     const PMutexLocker lock(emitLock);
     if (directAppend && waitingCalls.find(id) == waitingCalls.end()) {
-        directAppend(id, std::move(text), reply);
+        directAppend(id, std::move(text), reply, info);
         return 0;
     }
     queueAppendLocked(id, macAddr, logName, std::move(text), reply);

@@ -23,6 +23,7 @@
 #include <QObject>
 #include <QString>
 
+#include "CBBLogSink.h"
 #include "KibSatellite.h"
 #include "PMutex.h"
 #include "RemoteLogBacklog.h"
@@ -56,12 +57,14 @@ public:
     static constexpr std::int32_t kLogClosedCode = 4;
 
     // Where AppendLog hands a text whose log has no call waiting for the main thread:
-    // the log's id, the text as it is written (UTF-8, NUL bytes replaced), and the
-    // request's reply, which the receiver completes once the text is written (or at once,
-    // as unknown source, when the log is not open). Called on a bus thread under the
+    // the log's id, the text as it is written (UTF-8, NUL bytes replaced), the request's
+    // reply, which the receiver completes once the text is written (or at once, as
+    // unknown source, when the log is not open), and what is known of the text (receive
+    // time, device time and clock offset). Called on a bus thread under the
     // emission lock, so that it keeps its place among the queued calls.
-    using DirectAppend = std::function<void(const CStdStr& logId, CStdStr text,
-                                            const std::shared_ptr<RemoteLogReply>& reply)>;
+    using DirectAppend =
+        std::function<void(const CStdStr& logId, CStdStr text,
+                           const std::shared_ptr<RemoteLogReply>& reply, const LogTextInfo& info)>;
 
     // Constructs both parts; connects nothing. Main thread.
     explicit NimbRemoteLoggerSatellite(QObject* parent);

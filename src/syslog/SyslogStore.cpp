@@ -76,6 +76,7 @@ void SyslogStore::add(std::string_view bytes, std::size_t cutBytes, const std::s
                       long long arrivalMs) {
     SyslogMessage& message = message_;
     SyslogParser::parseInto(bytes, static_cast<std::size_t>(settings_.maxMessageSize), message);
+    arrivalMs_ = arrivalMs;
     message.truncatedBytes += cutBytes;
     if (message.text.empty()) return;  // an empty line between messages
     const Route* route = findRoute(message, address);
@@ -153,6 +154,7 @@ SyslogStore::Log* SyslogStore::findLog(Sender& sender, const std::string& name,
 
 SyslogStore::Log* SyslogStore::openLog(const std::string& file) {
     auto log = std::make_unique<Log>();
+    log->file = file;
     // Only a plain file (or none yet) is written: a link planted at the name could point
     // anywhere.
     struct stat info {};
@@ -184,8 +186,10 @@ void SyslogStore::appendHeader(Log& log, Sender& sender, const std::string& name
         log.headerOffset = offset;
     }
     log.headerWritten = true;
-    log.pending += DeviceLogHeader::line(name, "syslog " + address + clock, senderTime,
-                                         localTime(arrivalSeconds));
+    writeHeader(log, name, address,
+                DeviceLogHeader::line(name, "syslog " + address + clock, senderTime,
+                                      localTime(arrivalSeconds)),
+                sender.clock.isKnown(), sender.clock.offsetSeconds());
 }
 
 void SyslogStore::appendLine(Log& log, Sender& sender, SyslogMessage& message,
@@ -204,6 +208,11 @@ void SyslogStore::appendLine(Log& log, Sender& sender, SyslogMessage& message,
         log.pending += ' ';
         log.pending += message.text;
     }
+    notePending(
+        log, message, arrivalMs_,
+        message.stamp.present && std::llabs(sender.clock.offsetSeconds()) > settings_.clockThreshold
+            ? -sender.clock.offsetSeconds()
+            : 0);
     if (message.truncatedBytes != 0) {
         ++counters_.truncated;
         log.pending += " [truncated: " + std::to_string(message.truncatedBytes) + " bytes cut]";
@@ -218,11 +227,49 @@ void SyslogStore::appendLine(Log& log, Sender& sender, SyslogMessage& message,
     }
 }
 
+void SyslogStore::notePending(Log& log, const SyslogMessage& message, long long arrivalMs,
+                              long long offset) {
+    if (log.pending.empty() || log.pendingArrivalMs == 0) log.pendingArrivalMs = arrivalMs;
+    log.pendingOffset = offset;
+    if (message.priority < 0) {
+        log.pendingAllPrioritized = false;
+    } else {
+        log.pendingSeverities |=
+            static_cast<std::uint16_t>(1u << static_cast<unsigned>(message.priority % 8));
+    }
+}
+
+void SyslogStore::writeHeader(Log& log, const std::string& name, const std::string& address,
+                              std::string header, bool clockKnown, long long offset) {
+    flushLog(log);
+    DeviceLogIndex::Identity identity;
+    identity.deviceId = name;
+    identity.displayName = name;
+    identity.peer = address;
+    writer_->setIdentity(log.file, identity);
+    LogTextInfo info;
+    info.header = true;
+    info.receivedMs = arrivalMs_;
+    info.hasDeviceTime = clockKnown;
+    info.deviceTime = arrivalMs_ / 1000 + offset;
+    info.clockOffset = -offset;
+    log.logger->AddRawLog(CStdStr(std::move(header)), std::shared_ptr<LogWriteListener>(), info);
+}
+
 void SyslogStore::flushLog(Log& log) {
     if (log.pending.empty()) return;
+    LogTextInfo info;
+    info.receivedMs = log.pendingArrivalMs;
+    info.clockOffset = log.pendingOffset;
+    // The priorities say each line's severity; a line without one is read from its text.
+    info.severities = log.pendingAllPrioritized ? log.pendingSeverities : 0;
     // Handed over whole: the writer takes the bytes as they are.
-    log.logger->AddRawLog(CStdStr(std::move(log.pending)), std::shared_ptr<LogWriteListener>());
+    log.logger->AddRawLog(CStdStr(std::move(log.pending)), std::shared_ptr<LogWriteListener>(),
+                          info);
     log.pending.clear();
+    log.pendingArrivalMs = 0;
+    log.pendingSeverities = 0;
+    log.pendingAllPrioritized = true;
 }
 
 void SyslogStore::flush() {

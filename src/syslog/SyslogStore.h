@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -63,8 +64,14 @@ private:
     };
     struct Log {
         boost::shared_ptr<CBBLog> logger;  // null: the file was refused
+        std::string file;
         std::string pending;
-        bool inFlush = false;  // listed in dirty_
+        // What the index is told of the pending lines.
+        long long pendingArrivalMs = 0;  // the first one's arrival
+        long long pendingOffset = 0;     // server minus sender, as stamps were moved
+        std::uint16_t pendingSeverities = 0;
+        bool pendingAllPrioritized = true;  // every line had a priority
+        bool inFlush = false;               // listed in dirty_
         bool headerWritten = false;
         bool headerKnown = false;  // the last header carried a clock estimate
         long long headerOffset = 0;
@@ -87,7 +94,13 @@ private:
     void appendHeader(Log& log, Sender& sender, const std::string& name, const std::string& address,
                       long long arrivalSeconds);
     void appendLine(Log& log, Sender& sender, SyslogMessage& message, long long arrivalSeconds);
+    // Hands the header line `header` to the log's logger as a text of its own, with the
+    // sender's identity before it, so that the index knows it for a real header.
+    void writeHeader(Log& log, const std::string& name, const std::string& address,
+                     std::string header, bool clockKnown, long long offset);
     void flushLog(Log& log);
+    // Gathers `arrivalMs`, the stamp offset and the message's severity for the index.
+    void notePending(Log& log, const SyslogMessage& message, long long arrivalMs, long long offset);
 
     // Immutable after construction.
     SyslogSettings settings_;
@@ -101,7 +114,8 @@ private:
     // Address, host name and application as sent -> route; saves building names per line.
     std::unordered_map<std::string, Route> routes_;
     std::string routeKey_;
-    SyslogMessage message_;  // reused for every message
+    SyslogMessage message_;    // reused for every message
+    long long arrivalMs_ = 0;  // of the message being filed
     SyslogThrottledLog nameLog_;
     SyslogThrottledLog fileLog_;
     SyslogThrottledLog senderCapLog_;

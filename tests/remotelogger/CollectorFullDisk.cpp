@@ -2,7 +2,7 @@
 // collector_fulldisk <root folder> <bus host>
 // The full-disk scenario of the collector, run by its test under `unshare -rm` (or -m as
 // root), so that the tmpfs it mounts lives and dies with this process's mount namespace;
-// the collector it starts inherits the namespace. Mounts 1 MiB at <root>/disk, fills it
+// the collector it starts inherits the namespace. Mounts 2 MiB at <root>/disk, fills it
 // up, lets simulated devices push far more than fits, frees space and checks that every
 // acknowledged line is in its file, whole. Exit 0: all held; 3: a check failed (each on
 // standard output); 77: no file system could be mounted (the reason on standard output).
@@ -53,7 +53,8 @@ void fillUpTo(const fs::path& file, std::size_t spare) {
 // The scenario on the mounted `disk`; the failures found.
 std::vector<std::string> fullDisk(CollectorProcess& collector, const std::string& host,
                                   const fs::path& disk) {
-    fillUpTo(disk / "filler", 96 * 1024);
+    // Room for the index and the first lines; the devices bring far more.
+    fillUpTo(disk / "filler", 256 * 1024);
     collector.setLogsFolder(disk);
     std::vector<std::string> failures;
     const auto expect = [&](bool condition, const std::string& what) {
@@ -99,7 +100,7 @@ int main(int argc, char** argv) {
     const fs::path root = argv[1];
     const fs::path disk = root / "disk";
     fs::create_directories(disk);
-    const std::string why = mountSmallDisk(disk, 1024 * 1024);
+    const std::string why = mountSmallDisk(disk, 2 * 1024 * 1024);
     if (!why.empty()) {
         std::printf("%s\n", why.c_str());
         return 77;

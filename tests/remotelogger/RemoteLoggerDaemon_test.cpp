@@ -46,10 +46,11 @@ protected:
         return {run.finished && WIFEXITED(run.status) ? WEXITSTATUS(run.status) : -1, run.output};
     }
 
+    // The files of the logs folder (the history folder with the index is beside them).
     std::set<std::string> logFiles() const {
         std::set<std::string> names;
         for (const auto& entry : fs::directory_iterator(logs()))
-            names.insert(entry.path().filename().string());
+            if (!entry.is_directory()) names.insert(entry.path().filename().string());
         return names;
     }
 

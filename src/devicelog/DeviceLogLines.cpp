@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: MIT
+#include "DeviceLogLines.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "DeviceLogConverter.h"
+#include "DeviceLogSeverity.h"
+
+namespace {
+
+bool digits(std::string_view text, std::size_t at, std::size_t count, int& value) {
+    if (at + count > text.size()) return false;
+    value = 0;
+    for (std::size_t i = at; i < at + count; ++i) {
+        const char c = text[i];
+        if (c < '0' || c > '9') return false;
+        value = value * 10 + (c - '0');
+    }
+    return true;
+}
+
+// UTC seconds of a local wall-clock reading (the zone's offset taken at that moment; kept
+// per hour and thread, so a text costs one zone look-up per hour it spans).
+long long fromLocal(const tm& fields) {
+    const long long asUtc = DeviceLogConverter::utcSeconds(fields);
+    thread_local long long cachedHour = -1;
+    thread_local long long cachedOffset = 0;
+    const long long hour = asUtc / 3600;
+    if (hour != cachedHour) {
+        const time_t probe = static_cast<time_t>(asUtc);
+        tm local{};
+        localtime_r(&probe, &local);
+        cachedOffset = local.tm_gmtoff;
+        cachedHour = hour;
+    }
+    return asUtc - cachedOffset;
+}
+
+bool validFields(const tm& t) {
+    return t.tm_mon >= 0 && t.tm_mon < 12 && t.tm_mday >= 1 && t.tm_mday <= 31 && t.tm_hour < 24 &&
+           t.tm_min < 60 && t.tm_sec <= 60;
+}
+
+// "YYYY/MM/DD hh:mm:ss" or "YYYY-MM-DD[T ]hh:mm:ss[.fff][Z|+hh:mm|+hhmm]".
+bool numericStamp(std::string_view line, long long& seconds) {
+    tm t{};
+    int year = 0, month = 0;
+    if (!digits(line, 0, 4, year) || line.size() < 19) return false;
+    const char dateSep = line[4];
+    if ((dateSep != '/' && dateSep != '-') || line[7] != dateSep) return false;
+    if (line[10] != ' ' && line[10] != 'T') return false;
+    if (line[13] != ':' || line[16] != ':') return false;
+    if (!digits(line, 5, 2, month) || !digits(line, 8, 2, t.tm_mday) ||
+        !digits(line, 11, 2, t.tm_hour) || !digits(line, 14, 2, t.tm_min) ||
+        !digits(line, 17, 2, t.tm_sec))
+        return false;
+    t.tm_year = year - 1900;
+    t.tm_mon = month - 1;
+    if (!validFields(t)) return false;
+    std::size_t at = 19;
+    if (at < line.size() && (line[at] == '.' || line[at] == ',')) {
+        ++at;
+        while (at < line.size() && line[at] >= '0' && line[at] <= '9') ++at;
+    }
+    if (dateSep == '-' && at < line.size()) {
+        int hours = 0, minutes = 0;
+        if (line[at] == 'Z') {
+            seconds = DeviceLogConverter::utcSeconds(t);
+            return true;
+        }
+        if ((line[at] == '+' || line[at] == '-') && digits(line, at + 1, 2, hours)) {
+            const std::size_t m = at + 3 < line.size() && line[at + 3] == ':' ? at + 4 : at + 3;
+            if (digits(line, m, 2, minutes)) {
+                const long long zone = (hours * 60LL + minutes) * 60 * (line[at] == '-' ? -1 : 1);
+                seconds = DeviceLogConverter::utcSeconds(t) - zone;
+                return true;
+            }
+        }
+    }
+    seconds = fromLocal(t);
+    return true;
+}
+
+// "Mmm dd hh:mm:ss" (day padded with a blank or a zero), the year nearest `reference`.
+bool syslogStamp(std::string_view line, long long reference, long long& seconds) {
+    static const char* const kMonths = "JanFebMarAprMayJunJulAugSepOctNovDec";
+    if (line.size() < 15 || line[3] != ' ' || line[6] != ' ' || line[9] != ':' || line[12] != ':')
+        return false;
+    const char* found = nullptr;
+    for (int m = 0; m < 12 && found == nullptr; ++m) {
+        if (std::memcmp(kMonths + 3 * m, line.data(), 3) == 0) found = kMonths + 3 * m;
+    }
+    if (found == nullptr) return false;
+    tm t{};
+    t.tm_mon = static_cast<int>((found - kMonths) / 3);
+    const char d0 = line[4] == ' ' ? '0' : line[4];
+    if (d0 < '0' || d0 > '3' || line[5] < '0' || line[5] > '9') return false;
+    t.tm_mday = (d0 - '0') * 10 + (line[5] - '0');
+    if (!digits(line, 7, 2, t.tm_hour) || !digits(line, 10, 2, t.tm_min) ||
+        !digits(line, 13, 2, t.tm_sec) || !validFields(t))
+        return false;
+    thread_local long long cachedDay = -1;
+    thread_local int cachedYear = 0;
+    if (reference / 86400 != cachedDay) {
+        const time_t probe = static_cast<time_t>(reference);
+        tm now{};
+        localtime_r(&probe, &now);
+        cachedYear = now.tm_year;
+        cachedDay = reference / 86400;
+    }
+    long long best = 0;
+    for (int year = cachedYear - 1; year <= cachedYear + 1; ++year) {
+        t.tm_year = year;
+        const long long candidate = fromLocal(t);
+        if (year == cachedYear - 1 ||
+            std::llabs(candidate - reference) < std::llabs(best - reference))
+            best = candidate;
+    }
+    seconds = best;
+    return true;
+}
+
+}  // namespace
+
+namespace DeviceLogLines {
+
+long long lineTime(std::string_view line, long long fallback) {
+    long long seconds = 0;
+    if (numericStamp(line, seconds) || syslogStamp(line, fallback, seconds)) return seconds;
+    return fallback;
+}
+
+Summary summarize(std::string_view text, long long fallback, std::uint16_t severities) {
+    Summary summary;
+    std::size_t at = 0;
+    while (at < text.size()) {
+        const std::size_t end = std::min(text.find('\n', at), text.size());
+        const std::string_view line = text.substr(at, end - at);
+        at = end + 1;
+        if (line.empty()) continue;  // the blank line before a header, a blank line
+        const long long time = lineTime(line, fallback);
+        summary.firstTime = summary.lines == 0 ? time : std::min(summary.firstTime, time);
+        summary.lastTime = summary.lines == 0 ? time : std::max(summary.lastTime, time);
+        ++summary.lines;
+        if (severities == 0) {
+            summary.severities |= static_cast<std::uint16_t>(
+                1u << static_cast<unsigned>(DeviceLogSeverity::ofLine(line)));
+        }
+    }
+    if (severities != 0 && summary.lines != 0) summary.severities = severities;
+    return summary;
+}
+
+}  // namespace DeviceLogLines
