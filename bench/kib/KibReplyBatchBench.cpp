@@ -7,7 +7,8 @@
 // The completions run on the benchmark's main thread, and the requests leave through
 // the client's flusher thread, so the main thread's socket writes are the replies':
 //     strace -f -o trace.txt -e trace=write,writev,sendto,sendmsg build/bench/kib/kib_reply_bench
-//     awk -v pid=$(head -1 trace.txt | cut -d' ' -f1) '$1 == pid' trace.txt | wc -l
+//     pid=$(head -1 trace.txt | cut -d' ' -f1)
+//     awk -v pid=$pid '$1 == pid && /(sendto|sendmsg|writev)\(/ && !/resumed/' trace.txt | wc -l
 // (or run one benchmark at a time with --benchmark_filter to split the count).
 #include <atomic>
 #include <chrono>
