@@ -25,6 +25,8 @@ set(NIMB_KIB_SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/KibNats.h
     ${CMAKE_CURRENT_LIST_DIR}/KibReplyChannel.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibReplyChannel.h
+    ${CMAKE_CURRENT_LIST_DIR}/KibReplyLink.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/KibReplyLink.h
     ${CMAKE_CURRENT_LIST_DIR}/KibSatellite.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibSatelliteImpl.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibSatelliteImpl.h
@@ -35,6 +37,7 @@ set(NIMB_KIB_SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/include/KibConnectOptions.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibDeferredReply.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibReply.h
+    ${CMAKE_CURRENT_LIST_DIR}/include/KibReplyBatch.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibSatellite.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibSatelliteDelegate.h
     ${CMAKE_CURRENT_LIST_DIR}/include/KibStatus.h

@@ -192,6 +192,34 @@ natsStatus KibSatelliteImpl::open(natsConnection** connection, natsOptions* raw,
     return status;
 }
 
+// Reconnection without end, every reconnectWaitMs_ plus jitter, and dead-server detection.
+void KibSatelliteImpl::setReconnection(natsOptions* raw) const {
+    natsOptions_SetMaxReconnect(raw, -1);
+    const int reconnectWait = reconnectWaitMs_.load();
+    natsOptions_SetReconnectWait(raw, reconnectWait);
+    natsOptions_SetReconnectJitter(raw, std::min(kReconnectJitterMs, reconnectWait),
+                                   std::min(kReconnectJitterTlsMs, reconnectWait));
+    natsOptions_SetPingInterval(raw, kPingIntervalMs);
+    natsOptions_SetMaxPingsOut(raw, kMaxPingsOut);
+}
+
+std::unique_ptr<KibReplyLink> KibSatelliteImpl::openReplyLink(const std::vector<std::string>& urls,
+                                                              const char* satelliteName) {
+    std::string error = "cannot set its options";
+    KibNatsOptions options = makeOptions(satelliteName);
+    std::string inboxPrefix;
+    std::unique_ptr<KibReplyLink> replyLink;
+    if (options && configure(options.get(), urls, inboxPrefix)) {
+        setReconnection(options.get());
+        replyLink = KibReplyLink::open(options.get(), error);
+    }
+    if (!replyLink) {
+        KibLog::error("Replies of %s leave one by one: no reply connection (%s)", satelliteName,
+                      error.c_str());
+    }
+    return replyLink;
+}
+
 int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
     if (connection_ != nullptr) return KIB_E_ALREADY_CONNECTED;
     const std::vector<std::string> urls = KibNats::urls(host, 0);
@@ -201,13 +229,7 @@ int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
     if (!options) return KIB_E_TRANSPORT;
     natsOptions* raw = options.get();
     if (!configure(raw, urls, inboxPrefix_)) return KIB_E_CONNECT_FAILED;
-    natsOptions_SetMaxReconnect(raw, -1);
-    const int reconnectWait = reconnectWaitMs_.load();
-    natsOptions_SetReconnectWait(raw, reconnectWait);
-    natsOptions_SetReconnectJitter(raw, std::min(kReconnectJitterMs, reconnectWait),
-                                   std::min(kReconnectJitterTlsMs, reconnectWait));
-    natsOptions_SetPingInterval(raw, kPingIntervalMs);
-    natsOptions_SetMaxPingsOut(raw, kMaxPingsOut);
+    setReconnection(raw);
     auto link = std::make_shared<KibConnectionLink>();
     auto* holder = new std::shared_ptr<KibConnectionLink>(link);
     natsOptions_SetDisconnectedCB(raw, &onDisconnectedThunk, holder);
@@ -221,7 +243,8 @@ int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
     }
     connection_.reset(connection);
     link_ = link;
-    replies_ = std::make_shared<KibReplyChannel>(connection);
+    if (options_.batchReplies) replyLink_ = openReplyLink(urls, satelliteName);
+    replies_ = std::make_shared<KibReplyChannel>(connection, replyLink_.get());
     name_ = satelliteName;
     instance_ = randomInstanceId();
     {
@@ -281,6 +304,10 @@ void KibSatelliteImpl::closeConnection() {
     // Kept (closed) until the next connect: a handler orphaned by a slow teardown may
     // still read it.
     replies_->close();
+    if (replyLink_) {
+        replyLink_->close();  // writes what batches still hold
+        replyLink_.reset();
+    }
     natsConnection_Close(connection_.get());
     {
         std::unique_lock<std::mutex> lock(link_->mutex);

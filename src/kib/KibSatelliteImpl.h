@@ -30,6 +30,7 @@
 #include "KibNats.h"
 #include "KibReply.h"
 #include "KibReplyChannel.h"
+#include "KibReplyLink.h"
 #include "KibSatelliteDelegate.h"
 #include "KibStatus.h"
 #include "PMutex.h"
@@ -137,6 +138,12 @@ private:
                    std::string& inboxPrefix);
     // Opens a connection with `raw`; a failure is logged and kept for lastError().
     natsStatus open(natsConnection** connection, natsOptions* raw, const std::string& where);
+    // Sets the reconnection and dead-server detection of a connection.
+    void setReconnection(natsOptions* raw) const;
+    // The connection for the replies of batches; null, with the reason logged, when it
+    // cannot be opened (batches then send their replies one by one).
+    std::unique_ptr<KibReplyLink> openReplyLink(const std::vector<std::string>& urls,
+                                                const char* satelliteName);
     void setLastError(const std::string& where, const std::string& text);
     // One request and its reply, received on an inbox under `inboxPrefix`, so that the
     // server can keep other users from reading it.
@@ -153,6 +160,7 @@ private:
     KibNatsConnection connection_;
     std::shared_ptr<KibConnectionLink> link_;
     std::shared_ptr<KibReplyChannel> replies_;
+    std::unique_ptr<KibReplyLink> replyLink_;  // with KibConnectOptions::batchReplies
     std::string name_;
     std::uint32_t instance_ = 0;
     std::string user_;

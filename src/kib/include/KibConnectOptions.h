@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// KibConnectOptions: how a satellite secures its connection to the bus directory: the
+// KibConnectOptions: how a satellite secures its connection to the bus directory (the
 // certificate authority that the server's certificate must chain to, and the file that
-// holds the satellite's credentials. Plain data, copied into the satellite by
-// KibSatellite::setConnectOptions; the files are read when Connect runs.
+// holds the satellite's credentials) and whether it batches replies. Plain data, copied into the
+// satellite by KibSatellite::setConnectOptions; the files are read when Connect runs.
 #pragma once
 
 #include <string>
@@ -16,6 +16,10 @@ struct KibConnectOptions {
     // NKey seed). Empty: no credentials beyond those a URL may carry. The file should be
     // readable by its owner only; its content is never logged.
     std::string credentialsFile;
+    // Opens a second connection for the deferred replies completed inside a KibReplyBatch,
+    // so that each batch leaves in one socket write (on the satellite's own connection
+    // every reply is its own write). Off: a batch's replies leave one by one.
+    bool batchReplies = false;
 };
 
 // `hosts` (as given to KibSatellite::Connect) with the user name and password that its
