@@ -90,7 +90,7 @@ void SyslogClock::addSample(const SyslogStamp& stamp, long long arrivalMs) {
     if (difference >= medianMs_ - marginMs_) {
         // Live: on time for the sender's usual difference (for an unknown clock: for the
         // server's), or ahead of it, which no delay explains. The median rather than the
-        // estimate, so that a stamp from the future among a new sender's first cannot
+        // estimate, so that a stamp from the future among a new sender's first few cannot
         // make its on-time lines look late. A live stamp also shows that the late ones
         // gathered so far were queued, not a clock set back.
         lateCount_ = 0;
