@@ -76,17 +76,47 @@ long long SyslogClock::stampSeconds(const SyslogStamp& stamp, long long referenc
     return best;
 }
 
+SyslogClock::SyslogClock(int thresholdSeconds) : marginMs_((thresholdSeconds + 1) * 1000LL) {}
+
 void SyslogClock::addSample(const SyslogStamp& stamp, long long arrivalMs) {
     if (!stamp.present) return;
     const long long arrival = arrivalMs / 1000;
     const long long wall = stamp.hasZone ? 0 : localOffset(arrival);
-    const long long reference = arrival + wall + offsetSeconds();
+    const long long estimate = offsetSeconds();
+    const long long reference = arrival + wall + estimate;
     const long long stampMs = stampSeconds(stamp, reference) * 1000 + stamp.millisecond;
-    samples_[next_] = stampMs - (arrivalMs + wall * 1000);
-    next_ = (next_ + 1) % kWindow;
-    if (count_ < kWindow) ++count_;
-    ++sincePick_;
+    const long long difference = stampMs - (arrivalMs + wall * 1000);
     zoned_ = stamp.hasZone;
+    if (difference >= medianMs_ - marginMs_) {
+        // Live: on time for the sender's usual difference (for an unknown clock: for the
+        // server's), or ahead of it, which no delay explains. The median rather than the
+        // estimate, so that a stamp from the future among a new sender's first few cannot
+        // make its on-time lines look late. A live stamp also shows that the late ones
+        // gathered so far were queued, not a clock set back.
+        lateCount_ = 0;
+        samples_[next_] = difference;
+        next_ = (next_ + 1) % kWindow;
+        if (count_ < kWindow) ++count_;
+        ++sincePick_;
+        return;
+    }
+    // Late. A queue delivered at once holds stamps spread over its outage that arrive
+    // within moments, so their differences drift apart; a clock set back shows one
+    // difference held while real time passes.
+    if (lateCount_ == 0 || std::llabs(difference - lateFirstMs_) > marginMs_) {
+        lateCount_ = 0;
+        lateFirstMs_ = difference;
+        lateSinceMs_ = arrivalMs;
+    }
+    late_[lateCount_ % kWindow] = difference;
+    ++lateCount_;
+    if (lateCount_ >= kConfirmSamples && arrivalMs - lateSinceMs_ >= kConfirmMargins * marginMs_) {
+        samples_ = late_;
+        count_ = std::min(lateCount_, kWindow);
+        next_ = lateCount_ % kWindow;
+        sincePick_ = kPickEvery;
+        lateCount_ = 0;
+    }
 }
 
 long long SyslogClock::offsetSeconds() {
@@ -102,6 +132,10 @@ long long SyslogClock::offsetSeconds() {
         // Rounded to the nearest second, halves away from zero.
         const long long ms = *pick;
         offset_ = (ms >= 0 ? ms + 500 : ms - 500) / 1000;
+        // The lower median, so that one stamp from the future among two is not it.
+        auto median = sorted.begin() + static_cast<std::ptrdiff_t>((count_ - 1) / 2);
+        std::nth_element(sorted.begin(), median, pick);
+        medianMs_ = *median;
         sincePick_ = 0;
     }
     return offset_;

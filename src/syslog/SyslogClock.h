@@ -2,10 +2,15 @@
 // SyslogClock: one sender's clock, estimated from the stamps of its messages. A syslog
 // sender announces no time of its own, so every stamp is compared with the moment the
 // message arrived. Transport and queueing delays only make stamps look older, so the
-// estimate is the 90th percentile of the last kWindow differences: the least delayed
-// messages decide, and a few stamps from the future or replayed lines cannot move it. Also the
-// conversions a stamp needs: its seconds, and its rewriting into server time. Owned by the store;
-// listener thread.
+// estimate is the 90th percentile of the last kWindow live differences: the least delayed
+// messages decide, and a few stamps from the future or replayed lines cannot move it. A
+// stamp older than the sender's usual difference (the window's median; the server's clock
+// while there is none) by more than the margin (threshold + 1 s) is late: a message the
+// sender queued (a restart of the collector, a relay's backlog) or a clock set back. It
+// moves nothing until late stamps agreeing on one offset have arrived spread over
+// kConfirmMargins margins of real time, which a queue delivered in a burst never does; then
+// that offset is the estimate. Also the conversions a stamp needs: its seconds, and its
+// rewriting into server time. Owned by the store; listener thread.
 #pragma once
 
 #include <array>
@@ -17,12 +22,20 @@
 class SyslogClock {
 public:
     static constexpr std::size_t kWindow = 64;
+    // Late stamps take over the estimate once this many agree and their arrivals span
+    // kConfirmMargins margins.
+    static constexpr std::size_t kConfirmSamples = 4;
+    static constexpr long long kConfirmMargins = 10;
+
+    // `thresholdSeconds`: how far the sender's clock may be off before its stamps are
+    // rewritten; the margin within which a stamp agrees with the estimate is a second more.
+    explicit SyslogClock(int thresholdSeconds = 2);
 
     // Adds the stamp of a message that arrived at `arrivalMs` (ms since 1970 UTC). A stamp
     // with a zone is compared with the arrival instant, one without a zone (the sender's
     // wall clock) with the server's wall clock at arrival.
     void addSample(const SyslogStamp& stamp, long long arrivalMs);
-    // Whether any stamp was seen.
+    // Whether the clock is known: a live stamp was seen, or late ones confirmed an offset.
     bool isKnown() const { return count_ != 0; }
     // The estimated offset in whole seconds (sender minus server), 0 while unknown.
     long long offsetSeconds();
@@ -46,10 +59,17 @@ public:
     static long long localOffset(long long seconds);
 
 private:
-    std::array<long long, kWindow> samples_{};  // differences in ms, a ring
+    const long long marginMs_;
+    std::array<long long, kWindow> samples_{};  // live differences in ms, a ring
     std::size_t count_ = 0;
     std::size_t next_ = 0;
     std::size_t sincePick_ = 0;  // samples added since the estimate was last taken
     long long offset_ = 0;       // the last estimate, whole seconds
+    long long medianMs_ = 0;     // the window's median difference when the estimate was taken
     bool zoned_ = false;
+    // Late differences since the last live one that agree with the first of them.
+    std::array<long long, kWindow> late_{};
+    std::size_t lateCount_ = 0;
+    long long lateFirstMs_ = 0;  // the first late difference, which the others must agree with
+    long long lateSinceMs_ = 0;  // its arrival
 };

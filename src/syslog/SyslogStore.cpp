@@ -132,7 +132,7 @@ SyslogStore::Sender* SyslogStore::findSender(const std::string& name, const std:
                             quoted(name) + " (" + address + ")");
         return nullptr;
     }
-    Sender* sender = &senders_[name];
+    Sender* sender = &senders_.try_emplace(name, settings_.clockThreshold).first->second;
     counters_.senders.store(senders_.size(), std::memory_order_relaxed);
     return sender;
 }

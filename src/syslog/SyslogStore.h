@@ -59,6 +59,7 @@ public:
 
 private:
     struct Sender {
+        explicit Sender(int clockThreshold) : clock(clockThreshold) {}
         SyslogClock clock;
         int apps = 0;
     };

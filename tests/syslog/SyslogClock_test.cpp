@@ -3,6 +3,7 @@
 
 #include "SyslogClock.h"
 
+#include <cstdio>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -59,11 +60,89 @@ TEST(SyslogClockTest, WallClockStampsCompareWithTheServersWallClock) {
     EXPECT_EQ(zoned.rewrite(fast, arrival), "2026/11/24 10:00:00");
     EXPECT_EQ(zoned.senderTime(arrival), "2026/11/24 09:02:00");  // UTC for zoned senders
     // A router on UTC wall time, seen from Berlin: one hour behind, rewritten to Berlin.
+    // Stamps that old could be a queue, so it takes lines spread over 30 s to tell.
     SyslogClock router;
-    const SyslogStamp behind = stampOf("Nov 24 09:00:03");
-    router.addSample(behind, (arrival + 3) * 1000);
+    for (int second = 0; second <= 30; second += 10)
+        router.addSample(stampOf("Nov 24 09:00:" + std::to_string(10 + second)),
+                         (arrival + 10 + second) * 1000);
     EXPECT_EQ(router.offsetSeconds(), -3600);
-    EXPECT_EQ(router.rewrite(behind, arrival + 3), "2026/11/24 10:00:03");
+    EXPECT_EQ(router.rewrite(stampOf("Nov 24 09:00:03"), arrival + 3), "2026/11/24 10:00:03");
+}
+
+// Stamps of "Nov 24 hh:mm:ss" for `seconds` after 10:00:00.
+SyslogStamp at(long long seconds) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "Nov 24 %02lld:%02lld:%02lld", 10 + seconds / 3600,
+                  seconds / 60 % 60, seconds % 60);
+    return stampOf(text);
+}
+
+TEST(SyslogClockTest, QueuedLinesKeepTheEstimate) {
+    const ScopedTimeZone zone("UTC");
+    const long long ten = utc(2026, 11, 24, 10, 0, 0);
+    // A right clock, live for five minutes, then ten minutes of queue (a restart of the
+    // collector) delivered within 300 ms, five lines a second of the outage, oldest first.
+    SyslogClock clock;
+    for (long long second = 0; second < 300; second += 5)
+        clock.addSample(at(second), (ten + second) * 1000 + 40);
+    ASSERT_EQ(clock.offsetSeconds(), 0);
+    const long long back = ten + 900;
+    for (int i = 0; i < 3000; ++i) clock.addSample(at(300 + i / 5), back * 1000 + i / 10);
+    EXPECT_EQ(clock.offsetSeconds(), 0);
+    // The same queue held back by the rate bound, delivered over a minute.
+    for (int i = 0; i < 3000; ++i) clock.addSample(at(300 + i / 5), back * 1000 + i * 20);
+    EXPECT_EQ(clock.offsetSeconds(), 0);
+    // One application's lines relayed a minute late for ten minutes, beside live ones.
+    for (long long second = 1000; second < 1600; second += 2)
+        clock.addSample(at(second - (second % 4 == 0 ? 60 : 0)), (ten + second) * 1000);
+    EXPECT_EQ(clock.offsetSeconds(), 0);
+
+    // A clock an hour fast keeps its offset through its queue, and a queued line is
+    // rewritten to when it was written, not when it arrived.
+    SyslogClock fast;
+    for (long long second = 0; second < 60; second += 5)
+        fast.addSample(at(3600 + second), (ten + second) * 1000);
+    for (int i = 0; i < 600; ++i) fast.addSample(at(3660 + i), (ten + 900) * 1000 + i);
+    EXPECT_EQ(fast.offsetSeconds(), 3600);
+    EXPECT_EQ(fast.rewrite(at(3660), ten + 900), "2026/11/24 10:01:00");
+
+    // A new sender whose first lines are a queue: unknown until a live line.
+    SyslogClock fresh;
+    for (int i = 0; i < 600; ++i) fresh.addSample(at(i), (ten + 900) * 1000 + i);
+    EXPECT_FALSE(fresh.isKnown());
+    EXPECT_EQ(fresh.offsetSeconds(), 0);
+    fresh.addSample(at(901), (ten + 901) * 1000 + 30);
+    EXPECT_TRUE(fresh.isKnown());
+    EXPECT_EQ(fresh.offsetSeconds(), 0);
+}
+
+TEST(SyslogClockTest, AClockSetLaterIsFollowedFromLiveLines) {
+    const ScopedTimeZone zone("UTC");
+    // Lines arrive from 11:00 on; the sender's clock is right for ten minutes.
+    const long long eleven = utc(2026, 11, 24, 11, 0, 0);
+    SyslogClock clock;
+    for (long long second = 0; second < 600; second += 5)
+        clock.addSample(at(3600 + second), (eleven + second) * 1000 + 20);
+    ASSERT_EQ(clock.offsetSeconds(), 0);
+    // Set back by an hour, one line every two seconds: late stamps agreeing on one
+    // offset take over once they span 30 s (ten margins of three seconds), not before.
+    long long second = 600;
+    for (; second < 628; second += 2) clock.addSample(at(second), (eleven + second) * 1000 + 20);
+    EXPECT_EQ(clock.offsetSeconds(), 0);
+    for (; second <= 640; second += 2) clock.addSample(at(second), (eleven + second) * 1000 + 20);
+    EXPECT_EQ(clock.offsetSeconds(), -3600);
+    EXPECT_EQ(clock.rewrite(at(640), eleven + 640), "2026/11/24 11:10:40");
+    // Then an hour fast: stamps from the future take over within a few lines.
+    for (int i = 0; i < 16; ++i, ++second)
+        clock.addSample(at(7200 + second), (eleven + second) * 1000);
+    EXPECT_EQ(clock.offsetSeconds(), 3600);
+    // A larger threshold widens the margin and the span with it (ten margins of 11 s).
+    SyslogClock tolerant(10);
+    for (second = 0; second < 100; second += 10)
+        tolerant.addSample(at(second), (eleven + second) * 1000);
+    EXPECT_FALSE(tolerant.isKnown());
+    tolerant.addSample(at(110), (eleven + 110) * 1000);
+    EXPECT_EQ(tolerant.offsetSeconds(), -3600);
 }
 
 TEST(SyslogClockTest, StampsWithoutAYearTakeTheNearestYear) {

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <ctime>
 #include <map>
 #include <regex>
 #include <set>
@@ -327,6 +329,63 @@ TEST_F(SyslogDaemonTest, BoundsOnConnectionsAndRateKeepOtherSendersServed) {
     const std::size_t written = linesOf(readFile(logs() / "flood-app")).size() - 2;
     EXPECT_GE(written, 40u);  // the burst allowance at least
     EXPECT_LT(written, 500u);
+}
+
+// What a sender's disk queue delivers after the collector was down: the lines written
+// during the outage (ten minutes of them here, one every five seconds) arrive together
+// on the new connection. They keep their own stamps, and no header claims the sender's
+// clock is off, before or after the live lines that follow.
+TEST_F(SyslogDaemonTest, AQueueDeliveredAfterARestartKeepsItsTimes) {
+    const auto now = [] {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(
+                   std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    };
+    // "<13>1 2026-11-24T10:00:00.123Z relay app - - - <text>", stamped `ms`.
+    const auto line = [](long long ms, const std::string& text) {
+        const time_t seconds = static_cast<time_t>(ms / 1000);
+        tm t{};
+        gmtime_r(&seconds, &t);
+        char stamp[48];
+        std::snprintf(stamp, sizeof(stamp), "%04d-%02d-%02dT%02d:%02d:%02d.%03lldZ",
+                      t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec,
+                      ms % 1000);
+        return std::string("<13>1 ") + stamp + " relay app - - - " + text + "\n";
+    };
+    start();
+    int fd = connectTo(SOCK_STREAM, tcp_);
+    for (int i = 0; i < 3; ++i) sendAll(fd, line(now(), "live " + std::to_string(i)));
+    close(fd);
+    ASSERT_TRUE(holds("relay-app", "live 2\n"));
+    stop();
+    fs::remove(root("daemon.txt"));  // start() counts the listeners announced in it
+    start();
+    const long long back = now();
+    std::string queue;
+    std::vector<std::string> queued;
+    for (int i = 0; i < 120; ++i) {
+        queued.push_back(line(back - 600 * 1000 + i * 5000, "queued " + std::to_string(i)));
+        queue += queued.back();
+    }
+    fd = connectTo(SOCK_STREAM, tcp_);
+    sendAll(fd, queue);
+    sendAll(fd, line(now(), "live again"));
+    close(fd);
+    ASSERT_TRUE(holds("relay-app", "live again\n"));
+    stop();
+    const std::string text = readFile(logs() / "relay-app");
+    for (const std::string& sent : queued)
+        EXPECT_NE(text.find(sent.substr(6)), std::string::npos) << sent;  // without "<13>1 "
+    const std::regex header(R"(\n===== relay - syslog 127\.0\.0\.1 clock ([^=]*) ===)");
+    int headers = 0;
+    for (std::sregex_iterator it(text.begin(), text.end(), header), end; it != end; ++it) {
+        ++headers;
+        const std::string clock = (*it)[1];
+        EXPECT_TRUE(clock == "unknown" || std::regex_match(clock, std::regex("[+-][0-2] s")))
+            << clock;
+    }
+    // One on each start, and one when the live line after the queue tells the clock.
+    EXPECT_EQ(headers, 3) << text;
 }
 
 // The listeners in this process, with connection timeouts of a second or less.

@@ -5,6 +5,7 @@
 
 #include "SyslogStore.h"
 
+#include <ctime>
 #include <set>
 #include <string>
 
@@ -45,6 +46,22 @@ protected:
                const std::string& address = "192.168.1.9") {
         SyslogStore target(settings_, counters_, writer());
         for (const std::string& message : messages) target.add(message, 0, address, arrival * 1000);
+    }
+    // Files each message from `address` at its own arrival (ms since 1970).
+    void storeAt(const std::vector<std::pair<std::string, long long>>& messages,
+                 const std::string& address = "192.168.1.9") {
+        SyslogStore target(settings_, counters_, writer());
+        for (const auto& [message, arrivalMs] : messages)
+            target.add(message, 0, address, arrivalMs);
+    }
+    // `seconds` as a traditional stamp, "Nov 24 10:00:00" (the tests run in UTC).
+    static std::string stamp(long long seconds) {
+        const time_t value = static_cast<time_t>(seconds);
+        tm t{};
+        gmtime_r(&value, &t);
+        char text[32];
+        std::strftime(text, sizeof(text), "%b %d %H:%M:%S", &t);
+        return text;
     }
     static long long utc(int month, int day, int hour, int minute, int second) {
         return DeviceLogConverter::utcSeconds(dateTime(2026, month, day, hour, minute, second));
@@ -98,31 +115,75 @@ TEST_F(SyslogStoreTest, APlantedLinkIsNeverWrittenThrough) {
 
 TEST_F(SyslogStoreTest, StampsAreRewrittenOnlyPastTheThreshold) {
     const long long arrival = utc(11, 24, 10, 0, 0);
-    // One second off: left as sent. An hour behind: rewritten, and the header says so.
-    store({"<13>Nov 24 10:00:01 near app: x", "<13>2026-11-24T09:00:00.500Z far app: y",
-           "<13>2026-11-24T09:00:00Z far app: z"},
-          arrival);
+    // One second off: left as sent. An hour behind: rewritten once lines every ten
+    // seconds have shown it for half a minute, and the header says so; the lines before
+    // keep their stamps under a header with the clock unknown.
+    std::vector<std::pair<std::string, long long>> messages = {
+        {"<13>Nov 24 10:00:01 near app: x", arrival * 1000}};
+    for (int i = 0; i < 4; ++i)
+        messages.emplace_back("<13>2026-11-24T08:59:" + std::to_string(20 + i * 10) +
+                                  "Z far app: " + std::to_string(i),
+                              (arrival - 40 + i * 10) * 1000);
+    messages.emplace_back("<13>2026-11-24T09:00:00.500Z far app: y", arrival * 1000 + 400);
+    messages.emplace_back("<13>2026-11-24T09:00:00Z far app: z", arrival * 1000 + 900);
+    storeAt(messages);
     EXPECT_NE(file("near-app").find("\nNov 24 10:00:01 near app: x\n"), std::string::npos);
     const std::string far = file("far-app");
-    EXPECT_NE(far.find("clock -3600 s, stamps rewritten === 2026/11/24 09:00:00 <-> "
-                       "2026/11/24 10:00:00"),
+    EXPECT_EQ(far.rfind("\n===== far - syslog 192.168.1.9 clock unknown ===", 0), 0u);
+    EXPECT_NE(far.find("\n2026-11-24T08:59:40Z far app: 2\n"), std::string::npos);
+    EXPECT_NE(far.find("clock -3600 s, stamps rewritten === 2026/11/24 08:59:50 <-> "
+                       "2026/11/24 09:59:50 =====\n2026/11/24 09:59:50 far app: 3\n"),
               std::string::npos);
     EXPECT_NE(far.find("\n2026/11/24 10:00:00 far app: y\n2026/11/24 10:00:00 far app: z\n"),
               std::string::npos);
 }
 
 TEST_F(SyslogStoreTest, ANewClockTieWritesANewHeader) {
-    std::vector<std::string> messages;
-    // The sender's clock is set back by an hour after five lines; the median follows
-    // once most of its window holds the new difference.
+    std::vector<std::pair<std::string, long long>> messages;
+    // The sender's clock is set back by an hour after five lines, one line a second;
+    // the estimate follows once the late stamps have held for 30 s.
+    const long long start = utc(11, 24, 10, 0, 0);
     for (int i = 0; i < 200; ++i)
-        messages.push_back(i < 5 ? "<13>Nov 24 10:00:00 cam app: a"
-                                 : "<13>Nov 24 09:00:00 cam app: b");
-    store(messages, utc(11, 24, 10, 0, 0));
+        messages.emplace_back("<13>" + stamp(start + i - (i < 5 ? 0 : 3600)) + " cam app: x",
+                              (start + i) * 1000);
+    storeAt(messages);
     const std::string text = file("cam-app");
     EXPECT_NE(text.find("clock +0 s ==="), std::string::npos);
     EXPECT_NE(text.find("clock -3600 s, stamps rewritten ==="), std::string::npos);
     EXPECT_EQ(text.find("=====", text.find("-3600 s") + 100), std::string::npos);  // only two
+}
+
+TEST_F(SyslogStoreTest, ABacklogAfterARestartKeepsItsStamps) {
+    // A right clock, live every ten seconds; after a twenty-minute pause its queue
+    // arrives within a second (stamps a second apart, a minute a second at the end),
+    // then live lines again. Another sender's clock is an hour fast: its queued
+    // lines are moved back by the hour, not to their arrival.
+    const long long start = utc(11, 24, 10, 0, 0);
+    std::vector<std::pair<std::string, long long>> messages;
+    auto line = [](const char* host, long long seconds, int n) {
+        return "<13>" + stamp(seconds) + " " + host + " app: " + std::to_string(n);
+    };
+    for (int i = 0; i < 30; ++i) {
+        messages.emplace_back(line("nas", start + i * 10, i), (start + i * 10) * 1000 + 50);
+        messages.emplace_back(line("cam", start + 3600 + i * 10, i), (start + i * 10) * 1000 + 50);
+    }
+    const long long back = start + 300 + 1200;
+    for (int i = 0; i < 1200; ++i) {
+        messages.emplace_back(line("nas", start + 300 + i, 100 + i), back * 1000 + i / 2);
+        messages.emplace_back(line("cam", start + 3900 + i, 100 + i), back * 1000 + i / 2);
+    }
+    for (int i = 0; i < 30; ++i)
+        messages.emplace_back(line("nas", back + 1 + i * 10, 2000 + i),
+                              (back + 1 + i * 10) * 1000 + 50);
+    storeAt(messages);
+    const std::string nas = file("nas-app");
+    EXPECT_EQ(linesOf(nas).size(), 2u + 30u + 1200u + 30u);  // one header
+    EXPECT_NE(nas.find("clock +0 s ==="), std::string::npos);
+    EXPECT_NE(nas.find("\nNov 24 10:05:00 nas app: 100\n"), std::string::npos);
+    const std::string cam = file("cam-app");
+    EXPECT_EQ(linesOf(cam).size(), 2u + 30u + 1200u);
+    EXPECT_NE(cam.find("\n2026/11/24 10:05:00 cam app: 100\n"), std::string::npos);
+    EXPECT_NE(cam.find("\n2026/11/24 10:24:59 cam app: 1299\n"), std::string::npos);
 }
 
 TEST_F(SyslogStoreTest, CutMessagesSayHowMuchWasCut) {
