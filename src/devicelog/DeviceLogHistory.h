@@ -149,8 +149,12 @@ private:
     void compress(const Job& job);
     bool compressFile(int dirFd, const std::string& name, std::uint64_t& rawBytes,
                       std::uint64_t& compressedBytes, std::string& error) const;
-    void chooseRemovals(std::vector<Removal>& removals) NIMB_REQUIRES(mutex_);
-    void removeLocked(const std::string& fileName, std::uint64_t seq) NIMB_REQUIRES(mutex_);
+    // What a pass removes, given the budget and the bytes the file system lacks; each
+    // is forgotten at once, its file removed by the caller.
+    void chooseRemovals(std::uint64_t budget, std::uint64_t shortfall,
+                        std::vector<Removal>& removals) NIMB_REQUIRES(mutex_);
+    void removeLocked(const std::string& fileName, std::uint64_t seq, const char* reason,
+                      std::vector<Removal>& removals) NIMB_REQUIRES(mutex_);
     std::uint64_t budget() const;
     std::uint64_t freeShortfall() const;
     int openLogFolder(const std::string& fileName) const;

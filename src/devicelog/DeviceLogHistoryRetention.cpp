@@ -44,32 +44,47 @@ std::uint64_t DeviceLogHistory::freeShortfall() const {
 
 void DeviceLogHistory::trim() {
     PMutexLocker pass(trimMutex_);
+    const std::uint64_t budget = this->budget();
+    const std::uint64_t shortfall = freeShortfall();
     std::vector<Removal> removals;
     {
         PMutexLocker lock(mutex_);
-        chooseRemovals(removals);
+        chooseRemovals(budget, shortfall, removals);
     }
+    // The first few removals (and failures) one line each, the rest summed up.
     int logged = 0;
+    std::size_t removedUnlogged = 0;
+    std::size_t failedUnlogged = 0;
     std::uint64_t unloggedBytes = 0;
     for (const Removal& removal : removals) {
         const int dirFd = openLogFolder(removal.fileName);
         const std::string path = historyDir_ + "/" + removal.fileName + "/" + removal.name;
-        if (dirFd < 0 || (unlinkat(dirFd, removal.name.c_str(), 0) != 0 && errno != ENOENT)) {
-            CBBLog::error("History: cannot remove '%s': %s", path.c_str(),
-                          errnoText(errno).c_str());
-        } else if (logged < kLoggedRemovalsPerPass) {
-            ++logged;
-            CBBLog::info("History: removed %s (%llu bytes, %s)", path.c_str(),
-                         static_cast<unsigned long long>(removal.bytes), removal.reason);
-        } else {
-            unloggedBytes += removal.bytes;
-        }
+        const bool removed =
+            dirFd >= 0 && (unlinkat(dirFd, removal.name.c_str(), 0) == 0 || errno == ENOENT);
+        const int error = errno;
         if (dirFd >= 0) close(dirFd);
+        if (logged < kLoggedRemovalsPerPass) {
+            ++logged;
+            if (removed) {
+                CBBLog::info("History: removed %s (%llu bytes, %s)", path.c_str(),
+                             static_cast<unsigned long long>(removal.bytes), removal.reason);
+            } else {
+                CBBLog::error("History: cannot remove %s (%s): %s", path.c_str(), removal.reason,
+                              errnoText(error).c_str());
+            }
+        } else if (removed) {
+            ++removedUnlogged;
+            unloggedBytes += removal.bytes;
+        } else {
+            ++failedUnlogged;
+        }
     }
-    if (removals.size() > static_cast<std::size_t>(logged)) {
-        CBBLog::info("History: removed %zu more files (%llu bytes) in this pass",
-                     removals.size() - static_cast<std::size_t>(logged),
+    if (removedUnlogged > 0) {
+        CBBLog::info("History: removed %zu more files (%llu bytes) in this pass", removedUnlogged,
                      static_cast<unsigned long long>(unloggedBytes));
+    }
+    if (failedUnlogged > 0) {
+        CBBLog::error("History: cannot remove %zu more files in this pass", failedUnlogged);
     }
     PMutexLocker lock(mutex_);
     for (const Removal& removal : removals) {
@@ -80,14 +95,8 @@ void DeviceLogHistory::trim() {
     }
 }
 
-void DeviceLogHistory::chooseRemovals(std::vector<Removal>& removals) {
-    const auto take = [&](const std::string& fileName, std::uint64_t seq, const char* reason) {
-        const Generation& generation = logs_[fileName].generations[seq];
-        removals.push_back(
-            {fileName, generation.name + (generation.compressedBytes != 0 ? kCompressedSuffix : ""),
-             generation.diskBytes(), reason});
-        removeLocked(fileName, seq);
-    };
+void DeviceLogHistory::chooseRemovals(std::uint64_t budget, std::uint64_t shortfall,
+                                      std::vector<Removal>& removals) {
     if (options_.maxAgeDays > 0) {
         const long long cutoff = static_cast<long long>(time(nullptr)) -
                                  static_cast<long long>(options_.maxAgeDays) * 86400;
@@ -98,14 +107,14 @@ void DeviceLogHistory::chooseRemovals(std::vector<Removal>& removals) {
                     old.emplace_back(fileName, seq);
             }
         }
-        for (const auto& [fileName, seq] : old) take(fileName, seq, "older than the age limit");
+        for (const auto& [fileName, seq] : old) {
+            removeLocked(fileName, seq, "older than the age limit", removals);
+        }
     }
     // The budget counts settled generations (compressed, or whose compression failed):
     // a burst of rotations waiting at their plain size must not push out history that
     // fits once they are compressed, and a trim follows each compression. The free-space
     // floor counts every file, as the disk does.
-    const std::uint64_t budget = this->budget();
-    std::uint64_t shortfall = freeShortfall();
     std::map<std::string, std::uint64_t> settled;
     std::uint64_t total = 0;
     for (const auto& [fileName, log] : logs_) {
@@ -118,11 +127,8 @@ void DeviceLogHistory::chooseRemovals(std::vector<Removal>& removals) {
     for (const Removal& removal : removals) shortfall -= std::min(shortfall, removal.bytes);
     // The oldest generation of the log holding the most, one at a time, so that a chatty
     // log never pushes out a quiet log's history while it holds more itself.
-    const std::size_t limit = removals.size() + [this] {
-        std::size_t count = 0;
-        for (const auto& entry : logs_) count += entry.second.generations.size();
-        return count;
-    }();
+    std::size_t limit = removals.size();
+    for (const auto& entry : logs_) limit += entry.second.generations.size();
     while ((total > budget || shortfall > 0) && removals.size() < limit) {
         const bool overBudget = total > budget;
         const std::string* fullest = nullptr;
@@ -148,16 +154,22 @@ void DeviceLogHistory::chooseRemovals(std::vector<Removal>& removals) {
             total -= std::min(total, bytes);
         }
         shortfall -= std::min(shortfall, bytes);
-        take(fileName, seq, overBudget ? "over the byte budget" : "low free space");
+        removeLocked(fileName, seq, overBudget ? "over the byte budget" : "low free space",
+                     removals);
     }
 }
 
-void DeviceLogHistory::removeLocked(const std::string& fileName, std::uint64_t seq) {
+void DeviceLogHistory::removeLocked(const std::string& fileName, std::uint64_t seq,
+                                    const char* reason, std::vector<Removal>& removals) {
     auto log = logs_.find(fileName);
     if (log == logs_.end()) return;
     auto generation = log->second.generations.find(seq);
     if (generation == log->second.generations.end()) return;
     const std::uint64_t bytes = generation->second.diskBytes();
+    removals.push_back({fileName,
+                        generation->second.name +
+                            (generation->second.compressedBytes != 0 ? kCompressedSuffix : ""),
+                        bytes, reason});
     log->second.bytes -= std::min(log->second.bytes, bytes);
     log->second.generations.erase(generation);
     ++stats_.removedFiles;
