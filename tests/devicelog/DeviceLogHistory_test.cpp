@@ -19,8 +19,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <boost/make_shared.hpp>
+
 #include <gtest/gtest.h>
 
+#include "CBBLog.h"
 #include "CRegistry.h"
 #include "NimbSettingsKeys.h"
 #include "NimbTestSupport.h"
@@ -229,6 +232,11 @@ TEST_F(DeviceLogHistoryTest, FollowsNoLinkAndReadsNothingOutsideTheHistory) {
 }
 
 TEST_F(DeviceLogHistoryTest, OverBudgetTheLogHoldingMostLosesItsOldestFirst) {
+    // Removals are reported in the process's own log.
+    setSuiteSetting("LogsDir", dir_ / "own");
+    setSuiteSetting("LogLevel", INFO);
+    auto own = boost::make_shared<CBBLog>("own.log", false, 1 << 20);
+    CBBLog::setLogger(own);
     DeviceLogHistory::Options small = options();
     small.maxBytes = 200 * 1024;
     DeviceLogHistory history(small);
@@ -263,6 +271,13 @@ TEST_F(DeviceLogHistoryTest, OverBudgetTheLogHoldingMostLosesItsOldestFirst) {
         }
     }
     EXPECT_EQ(history.list().size(), stats.files);
+
+    CBBLog::setLogger(boost::shared_ptr<CBBLog>());
+    own.reset();  // writes what it was given
+    const std::string report = readFile(dir_ / "own/own.log");
+    EXPECT_NE(report.find("History: removed " + chatty[0] + ".zst ("), std::string::npos) << report;
+    EXPECT_NE(report.find(" bytes, over the byte budget)"), std::string::npos);
+    EXPECT_EQ(report.find("quiet.log"), std::string::npos);
 }
 
 TEST_F(DeviceLogHistoryTest, StartUpTidiesAnInterruptedCompressionAndAppliesTheAgeLimit) {
