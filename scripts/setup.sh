@@ -9,6 +9,7 @@ packages=(
     libboost-dev libboost-filesystem-dev libboost-system-dev
     nats-server libnats-dev libmsgpack-cxx-dev
     libssl-dev openssl bsdutils
+    libzstd-dev zstd
     libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
     clang-format
     clang

@@ -21,6 +21,9 @@ constexpr const char* kMaxLogSources = "MaxLogSources";
 constexpr const char* kMaxLogsPerDevice = "MaxLogsPerDevice";
 constexpr const char* kWriterThreads = "WriterThreads";
 constexpr const char* kMaxOpenLogFiles = "MaxOpenLogFiles";
+constexpr const char* kHistoryMaxMiB = "HistoryMaxMiB";
+constexpr const char* kHistoryMaxAgeDays = "HistoryMaxAgeDays";
+constexpr const char* kHistoryMinFreePercent = "HistoryMinFreePercent";
 // Value names under kSuiteKey.
 constexpr const char* kLogLevel = "LogLevel";
 constexpr const char* kLogsDir = "LogsDir";
@@ -46,6 +49,12 @@ constexpr Key kKeys[] = {
     {kConfigKey, kWriterThreads, "int", "0",
      "device-log writer threads (0: one per core, at most 4)"},
     {kConfigKey, kMaxOpenLogFiles, "int", "1024", "device-log files kept open at once"},
+    {kConfigKey, kHistoryMaxMiB, "int", "0",
+     "device-log history budget in MiB (0: 10 % of the file system, at most 8 GiB)"},
+    {kConfigKey, kHistoryMaxAgeDays, "int", "90",
+     "device-log history kept this many days (0: no limit)"},
+    {kConfigKey, kHistoryMinFreePercent, "int", "5",
+     "device-log history is trimmed while less of its file system is free"},
     {kSuiteKey, kLogLevel, "int", "1", "own log level: 0 FATAL, 1 ERROR ... 4 DEBUG"},
     {kSuiteKey, kLogsDir, "string", "/var/log/pellix", "logs folder"},
     {kSuiteKey, kDataDir, "string", "/var/lib/pellix", "data folder"},
