@@ -157,8 +157,8 @@ struct DeviceLogIndex::LogState {
     bool hasPiece = false;
     bool pieceDirty = false;
     OpenPiece piece;
-    bool logDirty = true;                   // generation or file id to store
-    std::vector<std::string> historyPaths;  // generation - 1 went here, to store
+    bool logDirty = true;  // generation or file id to store
+    std::vector<std::pair<std::int64_t, std::string>> historyPaths;  // generations moved away
 };
 
 // What one commit writes for one log.
@@ -263,7 +263,9 @@ void DeviceLogIndex::setIdentity(const std::string& file, const Identity& identi
 
 void DeviceLogIndex::movedToHistory(const std::string& file, const std::string& path) {
     PMutexLocker lock(mutex_);
-    stateLocked(file).historyPaths.push_back(path);
+    LogState& log = stateLocked(file);
+    // The backup being replaced holds the generation before the current one.
+    log.historyPaths.emplace_back(log.generation - 1, path);
     dirty_ = true;
 }
 
@@ -377,8 +379,7 @@ void DeviceLogIndex::takeSnapshotLocked(std::vector<Snapshot>& batch) {
         snapshot.fileId = log->fileId;
         snapshot.logDirty = log->logDirty;
         if (log->pieceDirty) snapshot.pieces.push_back(log->piece);
-        for (std::string& path : log->historyPaths)
-            snapshot.history.emplace_back(log->generation - 1, std::move(path));
+        for (auto& moved : log->historyPaths) snapshot.history.push_back(std::move(moved));
         log->historyPaths.clear();
         log->logDirty = false;
         log->pieceDirty = false;

@@ -23,6 +23,7 @@
 #include "DeviceLogIndex.h"
 #include "LogFileIo.h"
 
+class DeviceLogHistory;
 class DeviceLogIndex;
 class DeviceLogWriterCore;
 
@@ -49,6 +50,8 @@ public:
         CompletionScope completionScope;  // null: the listeners are told directly
         // Where every written text is recorded (null: nowhere). Must outlive the writer.
         std::shared_ptr<DeviceLogIndex> index;
+        // Where a backup goes instead of being replaced by a rotation (null: replaced).
+        std::shared_ptr<DeviceLogHistory> history;
     };
 
     // Counts for the collector's statistics and the tests.

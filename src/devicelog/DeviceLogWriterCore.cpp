@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <optional>
 #include <stdexcept>
 
 #include <sys/stat.h>
@@ -19,6 +20,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include "CBBLog.h"
+#include "DeviceLogHistory.h"
 #include "DeviceLogLines.h"
 #include "PThread.h"
 #include "PThreadDelegate.h"
@@ -355,10 +357,32 @@ void DeviceLogWriterCore::recordWritten(DeviceLogState& log, std::vector<DeviceL
     }
 }
 
+namespace {
+
+// Keeps the backup a rotation is about to replace in the history, and tells the index.
+class HistoryHook : public RotationHook {
+public:
+    HistoryHook(DeviceLogHistory& history, DeviceLogIndex* index, const std::string& fileName)
+        : history_(history), index_(index), fileName_(fileName) {}
+    void beforeReplacingBackup(const char* backupPath) override {
+        const std::string kept = history_.keep(fileName_, backupPath);
+        if (!kept.empty() && index_ != nullptr) index_->movedToHistory(fileName_, kept);
+    }
+
+private:
+    DeviceLogHistory& history_;
+    DeviceLogIndex* const index_;
+    const std::string& fileName_;
+};
+
+}  // namespace
+
 int DeviceLogWriterCore::prepareFile(DeviceLogState& log, long long& size) {
     int fd = log.fd;
+    std::optional<HistoryHook> hook;
+    if (options_.history) hook.emplace(*options_.history, options_.index.get(), log.fileName);
     size = RotatingLogFile::rotateAndGetSize(*options_.io, fd, log.path, options_.rotateSize,
-                                             log.file);
+                                             log.file, hook ? &*hook : nullptr);
     log.fd = fd;
     if (log.file.rotateError != 0) reportRotationFailure(log);
     if (fd == -1) {

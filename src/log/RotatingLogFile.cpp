@@ -42,7 +42,8 @@ bool sameFile(const struct stat& a, const struct stat& b) {
 // Renames `path` to its backup name under an exclusive lock on `fd`, unless another
 // process rotated it first (the path then already names a fresh file and is left
 // alone). Returns 0 or the errno that stopped it; the lock is kept on success.
-int renameToBackup(LogFileIo& io, int fd, const CStdStr& path, const struct stat& opened) {
+int renameToBackup(LogFileIo& io, int fd, const CStdStr& path, const struct stat& opened,
+                   RotationHook* hook) {
     if (io.flock(fd, LOCK_EX) != 0) return errno;
     struct stat named {};
     if (io.stat(path.c_str(), &named) != 0 || !sameFile(named, opened)) return 0;
@@ -51,6 +52,10 @@ int renameToBackup(LogFileIo& io, int fd, const CStdStr& path, const struct stat
     if (path.size() + suffixLength >= sizeof(backup)) return ENAMETOOLONG;
     memcpy(backup, path.data(), path.size());
     memcpy(backup + path.size(), RotatingLogFile::kBackupSuffix, suffixLength + 1);
+    struct stat previous {};
+    if (hook != nullptr && lstat(backup, &previous) == 0 && S_ISREG(previous.st_mode)) {
+        hook->beforeReplacingBackup(backup);
+    }
     // Replaces the previous backup; a symbolic link or FIFO planted there is replaced
     // too, never opened.
     return io.rename(path.c_str(), backup) != 0 ? errno : 0;
@@ -121,7 +126,7 @@ bool open(LogFileIo& io, int& fd, const CStdStr& path, bool truncate) {
 }
 
 long long rotateAndGetSize(LogFileIo& io, int& fd, const CStdStr& path, long long maxSize,
-                           LogFileState& state) {
+                           LogFileState& state, RotationHook* hook) {
     struct stat opened {};
     if (fd == -1 || io.fstat(fd, &opened) != 0) return -1;  // the write fails on its own
     state.fileId = logFileIdOf(opened);
@@ -136,7 +141,7 @@ long long rotateAndGetSize(LogFileIo& io, int& fd, const CStdStr& path, long lon
         return opened.st_size;  // below the limit, or backing off after a failed rotation
     }
     if (!reopen) {
-        const int error = renameToBackup(io, fd, path, opened);
+        const int error = renameToBackup(io, fd, path, opened, hook);
         if (error != 0) {
             // Keep appending to the open file; try again later, not before every line.
             io.flock(fd, LOCK_UN);

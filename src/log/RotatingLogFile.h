@@ -30,6 +30,17 @@ struct LogFileState {
 // One file's identity (device and inode) as LogFileState keeps it.
 std::uint64_t logFileIdOf(const struct stat& info);
 
+// Told when a rotation is about to replace a file's backup, so that the backup can be
+// kept elsewhere first (the device logs' history). Runs on the rotating thread under the
+// rotation's file lock.
+class RotationHook {
+public:
+    virtual ~RotationHook() = default;
+    // `backupPath` exists and is about to be replaced; a hook that moves it away leaves
+    // the rename a free name.
+    virtual void beforeReplacingBackup(const char* backupPath) = 0;
+};
+
 namespace RotatingLogFile {
 
 // Suffix of the one older generation a rotation leaves.
@@ -54,11 +65,12 @@ bool isNotARegularFile(int error);
 // rotated by another process, and renames it to `path`.back when it has reached
 // `maxSize`, under an exclusive flock so that two processes never both rotate it. A
 // rotation that fails leaves the file open for appending, is tried again only after
-// kRotateRetryMs, and is left in state.rotateError for the caller to report. Returns the
+// kRotateRetryMs, and is left in state.rotateError for the caller to report. `hook` (may
+// be null) is told before an existing backup is replaced. Returns the
 // size of the file `fd` then names, -1 when unknown (`fd` is -1 when it could not be
 // reopened, with errno set).
 long long rotateAndGetSize(LogFileIo& io, int& fd, const CStdStr& path, long long maxSize,
-                           LogFileState& state);
+                           LogFileState& state, RotationHook* hook = nullptr);
 
 // Appends `count` parts with as few writev calls as the kernel allows, continuing a
 // short write until the kernel refuses with an error. On a failure, cuts a partly

@@ -9,6 +9,7 @@
 #include "CRegistry.h"
 #include "CollectorStats.h"
 #include "DeviceLogNames.h"
+#include "KibReplyBatch.h"
 #include "NimbRemoteLoggerSatellite.h"
 #include "NimbSettingsKeys.h"
 #include "RemoteLogReply.h"
@@ -23,8 +24,9 @@ NimbRemoteLogger::NimbRemoteLogger() : NimbModuleBaseQT("NimbRemoteLogger") {}
 NimbRemoteLogger::~NimbRemoteLogger() {
     close();
     releaseLogs();
-    writer.reset();  // writes what the loggers handed it
-    index.reset();   // commits what the writer recorded
+    writer.reset();   // writes what the loggers handed it
+    history.reset();  // finishes the compression under way
+    index.reset();    // commits what the writer recorded
 }
 
 const std::shared_ptr<DeviceLogWriter>& NimbRemoteLogger::deviceLogWriter() {
@@ -45,6 +47,14 @@ const std::shared_ptr<DeviceLogWriter>& NimbRemoteLogger::deviceLogWriter() {
     index = DeviceLogIndex::openForWriting(options.logsDir, error);
     if (!index) CBBLog::error("Index: %s; logs are written without it", error.c_str());
     options.index = index;
+    history =
+        std::make_shared<DeviceLogHistory>(DeviceLogHistory::optionsFromSettings(options.logsDir));
+    options.history = history;
+    // The replies of one written round leave together (KibConnectOptions::batchReplies).
+    options.completionScope = [](const std::function<void()>& complete) {
+        const KibReplyBatch batch;
+        complete();
+    };
     writer = std::make_shared<DeviceLogWriter>(std::move(options));
     return writer;
 }

@@ -24,6 +24,8 @@
 #include <boost/shared_ptr.hpp>
 
 #include "CBBLog.h"
+#include "DeviceLogHistory.h"
+#include "DeviceLogIndex.h"
 #include "DeviceLogWriter.h"
 #include "NimbModuleBaseQT.h"
 #include "PMutex.h"
@@ -90,8 +92,10 @@ private:
     // The syslog listeners, when enabled; started once the satellite registered, stopped
     // by close() before the satellite leaves.
     std::unique_ptr<SyslogServer> syslog;
-    // Where the writer records what it wrote (null when it cannot be opened); outlives it.
+    // Where the writer records what it wrote (null when it cannot be opened), and where
+    // rotated backups go; both outlive the writer.
     std::shared_ptr<DeviceLogIndex> index;
+    std::shared_ptr<DeviceLogHistory> history;
     // Shared with the loggers' handles and the syslog listeners; outlives the map.
     std::shared_ptr<DeviceLogWriter> writer;
     PMutex logMapLock;

@@ -243,7 +243,12 @@ void NimbRemoteLoggerSatellite::deliverQueuedCalls() {
 int NimbRemoteLoggerSatellite::connect() {
     const boost::shared_ptr<CRegistry> registry = CRegistry::getInstance();
     assert(registry);
-    const NimbBusSettings bus = NimbBusSettings::read();
+    NimbBusSettings bus = NimbBusSettings::read();
+    // The writer completes the replies of each round together: on an open bus they leave
+    // in one write, over a second connection. A bus with accounts lets a connection answer
+    // only the requests it received itself, so there they leave one by one.
+    bus.connection.batchReplies =
+        bus.connection.credentialsFile.empty() && bus.host.find('@') == std::string::npos;
     int maxSources = kDefaultMaxLogSources;
     int perDevice = static_cast<int>(RemoteLogSources::kDefaultMaxPerDevice);
     registry->ReadSettingImpl(kConfigKey, NimbSettings::kMaxLogSources, maxSources);
