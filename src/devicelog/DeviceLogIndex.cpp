@@ -503,6 +503,12 @@ void DeviceLogIndex::reconcile() {
         for (const auto& [file, log] : logs_) known.emplace_back(file, log->generation);
     }
     for (const auto& [file, generation] : known) reconcileLog(file);
+    // Logs written after the last commit before a crash, which the index never knew.
+    for (const std::string& file : deviceLogFiles()) {
+        bool isKnown = false;
+        for (const auto& entry : known) isKnown = isKnown || entry.first == file;
+        if (!isKnown) indexWholeLog(file);
+    }
     flushNow();
 }
 
@@ -567,12 +573,17 @@ void DeviceLogIndex::rebuild() {
         sourceIds_.clear();
         nextPieceId_ = 1;
     }
-    DIR* folder = opendir(logsDir_.c_str());
-    if (folder == nullptr) return;
+    for (const std::string& file : deviceLogFiles()) indexWholeLog(file);
+    flushNow();
+}
+
+std::vector<std::string> DeviceLogIndex::deviceLogFiles() const {
     std::vector<std::string> files;
+    DIR* folder = opendir(logsDir_.c_str());
+    if (folder == nullptr) return files;
+    const std::string suffix = RotatingLogFile::kBackupSuffix;
     while (const dirent* entry = readdir(folder)) {
         const std::string name = entry->d_name;
-        const std::string suffix = RotatingLogFile::kBackupSuffix;
         if (name.empty() || name[0] == '.') continue;
         const bool isBackup = name.size() > suffix.size() &&
                               name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
@@ -584,22 +595,24 @@ void DeviceLogIndex::rebuild() {
         if (std::find(files.begin(), files.end(), base) == files.end()) files.push_back(base);
     }
     closedir(folder);
-    for (const std::string& file : files) {
-        const std::string path = logsDir_ + "/" + file;
-        struct stat current {};
-        const bool hasCurrent = lstat(path.c_str(), &current) == 0 && S_ISREG(current.st_mode);
-        {
-            PMutexLocker lock(mutex_);
-            LogState& log = stateLocked(file);
-            log.generation = 1;
-            log.fileId = hasCurrent ? logFileIdOf(current) : 0;
-            log.logDirty = true;
-            dirty_ = true;
-        }
-        indexFileText(file, 0, path + RotatingLogFile::kBackupSuffix, 0);
-        if (hasCurrent) indexFileText(file, 1, path, 0);
+    return files;
+}
+
+// A log the index does not know: its backup becomes generation 0, its file generation 1.
+void DeviceLogIndex::indexWholeLog(const std::string& file) {
+    const std::string path = logsDir_ + "/" + file;
+    struct stat current {};
+    const bool hasCurrent = lstat(path.c_str(), &current) == 0 && S_ISREG(current.st_mode);
+    {
+        PMutexLocker lock(mutex_);
+        LogState& log = stateLocked(file);
+        log.generation = 1;
+        log.fileId = hasCurrent ? logFileIdOf(current) : 0;
+        log.logDirty = true;
+        dirty_ = true;
     }
-    flushNow();
+    indexFileText(file, 0, path + RotatingLogFile::kBackupSuffix, 0);
+    if (hasCurrent) indexFileText(file, 1, path, 0);
 }
 
 // Indexes the bytes of `path` (generation `generation` of `file`) from `from` on, in

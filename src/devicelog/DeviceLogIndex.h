@@ -169,6 +169,9 @@ private:
     void report(const std::string& what) NIMB_REQUIRES(dbMutex_);
     void loadLocked() NIMB_REQUIRES(mutex_, dbMutex_);
     void reconcileLog(const std::string& file);
+    // The device log files in the logs folder (a backup counts for its log).
+    std::vector<std::string> deviceLogFiles() const;
+    void indexWholeLog(const std::string& file);
     void indexFileText(const std::string& file, std::int64_t generation, const std::string& path,
                        std::uint64_t from);
     std::string pathOf(const std::string& file, std::int64_t generation, std::int64_t current,

@@ -2,22 +2,28 @@
 // A success reply means the text is in its file: simulated devices (8 devices x 5 logs,
 // one request in flight per log) push numbered lines while the collector is killed,
 // stopped by a signal, or loses its bus; every acknowledged line must then be found in
-// its file, in order, whole.
+// its file, in order, whole, and the index must point at exactly the bytes the files hold.
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <map>
 #include <random>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "CollectorProcess.h"
 #include "CrashTestSupport.h"
+#include "DeviceLogIndex.h"
 #include "DeviceSimulator.h"
 #include "NatsServer.h"
 
@@ -49,6 +55,37 @@ protected:
         const nimbtest::DeviceSimulator::Report report = devices.check(collector_.logs());
         EXPECT_TRUE(report.clean(tornAllowed)) << report.text();
         EXPECT_EQ(report.acknowledged, devices.total());
+        expectTheIndexFollowsTheFiles();
+    }
+
+    // The index points at nothing that is not in a file, and finds every byte of every
+    // log's current file: what a kill kept from it was completed at the next start.
+    void expectTheIndexFollowsTheFiles() const {
+        std::string error;
+        const auto index = DeviceLogIndex::openForReading(collector_.logs().string(), error);
+        ASSERT_TRUE(index) << error;
+        DeviceLogIndex::Query all;
+        all.limit = 1000000;
+        std::map<std::string, std::uint64_t> coveredUpTo;
+        std::vector<DeviceLogIndex::Piece> pieces = index->query(all);
+        std::sort(pieces.begin(), pieces.end(), [](const auto& a, const auto& b) {
+            return std::tie(a.file, a.generation, a.offset) <
+                   std::tie(b.file, b.generation, b.offset);
+        });
+        for (const DeviceLogIndex::Piece& piece : pieces) {
+            struct stat info {};
+            ASSERT_EQ(::stat(piece.path.c_str(), &info), 0) << piece.path;
+            EXPECT_LE(piece.offset + piece.length, static_cast<std::uint64_t>(info.st_size))
+                << piece.path;
+            if (piece.path != (collector_.logs() / piece.file).string()) continue;
+            std::uint64_t& next = coveredUpTo[piece.file];
+            EXPECT_EQ(piece.offset, next) << piece.file << ": a gap or an overlap";
+            next = piece.offset + piece.length;
+        }
+        for (const auto& [file, end] : coveredUpTo) {
+            EXPECT_EQ(end, std::filesystem::file_size(collector_.logs() / file)) << file;
+        }
+        EXPECT_GE(coveredUpTo.size(), 40u);  // every simulated log
     }
 
     NatsServer server_;
