@@ -193,7 +193,7 @@ void NimbRemoteLogger::writeText(const CStdStr& id, CStdStr text,
         return;
     }
     CollectorStats::global().countWritten(text.c_str(), text.size());
-    log->AddRawLog(std::move(text), std::shared_ptr<LogWriteListener>(reply), info);
+    log->AddRawLog(std::move(text), reply ? reply->nextPartListener() : nullptr, info);
 }
 
 void NimbRemoteLogger::closeLog(QString logId) {

@@ -10,7 +10,33 @@ const char* const RemoteLogReply::kUnknownSourceText =
     "AppendLog: unknown source: announce it with SetLogSource first";
 
 RemoteLogReply::RemoteLogReply(KibDeferredReply reply, const char* service, int parts)
-    : reply_(std::move(reply)), service_(service), remaining_(parts > 0 ? parts : 1) {}
+    : reply_(std::move(reply)),
+      service_(service),
+      remaining_(parts > 0 ? parts : 1),
+      parts_(parts > 0 ? parts : 1) {}
+
+namespace {
+
+// One part of a reply with several: tells the reply which part it is.
+class RemoteLogReplyPart : public LogWriteListener {
+public:
+    RemoteLogReplyPart(std::shared_ptr<RemoteLogReply> reply, int part)
+        : reply_(std::move(reply)), part_(part) {}
+    void writeDone(int error, const CStdStr& message) override {
+        reply_->partDone(error, message, part_);
+    }
+
+private:
+    const std::shared_ptr<RemoteLogReply> reply_;
+    const int part_;
+};
+
+}  // namespace
+
+std::shared_ptr<LogWriteListener> RemoteLogReply::nextPartListener() {
+    if (parts_ == 1) return shared_from_this();
+    return std::make_shared<RemoteLogReplyPart>(shared_from_this(), partsHandedOut_++);
+}
 
 RemoteLogReply::~RemoteLogReply() { releaseRoom(); }
 
@@ -31,10 +57,13 @@ void RemoteLogReply::releaseRoom() {
     quota_.reset();
 }
 
-void RemoteLogReply::partDone(int error, const CStdStr& message) {
+void RemoteLogReply::partDone(int error, const CStdStr& message, int part) {
     if (error != 0) {
         const PMutexLocker lock(mutex_);
-        if (failure_.empty()) failure_ = service_ + ": " + message;
+        if (failure_.empty() || part < failurePart_) {
+            failure_ = service_ + ": " + message;
+            failurePart_ = part;
+        }
     }
     finishPart();
 }

@@ -22,7 +22,8 @@
 class RemoteLogBacklog;
 class RemoteLogDeviceQuota;
 
-class RemoteLogReply : public LogWriteListener {
+class RemoteLogReply : public LogWriteListener,
+                       public std::enable_shared_from_this<RemoteLogReply> {
 public:
     // The handler's status and exception code when a log was never announced, or when a
     // text could not be written; the device may send it again in both cases.
@@ -46,7 +47,12 @@ public:
     void writeDone(int error, const CStdStr& message) override { partDone(error, message); }
 
     // One text was written (error 0) or not (`message` names the file and the reason).
-    void partDone(int error, const CStdStr& message);
+    // Of several failures, the reply names the one of the earliest part (`part`: its
+    // place in the request, 0 first), whichever finished first.
+    void partDone(int error, const CStdStr& message, int part = 0);
+    // The listener of the request's next part, in request order (the reply itself when
+    // it has one part). Called once per part, on one thread (the main thread's slots).
+    std::shared_ptr<LogWriteListener> nextPartListener();
     // The text's log is not known: the request is answered with kUnknownSourceStatus.
     void unknownSource();
 
@@ -65,6 +71,9 @@ private:
     CStdStr roomMac_;
     std::size_t roomBytes_ = 0;
     PMutex mutex_;
-    std::string failure_ NIMB_GUARDED_BY(mutex_);  // the first failure
+    std::string failure_ NIMB_GUARDED_BY(mutex_);  // the failure of the earliest part
+    int failurePart_ NIMB_GUARDED_BY(mutex_) = 0;
+    const int parts_ = 1;
+    int partsHandedOut_ = 0;  // by nextPartListener(), one thread
     bool unknown_ NIMB_GUARDED_BY(mutex_) = false;
 };
