@@ -377,8 +377,12 @@ private:
 
 }  // namespace
 
+// A file the cache closed is opened first, so that the size check before the write
+// (and the rotation it may call for) happens whether the file was open or not.
 int DeviceLogWriterCore::prepareFile(DeviceLogState& log, long long& size) {
-    int fd = log.fd;
+    size = -1;
+    int fd = log.fd != -1 ? log.fd : openFile(log);
+    if (fd == -1) return -1;
     std::optional<HistoryHook> hook;
     if (options_.history) hook.emplace(*options_.history, options_.index.get(), log.fileName);
     size = RotatingLogFile::rotateAndGetSize(*options_.io, fd, log.path, options_.rotateSize,
@@ -386,6 +390,7 @@ int DeviceLogWriterCore::prepareFile(DeviceLogState& log, long long& size) {
     log.fd = fd;
     if (log.file.rotateError != 0) reportRotationFailure(log);
     if (fd == -1) {
+        // The rotation's reopen failed: one more open, as for a file that was closed.
         fd = openFile(log);
         struct stat info {};
         size = fd != -1 && options_.io->fstat(fd, &info) == 0 ? info.st_size : -1;

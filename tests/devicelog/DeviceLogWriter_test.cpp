@@ -155,6 +155,26 @@ TEST_F(DeviceLogWriterTest, RotatesBeforeTheTextThatFindsTheFileAtItsLimit) {
     EXPECT_EQ(countEntries((root() / "logs").c_str()), 2u);
 }
 
+// A file the cache closed between two texts is checked for its size just the same.
+TEST_F(DeviceLogWriterTest, FilesTheCacheClosedAreRotatedAtTheLimitToo) {
+    DeviceLogWriter::Options bounded = options(100);
+    bounded.maxOpenFiles = 1;
+    DeviceLogWriter writer(bounded);
+    const auto first = writer.open("dev-c");
+    const auto second = writer.open("dev-d");
+    for (int i = 0; i < 12; ++i) {
+        for (const auto& log : {first, second}) {
+            ASSERT_TRUE(log->append(std::to_string(i % 10) + std::string(29, 'x') + "\n", nullptr));
+            writer.drain();  // the other log's text closes this one's file
+        }
+    }
+    EXPECT_GT(writer.stats().reopened, 10u);
+    for (const char* name : {"dev-c", "dev-d"}) {
+        EXPECT_EQ(file(name).size(), 4u * 31) << name;
+        EXPECT_EQ(file(std::string(name) + ".back").size(), 4u * 31) << name;
+    }
+}
+
 TEST_F(DeviceLogWriterTest, TheFileCacheClosesTheIdlestAndReopensWithTheSameChecks) {
     DeviceLogWriter::Options bounded = options();
     bounded.maxOpenFiles = 3;
