@@ -233,7 +233,9 @@ private:
         const std::uint16_t severities = piece.severities & kAllLevels;
         const bool oneLevel = std::popcount(severities) == 1;
         const auto pieceLevel = static_cast<Level>(std::countr_zero(severities));
-        const long long fallback = fallbackOf(piece);
+        // A line without a stamp of its own (a continuation, a message without one) goes
+        // with the line before it; the piece's first line with the piece's receive time.
+        long long previous = fallbackOf(piece);
         std::size_t start = 0;
         std::uint64_t lineNumber = 0;
         while (start < text.size()) {
@@ -243,7 +245,8 @@ private:
             start = end + 1;
             if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
             if (line.empty()) continue;
-            const long long time = DeviceLogLines::lineTime(line, fallback);
+            const long long time = DeviceLogLines::lineTime(line, previous);
+            previous = time;
             if ((request_.since != 0 && time < request_.since) ||
                 (request_.until != 0 && time >= request_.until)) {
                 continue;

@@ -3,7 +3,9 @@
 // which pieces may hold matching lines; each piece's bytes are read from where its
 // generation is now (the log file or its ".back", opened right after the query so that
 // a rotation does not move them; a history generation, compressed or not) and cut into
-// lines; a line is kept when its own time is in the range and its severity passes. Lines
+// lines; a line is kept when its own time is in the range and its severity passes. A
+// line's time is the stamp it starts with; a line without one takes the time of the line
+// before it in the piece (the piece's first receive time for its first line). Lines
 // come out sorted by time (lines of one time in the order of the pieces and within
 // them), streaming: a line is printed once no piece still to be read can hold an earlier
 // one, so memory holds only the lines of overlapping pieces. One thread.
