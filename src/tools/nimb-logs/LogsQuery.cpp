@@ -149,7 +149,8 @@ public:
                  << " pieces match; the answer stops there (narrow the range)\n";
         }
         // The log files first, before a rotation can move them.
-        for (const Piece& piece : pieces_) {
+        for (Piece& piece : pieces_) {
+            piece.path = placeOf(piece);
             if (!piece.path.empty() && !history_.isHistoryPath(piece.path)) files_.open(piece.path);
         }
         // The earliest time a line of piece i or a later one can have.
@@ -167,6 +168,20 @@ public:
     }
 
 private:
+    // Where the piece's bytes are: a history generation recorded under another logs
+    // folder (the folder was moved) is looked for at its place in this one.
+    std::string placeOf(const Piece& piece) const {
+        const std::string& logsDir = request_.logsDir;
+        const std::string marker = "/history/" + piece.file + "/";
+        const std::size_t at = piece.path.rfind(marker);
+        if (piece.path.compare(0, logsDir.size() + 1, logsDir + "/") == 0 ||
+            at == std::string::npos ||
+            piece.path.find('/', at + marker.size()) != std::string::npos) {
+            return piece.path;
+        }
+        return logsDir + marker + piece.path.substr(at + marker.size());
+    }
+
     static long long fallbackOf(const Piece& piece) { return piece.firstReceivedMs / 1000; }
 
     bool full() const { return request_.limit != 0 && printed_ >= request_.limit; }
