@@ -1,15 +1,25 @@
 // SPDX-License-Identifier: MIT
 // nimb-logs: lists the log files in the suite's logs folder (or a folder given),
 // ordered by one of the file browser's sort keys, printing chosen entry fields as
-// aligned columns or tab-separated values. Single-threaded.
+// aligned columns or tab-separated values; lists the history of rotated generations;
+// prints the collected lines a time range, level and device select (LogsQuery); rebuilds
+// the index (LogsIndex). Single-threaded.
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <iostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "CFileTools.h"
+#include "LogsHistory.h"
+#include "LogsIndex.h"
+#include "LogsQuery.h"
+#include "LogsTable.h"
+#include "LogsTime.h"
 #include "NimbVersion.h"
 
 namespace {
@@ -26,25 +36,57 @@ struct Options {
     bool tsv = false;
     bool header = true;
     bool help = false;
+    bool listingOptionGiven = false;  // --sort or --fields
+    bool tableOptionGiven = false;    // --tsv or --no-header
+    bool history = false;
+    bool reindex = false;
+    bool queryGiven = false;  // an option only a query takes
+    CStdStr since, until, level, limit, format;
+    CStdStr device, file;
+    LogsQuery::Request query;
 };
 
 void printHelp() {
     std::cout << "Usage: nimb-logs [--dir PATH] [--sort KEY] [--fields F1,F2,...] [--tsv]\n"
                  "                 [--no-header] [--help]\n"
+                 "       nimb-logs [--dir PATH] --history [--device NAME] [--tsv] [--no-header]\n"
+                 "       nimb-logs [--dir PATH] [--since T] [--until T] [--level L] [--device "
+                 "NAME]\n"
+                 "                 [--file FILE] [--limit N] [--headers] [--format line|full]\n"
+                 "       nimb-logs [--dir PATH] --reindex\n"
                  "Lists the collected logs in the logs folder (or PATH), one line per entry.\n"
                  "Names starting with \".\" are left out; folders come first.\n\n"
-                 "  --dir PATH      list PATH instead of the logs folder\n"
+                 "  --dir PATH      the logs folder is PATH\n"
                  "  --sort KEY      order of the lines (default title:asc)\n"
                  "  --fields LIST   comma-separated fields to print (default "
                  "title,size,lastModified)\n"
                  "  --tsv           tab-separated values instead of aligned columns\n"
                  "  --no-header     leave out the line naming the fields\n"
                  "  --help          this text\n\n"
+                 "History: the rotated generations kept, oldest first.\n"
+                 "  --history       list them: log, time moved, raw and compressed bytes, path\n"
+                 "  --device NAME   only the logs of this device (name, id, MAC or file prefix)\n\n"
+                 "Query: the collected lines the index points at, sorted by time, as\n"
+                 "\"<file>\\t<line>\" (any of these options asks for one):\n"
+                 "  --since T       lines at or after T\n"
+                 "  --until T       lines before T\n"
+                 "  --level L       lines of level L or more severe (emerg alert crit error\n"
+                 "                  warning notice info debug; unknown: every line)\n"
+                 "  --device NAME   lines of this device (name, id, MAC or file prefix)\n"
+                 "  --file FILE     lines of this log file\n"
+                 "  --limit N       the first N lines only\n"
+                 "  --headers       the announces' header lines too\n"
+                 "  --format F      line (default) or full: time, level, device, file, line\n"
+                 "Times: \"YYYY-MM-DD hh:mm[:ss]\" or \"YYYY/MM/DD hh:mm:ss\" (local time),\n"
+                 "ISO 8601 with a zone (2026-11-24T12:00:00Z), -30s, -15m, -2h, -7d, now.\n\n"
+                 "  --reindex       rebuild the index from the log files (stop the collector "
+                 "first)\n\n"
                  "Sort keys:\n";
     for (const char* key : CFileTools::sortKeyNames()) std::cout << "  " << key << '\n';
     std::cout << "\nFields:\n";
     for (const char* field : CFileTools::fieldNames()) std::cout << "  " << field << '\n';
-    std::cout << "\nExit status: 0 listed, 1 folder unreadable, 2 usage error.\n";
+    std::cout << "\nExit status: 0 done, 1 folder, history or index unreadable (or the\n"
+                 "collector is running, for --reindex), 2 usage error.\n";
 }
 
 std::vector<CStdStr> splitFields(const CStdStr& list) {
@@ -80,6 +122,17 @@ bool optionValue(int argc, char** argv, int& index, const char* name, CStdStr& v
     return true;
 }
 
+// The field a query option with a value fills, null for another argument.
+CStdStr* queryOption(int argc, char** argv, int& index, Options& options, CStdStr& value) {
+    const std::pair<const char*, CStdStr*> known[] = {
+        {"--since", &options.since}, {"--until", &options.until}, {"--level", &options.level},
+        {"--file", &options.file},   {"--limit", &options.limit}, {"--format", &options.format}};
+    for (const auto& [name, target] : known) {
+        if (optionValue(argc, argv, index, name, value)) return target;
+    }
+    return nullptr;
+}
+
 // Reads the command line into `options`; throws std::invalid_argument with the
 // reason on a usage error.
 void parseArguments(int argc, char** argv, Options& options) {
@@ -88,25 +141,91 @@ void parseArguments(int argc, char** argv, Options& options) {
         if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
             options.help = true;
         } else if (std::strcmp(argv[i], "--tsv") == 0) {
-            options.tsv = true;
+            options.tsv = options.tableOptionGiven = true;
         } else if (std::strcmp(argv[i], "--no-header") == 0) {
             options.header = false;
+            options.tableOptionGiven = true;
+        } else if (std::strcmp(argv[i], "--history") == 0) {
+            options.history = true;
+        } else if (std::strcmp(argv[i], "--reindex") == 0) {
+            options.reindex = true;
+        } else if (std::strcmp(argv[i], "--headers") == 0) {
+            options.query.headers = options.queryGiven = true;
         } else if (optionValue(argc, argv, i, "--dir", value)) {
             options.folder = value;
             options.folderGiven = true;
         } else if (optionValue(argc, argv, i, "--sort", value)) {
             options.sortKey = value;
+            options.listingOptionGiven = true;
         } else if (optionValue(argc, argv, i, "--fields", value)) {
             options.fields = splitFields(value);
+            options.listingOptionGiven = true;
+        } else if (optionValue(argc, argv, i, "--device", value)) {
+            options.device = value;
+        } else if (CStdStr* target = queryOption(argc, argv, i, options, value)) {
+            *target = value;
+            options.queryGiven = true;
         } else {
             throw std::invalid_argument(CStdStr("unknown argument \"") + argv[i] + "\"");
         }
     }
 }
 
-// Checks the sort key and the field names; throws std::invalid_argument naming the
-// first unknown one.
-void checkOptions(const Options& options) {
+// Reads the query's times, level, limit and format into options.query; throws
+// std::invalid_argument naming the first value that does not read.
+void readQuery(Options& options) {
+    LogsQuery::Request& query = options.query;
+    const long long now = static_cast<long long>(std::time(nullptr));
+    const auto readTime = [now](const CStdStr& text, const char* name, long long& time) {
+        if (!text.empty() && !LogsTime::parse(text, now, time)) {
+            throw std::invalid_argument(std::string(name) + ": cannot read the time \"" + text +
+                                        "\" (YYYY-MM-DD hh:mm[:ss], YYYY/MM/DD hh:mm:ss, ISO "
+                                        "8601 with a zone, -15m, -2h, -7d or now)");
+        }
+    };
+    readTime(options.since, "--since", query.since);
+    readTime(options.until, "--until", query.until);
+    if (!options.since.empty() && !options.until.empty() && query.since >= query.until)
+        throw std::invalid_argument("--since must be before --until");
+    if (!options.level.empty()) {
+        if (!DeviceLogSeverity::parse(options.level, query.level))
+            throw std::invalid_argument("unknown level \"" + options.level + "\"");
+        query.hasLevel = true;
+    }
+    if (!options.limit.empty()) {
+        char* end = nullptr;
+        errno = 0;
+        const unsigned long long limit = std::strtoull(options.limit.c_str(), &end, 10);
+        if (options.limit[0] < '1' || options.limit[0] > '9' || *end != '\0' || errno != 0)
+            throw std::invalid_argument("--limit takes a count of lines, not \"" + options.limit +
+                                        "\"");
+        query.limit = static_cast<std::size_t>(limit);
+    }
+    if (options.format == "full") {
+        query.format = LogsQuery::Format::Full;
+    } else if (!options.format.empty() && options.format != "line") {
+        throw std::invalid_argument("unknown format \"" + options.format + "\" (line or full)");
+    }
+    query.device = options.device;
+    query.file = options.file;
+}
+
+// Checks the sort key and the field names, and that the options ask for one thing;
+// throws std::invalid_argument naming the first unknown or misplaced one.
+void checkOptions(Options& options) {
+    const bool query = options.queryGiven || (!options.device.empty() && !options.history);
+    if (int(options.history) + int(options.reindex) + int(query) > 1)
+        throw std::invalid_argument("--history, --reindex and a query go one at a time");
+    if (options.listingOptionGiven && (options.history || options.reindex || query))
+        throw std::invalid_argument("--sort and --fields are for the folder listing only");
+    if (options.tableOptionGiven && (options.reindex || query))
+        throw std::invalid_argument("--tsv and --no-header are for listings only");
+    if (options.reindex && !options.device.empty())
+        throw std::invalid_argument("--reindex takes no --device");
+    if (query) {
+        options.queryGiven = true;
+        readQuery(options);
+    }
     std::vector<CFileTools*> none;
     if (!CFileTools::SortFiles(none, options.sortKey)) {
         throw std::invalid_argument("unknown sort key \"" + options.sortKey + "\"");
@@ -116,62 +235,12 @@ void checkOptions(const Options& options) {
     }
 }
 
-// Writes control characters and "\" as escapes so that every entry stays on one line
-// and tab-separated output keeps its columns.
-CStdStr escapeValue(const CStdStr& value) {
-    CStdStr escaped;
-    for (const char c : value) {
-        if (c == '\\') {
-            escaped += "\\\\";
-        } else if (c == '\t') {
-            escaped += "\\t";
-        } else if (c == '\n') {
-            escaped += "\\n";
-        } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
-            escaped.AppendFormat("\\x%02x", static_cast<unsigned char>(c));
-        } else {
-            escaped += c;
-        }
-    }
-    return escaped;
-}
-
-// Display width: UTF-8 continuation bytes take no column.
-size_t displayWidth(const CStdStr& text) {
-    size_t width = 0;
-    for (const char c : text) {
-        if ((static_cast<unsigned char>(c) & 0xC0) != 0x80) ++width;
-    }
-    return width;
-}
-
-void printRows(const std::vector<std::vector<CStdStr>>& rows, bool tsv) {
-    std::vector<size_t> widths;
-    if (!tsv && !rows.empty()) {
-        widths.assign(rows.front().size(), 0);
-        for (const auto& row : rows) {
-            for (size_t i = 0; i < row.size(); ++i) {
-                widths[i] = std::max(widths[i], displayWidth(row[i]));
-            }
-        }
-    }
-    for (const auto& row : rows) {
-        CStdStr line;
-        for (size_t i = 0; i < row.size(); ++i) {
-            line += row[i];
-            if (i + 1 == row.size()) break;
-            if (tsv) {
-                line += '\t';
-            } else {
-                line.append(widths[i] - displayWidth(row[i]) + 2, ' ');
-            }
-        }
-        std::cout << line << '\n';
-    }
+CStdStr logsFolder(const Options& options) {
+    return options.folderGiven ? options.folder : CFileTools::GetLogsDirectory();
 }
 
 int listFolder(const Options& options) {
-    const CStdStr folder = options.folderGiven ? options.folder : CFileTools::GetLogsDirectory();
+    const CStdStr folder = logsFolder(options);
     CFileTools::EntryList entries;
     int error = 0;
     if (!CFileTools::EnumerateFolder(folder, entries, &error)) {
@@ -190,10 +259,10 @@ int listFolder(const Options& options) {
     for (CFileTools* entry : shown) {
         std::vector<CStdStr>& row = rows.emplace_back();
         for (const CStdStr& field : options.fields) {
-            row.push_back(escapeValue(entry->getFieldValue(field)));
+            row.push_back(LogsTable::escapeValue(entry->getFieldValue(field)));
         }
     }
-    printRows(rows, options.tsv);
+    LogsTable::printRows(rows, options.tsv);
     return kExitOk;
 }
 
@@ -214,6 +283,15 @@ int main(int argc, char** argv) {
         return kExitOk;
     }
     try {
+        if (options.history) {
+            return LogsTable::printHistory(logsFolder(options), options.device, options.tsv,
+                                           options.header);
+        }
+        if (options.reindex) return LogsIndex::reindex(logsFolder(options), std::cout, std::cerr);
+        if (options.queryGiven) {
+            options.query.logsDir = logsFolder(options);
+            return LogsQuery::run(options.query, std::cout, std::cerr);
+        }
         return listFolder(options);
     } catch (const std::exception& e) {
         std::cerr << "nimb-logs: " << e.what() << '\n';

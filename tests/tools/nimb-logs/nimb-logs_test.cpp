@@ -82,7 +82,7 @@ TEST_F(NimbLogsTest, DefaultsToTheLogsFolderSetting) {
                                  entry.getFieldValue("lastModified") + "\n");
 }
 
-TEST_F(NimbLogsTest, UsageErrorsExitWithTwoUnreadableFoldersWithOneAndHelpWithZero) {
+TEST_F(NimbLogsTest, UsageErrorsExitWithTwoUnreadableFoldersOrIndexWithOneAndHelpWithZero) {
     struct Case {
         std::vector<std::string> args;
         int exitCode;
@@ -93,7 +93,16 @@ TEST_F(NimbLogsTest, UsageErrorsExitWithTwoUnreadableFoldersWithOneAndHelpWithZe
                           Case{{"--fields", "title,bogus"}, 2, "unknown field \"bogus\""},
                           Case{{"--verbose"}, 2, "unknown argument \"--verbose\""},
                           Case{{"--dir"}, 2, "--dir needs a value"},
-                          Case{{"--dir", absent}, 1, "cannot read folder " + absent}}) {
+                          Case{{"--dir", absent}, 1, "cannot read folder " + absent},
+                          Case{{"--since", "yesterday"}, 2, "cannot read the time \"yesterday\""},
+                          Case{{"--since", "now", "--until", "-1h"}, 2, "--since must be before"},
+                          Case{{"--level", "loud"}, 2, "unknown level \"loud\""},
+                          Case{{"--limit", "0"}, 2, "--limit takes a count"},
+                          Case{{"--format", "json"}, 2, "unknown format \"json\""},
+                          Case{{"--history", "--level", "error"}, 2, "one at a time"},
+                          Case{{"--device", "x", "--sort", "size:asc"}, 2, "folder listing only"},
+                          Case{{"--reindex", "--tsv"}, 2, "listings only"},
+                          Case{{"--level", "error"}, 1, "no index at " + logs_}}) {
         std::vector<std::string> args = c.args;
         args.insert(args.begin(), {"--dir", logs_});
         const ChildResult result = run(args);
@@ -110,6 +119,12 @@ TEST_F(NimbLogsTest, UsageErrorsExitWithTwoUnreadableFoldersWithOneAndHelpWithZe
     }
     for (const char* field : CFileTools::fieldNames()) {
         EXPECT_NE(result.output.find(std::string("  ") + field + "\n"), std::string::npos) << field;
+    }
+    for (const char* option :
+         {"--history", "--since T", "--until T", "--level L", "--device NAME", "--file FILE",
+          "--limit N", "--headers", "--format F", "--reindex"}) {
+        EXPECT_NE(result.output.find(std::string("  ") + option + " "), std::string::npos)
+            << option;
     }
 }
 
