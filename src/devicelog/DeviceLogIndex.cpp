@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,6 +21,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include "CBBLog.h"
+#include "DeviceLogHistoryFrames.h"
 #include "DeviceLogLines.h"
 #include "PThread.h"
 #include "PThreadDelegate.h"
@@ -598,21 +600,34 @@ std::vector<std::string> DeviceLogIndex::deviceLogFiles() const {
     return files;
 }
 
-// A log the index does not know: its backup becomes generation 0, its file generation 1.
+// A log the index does not know: its history generations, oldest first, then its backup
+// and its file get the generations 0, 1, 2 ...
 void DeviceLogIndex::indexWholeLog(const std::string& file) {
     const std::string path = logsDir_ + "/" + file;
     struct stat current {};
     const bool hasCurrent = lstat(path.c_str(), &current) == 0 && S_ISREG(current.st_mode);
+    const auto history = historyOf(file);
+    const std::int64_t backup = static_cast<std::int64_t>(history.size());
     {
         PMutexLocker lock(mutex_);
         LogState& log = stateLocked(file);
-        log.generation = 1;
+        log.generation = backup + 1;
         log.fileId = hasCurrent ? logFileIdOf(current) : 0;
         log.logDirty = true;
+        for (std::size_t g = 0; g < history.size(); ++g)
+            log.historyPaths.emplace_back(static_cast<std::int64_t>(g), history[g].first);
         dirty_ = true;
     }
-    indexFileText(file, 0, path + RotatingLogFile::kBackupSuffix, 0);
-    if (hasCurrent) indexFileText(file, 1, path, 0);
+    for (std::size_t g = 0; g < history.size(); ++g) {
+        std::string text;
+        struct stat info {};
+        const std::string name = history[g].second ? history[g].first + ".zst" : history[g].first;
+        const long long modified = stat(name.c_str(), &info) == 0 ? info.st_mtime : nowMs() / 1000;
+        if (readGeneration(history[g].first, history[g].second, text))
+            indexText(file, static_cast<std::int64_t>(g), text, 0, modified);
+    }
+    indexFileText(file, backup, path + RotatingLogFile::kBackupSuffix, 0);
+    if (hasCurrent) indexFileText(file, backup + 1, path, 0);
 }
 
 // Indexes the bytes of `path` (generation `generation` of `file`) from `from` on, in
@@ -624,44 +639,94 @@ void DeviceLogIndex::indexFileText(const std::string& file, std::int64_t generat
     struct stat info {};
     const long long modified = stat(path.c_str(), &info) == 0 ? info.st_mtime : nowMs() / 1000;
     in.seekg(static_cast<std::streamoff>(from));
-    std::string chunk(kMaxPieceBytes, '\0');
-    std::uint64_t offset = from;
-    std::string carry;
-    while (in) {
-        in.read(&chunk[0], static_cast<std::streamsize>(chunk.size()));
-        const std::size_t got = static_cast<std::size_t>(in.gcount());
-        if (got == 0) break;
-        std::string text = carry + chunk.substr(0, got);
-        const std::size_t lastBreak = text.rfind('\n');
-        const bool atEnd = !in;
-        const std::size_t take =
-            atEnd || lastBreak == std::string::npos ? text.size() : lastBreak + 1;
-        carry = text.substr(take);
-        text.resize(take);
-        const bool header = offset == 0 && text.compare(0, 7, "\n===== ") == 0;
-        const std::size_t headerEnd = header ? text.find('\n', 1) + 1 : 0;
-        auto add = [&](std::string_view part, bool isHeader) {
-            if (part.empty()) return;
-            const DeviceLogLines::Summary summary = DeviceLogLines::summarize(part, modified);
-            OpenPiece piece;
-            piece.generation = generation;
-            piece.offset = offset;
-            piece.length = part.size();
-            piece.firstReceivedMs = piece.lastReceivedMs = modified * 1000;
-            piece.firstTime = summary.lines != 0 ? summary.firstTime : modified;
-            piece.lastTime = summary.lines != 0 ? summary.lastTime : modified;
-            piece.severities = summary.severities;
-            piece.lines = summary.lines;
-            piece.header = isHeader;
-            PMutexLocker lock(mutex_);
-            piece.id = nextPieceId_++;
-            finished_.emplace_back(file, piece);
-            dirty_ = true;
-            offset += part.size();
-        };
-        add(std::string_view(text).substr(0, headerEnd), true);
-        add(std::string_view(text).substr(headerEnd), false);
+    std::ostringstream text;
+    text << in.rdbuf();
+    indexText(file, generation, text.str(), from, modified);
+}
+
+// Pieces of whole lines (a file's first header line a piece of its own), at most
+// kMaxPieceBytes each, from `offset` on.
+void DeviceLogIndex::indexText(const std::string& file, std::int64_t generation,
+                               std::string_view text, std::uint64_t offset, long long modified) {
+    auto add = [&](std::string_view part, bool isHeader) {
+        if (part.empty()) return;
+        const DeviceLogLines::Summary summary = DeviceLogLines::summarize(part, modified);
+        OpenPiece piece;
+        piece.generation = generation;
+        piece.offset = offset;
+        piece.length = part.size();
+        piece.firstReceivedMs = piece.lastReceivedMs = modified * 1000;
+        piece.firstTime = summary.lines != 0 ? summary.firstTime : modified;
+        piece.lastTime = summary.lines != 0 ? summary.lastTime : modified;
+        piece.severities = summary.severities;
+        piece.lines = summary.lines;
+        piece.header = isHeader;
+        PMutexLocker lock(mutex_);
+        piece.id = nextPieceId_++;
+        finished_.emplace_back(file, piece);
+        dirty_ = true;
+        offset += part.size();
+    };
+    if (offset == 0 && text.substr(0, 7) == "\n===== ") {
+        const std::size_t headerEnd = text.find('\n', 1);
+        const std::size_t take = headerEnd == std::string_view::npos ? text.size() : headerEnd + 1;
+        add(text.substr(0, take), true);
+        text.remove_prefix(take);
     }
+    while (!text.empty()) {
+        std::size_t take = std::min<std::size_t>(text.size(), kMaxPieceBytes);
+        if (take < text.size()) {
+            const std::size_t lastBreak = text.rfind('\n', take - 1);
+            if (lastBreak != std::string_view::npos) take = lastBreak + 1;
+        }
+        add(text.substr(0, take), false);
+        text.remove_prefix(take);
+    }
+}
+
+// The generations the history keeps of `file`, oldest first: their plain names (a
+// reader takes either name) and whether they are compressed.
+std::vector<std::pair<std::string, bool>> DeviceLogIndex::historyOf(const std::string& file) const {
+    std::vector<std::pair<std::string, bool>> generations;
+    const std::string folder = logsDir_ + "/" + kFolderName + "/" + file;
+    DIR* listing = opendir(folder.c_str());
+    if (listing == nullptr) return generations;
+    std::map<std::string, bool> found;
+    const std::string zst = ".zst";
+    while (const dirent* entry = readdir(listing)) {
+        std::string name = entry->d_name;
+        if (name.empty() || name[0] == '.' || name.find(".tmp") != std::string::npos) continue;
+        const bool compressed = name.size() > zst.size() &&
+                                name.compare(name.size() - zst.size(), zst.size(), zst) == 0;
+        if (compressed) name.resize(name.size() - zst.size());
+        found[name] = found[name] || compressed;
+    }
+    closedir(listing);
+    for (const auto& [name, compressed] : found)
+        generations.emplace_back(folder + "/" + name, compressed);
+    return generations;
+}
+
+// The whole text of a history generation, compressed or not.
+bool DeviceLogIndex::readGeneration(const std::string& path, bool compressed, std::string& text) {
+    const std::string name = compressed ? path + ".zst" : path;
+    const int fd = open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd == -1) return false;
+    struct stat info {};
+    bool ok = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+    std::string error;
+    if (ok && compressed) {
+        std::vector<DeviceLogHistoryFrames::Frame> frames;
+        ok = DeviceLogHistoryFrames::readIndex(fd, static_cast<std::uint64_t>(info.st_size), frames,
+                                               error) &&
+             DeviceLogHistoryFrames::readRange(
+                 fd, frames, 0, DeviceLogHistoryFrames::rawSize(frames), text, error);
+    } else if (ok) {
+        text.resize(static_cast<std::size_t>(info.st_size));
+        ok = pread(fd, &text[0], text.size(), 0) == static_cast<ssize_t>(text.size());
+    }
+    close(fd);
+    return ok;
 }
 
 void DeviceLogIndex::flushNow() {

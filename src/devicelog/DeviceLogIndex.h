@@ -23,6 +23,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "PCondMutex.h"
@@ -174,6 +175,10 @@ private:
     void indexWholeLog(const std::string& file);
     void indexFileText(const std::string& file, std::int64_t generation, const std::string& path,
                        std::uint64_t from);
+    void indexText(const std::string& file, std::int64_t generation, std::string_view text,
+                   std::uint64_t offset, long long modified);
+    std::vector<std::pair<std::string, bool>> historyOf(const std::string& file) const;
+    static bool readGeneration(const std::string& path, bool compressed, std::string& text);
     std::string pathOf(const std::string& file, std::int64_t generation, std::int64_t current,
                        const std::string& historyPath) const;
 

@@ -12,8 +12,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "LogsHistory.h"
-
 namespace {
 
 // SQLite's locks in the "-shm" file of a WAL database: eight lock bytes from offset 120,
@@ -139,15 +137,6 @@ int reindex(const std::string& logsDir, std::ostream& out, std::ostream& err) {
     for (const char* suffix : {"", "-wal", "-shm"}) std::remove((aside + suffix).c_str());
     out << "rebuilt the index " << path << ": " << logs.size() << " logs, " << pieces
         << " pieces\n";
-
-    std::vector<LogsHistory::Generation> generations;
-    std::vector<std::string> problems;
-    if (LogsHistory::list(logsDir, generations, problems, error) && !generations.empty()) {
-        err << "nimb-logs: note: the index is rebuilt from the logs and their .back files; the "
-            << generations.size()
-            << " generations in the history are not indexed again, so queries no longer "
-               "reach their lines\n";
-    }
     return 0;
 }
 
