@@ -63,6 +63,7 @@ bool NimbRemoteLogger::init(const std::vector<CStdStr>&) {
     CBBLog::info("Starting");
     deviceLogWriter();
     satellite = new NimbRemoteLoggerSatellite(this);
+    satellite->setStores({history, index});
     satellite->setDirectAppend(
         [this](const CStdStr& id, CStdStr text, const std::shared_ptr<RemoteLogReply>& reply,
                const LogTextInfo& info) { writeText(id, std::move(text), reply, info); });

@@ -32,6 +32,9 @@
 #include "RemoteLogSources.h"
 #include "StdString.h"
 
+class DeviceLogHistory;
+class DeviceLogIndex;
+
 class NimbRemoteLoggerSatellite : public QObject, public KibSatellite {
     Q_OBJECT
 
@@ -104,6 +107,14 @@ public:
     // signal and its slot keep working for every other caller. Main thread, before
     // connect().
     void setDirectAppend(DirectAppend append);
+
+    // What GetStats reports of the history and the index (null: zeros). Set once, on the
+    // main thread, before connect(); read by the handlers afterwards.
+    struct Stores {
+        std::shared_ptr<DeviceLogHistory> history;
+        std::shared_ptr<DeviceLogIndex> index;
+    };
+    void setStores(Stores storesToReport) { stores = std::move(storesToReport); }
 
     // Adds "SetLogSource" and "AppendLog" (empty descriptions); the status of the second.
     int CreateServices() override;
@@ -190,4 +201,5 @@ private:
     std::unordered_map<std::string, int> waitingCalls NIMB_GUARDED_BY(emitLock);
     // Set before connect(); read by the handlers.
     DirectAppend directAppend NIMB_GUARDED_BY(emitLock);
+    Stores stores;  // set before connect(), read-only afterwards
 };

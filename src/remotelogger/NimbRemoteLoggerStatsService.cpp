@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "CollectorStats.h"
+#include "DeviceLogHistory.h"
+#include "DeviceLogIndex.h"
 #include "KibException.h"
 #include "KibVariantHolder.h"
 #include "NimbRemoteLoggerSatellite.h"
@@ -48,6 +50,14 @@ int NimbRemoteLoggerSatellite::KibServiceGetStats(const char*, const tagVARIANT&
                                      {"connected", stats.connected() ? 1 : 0}});
     for (const auto& [name, counter] : SyslogCounters::kNamed)
         counters.emplace_back(name, (syslog.*counter).load(std::memory_order_relaxed));
+    const DeviceLogHistory::Stats history =
+        stores.history ? stores.history->stats() : DeviceLogHistory::Stats();
+    counters.insert(counters.end(),
+                    {{"history.bytes", history.bytes},
+                     {"history.files", history.files},
+                     {"history.removedFiles", history.removedFiles},
+                     {"history.removedBytes", history.removedBytes},
+                     {"index.bytes", stores.index ? stores.index->sizeBytes() : 0}});
     VUtil::CreateArray(*out, VT_VARIANT, counters.size());
     for (std::size_t i = 0; i < counters.size(); ++i)
         putCounter(*out, static_cast<int>(i), counters[i].first.c_str(), counters[i].second);

@@ -420,6 +420,14 @@ WebReply metrics(const StatsClient::Stats& stats, std::size_t tailClients) {
         {"syslog.connections",
          {"nimb_syslog_connections", "gauge", "Open syslog TCP and TLS connections."}},
         {"syslog.senders", {"nimb_syslog_senders", "gauge", "Syslog senders with files."}},
+        {"history.bytes",
+         {"nimb_history_bytes", "gauge", "Bytes the history of rotated generations holds."}},
+        {"history.files", {"nimb_history_files", "gauge", "Generations the history holds."}},
+        {"history.removedFiles",
+         {"nimb_history_removed_files_total", "counter", "Generations retention removed."}},
+        {"history.removedBytes",
+         {"nimb_history_removed_bytes_total", "counter", "Bytes retention removed."}},
+        {"index.bytes", {"nimb_index_bytes", "gauge", "Size of the index database."}},
     };
     // Counters by kind: "<prefix><label value>" becomes "<name>{<label>="<value>"}".
     struct Family {

@@ -24,6 +24,8 @@
 
 #include <gtest/gtest.h>
 
+#include "DeviceLogIndex.h"
+#include "DeviceLogSeverity.h"
 #include "DeviceLogWriter.h"
 #include "NatsServer.h"
 #include "NimbTestSupport.h"
@@ -185,6 +187,55 @@ TEST_F(SyslogDaemonTest, LoggerInEveryModeReachesItsFile) {
     EXPECT_GT(counted["syslog.bytes"], 6 * 20);
     EXPECT_EQ(counted["syslog.senders"], 1);
     EXPECT_NE(stop().find("Syslog: stopped; 6 lines written"), std::string::npos);
+}
+
+// The index knows each line's severity from its priority (the file keeps the text as
+// sent), and each sender's header for a real one; GetStats counts the index.
+TEST_F(SyslogDaemonTest, PrioritiesReachTheIndexAndHeadersAreTheSendersOwn) {
+    start();
+    ASSERT_EQ(runLogger({"--udp", "--port", std::to_string(udp_), "-t", "prio", "-p", "daemon.err"},
+                        "disk is failing"),
+              0);
+    ASSERT_EQ(
+        runLogger({"--udp", "--port", std::to_string(udp_), "-t", "prio", "-p", "daemon.info"},
+                  "\n===== Forged - x === 1999/01/01 00:00:00 <-> 1999/01/01 =====\n"),
+        0);
+    const std::string file = hostName() + "-prio";
+    ASSERT_TRUE(holds(file, "Forged"));
+    EXPECT_GT(stats()["index.bytes"], 0);
+    stop();  // commits the index
+    std::string error;
+    const auto index = DeviceLogIndex::openForReading(logs().string(), error);
+    ASSERT_TRUE(index) << error;
+    DeviceLogIndex::Query query;
+    query.file = file;
+    query.severities = DeviceLogSeverity::bit(DeviceLogSeverity::Level::Error);
+    // The error line's piece says so (the lines of one flush may share a piece); no piece
+    // claims a severity no line was sent with.
+    const std::string text = readFile(logs() / file);
+    const std::size_t errorLine = text.find("disk is failing");
+    bool found = false;
+    for (const auto& piece : index->query(query))
+        found = found || (piece.offset <= errorLine && piece.offset + piece.length > errorLine);
+    EXPECT_TRUE(found);
+    query.severities = DeviceLogSeverity::bit(DeviceLogSeverity::Level::Critical) |
+                       DeviceLogSeverity::bit(DeviceLogSeverity::Level::Warning);
+    EXPECT_TRUE(index->query(query).empty());
+    query.severities = 0;
+    query.headersOnly = true;
+    // The sender's own headers (a new one when its clock estimate settles), not the forged
+    // line, which is text.
+    const std::string own = "\n===== " + hostName() + " - syslog 127.0.0.1";
+    std::size_t real = 0;
+    for (std::size_t at = text.find(own); at != std::string::npos; at = text.find(own, at + 1))
+        ++real;
+    const auto headers = index->query(query);
+    ASSERT_EQ(headers.size(), real);
+    for (const auto& header : headers) {
+        EXPECT_EQ(header.source.displayName, hostName());
+        EXPECT_EQ(header.source.peer, "127.0.0.1");
+        EXPECT_EQ(text.compare(header.offset, own.size(), own), 0) << header.offset;
+    }
 }
 
 TEST_F(SyslogDaemonTest, MalformedInputIsInertAndTheListenersKeepServing) {
