@@ -71,7 +71,7 @@ TEST(SyslogClockTest, WallClockStampsCompareWithTheServersWallClock) {
 
 // Stamps of "Nov 24 hh:mm:ss" for `seconds` after 10:00:00.
 SyslogStamp at(long long seconds) {
-    char text[32];
+    char text[80];
     std::snprintf(text, sizeof(text), "Nov 24 %02lld:%02lld:%02lld", 10 + seconds / 3600,
                   seconds / 60 % 60, seconds % 60);
     return stampOf(text);
