@@ -36,16 +36,21 @@ const std::shared_ptr<DeviceLogWriter>& NimbRemoteLogger::deviceLogWriter() {
     options.logsDir = CBBLog::getLogsDirectory();
     options.rotateSize = kRemoteLogSize;
     int maxOpenFiles = static_cast<int>(DeviceLogWriter::kDefaultMaxOpenFiles);
+    int indexEnabled = 1;
     if (registry) {
         registry->ReadSettingImpl(NimbSettings::kConfigKey, NimbSettings::kWriterThreads,
                                   options.threads);
         registry->ReadSettingImpl(NimbSettings::kConfigKey, NimbSettings::kMaxOpenLogFiles,
                                   maxOpenFiles);
+        registry->ReadSettingImpl(NimbSettings::kConfigKey, NimbSettings::kIndexEnabled,
+                                  indexEnabled);
     }
     options.maxOpenFiles = static_cast<std::size_t>(std::max(maxOpenFiles, 1));
     std::string error;
-    index = DeviceLogIndex::openForWriting(options.logsDir, error);
-    if (!index) CBBLog::error("Index: %s; logs are written without it", error.c_str());
+    if (indexEnabled != 0) {
+        index = DeviceLogIndex::openForWriting(options.logsDir, error);
+        if (!index) CBBLog::error("Index: %s; logs are written without it", error.c_str());
+    }
     options.index = index;
     history =
         std::make_shared<DeviceLogHistory>(DeviceLogHistory::optionsFromSettings(options.logsDir));

@@ -21,6 +21,7 @@ constexpr const char* kMaxLogSources = "MaxLogSources";
 constexpr const char* kMaxLogsPerDevice = "MaxLogsPerDevice";
 constexpr const char* kWriterThreads = "WriterThreads";
 constexpr const char* kMaxOpenLogFiles = "MaxOpenLogFiles";
+constexpr const char* kIndexEnabled = "IndexEnabled";
 constexpr const char* kHistoryMaxMiB = "HistoryMaxMiB";
 constexpr const char* kHistoryMaxAgeDays = "HistoryMaxAgeDays";
 constexpr const char* kHistoryMinFreePercent = "HistoryMinFreePercent";
@@ -49,6 +50,7 @@ constexpr Key kKeys[] = {
     {kConfigKey, kWriterThreads, "int", "0",
      "device-log writer threads (0: one per core, at most 4)"},
     {kConfigKey, kMaxOpenLogFiles, "int", "1024", "device-log files kept open at once"},
+    {kConfigKey, kIndexEnabled, "int", "1", "keep the index of what is written (0: none)"},
     {kConfigKey, kHistoryMaxMiB, "int", "0",
      "device-log history budget in MiB (0: 10 % of the file system, at most 8 GiB)"},
     {kConfigKey, kHistoryMaxAgeDays, "int", "90",
