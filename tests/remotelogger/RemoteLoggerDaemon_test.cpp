@@ -16,6 +16,7 @@
 
 #include "CollectorProcess.h"
 #include "CrashTestSupport.h"
+#include "DeviceLogIndex.h"
 #include "KibSatellite.h"
 #include "NatsServer.h"
 #include "TestValues.h"
@@ -171,6 +172,44 @@ TEST_F(RemoteLoggerDaemonTest, RotatesALogAtItsSizeLimit) {
     EXPECT_EQ(all.substr(all.size() - sent.size()), sent);
     EXPECT_EQ(logFiles(), (std::set<std::string>{"NimbRemoteLogger.log", "errors.log", kSystemLog,
                                                  std::string(kSystemLog) + ".back"}));
+}
+
+// A second rotation moves the backup it would replace into the history, where it is
+// compressed, and the index finds every line in the history, the backup and the file.
+TEST_F(RemoteLoggerDaemonTest, ASecondRotationKeepsTheBackupInTheHistory) {
+    start();
+    ASSERT_EQ(call("SetLogSource", kAnnounce + std::string(R"({"str[]":["system.log"]}])")).status,
+              0);
+    std::string sent;
+    for (int i = 0; i < 14; ++i) {  // about 1.4 MB: two rotations
+        const std::string chunk = std::string(100000, static_cast<char>('a' + i)) + "\n";
+        ASSERT_EQ(call("AppendLog", R"(["00:11:22:33:44:55", "system.log", ")" +
+                                        chunk.substr(0, chunk.size() - 1) + R"(\n"])")
+                      .status,
+                  0);
+        sent += chunk;
+    }
+    EXPECT_EQ(stop(), 0);  // the history finishes its compression before the exit
+    std::string error;
+    const auto index = DeviceLogIndex::openForReading(logs().string(), error);
+    ASSERT_TRUE(index) << error;
+    DeviceLogIndex::Query all;
+    all.file = kSystemLog;
+    std::string history;
+    std::string text;
+    for (const DeviceLogIndex::Piece& piece : index->query(all)) {
+        if (piece.path.find("/history/") == std::string::npos) continue;
+        history = piece.path;
+    }
+    ASSERT_FALSE(history.empty());
+    ASSERT_TRUE(fs::exists(history + ".zst")) << history;
+    const nimbtest::ChildResult unpacked =
+        nimbtest::runProgram({"/usr/bin/zstdcat", history + ".zst"}, root_);
+    const std::string whole = unpacked.output +
+                              readFile(logs() / (std::string(kSystemLog) + ".back")) +
+                              readFile(logs() / kSystemLog);
+    ASSERT_GT(whole.size(), sent.size());
+    EXPECT_EQ(whole.substr(whole.size() - sent.size()), sent);
 }
 
 // Things planted at a log's name are never opened through and block nothing; a logs
