@@ -112,7 +112,7 @@ void DeviceLogWriterCore::release(DeviceLogState* log) {
     // Nothing waits for it: the file is closed and the log forgotten. A log still being
     // written is forgotten by its writer once it is done (finishRound).
     closeFileLocked(*log);
-    logs_.erase(log->fileName);
+    logs_.erase(std::string(log->fileName));  // a copy: the key dies with the entry
 }
 
 bool DeviceLogWriterCore::append(DeviceLogState& log, DeviceLogItem item) {
@@ -268,7 +268,7 @@ void DeviceLogWriterCore::finishRound(std::vector<Batch>& round) {
             ready_.push_back(&log);
         } else if (log.handles == 0) {
             closeFileLocked(log);
-            logs_.erase(log.fileName);
+            logs_.erase(std::string(log.fileName));  // a copy: the key dies with the entry
         }
     }
     makeRoomLocked();
