@@ -35,7 +35,7 @@ std::string currentName(const std::string& name, const LogCatalog::NameParts& pa
 
 }  // namespace
 
-LogCatalog::LogCatalog(std::string folder) : folder_(std::move(folder)) {}
+LogCatalog::LogCatalog(std::string folder) : folder_(std::move(folder)), index_(folder_) {}
 
 std::int64_t LogCatalog::activityEnd(std::int64_t now) {
     const std::int64_t bin = kBinMinutes * 60;
@@ -189,6 +189,10 @@ std::vector<LogCatalog::Named> LogCatalog::classify(std::int64_t end) {
 std::vector<LogCatalog::Device> LogCatalog::devices(std::int64_t now) {
     const std::int64_t end = activityEnd(now);
     std::map<std::string, Device> byKey;
+    static_assert(LogIndexView::kBins == kBins && LogIndexView::kBinMinutes == kBinMinutes);
+    const bool indexed = index_.available();
+    const std::map<std::string, LogIndexView::LogFacts> facts =
+        indexed ? index_.facts(end) : std::map<std::string, LogIndexView::LogFacts>{};
     const std::lock_guard<std::mutex> lock(mutex_);
     for (const Named& file : classify(end)) {
         const SafeFolder::Entry& entry = file.entry;
@@ -210,6 +214,27 @@ std::vector<LogCatalog::Device> LogCatalog::devices(std::int64_t now) {
         log->hasBack = log->hasBack || parts.back;
         device.size += entry.size;
         device.lastWrite = std::max(device.lastWrite, entry.mtime);
+        if (indexed) {
+            // A log's facts cover its ".back" and history: taken once, with its file.
+            device.indexed = true;
+            const auto known = facts.find(current);
+            if (parts.back || known == facts.end()) continue;
+            const LogIndexView::LogFacts& indexFacts = known->second;
+            for (int c = 0; c < LogIndexView::kClasses; ++c) {
+                for (int i = 0; i < kBins; ++i) {
+                    device.bySeverity[c][i] += indexFacts.activity[c][i];
+                    device.activity[i] += indexFacts.activity[c][i];
+                }
+            }
+            if (!indexFacts.source.displayName.empty() && device.sourceName.empty())
+                device.sourceName = indexFacts.source.displayName;
+            if (indexFacts.hasHeader &&
+                (!device.hasHeader || indexFacts.header.serverTime >= device.header.serverTime)) {
+                device.header = indexFacts.header;
+                device.hasHeader = true;
+            }
+            continue;
+        }
         for (int i = 0; i < kBins; ++i) device.activity[i] += summary.bins[i];
         if (summary.hasHeader &&
             (!device.hasHeader || summary.header.serverTime >= device.header.serverTime)) {

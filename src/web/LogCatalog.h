@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "LogIndexView.h"
 #include "LogText.h"
 #include "SafeFolder.h"
 
@@ -50,6 +51,11 @@ public:
         std::uint64_t size = 0;
         std::int64_t lastWrite = 0;
         Activity activity{};  // bin kBins-1 ends at activityEnd
+        // With the index: every line, split into errors, warnings and the rest (their
+        // sum is `activity`), and the header only from the collector's own header lines.
+        bool indexed = false;
+        LogIndexView::Activity bySeverity{};
+        std::string sourceName;  // the display name the index knows (syslog: sender)
     };
 
     explicit LogCatalog(std::string folder);
@@ -75,6 +81,8 @@ public:
                               const std::vector<std::string_view>& senders = {});
 
     const std::string& folder() const { return folder_; }
+    // The collector's index of the folder (unavailable for an old logs folder).
+    LogIndexView& index() { return index_; }
 
 private:
     // What has been read of one file.
@@ -106,6 +114,7 @@ private:
     static void shiftBins(Summary& summary, std::int64_t end);
 
     const std::string folder_;
+    LogIndexView index_;
     std::mutex mutex_;
     std::map<std::string, Summary> summaries_;  // guarded by mutex_, by file name
 };

@@ -118,7 +118,8 @@ std::vector<std::string> markLine(const Matcher& matcher, std::string_view text,
 
 // Searches one file's text; false once the search must stop (hits or time).
 bool searchText(const Matcher& matcher, const Query& query, std::string_view text,
-                std::uint64_t base, Clock::time_point deadline, FileHits& out, Result& result) {
+                std::uint64_t base, Clock::time_point deadline, FileHits& out, Result& result,
+                const Accept* accept = nullptr) {
     const bool ranged = query.from != std::numeric_limits<std::int64_t>::min() ||
                         query.to != std::numeric_limits<std::int64_t>::max();
     LogText::StampReader stamps;
@@ -135,8 +136,11 @@ bool searchText(const Matcher& matcher, const Query& query, std::string_view tex
             const std::size_t end = lineEnd(text, begin);
             at = end + 1;
             std::int64_t when = 0;
-            if (ranged &&
-                (!lineTime(text, start, stamps, when) || when < query.from || when > query.to)) {
+            int level = -1;
+            if (accept != nullptr) {
+                if (!(*accept)(base + start, text.substr(start, end - start), level)) continue;
+            } else if (ranged && (!lineTime(text, start, stamps, when) || when < query.from ||
+                                  when > query.to)) {
                 continue;
             }
             if (result.hitCount == query.maxHits) {
@@ -145,6 +149,7 @@ bool searchText(const Matcher& matcher, const Query& query, std::string_view tex
             }
             Hit hit;
             hit.offset = base + start;
+            hit.level = level;
             if (start > 0) {
                 const std::size_t above = lineStart(text, start - 1);
                 hit.before = cut(text.substr(above, start - 1 - above), kMaxContextBytes);
@@ -164,18 +169,47 @@ bool searchText(const Matcher& matcher, const Query& query, std::string_view tex
 
 }  // namespace
 
+namespace {
+
+// The reason a query is refused, "" when it is not.
+std::string refusal(const Query& query, const Matcher& matcher) {
+    if (query.pattern.empty()) return "empty search";
+    if (query.pattern.size() > kMaxPatternBytes) return "search text longer than 1024 bytes";
+    return matcher.error();
+}
+
+}  // namespace
+
+class Searcher::Impl {
+public:
+    explicit Impl(const Query& query)
+        : matcher(query.pattern.size() > kMaxPatternBytes ? Query{} : query),
+          deadline(Clock::now() + query.budget) {}
+    Matcher matcher;
+    Clock::time_point deadline;
+};
+
+Searcher::Searcher(const Query& query) : impl_(std::make_unique<Impl>(query)), query_(query) {
+    result_.error = refusal(query, impl_->matcher);
+}
+
+Searcher::~Searcher() = default;
+
+bool Searcher::search(std::string_view text, std::uint64_t base, const Accept& accept,
+                      FileHits& out) {
+    if (!result_.error.empty()) return false;
+    result_.bytesScanned += text.size();
+    return searchText(impl_->matcher, query_, text, base, impl_->deadline, out, result_, &accept);
+}
+
 Result run(const std::string& folder, const Query& query) {
     Result result;
-    if (query.pattern.empty()) {
-        result.error = "empty search";
-        return result;
-    }
     if (query.pattern.size() > kMaxPatternBytes) {
         result.error = "search text longer than 1024 bytes";
         return result;
     }
     const Matcher matcher(query);
-    result.error = matcher.error();
+    result.error = refusal(query, matcher);
     if (!result.error.empty()) return result;
     const Clock::time_point deadline = Clock::now() + query.budget;
     for (const std::string& file : query.files) {

@@ -8,8 +8,11 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <limits>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace LogSearch {
@@ -31,10 +34,13 @@ struct Hit {
     std::string before;        // the line above, cut
     std::vector<std::string> parts;
     std::string after;  // the line below, cut
+    int level = -1;     // the line's severity when the caller told it (0 to 8), else -1
 };
 
 struct FileHits {
     std::string file;
+    std::string log;              // with the index: the log file the text belongs to
+    std::int64_t generation = 0;  // and its generation
     std::vector<Hit> hits;
 };
 
@@ -54,5 +60,30 @@ constexpr std::size_t kMaxContextBytes = 300;        // of a context line shown
 constexpr std::uint64_t kMaxFileScan = 16ull << 20;  // a larger file: its tail only
 
 Result run(const std::string& folder, const Query& query);
+
+// Whether a matching line counts: given its offset (as `base` + its place in the text)
+// and its text; may set the line's level.
+using Accept = std::function<bool(std::uint64_t offset, std::string_view line, int& level)>;
+
+// One query over texts the caller reads (pieces the index points at): the pattern is
+// compiled once, the time budget starts at construction. Query::files and the time
+// range are not used; `accept` decides instead.
+class Searcher {
+public:
+    explicit Searcher(const Query& query);
+    ~Searcher();
+    // Non-empty when the query is refused.
+    const std::string& error() const { return result_.error; }
+    // Searches `text` (the bytes at `base` of some file); false once the search must
+    // stop (hits or time). Hits go to `out`.
+    bool search(std::string_view text, std::uint64_t base, const Accept& accept, FileHits& out);
+    Result& result() { return result_; }
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
+    Query query_;
+    Result result_;
+};
 
 }  // namespace LogSearch

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <set>
+#include <tuple>
 
 #include <QDateTime>
 #include <QFile>
@@ -12,7 +14,10 @@
 #include <QTemporaryFile>
 
 #include "DeviceArchive.h"
+#include "DeviceLogLines.h"
+#include "DeviceLogSeverity.h"
 #include "LogCatalog.h"
+#include "LogIndexView.h"
 #include "LogReader.h"
 #include "LogSearch.h"
 #include "SafeFolder.h"
@@ -53,13 +58,23 @@ QString macText(const std::string& mac) {
     return out;
 }
 
+std::string displayName(const LogCatalog::Device& device) {
+    if (device.hasHeader && !device.header.displayName.empty()) return device.header.displayName;
+    return device.sourceName.empty() ? device.key : device.sourceName;
+}
+
+QJsonArray countsJson(const std::array<std::uint32_t, LogCatalog::kBins>& counts) {
+    QJsonArray array;
+    for (const std::uint32_t count : counts) array.append(static_cast<qint64>(count));
+    return array;
+}
+
 QJsonObject deviceJson(const LogCatalog::Device& device) {
     QJsonObject object;
     object.insert(QStringLiteral("key"), text(device.key));
     object.insert(QStringLiteral("deviceId"), text(device.deviceId));
     object.insert(QStringLiteral("mac"), macText(device.mac));
-    object.insert(QStringLiteral("name"),
-                  text(device.hasHeader ? device.header.displayName : device.key));
+    object.insert(QStringLiteral("name"), text(displayName(device)));
     if (device.hasHeader) {
         object.insert(QStringLiteral("satellite"), text(device.header.satellite));
         object.insert(QStringLiteral("deviceTime"), text(device.header.deviceTime));
@@ -81,13 +96,24 @@ QJsonObject deviceJson(const LogCatalog::Device& device) {
     QJsonArray activity;
     for (const std::uint32_t count : device.activity) activity.append(static_cast<qint64>(count));
     object.insert(QStringLiteral("activity"), activity);
+    object.insert(QStringLiteral("indexed"), device.indexed);
+    if (device.indexed) {
+        QJsonObject severity;
+        severity.insert(QStringLiteral("errors"),
+                        countsJson(device.bySeverity[LogIndexView::kErrors]));
+        severity.insert(QStringLiteral("warnings"),
+                        countsJson(device.bySeverity[LogIndexView::kWarnings]));
+        severity.insert(QStringLiteral("others"),
+                        countsJson(device.bySeverity[LogIndexView::kOthers]));
+        object.insert(QStringLiteral("severity"), severity);
+    }
     return object;
 }
 
 // Orders devices by one of the listing's sort keys; false for an unknown key.
 bool sortDevices(std::vector<LogCatalog::Device>& devices, const std::string& key) {
     const auto name = [](const LogCatalog::Device& d) {
-        std::string n = d.hasHeader ? d.header.displayName : d.key;
+        std::string n = displayName(d);
         std::transform(n.begin(), n.end(), n.begin(),
                        [](unsigned char c) { return std::tolower(c); });
         return n;
@@ -147,7 +173,24 @@ QJsonObject hitJson(const LogSearch::Hit& hit) {
     QJsonArray parts;
     for (const std::string& part : hit.parts) parts.append(text(part));
     object.insert(QStringLiteral("parts"), parts);
+    if (hit.level >= 0) object.insert(QStringLiteral("level"), hit.level);
     return object;
+}
+
+QJsonArray levelsJson(const std::vector<DeviceLogSeverity::Level>& levels) {
+    QJsonArray array;
+    for (const DeviceLogSeverity::Level level : levels) array.append(static_cast<int>(level));
+    return array;
+}
+
+// "warning" and the like: the least severe level a filter keeps; false when unknown.
+bool parseLevel(const std::string& value, DeviceLogSeverity::Level& level) {
+    return DeviceLogSeverity::parse(value, level) && level != DeviceLogSeverity::Level::Unknown;
+}
+
+// Lines of levels 0 to `level` (the more severe ones), as index severity bits.
+std::uint16_t maskUpTo(DeviceLogSeverity::Level level) {
+    return static_cast<std::uint16_t>((2u << static_cast<unsigned>(level)) - 1);
 }
 
 bool isCrashName(const QString& id) {
@@ -189,24 +232,99 @@ WebReply devices(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) 
     return WebReply::json(object);
 }
 
-WebReply log(const std::string& folder, const QUrlQuery& query) {
+namespace {
+
+// The generations of `log` the index knows, each with its path and size, oldest first.
+std::map<std::int64_t, std::pair<std::string, std::uint64_t>> generationsOf(
+    LogIndexView& index, const std::string& log) {
+    std::map<std::int64_t, std::pair<std::string, std::uint64_t>> generations;
+    DeviceLogIndex::Query q;
+    q.file = log;
+    q.limit = 10000000;
+    for (const DeviceLogIndex::Piece& piece : index.query(q)) {
+        auto& [path, size] = generations[piece.generation];
+        if (!piece.path.empty()) path = piece.path;
+        size = std::max(size, piece.offset + piece.length);
+    }
+    return generations;
+}
+
+// The index's generation held at `path`, or the newest before it when `path` is not held.
+const std::pair<const std::int64_t, std::pair<std::string, std::uint64_t>>* earlierThan(
+    const std::map<std::int64_t, std::pair<std::string, std::uint64_t>>& generations,
+    std::int64_t generation) {
+    auto it = generations.lower_bound(generation);
+    while (it != generations.begin()) {
+        --it;
+        if (!it->second.first.empty()) return &*it;
+    }
+    return nullptr;
+}
+
+bool isBackName(const std::string& file) {
+    return file.size() > kBack.size() &&
+           file.compare(file.size() - kBack.size(), kBack.size(), kBack) == 0;
+}
+
+}  // namespace
+
+WebReply log(LogCatalog& catalog, const QUrlQuery& query) {
+    const std::string& folder = catalog.folder();
+    LogIndexView& index = catalog.index();
     const std::string file = param(query, "file");
     std::optional<std::uint64_t> before;
     std::uint64_t value = 0;
     std::size_t limit = LogReader::kDefaultChunk;
-    if (query.hasQueryItem(QStringLiteral("before"))) {
-        if (!number(param(query, "before"), value)) {
-            return WebReply::error(400, QStringLiteral("before: expected a byte offset"));
-        }
-        before = value;
-    }
     if (query.hasQueryItem(QStringLiteral("limit"))) {
         if (!number(param(query, "limit"), value) || value == 0) {
             return WebReply::error(400, QStringLiteral("limit: expected a positive byte count"));
         }
         limit = static_cast<std::size_t>(std::min<std::uint64_t>(value, LogReader::kMaxChunk));
     }
-    const std::optional<LogReader::Chunk> chunk = LogReader::read(folder, file, before, limit);
+    if (query.hasQueryItem(QStringLiteral("before"))) {
+        if (!number(param(query, "before"), value)) {
+            return WebReply::error(400, QStringLiteral("before: expected a byte offset"));
+        }
+        before = value;
+    }
+    bool around = false;
+    if (query.hasQueryItem(QStringLiteral("at"))) {
+        if (!number(param(query, "at"), value)) {
+            return WebReply::error(400, QStringLiteral("at: expected a byte offset"));
+        }
+        // Half the piece before the line, half after it.
+        before = value + limit / 2;
+        around = true;
+    }
+    std::optional<LogReader::Chunk> chunk;
+    std::int64_t generation = -1;
+    if (query.hasQueryItem(QStringLiteral("generation"))) {
+        if (!number(param(query, "generation"), value)) {
+            return WebReply::error(400, QStringLiteral("generation: expected a number"));
+        }
+        if (!SafeFolder::isPlainName(file)) return notFound();
+        generation = static_cast<std::int64_t>(value);
+        const auto generations = generationsOf(index, file);
+        const auto held = generations.find(generation);
+        if (held == generations.end() || held->second.first.empty()) return notFound();
+        LogReader::Chunk c;
+        c.file = file;
+        c.end = std::min(before.value_or(held->second.second), held->second.second);
+        c.start = c.end > limit ? c.end - limit : 0;
+        if (!LogIndexView::readPath(folder, held->second.first, c.start,
+                                    static_cast<std::size_t>(c.end - c.start), c.text)) {
+            return notFound();
+        }
+        c.end = c.start + c.text.size();
+        const std::size_t nl = c.start > 0 ? c.text.find('\n') : std::string::npos;
+        if (nl != std::string::npos && nl + 1 < c.text.size()) {
+            c.text.erase(0, nl + 1);
+            c.start += nl + 1;
+        }
+        chunk = std::move(c);
+    } else {
+        chunk = LogReader::read(folder, file, before, limit);
+    }
     if (!chunk) return notFound();
     QJsonObject object;
     object.insert(QStringLiteral("file"), text(chunk->file));
@@ -214,14 +332,145 @@ WebReply log(const std::string& folder, const QUrlQuery& query) {
     object.insert(QStringLiteral("start"), static_cast<qint64>(chunk->start));
     object.insert(QStringLiteral("end"), static_cast<qint64>(chunk->end));
     object.insert(QStringLiteral("inode"), QString::number(chunk->inode));
+    if (around) object.insert(QStringLiteral("at"), static_cast<qint64>(*before - limit / 2));
+    if (generation >= 0)
+        object.insert(QStringLiteral("generation"), static_cast<qint64>(generation));
+    QJsonObject earlier;
     if (!chunk->earlierFile.empty()) {
-        QJsonObject earlier;
         earlier.insert(QStringLiteral("file"), text(chunk->earlierFile));
         earlier.insert(QStringLiteral("before"), static_cast<qint64>(chunk->earlierBefore));
-        object.insert(QStringLiteral("earlier"), earlier);
+    } else if (generation >= 0 && chunk->start > 0) {
+        earlier.insert(QStringLiteral("file"), text(file));
+        earlier.insert(QStringLiteral("generation"), static_cast<qint64>(generation));
+        earlier.insert(QStringLiteral("before"), static_cast<qint64>(chunk->start));
+    } else if (chunk->start == 0 && index.available() &&
+               (generation >= 0 || isBackName(chunk->file))) {
+        // Before a ".back" (or a history generation): the history, through the index.
+        const std::string log = generation >= 0 ? file : file.substr(0, file.size() - kBack.size());
+        const auto generations = generationsOf(index, log);
+        std::int64_t from = generation;
+        if (from < 0) {
+            const std::string path = folder + "/" + file;
+            for (const auto& [g, held] : generations) {
+                if (held.first == path) from = g;
+            }
+        }
+        if (const auto* previous = from >= 0 ? earlierThan(generations, from) : nullptr) {
+            earlier.insert(QStringLiteral("file"), text(log));
+            earlier.insert(QStringLiteral("generation"), static_cast<qint64>(previous->first));
+            earlier.insert(QStringLiteral("before"), static_cast<qint64>(previous->second.second));
+        }
+    }
+    if (!earlier.isEmpty()) object.insert(QStringLiteral("earlier"), earlier);
+    if (index.available() && generation < 0) {
+        std::vector<std::size_t> headers;
+        object.insert(QStringLiteral("levels"),
+                      levelsJson(index.levels(chunk->file, chunk->start, chunk->text, headers)));
+        QJsonArray headerLines;
+        for (const std::size_t line : headers) headerLines.append(static_cast<qint64>(line));
+        object.insert(QStringLiteral("headers"), headerLines);
+    } else {
+        std::vector<DeviceLogSeverity::Level> levels;
+        std::size_t at = 0;
+        const std::string_view all(chunk->text);
+        while (at < all.size()) {
+            const std::size_t nl = all.find('\n', at);
+            const std::size_t stop = nl == std::string_view::npos ? all.size() : nl;
+            levels.push_back(DeviceLogSeverity::ofLine(all.substr(at, stop - at)));
+            at = stop + 1;
+        }
+        object.insert(QStringLiteral("levels"), levelsJson(levels));
     }
     return WebReply::json(object);
 }
+
+namespace {
+
+// A search through the index: only pieces inside the time range, of the files asked
+// for and holding a line of the level asked for are read; a matching line counts when
+// its own time (its stamp, else when it was received) is in the range and its level
+// (its label, else its piece's only level) is kept. History generations are included.
+LogSearch::Result indexedSearch(LogCatalog& catalog, const LogSearch::Query& q,
+                                const std::string& file, DeviceLogSeverity::Level level) {
+    LogSearch::Searcher searcher(q);
+    if (!searcher.error().empty()) return searcher.result();
+    const bool filtered = level != DeviceLogSeverity::Level::Unknown;
+    DeviceLogIndex::Query iq;
+    if (q.from != std::numeric_limits<std::int64_t>::min())
+        iq.since = std::max<std::int64_t>(1, q.from);
+    if (q.to != std::numeric_limits<std::int64_t>::max()) iq.until = q.to + 1;
+    // A piece whose lines state no level may still hold lines of the level asked for
+    // in their text, so those are read too.
+    if (filtered)
+        iq.severities = maskUpTo(level) | DeviceLogSeverity::bit(DeviceLogSeverity::Level::Unknown);
+    iq.file = file;
+    iq.limit = 10000000;
+    std::set<std::string> logs;  // the logs asked for (current names)
+    for (const std::string& name : q.files) {
+        logs.insert(isBackName(name) ? name.substr(0, name.size() - kBack.size()) : name);
+    }
+    std::vector<DeviceLogIndex::Piece> pieces;
+    for (DeviceLogIndex::Piece& piece : catalog.index().query(iq)) {
+        if (!piece.path.empty() && !piece.header && logs.count(piece.file) != 0)
+            pieces.push_back(std::move(piece));
+    }
+    // By log, oldest generation first, each in file order.
+    std::sort(pieces.begin(), pieces.end(), [](const auto& a, const auto& b) {
+        return std::tie(a.file, a.generation, a.offset) < std::tie(b.file, b.generation, b.offset);
+    });
+    const std::string& folder = catalog.folder();
+    std::size_t i = 0;
+    while (i < pieces.size()) {
+        std::size_t j = i + 1;
+        while (j < pieces.size() && pieces[j].path == pieces[i].path) ++j;
+        const std::string& path = pieces[i].path;
+        LogSearch::FileHits hits;
+        hits.log = pieces[i].file;
+        hits.generation = pieces[i].generation;
+        hits.file = path.compare(0, folder.size() + 1, folder + "/") == 0 &&
+                            SafeFolder::isPlainName(path.substr(folder.size() + 1))
+                        ? path.substr(folder.size() + 1)
+                        : hits.log + "@" + std::to_string(hits.generation);
+        ++searcher.result().filesScanned;
+        bool goOn = true;
+        // Runs of adjacent pieces are read as one text.
+        for (std::size_t k = i; k < j && goOn;) {
+            std::size_t m = k + 1;
+            std::uint64_t end = pieces[k].offset + pieces[k].length;
+            while (m < j && pieces[m].offset == end && end - pieces[k].offset < (8u << 20)) {
+                end += pieces[m].length;
+                ++m;
+            }
+            std::string text;
+            if (LogIndexView::readPath(folder, path, pieces[k].offset,
+                                       static_cast<std::size_t>(end - pieces[k].offset), text)) {
+                const LogSearch::Accept accept = [&](std::uint64_t offset, std::string_view line,
+                                                     int& lineLevel) {
+                    const auto* piece = &pieces[k];
+                    for (std::size_t p = k; p < m; ++p) {
+                        if (offset >= pieces[p].offset) piece = &pieces[p];
+                    }
+                    auto own = DeviceLogSeverity::ofLine(line);
+                    if (own == DeviceLogSeverity::Level::Unknown)
+                        own = LogIndexView::soleLevel(piece->severities);
+                    lineLevel = static_cast<int>(own);
+                    if (filtered && own > level) return false;
+                    const long long when =
+                        DeviceLogLines::lineTime(line, piece->firstReceivedMs / 1000);
+                    return when >= q.from && when <= q.to;
+                };
+                goOn = searcher.search(text, pieces[k].offset, accept, hits);
+            }
+            k = m;
+        }
+        if (!hits.hits.empty()) searcher.result().files.push_back(std::move(hits));
+        if (!goOn) break;
+        i = j;
+    }
+    return searcher.result();
+}
+
+}  // namespace
 
 WebReply search(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) {
     const std::string& folder = catalog.folder();
@@ -247,18 +496,62 @@ WebReply search(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) {
         }
         q.maxHits = static_cast<std::size_t>(std::min<std::uint64_t>(max, kMaxSearchHits));
     }
+    DeviceLogSeverity::Level level = DeviceLogSeverity::Level::Unknown;
+    if (query.hasQueryItem(QStringLiteral("level")) && !parseLevel(param(query, "level"), level)) {
+        return WebReply::error(400, QStringLiteral("level: expected a severity such as error "
+                                                   "or warning"));
+    }
     q.files = searchFiles(catalog, file, device, now);
-    const LogSearch::Result result = LogSearch::run(folder, q);
+    LogSearch::Result result = catalog.index().available() ? indexedSearch(catalog, q, file, level)
+                                                           : LogSearch::run(folder, q);
     if (!result.error.empty()) return WebReply::error(400, text(result.error));
+    if (level != DeviceLogSeverity::Level::Unknown && !catalog.index().available()) {
+        // Without the index: each hit line's own label decides.
+        for (LogSearch::FileHits& hits : result.files) {
+            auto& list = hits.hits;
+            list.erase(std::remove_if(list.begin(), list.end(),
+                                      [&](LogSearch::Hit& hit) {
+                                          std::string line;
+                                          for (const std::string& part : hit.parts) line += part;
+                                          const auto own = DeviceLogSeverity::ofLine(line);
+                                          hit.level = static_cast<int>(own);
+                                          return own > level;
+                                      }),
+                       list.end());
+        }
+    }
+    // Devices by their names: which device each searched file belongs to.
+    std::map<std::string, const LogCatalog::Device*> deviceOf;
+    const std::vector<LogCatalog::Device> known = catalog.devices(now);
+    for (const LogCatalog::Device& d : known) {
+        for (const LogCatalog::LogInfo& l : d.logs) deviceOf[l.file] = &d;
+    }
     QJsonArray files;
+    std::size_t hitCount = 0;
     for (const LogSearch::FileHits& hits : result.files) {
+        if (hits.hits.empty()) continue;
         QJsonArray items;
         for (const LogSearch::Hit& hit : hits.hits) items.append(hitJson(hit));
+        hitCount += hits.hits.size();
         QJsonObject entry;
         entry.insert(QStringLiteral("file"), text(hits.file));
+        const std::string log = !hits.log.empty() ? hits.log
+                                : isBackName(hits.file)
+                                    ? hits.file.substr(0, hits.file.size() - kBack.size())
+                                    : hits.file;
+        entry.insert(QStringLiteral("log"), text(log));
+        if (hits.file != log && !isBackName(hits.file)) {
+            entry.insert(QStringLiteral("generation"), static_cast<qint64>(hits.generation));
+        }
+        const auto owner = deviceOf.find(log);
+        if (owner != deviceOf.end()) {
+            entry.insert(QStringLiteral("device"), text(owner->second->key));
+            entry.insert(QStringLiteral("name"), text(displayName(*owner->second)));
+        }
         entry.insert(QStringLiteral("hits"), items);
         files.append(entry);
     }
+    result.hitCount = hitCount;
     QJsonObject object;
     object.insert(QStringLiteral("files"), files);
     object.insert(QStringLiteral("hitCount"), static_cast<qint64>(result.hitCount));

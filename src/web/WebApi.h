@@ -20,9 +20,12 @@ namespace WebApi {
 
 // /api/devices?sort=KEY (title, size or lastModified, each :asc or :desc).
 WebReply devices(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now);
-// /api/log?file=NAME[&before=OFFSET][&limit=BYTES]
-WebReply log(const std::string& folder, const QUrlQuery& query);
+// /api/log?file=NAME[&before=OFFSET | &at=OFFSET][&generation=N][&limit=BYTES]: with
+// `at`, the text around that offset; with `generation` (from the index), a history
+// generation of the log NAME. Each answer has the level of each of its lines.
+WebReply log(LogCatalog& catalog, const QUrlQuery& query);
 // /api/search?q=TEXT[&regex=1][&file=NAME | &device=KEY][&from=TIME][&to=TIME][&max=N]
+//   [&level=LEVEL]: with the index, only the pieces it names are read.
 WebReply search(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now);
 // /api/download?file=NAME: its ".back" then the file itself, as one text file.
 WebReply download(const std::string& folder, const QUrlQuery& query);

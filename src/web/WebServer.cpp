@@ -164,7 +164,8 @@ bool WebServer::handleRequest(const QHttpServerRequest& request, QTcpSocket* soc
             return WebApi::devices(*catalog, query, QDateTime::currentSecsSinceEpoch());
         });
     } else if (path == QLatin1String("/api/log")) {
-        defer(std::move(responder), [logs, query] { return WebApi::log(logs, query); });
+        LogCatalog* catalog = catalog_.get();
+        defer(std::move(responder), [catalog, query] { return WebApi::log(*catalog, query); });
     } else if (path == QLatin1String("/api/search")) {
         LogCatalog* catalog = catalog_.get();
         defer(std::move(responder), [catalog, query] {

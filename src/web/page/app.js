@@ -91,7 +91,7 @@ function route() {
   for (const section of document.querySelectorAll(".view")) section.hidden = section.id !== "view-" + view;
   for (const tab of document.querySelectorAll(".tabs a")) tab.classList.toggle("active", tab.dataset.view === view);
   if (view === "devices") { loadDevices(); state.timer = setInterval(loadDevices, 10000); }
-  if (view === "log") openLog(params.get("file") || "");
+  if (view === "log") openLog(params.get("file") || "", params.get("at"), params.get("generation"));
   if (view === "search") openSearch(params);
   if (view === "health") { loadHealth(); state.timer = setInterval(loadHealth, 5000); }
 }
@@ -124,6 +124,46 @@ function activityPlot(counts, binMinutes) {
   return svg;
 }
 
+// The same, stacked: errors at the bottom, then warnings, then the other lines.
+function severityPlot(severity, binMinutes) {
+  const ns = "http://www.w3.org/2000/svg";
+  const n = severity.others.length;
+  const svg = document.createElementNS(ns, "svg");
+  svg.setAttribute("class", "plot");
+  svg.setAttribute("viewBox", "0 0 " + n + " 30");
+  svg.setAttribute("preserveAspectRatio", "none");
+  const totals = severity.others.map((c, i) => c + severity.warnings[i] + severity.errors[i]);
+  const peak = Math.max(1, ...totals);
+  const paths = { "bar-err": "", "bar-warn": "", "bar-other": "" };
+  for (let i = 0; i < n; i++) {
+    let y = 30;
+    for (const [cls, count] of [["bar-err", severity.errors[i]], ["bar-warn", severity.warnings[i]], ["bar-other", severity.others[i]]]) {
+      if (!count) continue;
+      const h = Math.max(0.8, (count / peak) * 27);
+      paths[cls] += "M" + i + " " + (y - h).toFixed(2) + "h1v" + h.toFixed(2) + "h-1z";
+      y -= h;
+    }
+  }
+  const title = document.createElementNS(ns, "title");
+  const sum = (a) => a.reduce((x, y) => x + y, 0);
+  title.textContent = plural(sum(totals), "line") + " in the last 24 h: " + plural(sum(severity.errors), "error") + ", " +
+    plural(sum(severity.warnings), "warning") + "; busiest: " + (peak / binMinutes).toFixed(1) + " lines/min";
+  svg.append(title);
+  for (const [cls, d] of Object.entries(paths)) {
+    if (!d) continue;
+    const path = document.createElementNS(ns, "path");
+    path.setAttribute("class", cls);
+    path.setAttribute("d", d);
+    svg.append(path);
+  }
+  const base = document.createElementNS(ns, "line");
+  base.setAttribute("class", "base");
+  base.setAttribute("x1", "0"); base.setAttribute("x2", String(n));
+  base.setAttribute("y1", "30"); base.setAttribute("y2", "30");
+  svg.append(base);
+  return svg;
+}
+
 function deviceCard(device, binMinutes) {
   const card = el("article", "device");
   card.dataset.key = device.key;
@@ -148,7 +188,7 @@ function deviceCard(device, binMinutes) {
   last.title = stamp(device.lastWrite);
   numbers.append(last, el("span", "muted", bytes(device.size)));
   const activity = el("div", "activity");
-  activity.append(activityPlot(device.activity, binMinutes));
+  activity.append(device.severity ? severityPlot(device.severity, binMinutes) : activityPlot(device.activity, binMinutes));
   const label = el("div", "plotlabel");
   label.append(el("span", "", "24 h ago"), el("span", "", "now"));
   activity.append(label);
@@ -183,38 +223,54 @@ function initSort() {
 
 const headerLine = /^===== .* === .* <-> .* =====$/;
 
-function lineDiv(text, fresh) {
-  const div = el("div", "l" + (headerLine.test(text) ? " hdr" : "") + (fresh ? " new" : ""), text);
+// Levels 0-3 (emergency to error) and 4 (warning) are coloured; 8 states none.
+function severityClass(level) {
+  if (level === undefined || level === null || level > 4) return "";
+  return level <= 3 ? " sev-err" : " sev-warn";
+}
+
+// `header`: true or false when the index told whether this is a header line the
+// collector wrote; undefined without an index, where the line's shape decides.
+function lineDiv(text, fresh, level, header) {
+  const isHeader = header === undefined ? headerLine.test(text) : header;
+  const div = el("div", "l" + (isHeader ? " hdr" : severityClass(level)) + (fresh ? " new" : ""), text);
   div.dataset.raw = text.length > 4096 ? "" : text;
   return div;
 }
 
 // Appends text to the view; a first piece continues an unfinished last line.
-function appendText(container, text, fresh) {
+function appendText(container, text, fresh, info) {
   const log = state.log;
   const pieces = text.split("\n");
+  const levels = (info && info.levels) || [];
+  const headers = info && info.headers ? new Set(info.headers) : null;
+  const headerOf = (i) => (headers ? headers.has(i) : undefined);
   const endsOpen = pieces[pieces.length - 1] !== "";
   if (!endsOpen) pieces.pop();
   const fragment = document.createDocumentFragment();
+  let i = 0;
   if (log && log.open && container.lastChild && pieces.length) {
     const last = container.lastChild;
     const joined = (last.dataset.raw || last.textContent) + pieces.shift();
-    container.replaceChild(lineDiv(joined, fresh), last);
+    container.replaceChild(lineDiv(joined, fresh, levels[0], headerOf(0)), last);
+    i = 1;
   }
-  for (const piece of pieces) fragment.append(lineDiv(piece, fresh));
+  for (const piece of pieces) { fragment.append(lineDiv(piece, fresh, levels[i], headerOf(i))); i++; }
   container.append(fragment);
   if (log) log.open = endsOpen;
 }
 
-function prependText(container, text) {
+function prependText(container, text, info) {
   const pieces = text.split("\n");
   if (pieces[pieces.length - 1] === "") pieces.pop();
+  const levels = (info && info.levels) || [];
+  const headers = info && info.headers ? new Set(info.headers) : null;
   const fragment = document.createDocumentFragment();
-  for (const piece of pieces) fragment.append(lineDiv(piece, false));
+  pieces.forEach((piece, i) => fragment.append(lineDiv(piece, false, levels[i], headers ? headers.has(i) : undefined)));
   container.prepend(fragment);
 }
 
-async function openLog(file) {
+async function openLog(file, at, generation) {
   const lines = $("log-lines");
   lines.replaceChildren();
   $("log-title").textContent = file;
@@ -224,13 +280,27 @@ async function openLog(file) {
   if (device) $("log-archive").href = "/api/archive?" + query({ device: device.key });
   state.log = { file, end: 0, inode: "", earlier: null, open: false };
   try {
-    const chunk = await api("/api/log?" + query({ file }));
+    const around = at !== null && at !== undefined && at !== "";
+    const chunk = await api("/api/log?" + query({ file, at: around ? at : "", generation: generation || "" }));
     state.log.end = chunk.end;
     state.log.inode = chunk.inode;
     state.log.earlier = chunk.earlier || null;
-    appendText(lines, chunk.text, false);
-    $("log-meta").textContent = "showing the last " + bytes(chunk.end - chunk.start) + (chunk.start > 0 || chunk.earlier ? "; earlier text is kept" : "");
+    state.log.open = false;
+    appendText(lines, chunk.text, false, chunk);
     $("load-earlier").hidden = !state.log.earlier;
+    applyLevelFilter();
+    if (around) {
+      // The hit's line: the one whose bytes hold the offset.
+      const before = new TextEncoder().encode(chunk.text).subarray(0, Math.max(0, Number(at) - chunk.start));
+      const index = new TextDecoder().decode(before).split("\n").length - 1;
+      const line = lines.children[index];
+      $("log-meta").textContent = "showing the text around the hit at byte " + at + (generation ? " of an earlier generation" : "");
+      $("live").checked = false;
+      setLiveLabel("Paused");
+      if (line) { line.classList.add("at"); line.scrollIntoView({ block: "center" }); }
+      return;
+    }
+    $("log-meta").textContent = "showing the last " + bytes(chunk.end - chunk.start) + (chunk.start > 0 || chunk.earlier ? "; earlier text is kept" : "");
     lines.scrollTop = lines.scrollHeight;
     if ($("live").checked) startLive();
   } catch (e) {
@@ -243,16 +313,24 @@ async function loadEarlier() {
   const log = state.log;
   if (!log || !log.earlier) return;
   try {
-    const chunk = await api("/api/log?" + query({ file: log.earlier.file, before: log.earlier.before }));
+    const chunk = await api("/api/log?" + query({ file: log.earlier.file, before: log.earlier.before, generation: log.earlier.generation }));
     const lines = $("log-lines");
     const height = lines.scrollHeight;
-    prependText(lines, chunk.text);
+    prependText(lines, chunk.text, chunk);
     lines.scrollTop += lines.scrollHeight - height;
     log.earlier = chunk.earlier || null;
     $("load-earlier").hidden = !log.earlier;
   } catch (e) {
     $("log-meta").textContent = "cannot load earlier text: " + e.message;
   }
+}
+
+// Hides the lines below the chosen severity (the page keeps them).
+function applyLevelFilter() {
+  const value = $("log-level").value;
+  const lines = $("log-lines");
+  lines.classList.toggle("only-error", value === "error");
+  lines.classList.toggle("only-warning", value === "warning");
 }
 
 function setLiveLabel(text) { $("live-label").textContent = text; }
@@ -328,6 +406,7 @@ async function openSearch(params) {
   $("regex").checked = params.get("regex") === "1";
   $("from").value = params.get("from") || "";
   $("to").value = params.get("to") || "";
+  $("level").value = params.get("level") || "";
   const scope = params.get("file") ? "file:" + params.get("file") : params.get("device") ? "device:" + params.get("device") : "";
   fillScope(scope);
   if (!$("q").value) { $("results").replaceChildren(); $("search-status").textContent = ""; return; }
@@ -341,22 +420,41 @@ async function openSearch(params) {
     const blocks = [];
     if (data.more) blocks.push(el("p", "note", "More results exist: only the first " + data.hitCount + " are shown. Narrow the search to a device, a log or a time range."));
     if (data.timedOut) blocks.push(el("p", "note", "The search stopped after its limit of " + data.budgetMs / 1000 + " s; the results are incomplete."));
+    // By device (its display name first, the file names as secondary text).
+    const groups = new Map();
     for (const f of data.files) {
+      const key = f.device || "";
+      if (!groups.has(key)) groups.set(key, { name: f.name || "", files: [] });
+      groups.get(key).files.push(f);
+    }
+    for (const [key, group] of groups) {
+      const head = el("section", "devicehits");
+      const title = el("h2", "", group.name || key || "other logs");
+      if (key && group.name && group.name !== key) title.append(el("span", "muted", key));
+      head.append(title);
+      blocks.push(head);
+    for (const f of group.files) {
       const box = el("section", "filehits");
       const title = el("h3");
       const link = el("a", "", f.file);
-      link.href = "#/log?" + query({ file: f.file.replace(/\.back$/, "") });
+      link.href = "#/log?" + query({ file: f.log || f.file.replace(/\.back$/, "") });
       title.append(link, el("span", "muted", plural(f.hits.length, "hit")));
       const lines = el("div", "lines");
       for (const hit of f.hits) {
         const item = el("div", "hit");
         if (hit.before) item.append(el("div", "l ctx", hit.before));
-        item.append(markedLine(hit.parts));
+        const line = markedLine(hit.parts);
+        line.className += severityClass(hit.level);
+        const open = el("a", "open", "open at this line");
+        open.href = "#/log?" + query(f.generation !== undefined ? { file: f.log, generation: f.generation, at: hit.offset } : { file: f.file, at: hit.offset });
+        line.append(" ", open);
+        item.append(line);
         if (hit.after) item.append(el("div", "l ctx", hit.after));
         lines.append(item);
       }
       box.append(title, lines);
-      blocks.push(box);
+      head.append(box);
+    }
     }
     if (!data.files.length) blocks.push(el("p", "empty", "Nothing found."));
     $("results").replaceChildren(...blocks);
@@ -370,7 +468,7 @@ function initSearch() {
   $("search-form").addEventListener("submit", (event) => {
     event.preventDefault();
     const [kind, value] = ($("scope").value || ":").split(/:(.*)/s);
-    const params = { q: $("q").value, regex: $("regex").checked ? "1" : "", from: $("from").value, to: $("to").value };
+    const params = { q: $("q").value, regex: $("regex").checked ? "1" : "", level: $("level").value, from: $("from").value, to: $("to").value };
     if (kind === "file") params.file = value;
     if (kind === "device") params.device = value;
     const target = "#/search?" + query(params);
@@ -465,6 +563,7 @@ document.addEventListener("DOMContentLoaded", () => {
   initSort();
   initSearch();
   $("load-earlier").addEventListener("click", loadEarlier);
+  $("log-level").addEventListener("change", applyLevelFilter);
   $("live").addEventListener("change", () => { if ($("live").checked) startLive(); else { stopLive(); setLiveLabel("Paused"); } });
   window.addEventListener("hashchange", route);
   route();
