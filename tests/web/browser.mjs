@@ -21,6 +21,14 @@ mkdirSync(shots, { recursive: true });
 
 function fail(message) { throw new Error(message); }
 
+// Back to the device list by its link, once the list was loaded again.
+async function backToDevices(page) {
+  const old = await page.$("#devices .device");
+  await page.click(".back");
+  await page.waitForFunction((card) => !$("view-devices").hidden && (!card || !card.isConnected) && $("devices").querySelector(".device"),
+    { timeout: 5000 }, old);
+}
+
 // Waits (at most `ms`) for `expression` to hold in the page; fails saying what was awaited.
 async function until(page, expression, ms, what) {
   try { await page.waitForFunction(expression, { timeout: ms }); } catch (e) { fail("waited " + ms + " ms in vain for " + what); }
@@ -157,13 +165,13 @@ try {
   "the collector's header lines arriving live to be marked");
   const forgedClass = () => page.evaluate(`(${lineWith(forged)} || {}).className`);
   if ((await forgedClass()) !== "l" && (await forgedClass()) !== "l new") fail("the forged header line, live, is classed " + JSON.stringify(await forgedClass()));
-  await page.click(".back");
-  await page.waitForFunction(() => document.querySelector("#devices .device .tie"), { timeout: 5000 });
+  await backToDevices(page);
   const card = await page.$eval("#devices .device", (d) => ({ name: d.querySelector(".name").textContent, tie: d.querySelector(".tie").textContent }));
   if (card.name !== "Living room") fail("after a forged header the device is named " + JSON.stringify(card.name));
   if (card.tie.includes("1999")) fail("the forged header became the clock tie: " + card.tie);
   await page.click(".device .chip");
-  await page.waitForFunction(lineWith("after the forged header"), { timeout: 5000 });
+  await until(page, `!$("view-log").hidden && !document.querySelector("#log-lines .l.new") && ${lineWith("after the forged header")}`, 5000,
+    "the log to open again");
   if ((await forgedClass()) !== "l") fail("the forged header line, reopened, is classed " + JSON.stringify(await forgedClass()));
   expectLevels(await levels(), "reopened");
   const realHeaders = await page.evaluate(() => [...document.querySelectorAll("#log-lines .l")]
@@ -214,6 +222,11 @@ try {
   await shoot(page, "at-line", 1280, 800, "light");
   await shoot(page, "at-line", 1280, 800, "dark");
   await page.setViewport({ width: 1280, height: 800 });
+  // The pause was the hit's: the log opened again from the device list is live.
+  await backToDevices(page);
+  await page.click("#devices .device .chip");
+  await until(page, () => !document.querySelector("#log-lines .l.at") && document.querySelector("#live-label").textContent === "Live" &&
+    document.querySelector("#live").checked, 5000, "the log opened from the device list to be live");
 
   // More hostile text, arriving live: a 1 MiB line (markup, then three-byte characters,
   // so that a cut anywhere inside it would split one) and bytes that are not UTF-8. Both
