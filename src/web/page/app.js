@@ -337,6 +337,8 @@ async function loadEarlier() {
 function applyLevelFilter() {
   const value = $("log-level").value;
   const lines = $("log-lines");
+  // Lines shown again would replay their arrival flash: they are not new.
+  for (const line of lines.querySelectorAll(".l.new")) line.classList.remove("new");
   lines.classList.toggle("only-error", value === "error");
   lines.classList.toggle("only-warning", value === "warning");
 }
