@@ -150,9 +150,9 @@ try {
   await page.evaluate(() => new Promise((r) => setTimeout(r, 1300)));  // the arrival flash fades
   await shoot(page, "levels-filtered", 1280, 800, "light");
   if ((await showing("")) !== "true true true") fail("all lines shows " + await showing(""));
+  await page.evaluate(() => { const l = $("log-lines"); l.scrollTop = l.scrollHeight; });
   await shoot(page, "levels", 1280, 800, "light");
   await shoot(page, "levels", 1280, 800, "dark");
-  await shoot(page, "levels", 390, 844, "dark");
   await page.setViewport({ width: 1280, height: 800 });
 
   // A device sends a header-shaped line as its text: it stays text, live and when the
