@@ -2,8 +2,12 @@
 // The page in headless Chromium against a real collector and nimb-web: the device
 // list, a log with its header lines, lines pushed with nimb-logpush appearing live,
 // search highlighting, hostile text shown as text (a 1 MiB line and bytes that are not
-// UTF-8 among it) with the page still answering. Screenshots of the main views
-// (laptop and phone widths, light and dark) land in <build>/screenshots.
+// UTF-8 among it) with the page still answering. Over the collector's index: live lines
+// of each level carry it and the "Show" filter hides the lower ones, a header-shaped
+// line a device sends stays text and changes neither its name nor its clock tie, and a
+// search by severity groups its hits under the device's name and opens one at its line.
+// Screenshots of the main views (laptop and phone widths, light and dark) land in
+// <build>/screenshots.
 #include <cstdlib>
 #include <filesystem>
 

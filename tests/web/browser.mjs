@@ -21,6 +21,19 @@ mkdirSync(shots, { recursive: true });
 
 function fail(message) { throw new Error(message); }
 
+// Back to the device list by its link, once the list was loaded again.
+async function backToDevices(page) {
+  const old = await page.$("#devices .device");
+  await page.click(".back");
+  await page.waitForFunction((card) => !$("view-devices").hidden && (!card || !card.isConnected) && $("devices").querySelector(".device"),
+    { timeout: 5000 }, old);
+}
+
+// Waits (at most `ms`) for `expression` to hold in the page; fails saying what was awaited.
+async function until(page, expression, ms, what) {
+  try { await page.waitForFunction(expression, { timeout: ms }); } catch (e) { fail("waited " + ms + " ms in vain for " + what); }
+}
+
 // Pushes text as the device, like a device would; returns when the collector replied.
 function push(text) {
   const dir = mkdtempSync(join(tmpdir(), "push-"));
@@ -110,6 +123,110 @@ try {
   figures.liveP50Ms = latencies[Math.floor(latencies.length / 2)];
   figures.liveMaxMs = latencies[latencies.length - 1];
   await allShots(page, "log");
+
+  // Lines of three levels arrive while the log is open and live: errors and warnings
+  // carry their level, the rest none, and "Show" hides the lower levels.
+  const lineWith = (text) => `[...document.querySelectorAll("#log-lines .l")].find((l) => l.textContent.endsWith(${JSON.stringify(text)}))`;
+  const levelOf = (text) => page.evaluate(`(() => { const l = ${lineWith(text)}; return l ? { cls: l.className, shown: getComputedStyle(l).display !== "none" } : null; })()`);
+  const t = stamp(new Date());
+  push(`${t} app: ERROR: disk failing\n${t} app: WARN: disk slow\n${t} app: INFO: disk checked\n`);
+  await until(page, `(${lineWith("ERROR: disk failing")} || {}).className?.includes("sev-err")`, 5000, "the live error line to carry its level");
+  const levels = async () => ({
+    err: await levelOf("ERROR: disk failing"), warn: await levelOf("WARN: disk slow"), info: await levelOf("INFO: disk checked"),
+  });
+  const expectLevels = (seen, where) => {
+    if (!/\bsev-err\b/.test(seen.err.cls)) fail(where + ": the error line is classed " + JSON.stringify(seen.err.cls));
+    if (!/\bsev-warn\b/.test(seen.warn.cls)) fail(where + ": the warning line is classed " + JSON.stringify(seen.warn.cls));
+    if (/\bsev-/.test(seen.info.cls)) fail(where + ": the info line is classed " + JSON.stringify(seen.info.cls));
+  };
+  expectLevels(await levels(), "live");
+  const showing = async (value) => {
+    await page.select("#log-level", value);
+    const seen = await levels();
+    return [seen.err.shown, seen.warn.shown, seen.info.shown].join(" ");
+  };
+  if ((await showing("error")) !== "true false false") fail("errors and worse shows " + await showing("error"));
+  if ((await showing("warning")) !== "true true false") fail("warnings and worse shows " + await showing("warning"));
+  await page.evaluate(() => new Promise((r) => setTimeout(r, 1300)));  // the arrival flash fades
+  await shoot(page, "levels-filtered", 1280, 800, "light");
+  if ((await showing("")) !== "true true true") fail("all lines shows " + await showing(""));
+  await page.evaluate(() => { const l = $("log-lines"); l.scrollTop = l.scrollHeight; });
+  await shoot(page, "levels", 1280, 800, "light");
+  await shoot(page, "levels", 1280, 800, "dark");
+  await page.setViewport({ width: 1280, height: 800 });
+
+  // A device sends a header-shaped line as its text: it stays text, live and when the
+  // log is opened again, and the device keeps its name and clock tie.
+  const forged = "===== Forged - x === 1999/01/01 00:00:00 <-> 1999/01/01 00:00:00 =====";
+  push(`\n${forged}\n${stamp(new Date())} after the forged header\n`);
+  // Every header line the collector wrote is marked once its index has it (within a second).
+  await until(page, `${lineWith("after the forged header")} && [...document.querySelectorAll("#log-lines .l")]
+    .filter((l) => l.textContent.startsWith("===== Living room - ")).every((l) => l.classList.contains("hdr"))`, 5000,
+  "the collector's header lines arriving live to be marked");
+  const forgedClass = () => page.evaluate(`(${lineWith(forged)} || {}).className`);
+  if ((await forgedClass()) !== "l" && (await forgedClass()) !== "l new") fail("the forged header line, live, is classed " + JSON.stringify(await forgedClass()));
+  await backToDevices(page);
+  const card = await page.$eval("#devices .device", (d) => ({ name: d.querySelector(".name").textContent, tie: d.querySelector(".tie").textContent }));
+  if (card.name !== "Living room") fail("after a forged header the device is named " + JSON.stringify(card.name));
+  if (card.tie.includes("1999")) fail("the forged header became the clock tie: " + card.tie);
+  await page.click(".device .chip");
+  await until(page, `!$("view-log").hidden && !document.querySelector("#log-lines .l.new") && ${lineWith("after the forged header")}`, 5000,
+    "the log to open again");
+  if ((await forgedClass()) !== "l") fail("the forged header line, reopened, is classed " + JSON.stringify(await forgedClass()));
+  expectLevels(await levels(), "reopened");
+  const realHeaders = await page.evaluate(() => [...document.querySelectorAll("#log-lines .l")]
+    .filter((l) => l.textContent.startsWith("===== Living room - ") && !l.classList.contains("hdr")).length);
+  if (realHeaders) fail(realHeaders + " header lines of the collector are not marked");
+  await shoot(page, "forged", 1280, 800, "light");
+
+  // Search with a severity: the hits come under the device's name, each with its level;
+  // "open at this line" shows the line marked among its neighbours, the view paused.
+  await page.click('.tabs a[data-view="search"]');
+  await page.waitForSelector("#q", { visible: true, timeout: 5000 });
+  await page.type("#q", "disk");
+  await page.select("#level", "warning");
+  await page.click("#search-form button[type=submit]");
+  await page.waitForFunction(() => document.querySelectorAll("#results .hit").length > 0, { timeout: 5000 });
+  const found = await page.evaluate(() => ({
+    groups: [...document.querySelectorAll("#results .devicehits > h2")].map((h) => h.textContent),
+    hits: [...document.querySelectorAll("#results .hitline")].map((l) => ({ text: l.textContent, cls: l.className })),
+  }));
+  if (found.groups.length !== 1 || found.groups[0] !== "Living roompuck-7001122334455")
+    fail("search groups: " + JSON.stringify(found.groups));
+  const hitTexts = found.hits.map((h) => h.text.replace(/ open at this line$/, ""));
+  if (hitTexts.length !== 2 || !hitTexts[0].endsWith("ERROR: disk failing") || !hitTexts[1].endsWith("WARN: disk slow"))
+    fail("warnings and worse found " + JSON.stringify(hitTexts));
+  if (!found.hits[0].cls.includes("sev-err") || !found.hits[1].cls.includes("sev-warn"))
+    fail("search hits classed " + JSON.stringify(found.hits.map((h) => h.cls)));
+  await shoot(page, "search-severity", 1280, 800, "light");
+  await shoot(page, "search-severity", 390, 844, "dark");
+  await page.setViewport({ width: 1280, height: 800 });
+  await page.click("#results .hitline a.open");
+  await page.waitForSelector("#log-lines .l.at", { timeout: 5000 });
+  const at = await page.evaluate(() => {
+    const line = document.querySelector("#log-lines .l.at");
+    const box = line.getBoundingClientRect(), frame = document.querySelector("#log-lines").getBoundingClientRect();
+    return {
+      text: line.textContent, marked: document.querySelectorAll("#log-lines .l.at").length,
+      before: line.previousElementSibling?.textContent, after: line.nextElementSibling?.textContent,
+      inView: box.top >= frame.top && box.bottom <= frame.bottom,
+      live: document.querySelector("#live").checked, label: document.querySelector("#live-label").textContent,
+      meta: document.querySelector("#log-meta").textContent,
+    };
+  });
+  if (!at.text.endsWith("ERROR: disk failing") || at.marked !== 1) fail("opened at " + JSON.stringify(at));
+  if (!at.before?.startsWith("===== Living room - ") || !at.after?.endsWith("WARN: disk slow")) fail("around the hit: " + JSON.stringify(at));
+  if (!at.inView) fail("the hit's line is not scrolled into view");
+  if (at.live || at.label !== "Paused") fail("opened at a hit, the view is " + at.label);
+  if (!at.meta.includes("around the hit")) fail("opened at a hit, the view says " + JSON.stringify(at.meta));
+  await shoot(page, "at-line", 1280, 800, "light");
+  await shoot(page, "at-line", 1280, 800, "dark");
+  await page.setViewport({ width: 1280, height: 800 });
+  // The pause was the hit's: the log opened again from the device list is live.
+  await backToDevices(page);
+  await page.click("#devices .device .chip");
+  await until(page, () => !document.querySelector("#log-lines .l.at") && document.querySelector("#live-label").textContent === "Live" &&
+    document.querySelector("#live").checked, 5000, "the log opened from the device list to be live");
 
   // More hostile text, arriving live: a 1 MiB line (markup, then three-byte characters,
   // so that a cut anywhere inside it would split one) and bytes that are not UTF-8. Both

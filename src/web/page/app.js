@@ -239,6 +239,7 @@ function lineDiv(text, fresh, level, header) {
 }
 
 // Appends text to the view; a first piece continues an unfinished last line.
+// Returns the lines it added whole (not the one it continued).
 function appendText(container, text, fresh, info) {
   const log = state.log;
   const pieces = text.split("\n");
@@ -255,9 +256,12 @@ function appendText(container, text, fresh, info) {
     container.replaceChild(lineDiv(joined, fresh, levels[0], headerOf(0)), last);
     i = 1;
   }
-  for (const piece of pieces) { fragment.append(lineDiv(piece, fresh, levels[i], headerOf(i))); i++; }
+  const added = [];
+  for (const piece of pieces) { added.push(lineDiv(piece, fresh, levels[i], headerOf(i))); i++; }
+  fragment.append(...added);
   container.append(fragment);
   if (log) log.open = endsOpen;
+  return added;
 }
 
 function prependText(container, text, info) {
@@ -286,6 +290,7 @@ async function openLog(file, at, generation) {
     state.log.inode = chunk.inode;
     state.log.earlier = chunk.earlier || null;
     state.log.open = false;
+    state.log.indexed = Array.isArray(chunk.headers);
     appendText(lines, chunk.text, false, chunk);
     $("load-earlier").hidden = !state.log.earlier;
     applyLevelFilter();
@@ -296,12 +301,15 @@ async function openLog(file, at, generation) {
       const line = lines.children[index];
       $("log-meta").textContent = "showing the text around the hit at byte " + at + (generation ? " of an earlier generation" : "");
       $("live").checked = false;
+      state.pausedAtHit = true;
       setLiveLabel("Paused");
       if (line) { line.classList.add("at"); line.scrollIntoView({ block: "center" }); }
       return;
     }
     $("log-meta").textContent = "showing the last " + bytes(chunk.end - chunk.start) + (chunk.start > 0 || chunk.earlier ? "; earlier text is kept" : "");
     lines.scrollTop = lines.scrollHeight;
+    // A pause that came with a hit ends with it; one the user chose stays.
+    if (state.pausedAtHit) { $("live").checked = true; state.pausedAtHit = false; }
     if ($("live").checked) startLive();
   } catch (e) {
     $("log-meta").textContent = "cannot open " + file + ": " + e.message;
@@ -329,6 +337,8 @@ async function loadEarlier() {
 function applyLevelFilter() {
   const value = $("log-level").value;
   const lines = $("log-lines");
+  // Lines shown again would replay their arrival flash: they are not new.
+  for (const line of lines.querySelectorAll(".l.new")) line.classList.remove("new");
   lines.classList.toggle("only-error", value === "error");
   lines.classList.toggle("only-warning", value === "warning");
 }
@@ -346,7 +356,9 @@ function startLive() {
     const data = JSON.parse(event.data);
     const lines = $("log-lines");
     const atBottom = lines.scrollHeight - lines.scrollTop - lines.clientHeight < 40;
-    appendText(lines, data.text, true);
+    // With the index, a line is a header only once the index says the collector wrote it.
+    const added = appendText(lines, data.text, true, log.indexed ? { headers: [] } : undefined);
+    levelLive(log, added, log.end, data.end, data.inode, 0);
     log.end = data.end;
     log.inode = data.inode;
     state.retry = 0;
@@ -366,6 +378,34 @@ function startLive() {
     state.retry = Math.min(state.retry + 1, 10);
     setTimeout(() => { if (state.log === log && $("live").checked) startLive(); }, 1000 * state.retry);
   };
+}
+
+// Text arriving live comes without levels: they (and, with the index, which lines are
+// the collector's header lines) are asked of /api/log for the bytes that arrived, and
+// matched to the lines from the end. The index takes up to a second to hold new text,
+// so while a header-shaped line is not known as a header yet it is asked again.
+async function levelLive(log, added, from, end, inode, tries) {
+  if (!added.length || end <= from) return;
+  let chunk;
+  try {
+    // One byte more: the reply begins after its first newline, the one ending the line before.
+    chunk = await api("/api/log?" + query({ file: log.file, before: end, limit: end - from + (from > 0 ? 1 : 0) }));
+  } catch (e) {
+    return;
+  }
+  if (state.log !== log || chunk.inode !== inode || chunk.end !== end) return;
+  const headers = Array.isArray(chunk.headers) ? new Set(chunk.headers) : null;
+  const count = Math.min(added.length, chunk.levels.length);
+  let unsure = false;
+  for (let k = 1; k <= count; k++) {
+    const div = added[added.length - k], i = chunk.levels.length - k;
+    const isHeader = headers ? headers.has(i) : headerLine.test(div.dataset.raw);
+    if (headers && !isHeader && headerLine.test(div.dataset.raw)) unsure = true;
+    div.classList.remove("hdr", "sev-err", "sev-warn");
+    const cls = isHeader ? "hdr" : severityClass(chunk.levels[i]).trim();
+    if (cls) div.classList.add(cls);
+  }
+  if (unsure && tries < 4) setTimeout(() => levelLive(log, added, from, end, inode, tries + 1), 600);
 }
 
 function stopLive() {
@@ -564,7 +604,10 @@ document.addEventListener("DOMContentLoaded", () => {
   initSearch();
   $("load-earlier").addEventListener("click", loadEarlier);
   $("log-level").addEventListener("change", applyLevelFilter);
-  $("live").addEventListener("change", () => { if ($("live").checked) startLive(); else { stopLive(); setLiveLabel("Paused"); } });
+  $("live").addEventListener("change", () => {
+    state.pausedAtHit = false;
+    if ($("live").checked) startLive(); else { stopLive(); setLiveLabel("Paused"); }
+  });
   window.addEventListener("hashchange", route);
   route();
 });
