@@ -268,10 +268,14 @@ try {
     [...document.querySelectorAll("#devices .chip")].some((c) => c.textContent.includes("hostile.log")), { timeout: 5000 });
 
   // A search highlights its hit.
+  // An earlier search's results may still be on the page: wait for this one's.
   await page.goto(url + "#/search?q=needle", { waitUntil: "domcontentloaded" });
-  await page.waitForSelector("#results mark", { timeout: 5000 });
-  const marked = await page.$eval("#results mark", (e) => e.textContent);
-  if (marked !== "needle") fail("search marked " + JSON.stringify(marked));
+  await page.waitForFunction(() => {
+    const marks = [...document.querySelectorAll("#results mark")];
+    return marks.length > 0 && marks.every((m) => m.textContent === "needle");
+  }, { timeout: 10000 }).catch(() => {});
+  const marked = await page.$$eval("#results mark", (all) => all.map((e) => e.textContent));
+  if (marked.length === 0 || marked.some((m) => m !== "needle")) fail("search marked " + JSON.stringify(marked));
   await allShots(page, "search");
 
   await page.goto(url + "#/health", { waitUntil: "domcontentloaded" });
