@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include <dirent.h>
@@ -132,25 +133,6 @@ bool DeviceLogIndex::Identity::operator==(const Identity& other) const {
     return deviceId == other.deviceId && mac == other.mac && displayName == other.displayName &&
            caller == other.caller && account == other.account && peer == other.peer;
 }
-
-// The piece a log is growing, as it will be stored.
-struct DeviceLogIndex::OpenPiece {
-    std::int64_t id = 0;
-    std::int64_t generation = 0;
-    std::uint64_t offset = 0;
-    std::uint64_t length = 0;
-    long long firstReceivedMs = 0;
-    long long lastReceivedMs = 0;
-    bool hasDeviceTime = false;
-    long long deviceTime = 0;
-    long long clockOffset = 0;
-    long long firstTime = 0;
-    long long lastTime = 0;
-    std::uint16_t severities = 0;
-    std::uint32_t lines = 0;
-    bool header = false;
-    Identity source;
-};
 
 struct DeviceLogIndex::LogState {
     std::int64_t generation = 0;
@@ -497,19 +479,17 @@ void DeviceLogIndex::loadLocked() {
 }
 
 void DeviceLogIndex::reconcile() {
-    std::vector<std::pair<std::string, std::int64_t>> known;
+    std::set<std::string> known;
     {
         PMutexLocker lock(mutex_);
         PMutexLocker db(dbMutex_);
         loadLocked();
-        for (const auto& [file, log] : logs_) known.emplace_back(file, log->generation);
+        for (const auto& entry : logs_) known.insert(entry.first);
     }
-    for (const auto& [file, generation] : known) reconcileLog(file);
+    for (const std::string& file : known) reconcileLog(file);
     // Logs written after the last commit before a crash, which the index never knew.
     for (const std::string& file : deviceLogFiles()) {
-        bool isKnown = false;
-        for (const auto& entry : known) isKnown = isKnown || entry.first == file;
-        if (!isKnown) indexWholeLog(file);
+        if (known.count(file) == 0) indexWholeLog(file);
     }
     flushNow();
 }
@@ -581,6 +561,7 @@ void DeviceLogIndex::rebuild() {
 
 std::vector<std::string> DeviceLogIndex::deviceLogFiles() const {
     std::vector<std::string> files;
+    std::set<std::string> seen;  // a log and its backup name one log
     DIR* folder = opendir(logsDir_.c_str());
     if (folder == nullptr) return files;
     const std::string suffix = RotatingLogFile::kBackupSuffix;
@@ -594,7 +575,7 @@ std::vector<std::string> DeviceLogIndex::deviceLogFiles() const {
         struct stat info {};
         if (lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || !looksLikeDeviceLog(path))
             continue;
-        if (std::find(files.begin(), files.end(), base) == files.end()) files.push_back(base);
+        if (seen.insert(base).second) files.push_back(base);
     }
     closedir(folder);
     return files;

@@ -151,7 +151,8 @@ public:
     std::uint64_t sizeBytes() const;
 
 private:
-    struct OpenPiece;
+    // The piece a log is growing, as it will be stored (its file and path unused).
+    using OpenPiece = Piece;
     struct LogState;
     struct Snapshot;
     DeviceLogIndex(std::string logsDir, sqlite3* db);
