@@ -9,6 +9,8 @@
 #include <unistd.h>
 #include <zstd.h>
 
+#include "DeviceLogTrigrams.h"
+
 namespace DeviceLogHistoryFrames {
 
 namespace {
@@ -90,6 +92,7 @@ bool compress(int in, int out, std::size_t frameBytes, int level, std::uint64_t&
     std::vector<char> packed(ZSTD_compressBound(frameBytes));
     std::string index;
     std::uint32_t count = 0;
+    DeviceLogTrigrams trigrams;
     if (::lseek(in, 0, SEEK_SET) < 0) {
         error = errnoText("seek", errno);
         return false;
@@ -101,6 +104,7 @@ bool compress(int in, int out, std::size_t frameBytes, int level, std::uint64_t&
             return false;
         }
         if (n == 0) break;
+        trigrams.add(std::string_view(raw.data(), static_cast<std::size_t>(n)));
         const std::size_t size = ZSTD_compress2(context.get(), packed.data(), packed.size(),
                                                 raw.data(), static_cast<std::size_t>(n));
         if (ZSTD_isError(size)) {
@@ -118,8 +122,12 @@ bool compress(int in, int out, std::size_t frameBytes, int level, std::uint64_t&
         compressedBytes += size;
         if (static_cast<std::size_t>(n) < raw.size()) break;
     }
+    std::string filter = trigrams.finish();
+    if (filter.size() > kMaxFilterBytes) filter.clear();
+    index += filter;
+    putLe32(index, static_cast<std::uint32_t>(filter.size()));
     putLe32(index, count);
-    putLe32(index, kIndexMarker);
+    putLe32(index, kFilteredIndexMarker);
     std::string frame;
     putLe32(frame, kSkippableMagic);
     putLe32(frame, static_cast<std::uint32_t>(index.size()));
@@ -132,19 +140,27 @@ bool compress(int in, int out, std::size_t frameBytes, int level, std::uint64_t&
     return true;
 }
 
-bool readIndex(int fd, std::uint64_t fileSize, std::vector<Frame>& frames, std::string& error) {
+bool readIndex(int fd, std::uint64_t fileSize, std::vector<Frame>& frames, std::string& error,
+               std::string* filter) {
     frames.clear();
-    char tail[8];
-    if (fileSize < 16 || !preadFull(fd, tail, sizeof(tail), fileSize - sizeof(tail))) {
+    if (filter != nullptr) filter->clear();
+    char tail[12];
+    if (fileSize < 20 || !preadFull(fd, tail, sizeof(tail), fileSize - sizeof(tail))) {
         error = "no frame index";
         return false;
     }
-    const std::uint64_t count = getLe32(tail);
-    if (getLe32(tail + 4) != kIndexMarker || (count * 8 + 16) > fileSize) {
+    // Without a filter the index ends in (count, marker), with one in (filter size,
+    // count, marker).
+    const std::uint32_t marker = getLe32(tail + 8);
+    const std::uint64_t count = getLe32(tail + 4);
+    const bool filtered = marker == kFilteredIndexMarker;
+    const std::uint64_t filterSize = filtered ? getLe32(tail) : 0;
+    const std::uint64_t payload = count * 8 + filterSize + (filtered ? 12 : 8);
+    if ((!filtered && marker != kIndexMarker) || payload + 8 > fileSize ||
+        filterSize > kMaxFilterBytes) {
         error = "no frame index";
         return false;
     }
-    const std::uint64_t payload = count * 8 + 8;
     std::string index(static_cast<std::size_t>(payload + 8), '\0');
     if (!preadFull(fd, index.data(), index.size(), fileSize - index.size())) {
         error = errnoText("read", errno);
@@ -161,6 +177,7 @@ bool readIndex(int fd, std::uint64_t fileSize, std::vector<Frame>& frames, std::
         frame.rawSize = getLe32(index.data() + 12 + i * 8);
         if (frame.rawSize == 0 || frame.rawSize > kMaxFrameBytes) {
             error = "damaged frame index";
+            frames.clear();
             return false;
         }
         frames.push_back(frame);
@@ -171,6 +188,10 @@ bool readIndex(int fd, std::uint64_t fileSize, std::vector<Frame>& frames, std::
         error = "frame index does not match the file size";
         frames.clear();
         return false;
+    }
+    if (filter != nullptr) {
+        filter->assign(index, static_cast<std::size_t>(8 + count * 8),
+                       static_cast<std::size_t>(filterSize));
     }
     return true;
 }

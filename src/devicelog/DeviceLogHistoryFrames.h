@@ -5,11 +5,14 @@
 // that lists every frame's compressed and uncompressed size:
 //   skippable frame = magic 0x184D2A5E (LE32), payload size (LE32), payload
 //   payload         = count x { compressed size (LE32), raw size (LE32) },
-//                     count (LE32), kIndexMarker (LE32)
+//                     filter, filter size (LE32), count (LE32), kFilteredIndexMarker (LE32)
+// where filter is the DeviceLogTrigrams summary of the whole text (possibly empty).
+// Files written before the filter existed end in count, kIndexMarker instead, and are
+// read as files without a filter.
 // The zstd tool skips that frame, so `zstdcat` prints the whole text; a reader finds it
-// from the last eight bytes and reaches any offset by decompressing only the frames
-// that hold it. Used by DeviceLogHistory; stateless functions over descriptors the
-// caller owns, any thread.
+// from the last twelve bytes and reaches any offset by decompressing only the frames
+// that hold it, after asking the filter whether a word can be in the text at all. Used by
+// DeviceLogHistory; stateless functions over descriptors the caller owns, any thread.
 #pragma once
 
 #include <cstddef>
@@ -21,6 +24,10 @@ namespace DeviceLogHistoryFrames {
 
 // Last four bytes of a history file's index ("NHIX" read as a little-endian word).
 constexpr std::uint32_t kIndexMarker = 0x5849484E;
+// The same for an index followed by a filter ("NHIF").
+constexpr std::uint32_t kFilteredIndexMarker = 0x4649484E;
+// Largest filter a reader accepts.
+constexpr std::uint32_t kMaxFilterBytes = 1024 * 1024;
 // The zstd skippable-frame magic the index is written under.
 constexpr std::uint32_t kSkippableMagic = 0x184D2A5E;
 // Largest uncompressed frame a reader accepts (a damaged index cannot make it allocate more).
@@ -41,14 +48,16 @@ struct Frame {
 
 // Compresses everything `in` holds from its start to its end into `out` (empty, open
 // for writing): frames of `frameBytes` uncompressed bytes (the last may be shorter),
-// then the index. Does not sync. Returns false with `error` set on a failed read,
-// write or compression; `rawBytes` and `compressedBytes` are the sizes written.
+// then the index with the text's filter. Does not sync. Returns false with `error` set on a failed
+// read, write or compression; `rawBytes` and `compressedBytes` are the sizes written.
 bool compress(int in, int out, std::size_t frameBytes, int level, std::uint64_t& rawBytes,
               std::uint64_t& compressedBytes, std::string& error);
 
-// Reads the index of the compressed file `fd` of `fileSize` bytes. False with `error`
-// set when the file has none or it does not add up to the file's size.
-bool readIndex(int fd, std::uint64_t fileSize, std::vector<Frame>& frames, std::string& error);
+// Reads the index of the compressed file `fd` of `fileSize` bytes, and its filter into
+// `filter` when given ("" when the file has none). False with `error` set when the file
+// has no index or it does not add up to the file's size.
+bool readIndex(int fd, std::uint64_t fileSize, std::vector<Frame>& frames, std::string& error,
+               std::string* filter = nullptr);
 
 // The uncompressed size the frames hold.
 std::uint64_t rawSize(const std::vector<Frame>& frames);

@@ -11,6 +11,7 @@
 
 #include "DeviceLogHistoryFrames.h"
 #include "DeviceLogLines.h"
+#include "DeviceLogTrigrams.h"
 #include "SafeFolder.h"
 
 namespace {
@@ -40,29 +41,48 @@ void forLines(std::string_view text, Each each) {
     }
 }
 
-bool readHistory(const std::string& path, std::uint64_t offset, std::size_t length,
-                 std::string& out) {
-    bool compressed = false;
+// Opens the history generation `path`, or its compressed form; -1 when neither opens.
+int openHistory(const std::string& path, bool& compressed, struct stat& st) {
+    compressed = false;
     int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (fd < 0) {
         fd = open((path + kCompressed).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
         compressed = true;
     }
-    if (fd < 0) return false;
-    const UniqueFd owner(fd);
+    if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+bool readHistory(const std::string& path, std::uint64_t offset, std::size_t length,
+                 std::string& out) {
+    bool compressed = false;
     struct stat st {};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    const UniqueFd fd(openHistory(path, compressed, st));
+    if (!fd.valid()) return false;
     if (!compressed) {
         std::string part;
-        if (!SafeFolder::readAt(fd, offset, length, part)) return false;
+        if (!SafeFolder::readAt(fd.get(), offset, length, part)) return false;
         out += part;
         return true;
     }
     std::vector<DeviceLogHistoryFrames::Frame> frames;
     std::string error;
-    return DeviceLogHistoryFrames::readIndex(fd, static_cast<std::uint64_t>(st.st_size), frames,
-                                             error) &&
-           DeviceLogHistoryFrames::readRange(fd, frames, offset, length, out, error);
+    return DeviceLogHistoryFrames::readIndex(fd.get(), static_cast<std::uint64_t>(st.st_size),
+                                             frames, error) &&
+           DeviceLogHistoryFrames::readRange(fd.get(), frames, offset, length, out, error);
+}
+
+// "history/<log file>/<generation>" below `folder`, each component plain.
+bool isHistoryPath(const std::string& folder, const std::string& path) {
+    const std::string prefix = folder + "/" + DeviceLogIndex::kFolderName + "/";
+    if (path.compare(0, prefix.size(), prefix) != 0) return false;
+    const std::string inside = path.substr(prefix.size());
+    const std::size_t slash = inside.find('/');
+    return slash != std::string::npos && SafeFolder::isPlainName(inside.substr(0, slash)) &&
+           SafeFolder::isPlainName(inside.substr(slash + 1));
 }
 
 }  // namespace
@@ -92,16 +112,23 @@ bool LogIndexView::readPath(const std::string& folder, const std::string& path,
         out += part;
         return true;
     }
-    // "history/<log file>/<generation>": each component plain, nothing else.
-    const std::string history = std::string(DeviceLogIndex::kFolderName) + "/";
-    if (rest.compare(0, history.size(), history) != 0) return false;
-    const std::string inside = rest.substr(history.size());
-    const std::size_t slash = inside.find('/');
-    if (slash == std::string::npos || !SafeFolder::isPlainName(inside.substr(0, slash)) ||
-        !SafeFolder::isPlainName(inside.substr(slash + 1))) {
-        return false;
+    return isHistoryPath(folder, path) && readHistory(path, offset, length, out);
+}
+
+bool LogIndexView::mayHold(const std::string& folder, const std::string& path,
+                           std::string_view needle) {
+    if (needle.size() < 3 || !isHistoryPath(folder, path)) return true;
+    bool compressed = false;
+    struct stat st {};
+    const UniqueFd fd(openHistory(path, compressed, st));
+    if (!fd.valid() || !compressed) return true;
+    std::vector<DeviceLogHistoryFrames::Frame> frames;
+    std::string filter, error;
+    if (!DeviceLogHistoryFrames::readIndex(fd.get(), static_cast<std::uint64_t>(st.st_size), frames,
+                                           error, &filter)) {
+        return true;
     }
-    return readHistory(path, offset, length, out);
+    return DeviceLogTrigrams::mayHold(filter, needle);
 }
 
 bool LogIndexView::openLocked() {

@@ -63,6 +63,10 @@ public:
     // the path is not one of those or cannot be read.
     static bool readPath(const std::string& folder, const std::string& path, std::uint64_t offset,
                          std::size_t length, std::string& out);
+    // Whether the file at `path` (as for readPath) may hold `needle`: false only for a
+    // compressed history generation whose filter shows the needle is not in its text.
+    static bool mayHold(const std::string& folder, const std::string& path,
+                        std::string_view needle);
     // The class a level falls into.
     static Class classOf(DeviceLogSeverity::Level level);
     // The one level a mask holds, Unknown when it holds none or several.

@@ -52,6 +52,7 @@ struct Result {
     bool timedOut = false;  // stopped at the time budget
     std::uint64_t bytesScanned = 0;
     std::size_t filesScanned = 0;
+    std::size_t filesSkipped = 0;  // history generations whose filter ruled the pattern out
 };
 
 constexpr std::size_t kMaxPatternBytes = 1024;

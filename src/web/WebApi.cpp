@@ -386,6 +386,13 @@ WebReply log(LogCatalog& catalog, const QUrlQuery& query) {
 
 namespace {
 
+// The text every match of `q` holds: the pattern itself, or a regular expression that
+// is one literal; "" when there is none.
+std::string literalOf(const LogSearch::Query& q) {
+    if (q.regex && q.pattern.find_first_of("\\.^$|?*+()[]{}") != std::string::npos) return {};
+    return q.pattern;
+}
+
 // A search through the index: only pieces inside the time range, of the files asked
 // for and holding a line of the level asked for are read; a matching line counts when
 // its own time (its stamp, else when it was received) is in the range and its level
@@ -419,11 +426,18 @@ LogSearch::Result indexedSearch(LogCatalog& catalog, const LogSearch::Query& q,
         return std::tie(a.file, a.generation, a.offset) < std::tie(b.file, b.generation, b.offset);
     });
     const std::string& folder = catalog.folder();
+    // A history generation whose filter shows the text cannot hold the pattern is not read.
+    const std::string literal = literalOf(q);
     std::size_t i = 0;
     while (i < pieces.size()) {
         std::size_t j = i + 1;
         while (j < pieces.size() && pieces[j].path == pieces[i].path) ++j;
         const std::string& path = pieces[i].path;
+        if (!LogIndexView::mayHold(folder, path, literal)) {
+            ++searcher.result().filesSkipped;
+            i = j;
+            continue;
+        }
         LogSearch::FileHits hits;
         hits.log = pieces[i].file;
         hits.generation = pieces[i].generation;
@@ -560,6 +574,7 @@ WebReply search(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) {
     object.insert(QStringLiteral("budgetMs"), static_cast<qint64>(q.budget.count()));
     object.insert(QStringLiteral("bytesScanned"), static_cast<qint64>(result.bytesScanned));
     object.insert(QStringLiteral("filesScanned"), static_cast<qint64>(result.filesScanned));
+    object.insert(QStringLiteral("filesSkipped"), static_cast<qint64>(result.filesSkipped));
     return WebReply::json(object);
 }
 

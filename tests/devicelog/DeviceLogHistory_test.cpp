@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -25,100 +26,19 @@
 
 #include "CBBLog.h"
 #include "CRegistry.h"
+#include "DeviceLogHistoryFrames.h"
+#include "DeviceLogTrigrams.h"
+#include "LogCorpus.h"
 #include "NimbSettingsKeys.h"
 #include "NimbTestSupport.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using nimbtest::deviceCorpus;
 using nimbtest::readFile;
+using nimbtest::syslogCorpus;
 using nimbtest::writeFile;
-
-// Syslog-like text: RFC 3164 lines of a few hosts and daemons, counters, addresses of a
-// small network and ports of the ephemeral range.
-std::string syslogCorpus(std::size_t bytes, unsigned seed) {
-    std::mt19937 rng(seed);
-    const char* hosts[] = {"nas-01", "media-box", "router", "cam-garden", "tv-living"};
-    struct Template {
-        const char* app;
-        int pri;
-        const char* text;
-    };
-    const Template templates[] = {
-        {"sshd", 38, "Accepted publickey for admin from 192.168.1.%u port %u ssh2"},
-        {"sshd", 86, "pam_unix(sshd:session): session opened for user admin(uid=1000) by (uid=0)"},
-        {"CRON", 78, "(root) CMD (   /usr/lib/sa/sa1 1 1)"},
-        {"dhcpd", 30, "DHCPREQUEST for 192.168.1.%u from 00:11:22:33:44:%02x via eth0"},
-        {"dhcpd", 30, "DHCPACK on 192.168.1.%u to 00:11:22:33:44:%02x via eth0"},
-        {"systemd", 30, "Started Session %u of user media."},
-        {"kernel", 6, "[%u.%06u] eth0: link up, 1000 Mbps, full duplex, lpa 0xC1E1"},
-        {"nginx", 190, "192.168.1.%u - - \"GET /api/v1/items?page=%u&size=50 HTTP/1.1\" 200 5120"},
-        {"smbd", 28, "connection from 192.168.1.%u:%u closed"},
-        {"ntpd", 29, "adjusting local clock by 0.%06us"},
-        {"smbd", 28, "smbd_audit: media|192.168.1.%u|open|ok|/media/movies/title_%u/part1.mkv"},
-        {"systemd", 30, "transcoder@%u.service: Succeeded."},
-    };
-    std::string out;
-    unsigned second = 0, session = 1200, counter = 0;
-    for (std::size_t line = 0; line < bytes && out.size() < bytes; ++line) {
-        second += rng() % 3;
-        const unsigned which = rng() % 12;
-        unsigned a = 2 + rng() % 40, b = 32768 + rng() % 28232;
-        if (which == 3 || which == 4) b %= 256;
-        if (which == 5 || which == 11) a = ++session;
-        if (which == 6) a = second, b = ++counter * 1237 % 1000000;
-        if (which == 7) b = 1 + rng() % 20;
-        char text[300];
-        snprintf(text, sizeof(text), templates[which].text, a, b);
-        char full[512];
-        snprintf(full, sizeof(full), "<%d>May %2u %02u:%02u:%02u %s %s[%u]: %s\n",
-                 templates[which].pri, 1 + second / 86400, second / 3600 % 24, second / 60 % 60,
-                 second % 60, hosts[rng() % 5], templates[which].app, 400 + templates[which].pri,
-                 text);
-        out += full;
-    }
-    return out;
-}
-
-// Device-like text: a media player's own log, "date time.ms [LEVEL] - module - text".
-std::string deviceCorpus(std::size_t bytes, unsigned seed) {
-    std::mt19937 rng(seed);
-    const char* modules[] = {"Player", "Network", "Scanner", "Decoder", "UI", "Upnp"};
-    const char* levels[] = {"INFO", "DEBUG", "WARN", "ERROR"};
-    const char* templates[] = {
-        "buffering stream %u: %u ms queued of 4000 ms",
-        "frame dropped at pts %u (decoder late by %u ms)",
-        "GET http://192.168.1.10:8470/stream/%u?offset=%u -> 206 Partial Content",
-        "scanning /media/music/album_%u/track_%02u.flac",
-        "key pressed: code %u repeat %u",
-        "ssdp notify from 192.168.1.%u:1900 alive, max-age %u",
-        "bitrate changed to %u kbps",
-        "cache hit ratio %u%% over %u requests",
-    };
-    std::string out;
-    unsigned ms = 0, pts = 0, offset = 0, stream = 17;
-    for (std::size_t line = 0; line < bytes && out.size() < bytes; ++line) {
-        ms += rng() % 400;
-        const unsigned which = rng() % 8;
-        const unsigned level = rng() % 10 < 8 ? rng() % 2 : 2 + rng() % 2;
-        unsigned a = rng() % 100, b = rng() % 100;
-        if (which == 0) a = stream, b = (rng() % 40) * 100;
-        if (which == 1) a = (pts += 3003), b = 1 + rng() % 60;
-        if (which == 2) a = stream, b = (offset += 65536);
-        if (which == 4) a = 100 + rng() % 12, b = rng() % 3;
-        if (which == 5) b = 1800;
-        if (which == 6) a = 1000 * (1 + rng() % 8);
-        if (rng() % 200 == 0) ++stream;
-        char text[300];
-        snprintf(text, sizeof(text), templates[which], a, b);
-        char full[512];
-        snprintf(full, sizeof(full), "2024/05/01 %02u:%02u:%02u.%03u [%s] - %s - %s\n",
-                 ms / 3600000 % 24, ms / 60000 % 60, ms / 1000 % 60, ms % 1000, levels[level],
-                 modules[rng() % 6], text);
-        out += full;
-    }
-    return out;
-}
 
 class DeviceLogHistoryTest : public nimbtest::ConfigHomeTest {
 protected:
@@ -200,6 +120,56 @@ TEST_F(DeviceLogHistoryTest, KeptTextCompressesAndReadsBackWholeByZstdAndAtAnyOf
         }
     }
     EXPECT_EQ(history.stats().compressedFiles, 2u);
+}
+
+TEST_F(DeviceLogHistoryTest, TheIndexCarriesAWordFilterAndFilesWithoutOneStillRead) {
+    if (system("command -v zstdcat >/dev/null 2>&1") != 0) GTEST_SKIP() << "zstd is missing";
+    const std::string text = deviceCorpus(512 * 1024, 4);
+    DeviceLogHistory history(options());
+    const std::string kept = keep(history, "a.log", text);
+    history.drain();
+    const std::string path = kept + ".zst";
+    const std::string packed = readFile(path);
+
+    std::vector<DeviceLogHistoryFrames::Frame> frames;
+    std::string filter, error;
+    {
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        ASSERT_GE(fd, 0);
+        ASSERT_TRUE(DeviceLogHistoryFrames::readIndex(fd, packed.size(), frames, error, &filter))
+            << error;
+        close(fd);
+    }
+    EXPECT_GE(frames.size(), 4u);
+    EXPECT_TRUE(DeviceLogTrigrams::mayHold(filter, "frame dropped at pts"));
+    EXPECT_FALSE(DeviceLogTrigrams::mayHold(filter, "segfault"));
+
+    // The same frames under an index without a filter, as files written before it.
+    std::string old =
+        packed.substr(0, frames.back().compressedOffset + frames.back().compressedSize);
+    std::string index;
+    const auto le32 = [](std::string& out, std::uint32_t value) {
+        for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>(value >> (8 * i)));
+    };
+    for (const auto& frame : frames) {
+        le32(index, frame.compressedSize);
+        le32(index, frame.rawSize);
+    }
+    le32(index, static_cast<std::uint32_t>(frames.size()));
+    le32(index, DeviceLogHistoryFrames::kIndexMarker);
+    le32(old, DeviceLogHistoryFrames::kSkippableMagic);
+    le32(old, static_cast<std::uint32_t>(index.size()));
+    writeFile(path, old + index);
+    EXPECT_TRUE(zstdcat(path) == text);
+    std::string out;
+    ASSERT_TRUE(history.read(path, 200000, 100000, out, error)) << error;
+    EXPECT_TRUE(out == text.substr(200000, 100000));
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    EXPECT_TRUE(
+        DeviceLogHistoryFrames::readIndex(fd, old.size() + index.size(), frames, error, &filter));
+    EXPECT_EQ(filter, "");
+    close(fd);
 }
 
 TEST_F(DeviceLogHistoryTest, FollowsNoLinkAndReadsNothingOutsideTheHistory) {

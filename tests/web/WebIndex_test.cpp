@@ -19,9 +19,11 @@
 
 #include <gtest/gtest.h>
 
+#include "DeviceLogHistory.h"
 #include "DeviceLogIndex.h"
 #include "DeviceLogWriter.h"
 #include "LogCatalog.h"
+#include "LogCorpus.h"
 #include "NimbTestSupport.h"
 #include "WebApi.h"
 
@@ -148,6 +150,48 @@ TEST_F(WebIndexTest, DevicesSearchAndLogsFollowTheIndex) {
         const int expected = lines[i].contains("ERROR") ? 3 : lines[i].contains("WARN") ? 4 : 8;
         EXPECT_EQ(levels[i].toInt(), expected) << lines[i].toStdString();
     }
+}
+
+TEST_F(WebIndexTest, HistorySearchReadsOnlyGenerationsThatMayHoldTheWord) {
+    {
+        std::string error;
+        std::shared_ptr<DeviceLogIndex> index = DeviceLogIndex::openForWriting(logs(), error);
+        ASSERT_TRUE(index) << error;
+        DeviceLogHistory::Options historyOptions;
+        historyOptions.logsDir = logs();
+        historyOptions.minFreePercent = 0;
+        auto history = std::make_shared<DeviceLogHistory>(historyOptions);
+        DeviceLogWriter::Options options;
+        options.logsDir = logs();
+        options.index = index;
+        options.history = history;
+        DeviceLogWriter writer(options);
+        const auto log = writer.open(kFile);
+        // Four generations of device text, the rare line in the first.
+        const std::string text = nimbtest::deviceCorpus(2200 * 1024, 9);
+        for (std::size_t at = 0; at < text.size(); at += 16 * 1024) {
+            LogTextInfo info;
+            info.receivedMs = received_ * 1000;
+            std::string piece = text.substr(at, 16 * 1024);
+            if (at == 32 * 1024) piece += "kernel: segfault at 0 ip 00007f\n";
+            ASSERT_TRUE(log->append(piece, nullptr, info));
+        }
+        writer.drain();
+        history->drain();
+        index->flush();
+        ASSERT_EQ(history->stats().compressedFiles, 3u);
+    }
+    LogCatalog catalog(logs());
+    const QJsonObject found = search(catalog, "q=segfault");
+    EXPECT_EQ(found.value("hitCount").toInt(), 1);
+    EXPECT_EQ(found.value("filesSkipped").toInt(), 2);
+    const QJsonObject none = search(catalog, "q=qzxqzx");
+    EXPECT_EQ(none.value("hitCount").toInt(), 0);
+    EXPECT_EQ(none.value("filesSkipped").toInt(), 3);
+    // A regular expression that is not one literal reads every generation.
+    const QJsonObject regex = search(catalog, "q=seg.ault&regex=1");
+    EXPECT_EQ(regex.value("hitCount").toInt(), 1);
+    EXPECT_EQ(regex.value("filesSkipped").toInt(), 0);
 }
 
 TEST_F(WebIndexTest, WithoutAnIndexTheFilesAreReadAsBefore) {
