@@ -741,6 +741,14 @@ std::vector<DeviceLogIndex::Piece> DeviceLogIndex::query(const Query& q) const {
     if (q.until != 0) sql += " AND p.first_time < ?2";
     if (q.severities != 0) sql += " AND (p.severities & ?3) != 0";
     if (!q.file.empty()) sql += " AND l.file = ?4";
+    // Up to kMaxQueryFiles files are asked for by name; more are not filtered here.
+    const bool someFiles = !q.files.empty() && q.files.size() <= kMaxQueryFiles;
+    if (someFiles) {
+        sql += " AND l.file IN (";
+        for (std::size_t i = 0; i < q.files.size(); ++i)
+            sql += (i == 0 ? "?" : ", ?") + std::to_string(7 + i);
+        sql += ")";
+    }
     if (!q.device.empty()) {
         sql +=
             " AND (s.device_id = ?5 OR s.display_name = ?5 OR s.mac = ?5 OR "
@@ -755,6 +763,10 @@ std::vector<DeviceLogIndex::Piece> DeviceLogIndex::query(const Query& q) const {
     if (!q.file.empty()) select.bind(4, q.file);
     if (!q.device.empty()) select.bind(5, q.device);
     select.bind(6, static_cast<long long>(q.limit));
+    if (someFiles) {
+        for (std::size_t i = 0; i < q.files.size(); ++i)
+            select.bind(static_cast<int>(7 + i), q.files[i]);
+    }
     std::vector<Piece> pieces;
     while (select.step() == SQLITE_ROW) {
         Piece p;

@@ -82,15 +82,19 @@ public:
     };
     // What a reader asks for; empty fields do not filter.
     struct Query {
-        long long since = 0;           // line times at or after (s since 1970 UTC); 0: any
-        long long until = 0;           // line times before; 0: any
-        std::uint16_t severities = 0;  // any of these (0: any)
-        std::string device;            // device id, display name, MAC or file name prefix
-        std::string file;              // exactly this log file
+        long long since = 0;             // line times at or after (s since 1970 UTC); 0: any
+        long long until = 0;             // line times before; 0: any
+        std::uint16_t severities = 0;    // any of these (0: any)
+        std::string device;              // device id, display name, MAC or file name prefix
+        std::string file;                // exactly this log file
+        std::vector<std::string> files;  // any of these log files (more than
+                                         // kMaxQueryFiles: any file)
         bool headersOnly = false;
         std::size_t limit = 100000;
     };
 
+    // Log files a query names at most (Query::files).
+    static constexpr std::size_t kMaxQueryFiles = 1024;
     // Pieces grow until this many bytes or this span of receive times.
     static constexpr std::uint64_t kMaxPieceBytes = 256 * 1024;
     static constexpr long long kMaxPieceSeconds = 300;

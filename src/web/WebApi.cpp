@@ -398,7 +398,8 @@ std::string literalOf(const LogSearch::Query& q) {
 // its own time (its stamp, else when it was received) is in the range and its level
 // (its label, else its piece's only level) is kept. History generations are included.
 LogSearch::Result indexedSearch(LogCatalog& catalog, const LogSearch::Query& q,
-                                const std::string& file, DeviceLogSeverity::Level level) {
+                                const std::string& file, bool oneDevice,
+                                DeviceLogSeverity::Level level) {
     LogSearch::Searcher searcher(q);
     if (!searcher.error().empty()) return searcher.result();
     const bool filtered = level != DeviceLogSeverity::Level::Unknown;
@@ -416,6 +417,8 @@ LogSearch::Result indexedSearch(LogCatalog& catalog, const LogSearch::Query& q,
     for (const std::string& name : q.files) {
         logs.insert(isBackName(name) ? name.substr(0, name.size() - kBack.size()) : name);
     }
+    // One device's logs are picked in the index; the whole folder's need no picking.
+    if (oneDevice) iq.files.assign(logs.begin(), logs.end());
     std::vector<DeviceLogIndex::Piece> pieces;
     for (DeviceLogIndex::Piece& piece : catalog.index().query(iq)) {
         if (!piece.path.empty() && !piece.header && logs.count(piece.file) != 0)
@@ -516,8 +519,9 @@ WebReply search(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) {
                                                    "or warning"));
     }
     q.files = searchFiles(catalog, file, device, now);
-    LogSearch::Result result = catalog.index().available() ? indexedSearch(catalog, q, file, level)
-                                                           : LogSearch::run(folder, q);
+    LogSearch::Result result = catalog.index().available()
+                                   ? indexedSearch(catalog, q, file, !device.empty(), level)
+                                   : LogSearch::run(folder, q);
     if (!result.error.empty()) return WebReply::error(400, text(result.error));
     if (level != DeviceLogSeverity::Level::Unknown && !catalog.index().available()) {
         // Without the index: each hit line's own label decides.

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <ctime>
 #include <random>
 #include <string>
 
@@ -56,43 +57,67 @@ inline std::string syslogCorpus(std::size_t bytes, unsigned seed) {
     return out;
 }
 
-// Device-like text: a media player's own log, "date time.ms [LEVEL] - module - text".
-inline std::string deviceCorpus(std::size_t bytes, unsigned seed) {
-    std::mt19937 rng(seed);
-    const char* modules[] = {"Player", "Network", "Scanner", "Decoder", "UI", "Upnp"};
-    const char* levels[] = {"INFO", "DEBUG", "WARN", "ERROR"};
-    const char* templates[] = {
-        "buffering stream %u: %u ms queued of 4000 ms",
-        "frame dropped at pts %u (decoder late by %u ms)",
-        "GET http://192.168.1.10:8470/stream/%u?offset=%u -> 206 Partial Content",
-        "scanning /media/music/album_%u/track_%02u.flac",
-        "key pressed: code %u repeat %u",
-        "ssdp notify from 192.168.1.%u:1900 alive, max-age %u",
-        "bitrate changed to %u kbps",
-        "cache hit ratio %u%% over %u requests",
-    };
-    std::string out;
-    unsigned ms = 0, pts = 0, offset = 0, stream = 17;
-    for (std::size_t line = 0; line < bytes && out.size() < bytes; ++line) {
-        ms += rng() % 400;
-        const unsigned which = rng() % 8;
-        const unsigned level = rng() % 10 < 8 ? rng() % 2 : 2 + rng() % 2;
-        unsigned a = rng() % 100, b = rng() % 100;
-        if (which == 0) a = stream, b = (rng() % 40) * 100;
-        if (which == 1) a = (pts += 3003), b = 1 + rng() % 60;
-        if (which == 2) a = stream, b = (offset += 65536);
-        if (which == 4) a = 100 + rng() % 12, b = rng() % 3;
+// Device-like lines: a media player's own log, "date time.ms [LEVEL] - module - text",
+// stamped from a clock that starts at `startMs` (ms since 1970 UTC) and moves on by up
+// to `stepMs` before each line.
+class DeviceLines {
+public:
+    DeviceLines(unsigned seed, long long startMs, unsigned stepMs = 400)
+        : rng_(seed), ms_(startMs), stepMs_(stepMs) {}
+
+    long long now() const { return ms_; }
+
+    // Appends one line.
+    void append(std::string& out) {
+        static const char* const modules[] = {"Player",  "Network", "Scanner",
+                                              "Decoder", "UI",      "Upnp"};
+        static const char* const levels[] = {"INFO", "DEBUG", "WARN", "ERROR"};
+        static const char* const templates[] = {
+            "buffering stream %u: %u ms queued of 4000 ms",
+            "frame dropped at pts %u (decoder late by %u ms)",
+            "GET http://192.168.1.10:8470/stream/%u?offset=%u -> 206 Partial Content",
+            "scanning /media/music/album_%u/track_%02u.flac",
+            "key pressed: code %u repeat %u",
+            "ssdp notify from 192.168.1.%u:1900 alive, max-age %u",
+            "bitrate changed to %u kbps",
+            "cache hit ratio %u%% over %u requests",
+        };
+        ms_ += rng_() % stepMs_;
+        const unsigned which = rng_() % 8;
+        const unsigned level = rng_() % 10 < 8 ? rng_() % 2 : 2 + rng_() % 2;
+        unsigned a = rng_() % 100, b = rng_() % 100;
+        if (which == 0) a = stream_, b = (rng_() % 40) * 100;
+        if (which == 1) a = (pts_ += 3003), b = 1 + rng_() % 60;
+        if (which == 2) a = stream_, b = (offset_ += 65536);
+        if (which == 4) a = 100 + rng_() % 12, b = rng_() % 3;
         if (which == 5) b = 1800;
-        if (which == 6) a = 1000 * (1 + rng() % 8);
-        if (rng() % 200 == 0) ++stream;
+        if (which == 6) a = 1000 * (1 + rng_() % 8);
+        if (rng_() % 200 == 0) ++stream_;
         char text[300];
         snprintf(text, sizeof(text), templates[which], a, b);
+        const time_t seconds = static_cast<time_t>(ms_ / 1000);
+        struct tm utc {};
+        gmtime_r(&seconds, &utc);
         char full[512];
-        snprintf(full, sizeof(full), "2024/05/01 %02u:%02u:%02u.%03u [%s] - %s - %s\n",
-                 ms / 3600000 % 24, ms / 60000 % 60, ms / 1000 % 60, ms % 1000, levels[level],
-                 modules[rng() % 6], text);
+        snprintf(full, sizeof(full), "%04d/%02d/%02d %02d:%02d:%02d.%03u [%s] - %s - %s\n",
+                 utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min,
+                 utc.tm_sec, static_cast<unsigned>(ms_ % 1000), levels[level], modules[rng_() % 6],
+                 text);
         out += full;
     }
+
+private:
+    std::mt19937 rng_;
+    long long ms_;
+    unsigned stepMs_;
+    unsigned pts_ = 0, offset_ = 0, stream_ = 17;
+};
+
+// Device-like text of about `bytes` bytes from 2024/05/01 on.
+inline std::string deviceCorpus(std::size_t bytes, unsigned seed) {
+    DeviceLines lines(seed, 1714521600000LL);
+    std::string out;
+    while (out.size() < bytes) lines.append(out);
     return out;
 }
 
