@@ -193,6 +193,7 @@ std::vector<LogCatalog::Device> LogCatalog::devices(std::int64_t now) {
     const bool indexed = index_.available();
     const std::map<std::string, LogIndexView::LogFacts> facts =
         indexed ? index_.facts(end) : std::map<std::string, LogIndexView::LogFacts>{};
+    std::set<std::string> counted;  // logs whose index facts were taken
     const std::lock_guard<std::mutex> lock(mutex_);
     for (const Named& file : classify(end)) {
         const SafeFolder::Entry& entry = file.entry;
@@ -215,10 +216,12 @@ std::vector<LogCatalog::Device> LogCatalog::devices(std::int64_t now) {
         device.size += entry.size;
         device.lastWrite = std::max(device.lastWrite, entry.mtime);
         if (indexed) {
-            // A log's facts cover its ".back" and history: taken once, with its file.
+            // A log's facts cover its current file, ".back" and history: taken once,
+            // with whichever of its files comes first (a log may have only its ".back",
+            // its current file removed or not written since a rotation).
             device.indexed = true;
             const auto known = facts.find(current);
-            if (parts.back || known == facts.end()) continue;
+            if (known == facts.end() || !counted.insert(current).second) continue;
             const LogIndexView::LogFacts& indexFacts = known->second;
             for (int c = 0; c < LogIndexView::kClasses; ++c) {
                 for (int i = 0; i < kBins; ++i) {

@@ -31,6 +31,16 @@ void setEarlier(const std::string& folder, Chunk& chunk) {
     }
 }
 
+// Where the text after the chunk continues, for a file of `size` bytes.
+void setLater(std::uint64_t size, Chunk& chunk) {
+    if (chunk.end < size) {
+        chunk.laterFile = chunk.file;
+        chunk.laterAfter = chunk.end;
+    } else if (isBack(chunk.file)) {
+        chunk.laterFile = chunk.file.substr(0, chunk.file.size() - kBack.size());
+    }
+}
+
 }  // namespace
 
 std::optional<Chunk> read(const std::string& folder, const std::string& file,
@@ -66,6 +76,41 @@ std::optional<Chunk> read(const std::string& folder, const std::string& file,
         }
     }
     setEarlier(folder, chunk);
+    setLater(size, chunk);
+    return chunk;
+}
+
+std::optional<Chunk> readAfter(const std::string& folder, const std::string& file,
+                               std::uint64_t after, std::size_t limit) {
+    if (!SafeFolder::isPlainName(file)) return std::nullopt;
+    limit = std::clamp<std::size_t>(limit, 1, kMaxChunk);
+    Chunk chunk;
+    chunk.file = file;
+    struct stat st {};
+    const UniqueFd fd = SafeFolder::openRegular(folder, file, &st);
+    if (!fd.valid()) {
+        if (isBack(file) || !SafeFolder::openRegular(folder, file + kBack, nullptr).valid()) {
+            return std::nullopt;
+        }
+        setEarlier(folder, chunk);  // its live end: nothing later
+        return chunk;
+    }
+    const auto size = static_cast<std::uint64_t>(st.st_size);
+    chunk.inode = static_cast<std::uint64_t>(st.st_ino);
+    chunk.start = std::min(after, size);
+    const std::uint64_t want = std::min<std::uint64_t>(limit, size - chunk.start);
+    if (!SafeFolder::readAt(fd.get(), chunk.start, want, chunk.text)) return std::nullopt;
+    chunk.end = chunk.start + chunk.text.size();
+    if (chunk.end < size) {
+        // End at a line end unless the whole piece is one line.
+        const std::size_t nl = chunk.text.rfind('\n');
+        if (nl != std::string::npos) {
+            chunk.text.resize(nl + 1);
+            chunk.end = chunk.start + chunk.text.size();
+        }
+    }
+    setEarlier(folder, chunk);
+    setLater(size, chunk);
     return chunk;
 }
 

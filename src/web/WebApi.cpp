@@ -18,9 +18,9 @@
 #include "DeviceLogSeverity.h"
 #include "LogCatalog.h"
 #include "LogIndexView.h"
-#include "LogReader.h"
 #include "LogSearch.h"
 #include "SafeFolder.h"
+#include "WebApiParts.h"
 
 namespace WebApi {
 
@@ -29,23 +29,13 @@ namespace {
 constexpr std::size_t kMaxSearchHits = 1000;
 constexpr std::size_t kMaxCrashes = 100;
 constexpr std::size_t kMaxReportBytes = 1024 * 1024;
-const std::string kBack = ".back";
 const char* const kArchiveTemplate = "/tmp/nimb-web-archive-XXXXXX";
 
-QString text(const std::string& bytes) {
-    return QString::fromUtf8(bytes.data(), static_cast<qsizetype>(bytes.size()));
-}
-
-WebReply notFound() { return WebReply::error(404, QStringLiteral("not found")); }
-
-bool number(const std::string& value, std::uint64_t& out) {
-    if (value.empty() || value.size() > 19 ||
-        !std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; })) {
-        return false;
-    }
-    out = std::stoull(value);
-    return true;
-}
+using WebApiParts::isBackName;
+using WebApiParts::kBack;
+using WebApiParts::notFound;
+using WebApiParts::number;
+using WebApiParts::text;
 
 // "12:34:56:78:9a:bc" for twelve hex digits, else the text as it is.
 QString macText(const std::string& mac) {
@@ -177,12 +167,6 @@ QJsonObject hitJson(const LogSearch::Hit& hit) {
     return object;
 }
 
-QJsonArray levelsJson(const std::vector<DeviceLogSeverity::Level>& levels) {
-    QJsonArray array;
-    for (const DeviceLogSeverity::Level level : levels) array.append(static_cast<int>(level));
-    return array;
-}
-
 // "warning" and the like: the least severe level a filter keeps; false when unknown.
 bool parseLevel(const std::string& value, DeviceLogSeverity::Level& level) {
     return DeviceLogSeverity::parse(value, level) && level != DeviceLogSeverity::Level::Unknown;
@@ -229,158 +213,6 @@ WebReply devices(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) 
         }
     }
     object.insert(QStringLiteral("suiteLogs"), suite);
-    return WebReply::json(object);
-}
-
-namespace {
-
-// The generations of `log` the index knows, each with its path and size, oldest first.
-std::map<std::int64_t, std::pair<std::string, std::uint64_t>> generationsOf(
-    LogIndexView& index, const std::string& log) {
-    std::map<std::int64_t, std::pair<std::string, std::uint64_t>> generations;
-    DeviceLogIndex::Query q;
-    q.file = log;
-    q.limit = 10000000;
-    for (const DeviceLogIndex::Piece& piece : index.query(q)) {
-        auto& [path, size] = generations[piece.generation];
-        if (!piece.path.empty()) path = piece.path;
-        size = std::max(size, piece.offset + piece.length);
-    }
-    return generations;
-}
-
-// The index's generation held at `path`, or the newest before it when `path` is not held.
-const std::pair<const std::int64_t, std::pair<std::string, std::uint64_t>>* earlierThan(
-    const std::map<std::int64_t, std::pair<std::string, std::uint64_t>>& generations,
-    std::int64_t generation) {
-    auto it = generations.lower_bound(generation);
-    while (it != generations.begin()) {
-        --it;
-        if (!it->second.first.empty()) return &*it;
-    }
-    return nullptr;
-}
-
-bool isBackName(const std::string& file) {
-    return file.size() > kBack.size() &&
-           file.compare(file.size() - kBack.size(), kBack.size(), kBack) == 0;
-}
-
-}  // namespace
-
-WebReply log(LogCatalog& catalog, const QUrlQuery& query) {
-    const std::string& folder = catalog.folder();
-    LogIndexView& index = catalog.index();
-    const std::string file = param(query, "file");
-    std::optional<std::uint64_t> before;
-    std::uint64_t value = 0;
-    std::size_t limit = LogReader::kDefaultChunk;
-    if (query.hasQueryItem(QStringLiteral("limit"))) {
-        if (!number(param(query, "limit"), value) || value == 0) {
-            return WebReply::error(400, QStringLiteral("limit: expected a positive byte count"));
-        }
-        limit = static_cast<std::size_t>(std::min<std::uint64_t>(value, LogReader::kMaxChunk));
-    }
-    if (query.hasQueryItem(QStringLiteral("before"))) {
-        if (!number(param(query, "before"), value)) {
-            return WebReply::error(400, QStringLiteral("before: expected a byte offset"));
-        }
-        before = value;
-    }
-    bool around = false;
-    if (query.hasQueryItem(QStringLiteral("at"))) {
-        if (!number(param(query, "at"), value)) {
-            return WebReply::error(400, QStringLiteral("at: expected a byte offset"));
-        }
-        // Half the piece before the line, half after it.
-        before = value + limit / 2;
-        around = true;
-    }
-    std::optional<LogReader::Chunk> chunk;
-    std::int64_t generation = -1;
-    if (query.hasQueryItem(QStringLiteral("generation"))) {
-        if (!number(param(query, "generation"), value)) {
-            return WebReply::error(400, QStringLiteral("generation: expected a number"));
-        }
-        if (!SafeFolder::isPlainName(file)) return notFound();
-        generation = static_cast<std::int64_t>(value);
-        const auto generations = generationsOf(index, file);
-        const auto held = generations.find(generation);
-        if (held == generations.end() || held->second.first.empty()) return notFound();
-        LogReader::Chunk c;
-        c.file = file;
-        c.end = std::min(before.value_or(held->second.second), held->second.second);
-        c.start = c.end > limit ? c.end - limit : 0;
-        if (!LogIndexView::readPath(folder, held->second.first, c.start,
-                                    static_cast<std::size_t>(c.end - c.start), c.text)) {
-            return notFound();
-        }
-        c.end = c.start + c.text.size();
-        const std::size_t nl = c.start > 0 ? c.text.find('\n') : std::string::npos;
-        if (nl != std::string::npos && nl + 1 < c.text.size()) {
-            c.text.erase(0, nl + 1);
-            c.start += nl + 1;
-        }
-        chunk = std::move(c);
-    } else {
-        chunk = LogReader::read(folder, file, before, limit);
-    }
-    if (!chunk) return notFound();
-    QJsonObject object;
-    object.insert(QStringLiteral("file"), text(chunk->file));
-    object.insert(QStringLiteral("text"), text(chunk->text));
-    object.insert(QStringLiteral("start"), static_cast<qint64>(chunk->start));
-    object.insert(QStringLiteral("end"), static_cast<qint64>(chunk->end));
-    object.insert(QStringLiteral("inode"), QString::number(chunk->inode));
-    if (around) object.insert(QStringLiteral("at"), static_cast<qint64>(*before - limit / 2));
-    if (generation >= 0)
-        object.insert(QStringLiteral("generation"), static_cast<qint64>(generation));
-    QJsonObject earlier;
-    if (!chunk->earlierFile.empty()) {
-        earlier.insert(QStringLiteral("file"), text(chunk->earlierFile));
-        earlier.insert(QStringLiteral("before"), static_cast<qint64>(chunk->earlierBefore));
-    } else if (generation >= 0 && chunk->start > 0) {
-        earlier.insert(QStringLiteral("file"), text(file));
-        earlier.insert(QStringLiteral("generation"), static_cast<qint64>(generation));
-        earlier.insert(QStringLiteral("before"), static_cast<qint64>(chunk->start));
-    } else if (chunk->start == 0 && index.available() &&
-               (generation >= 0 || isBackName(chunk->file))) {
-        // Before a ".back" (or a history generation): the history, through the index.
-        const std::string log = generation >= 0 ? file : file.substr(0, file.size() - kBack.size());
-        const auto generations = generationsOf(index, log);
-        std::int64_t from = generation;
-        if (from < 0) {
-            const std::string path = folder + "/" + file;
-            for (const auto& [g, held] : generations) {
-                if (held.first == path) from = g;
-            }
-        }
-        if (const auto* previous = from >= 0 ? earlierThan(generations, from) : nullptr) {
-            earlier.insert(QStringLiteral("file"), text(log));
-            earlier.insert(QStringLiteral("generation"), static_cast<qint64>(previous->first));
-            earlier.insert(QStringLiteral("before"), static_cast<qint64>(previous->second.second));
-        }
-    }
-    if (!earlier.isEmpty()) object.insert(QStringLiteral("earlier"), earlier);
-    if (index.available() && generation < 0) {
-        std::vector<std::size_t> headers;
-        object.insert(QStringLiteral("levels"),
-                      levelsJson(index.levels(chunk->file, chunk->start, chunk->text, headers)));
-        QJsonArray headerLines;
-        for (const std::size_t line : headers) headerLines.append(static_cast<qint64>(line));
-        object.insert(QStringLiteral("headers"), headerLines);
-    } else {
-        std::vector<DeviceLogSeverity::Level> levels;
-        std::size_t at = 0;
-        const std::string_view all(chunk->text);
-        while (at < all.size()) {
-            const std::size_t nl = all.find('\n', at);
-            const std::size_t stop = nl == std::string_view::npos ? all.size() : nl;
-            levels.push_back(DeviceLogSeverity::ofLine(all.substr(at, stop - at)));
-            at = stop + 1;
-        }
-        object.insert(QStringLiteral("levels"), levelsJson(levels));
-    }
     return WebReply::json(object);
 }
 

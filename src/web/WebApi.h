@@ -20,9 +20,12 @@ namespace WebApi {
 
 // /api/devices?sort=KEY (title, size or lastModified, each :asc or :desc).
 WebReply devices(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now);
-// /api/log?file=NAME[&before=OFFSET | &at=OFFSET][&generation=N][&limit=BYTES]: with
-// `at`, the text around that offset; with `generation` (from the index), a history
-// generation of the log NAME. Each answer has the level of each of its lines.
+// /api/log?file=NAME[&before=OFFSET | &at=OFFSET | &after=OFFSET][&generation=N]
+// [&limit=BYTES]: with `at`, the text around that offset; with `after`, the text from
+// there on; with `generation` (from the index), a history generation of the log NAME.
+// Each answer has the level of each of its lines, and where the text before it and
+// after it continues (across generations; nothing after the current file's end).
+// In WebLogApi.cpp.
 WebReply log(LogCatalog& catalog, const QUrlQuery& query);
 // /api/search?q=TEXT[&regex=1][&file=NAME | &device=KEY][&from=TIME][&to=TIME][&max=N]
 //   [&level=LEVEL]: with the index, only the pieces it names are read.

@@ -5,7 +5,9 @@
 // UTF-8 among it) with the page still answering. Over the collector's index: live lines
 // of each level carry it and the "Show" filter hides the lower ones, a header-shaped
 // line a device sends stays text and changes neither its name nor its clock tie, and a
-// search by severity groups its hits under the device's name and opens one at its line.
+// search by severity groups its hits under the device's name and opens one at its line;
+// a hit in a history generation opens there, and "Load later" and "Load earlier" walk the
+// log's generations to its live end and its first line, every line once and in order.
 // Screenshots of the main views (laptop and phone widths, light and dark) land in
 // <build>/screenshots.
 #include <cstdlib>

@@ -3,13 +3,18 @@
 // activity split by severity at every line's time, the device's name and clock tie
 // only from the header lines the collector wrote (a device's header-shaped text stays
 // text), the severity filter and time range in search, hits grouped by device with
-// their levels, a log opened around a hit, and each line's level.
+// their levels, a log opened around a hit, and each line's level; "earlier" and "later"
+// walking a log's generations (history compressed and plain, ".back", current file);
+// a log that has only its ".back" counted on its device.
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
+
+#include <sys/stat.h>
 
 #include <QDateTime>
 #include <QJsonArray>
@@ -24,6 +29,7 @@
 #include "DeviceLogWriter.h"
 #include "LogCatalog.h"
 #include "LogCorpus.h"
+#include "LogIndexView.h"
 #include "NimbTestSupport.h"
 #include "WebApi.h"
 
@@ -42,13 +48,25 @@ protected:
     }
     std::string logs() const { return (fs::path(dir_.path()) / "logs").string(); }
 
-    void writeLog(const std::vector<std::string>& texts) {
+    // Writes `texts` (the first is the header) as one write each. With `rotateSize` the
+    // log rotates as it fills and its older generations go to a history, compressed.
+    void writeLog(const std::vector<std::string>& texts, long long rotateSize = 0) {
         std::string error;
         std::shared_ptr<DeviceLogIndex> index = DeviceLogIndex::openForWriting(logs(), error);
         ASSERT_TRUE(index) << error;
         DeviceLogWriter::Options options;
         options.logsDir = logs();
         options.index = index;
+        std::shared_ptr<DeviceLogHistory> history;
+        if (rotateSize > 0) {
+            DeviceLogHistory::Options historyOptions;
+            historyOptions.logsDir = logs();
+            historyOptions.maxAgeDays = 0;
+            historyOptions.minFreePercent = 0;
+            history = std::make_shared<DeviceLogHistory>(historyOptions);
+            options.rotateSize = rotateSize;
+            options.history = history;
+        }
         DeviceLogWriter writer(options);
         DeviceLogIndex::Identity identity;
         identity.deviceId = "puck-7";
@@ -62,9 +80,25 @@ protected:
             info.header = i == 0;
             info.receivedMs = (received_ + static_cast<long long>(i)) * 1000;
             ASSERT_TRUE(log->append(texts[i], nullptr, info));
+            writer.drain();  // one write per text, so that the file rotates as it fills
         }
-        writer.drain();
         index->flush();
+        if (history) {
+            history->drain();
+            generations_ = history->list(kFile);
+        }
+    }
+
+    // Leaves the compressed history generation `entry` as the plain file it was before
+    // its compression (as one still waiting for it is).
+    void uncompress(const DeviceLogHistory::Entry& entry) {
+        const std::string plain = entry.path.substr(0, entry.path.size() - 4);  // ".zst"
+        ASSERT_EQ(entry.path.substr(plain.size()), ".zst");
+        std::string text;
+        ASSERT_TRUE(LogIndexView::readPath(logs(), plain, 0, entry.rawBytes, text));
+        ASSERT_EQ(text.size(), entry.rawBytes);
+        std::ofstream(plain, std::ios::binary) << text;
+        fs::remove(entry.path);
     }
 
     QJsonObject call(WebReply reply) {
@@ -75,10 +109,49 @@ protected:
         return call(WebApi::search(catalog, QUrlQuery(query), now_));
     }
 
+    QJsonObject logAt(const QString& params) {
+        return call(WebApi::log(catalog_, QUrlQuery("limit=200&" + params)));
+    }
+
+    // The texts of a rotating log: its header, then `count` numbered lines.
+    static std::vector<std::string> numberedLines(int count) {
+        std::vector<std::string> texts = {
+            "\n===== Kitchen Camera - sat1 === 2026/11/24 12:00:00 <-> 2026/11/24 12:00:00 "
+            "=====\n"};
+        for (int i = 0; i < count; ++i) {
+            char line[64];
+            std::snprintf(line, sizeof line, "cam[1]: line %04d of the numbered lines\n", i);
+            texts.emplace_back(line);
+        }
+        return texts;
+    }
+
     nimbtest::TempDir dir_;
     std::int64_t now_ = 0;
     long long received_ = 0;
+    std::vector<DeviceLogHistory::Entry> generations_;
+    LogCatalog catalog_{logs()};
 };
+
+// Where a reply's text continues ("earlier" or "later"), as query parameters; "" at the end.
+QString next(const QJsonObject& reply, const char* key, const char* offset) {
+    const QJsonObject place = reply.value(key).toObject();
+    if (place.isEmpty()) return {};
+    QUrlQuery query;
+    query.addQueryItem("file", place.value("file").toString());
+    query.addQueryItem(offset, QString::number(place.value(offset).toInteger()));
+    if (place.contains("generation"))
+        query.addQueryItem("generation", QString::number(place.value("generation").toInteger()));
+    return query.toString(QUrl::FullyEncoded);
+}
+
+// Where a reply's text is: its file, and its generation when it is a history generation.
+std::string where(const QJsonObject& reply) {
+    std::string place = reply.value("file").toString().toStdString();
+    if (reply.contains("generation"))
+        place += "@" + std::to_string(reply.value("generation").toInteger());
+    return place;
+}
 
 int sum(const QJsonArray& counts) {
     int total = 0;
@@ -211,6 +284,111 @@ TEST_F(WebIndexTest, WithoutAnIndexTheFilesAreReadAsBefore) {
             .toArray();
     ASSERT_EQ(levels.size(), 3);
     EXPECT_EQ(levels[1].toInt(), 3);
+}
+
+TEST_F(WebIndexTest, EarlierAndLaterWalkEveryGenerationInOrder) {
+    const std::vector<std::string> texts = numberedLines(120);
+    writeLog(texts, 600);
+    std::string all;
+    for (const std::string& text : texts) all += text;
+    // History generations, the middle one left plain; a ".back" and the current file.
+    ASSERT_GE(generations_.size(), 3u);
+    for (const auto& generation : generations_) ASSERT_NE(generation.compressedBytes, 0u);
+    uncompress(generations_[1]);
+    ASSERT_TRUE(fs::exists(fs::path(logs()) / (kFile + ".back")));
+    const QString file = QString::fromStdString(kFile);
+
+    // From the end, "earlier" back to the first byte of the oldest generation.
+    std::string text;
+    std::set<std::string> places;
+    QJsonObject reply = logAt("file=" + file);
+    for (int steps = 0; steps < 200; ++steps) {
+        const std::string piece = reply.value("text").toString().toStdString();
+        ASSERT_LE(piece.size(), 200u);
+        text.insert(0, piece);
+        places.insert(where(reply));
+        const QString earlier = next(reply, "earlier", "before");
+        if (earlier.isEmpty()) break;
+        reply = logAt(earlier);
+    }
+    EXPECT_EQ(text, all);
+    // Every generation was read: each history one, the ".back" and the file.
+    EXPECT_EQ(places.size(), generations_.size() + 2);
+
+    // A hit in the oldest generation opened at its line, then "later" to the live end.
+    const QJsonObject found = search(catalog_, "q=line 0002 ");
+    ASSERT_EQ(found.value("hitCount").toInt(), 1);
+    const QJsonObject hits = found.value("files").toArray()[0].toObject();
+    ASSERT_TRUE(hits.contains("generation"));
+    const qint64 offset = hits.value("hits").toArray()[0].toObject().value("offset").toInteger();
+    const QJsonObject around = logAt(
+        "file=" + file + "&generation=" + QString::number(hits.value("generation").toInteger()) +
+        "&at=" + QString::number(offset));
+    const std::string shown = around.value("text").toString().toStdString();
+    ASSERT_NE(shown.find("line 0002 "), std::string::npos);
+    EXPECT_EQ(shown.back(), '\n') << "a text short of its file's end ends at a line end";
+    text = shown;
+    places.clear();
+    reply = around;
+    for (int steps = 0; steps < 200; ++steps) {
+        const QString later = next(reply, "later", "after");
+        if (later.isEmpty()) break;
+        reply = logAt(later);
+        const std::string piece = reply.value("text").toString().toStdString();
+        ASSERT_LE(piece.size(), 200u);
+        text += piece;
+        places.insert(where(reply));
+    }
+    ASSERT_LE(text.size(), all.size());
+    EXPECT_EQ(all.substr(all.size() - text.size()), text) << "in order, nothing twice";
+    EXPECT_EQ(text.size(), all.size() - static_cast<std::size_t>(around.value("start").toInteger()))
+        << "nothing left out";
+    EXPECT_EQ(places.size(), generations_.size() + 2) << "the hit's generation and all after it";
+    // The last piece is the current file's end, where the live tail takes over.
+    struct stat st {};
+    ASSERT_EQ(::stat((fs::path(logs()) / kFile).c_str(), &st), 0);
+    EXPECT_EQ(reply.value("file").toString(), file);
+    EXPECT_EQ(reply.value("end").toInteger(), st.st_size);
+    EXPECT_EQ(reply.value("inode").toString(), QString::number(st.st_ino));
+    EXPECT_FALSE(reply.contains("later"));
+
+    // A generation read forwards that is a file now is read by its name.
+    std::string error;
+    const auto index = DeviceLogIndex::openForReading(logs(), error);
+    ASSERT_TRUE(index) << error;
+    DeviceLogIndex::Query q;
+    q.file = kFile;
+    std::int64_t back = -1;
+    for (const auto& piece : index->query(q)) {
+        if (piece.path == logs() + "/" + kFile + ".back") back = piece.generation;
+    }
+    ASSERT_GE(back, 0);
+    reply = logAt("file=" + file + "&generation=" + QString::number(back) + "&after=0");
+    EXPECT_EQ(reply.value("file").toString(), file + ".back");
+    EXPECT_FALSE(reply.contains("generation"));
+    EXPECT_EQ(WebApi::log(catalog_, QUrlQuery("file=" + file + "&after=0&before=10")).status, 400);
+    EXPECT_EQ(WebApi::log(catalog_, QUrlQuery("file=" + file + "&after=x")).status, 400);
+}
+
+TEST_F(WebIndexTest, ALogWithOnlyItsBackCountsOnItsDevice) {
+    writeLog(numberedLines(40), 600);
+    const auto device = [&] {
+        return call(WebApi::devices(catalog_, QUrlQuery(), now_))
+            .value("devices")
+            .toArray()[0]
+            .toObject();
+    };
+    EXPECT_EQ(sum(device().value("activity").toArray()), 40);
+    // Its current file removed: the ".back" and the history still count, and the
+    // index still names the device.
+    fs::remove(fs::path(logs()) / kFile);
+    const QJsonObject onlyBack = device();
+    EXPECT_EQ(sum(onlyBack.value("activity").toArray()), 40);
+    EXPECT_EQ(sum(onlyBack.value("severity").toObject().value("others").toArray()), 40);
+    EXPECT_EQ(onlyBack.value("name").toString(), "Kitchen Camera");
+    const QJsonObject log = onlyBack.value("logs").toArray()[0].toObject();
+    EXPECT_EQ(log.value("file").toString(), QString::fromStdString(kFile));
+    EXPECT_TRUE(log.value("hasBack").toBool());
 }
 
 }  // namespace

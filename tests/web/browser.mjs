@@ -34,13 +34,17 @@ async function until(page, expression, ms, what) {
   try { await page.waitForFunction(expression, { timeout: ms }); } catch (e) { fail("waited " + ms + " ms in vain for " + what); }
 }
 
-// Pushes text as the device, like a device would; returns when the collector replied.
-function push(text) {
+// Pushes text as the device, like a device would (to its log `log`, system.log unless
+// said); returns when the collector replied.
+function push(text, log) {
   const dir = mkdtempSync(join(tmpdir(), "push-"));
   const file = join(dir, "piece.log");
   writeFileSync(file, text);
-  execFileSync(process.env.LOGPUSH, [...device, file], { stdio: ["ignore", "ignore", "inherit"], timeout: 15000 });
+  const args = device.map((a) => (a === "system.log" && log ? log : a));
+  execFileSync(process.env.LOGPUSH, [...args, file], { stdio: ["ignore", "ignore", "inherit"], timeout: 30000 });
 }
+
+const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
 
 async function shoot(page, name, width, height, theme) {
   await page.setViewport({ width, height, deviceScaleFactor: 1 });
@@ -227,6 +231,64 @@ try {
   await page.click("#devices .device .chip");
   await until(page, () => !document.querySelector("#log-lines .l.at") && document.querySelector("#live-label").textContent === "Live" &&
     document.querySelector("#live").checked, 5000, "the log opened from the device list to be live");
+
+  // A log long enough to rotate twice (1.4 MiB; files rotate at 512 KiB), so that its
+  // oldest lines are in a history generation. A hit there opens at its line; "Load later"
+  // goes on through the newer generations and the ".back" to the current file, where
+  // the view goes live; "Load earlier" goes back to the first line. The lines stay in
+  // order, none missing and none twice.
+  const entry = (i) => stamp(now) + " timeline entry " + String(i).padStart(6, "0") + " " + "~".repeat(64) + "\n";
+  const entries = 14000;
+  let timeline = "";
+  for (let i = 0; i < entries; i++) timeline += entry(i);
+  push(timeline, "timeline.log");
+  // The collector's index records the move into the history within a second or so.
+  let inHistory = false;
+  for (let i = 0; i < 50 && !inHistory; i++) {
+    const found = await (await fetch(url + "api/search?q=" + encodeURIComponent("timeline entry 000100 "))).json();
+    inHistory = found.files.some((f) => f.generation !== undefined);
+    if (!inHistory) await sleep(200);
+  }
+  if (!inHistory) fail("the first timeline lines are not in a history generation");
+  await page.goto(url + "#/search?q=" + encodeURIComponent("timeline entry 000100 "), { waitUntil: "domcontentloaded" });
+  await until(page, () => document.querySelector("#results .hitline a.open")?.href.includes("generation="), 5000, "the hit in the history");
+  await page.click("#results .hitline a.open");
+  await page.waitForSelector("#log-lines .l.at", { timeout: 5000 });
+  const entryNumbers = () => page.evaluate(() => [...document.querySelectorAll("#log-lines .l")]
+    .map((l) => /^\S+ \S+ timeline entry (\d{6}) /.exec(l.textContent)).filter(Boolean).map((m) => Number(m[1])));
+  const inOrder = (numbers, first, last, where) => {
+    const wrong = numbers.findIndex((n, i) => n !== first + i);
+    if (wrong >= 0 || numbers.length !== last - first + 1)
+      fail(where + ": entries " + first + " to " + last + " expected, " + numbers.length + " shown, first out of order at " + wrong +
+        " (" + JSON.stringify(numbers.slice(Math.max(0, wrong - 2), wrong + 3)) + ")");
+  };
+  const inHistoryView = await page.evaluate(() => ({
+    at: document.querySelector("#log-lines .l.at").textContent, later: !$("load-later").hidden,
+    label: $("live-label").textContent, meta: $("log-meta").textContent,
+  }));
+  if (!/timeline entry 000100 /.test(inHistoryView.at) || !inHistoryView.later || inHistoryView.label !== "Paused" ||
+    !inHistoryView.meta.includes("earlier generation")) fail("opened in the history: " + JSON.stringify(inHistoryView));
+  await shoot(page, "load-later", 1280, 800, "light");
+  await page.setViewport({ width: 1280, height: 800 });
+  // Clicks `button` until it hides, each time waiting for the lines to change.
+  const clickThrough = async (button) => {
+    for (let i = 0; i < 40; i++) {
+      if (await page.$eval(button, (b) => b.hidden)) return;
+      const count = await page.$$eval("#log-lines .l", (l) => l.length);
+      await page.click(button);
+      await page.waitForFunction((b, n) => document.querySelectorAll("#log-lines .l").length !== n || document.querySelector(b).hidden,
+        { timeout: 5000 }, button, count);
+    }
+    fail(button + " still shown after 40 clicks");
+  };
+  await clickThrough("#load-later");
+  inOrder(await entryNumbers(), (await entryNumbers())[0], entries - 1, "after loading later");
+  await until(page, () => $("live").checked && $("live-label").textContent === "Live" && $("log-title").textContent.endsWith("-timeline.log"),
+    5000, "the view to go live at the end of the timeline");
+  push(entry(entries), "timeline.log");
+  await until(page, `${lineWith("timeline entry " + String(entries).padStart(6, "0") + " " + "~".repeat(64))}`, 5000, "a new timeline line to arrive live");
+  await clickThrough("#load-earlier");
+  inOrder(await entryNumbers(), 0, entries, "after loading earlier");
 
   // More hostile text, arriving live: a 1 MiB line (markup, then three-byte characters,
   // so that a cut anywhere inside it would split one) and bytes that are not UTF-8. Both

@@ -282,28 +282,33 @@ async function openLog(file, at, generation) {
   const device = state.devices.find((d) => d.logs.some((l) => l.file === file));
   $("log-archive").hidden = !device;
   if (device) $("log-archive").href = "/api/archive?" + query({ device: device.key });
-  state.log = { file, end: 0, inode: "", earlier: null, open: false };
+  state.log = { file, end: 0, inode: "", earlier: null, later: null, open: false };
+  $("load-later").hidden = true;
   try {
     const around = at !== null && at !== undefined && at !== "";
     const chunk = await api("/api/log?" + query({ file, at: around ? at : "", generation: generation || "" }));
     state.log.end = chunk.end;
     state.log.inode = chunk.inode;
     state.log.earlier = chunk.earlier || null;
+    state.log.later = chunk.later || null;
     state.log.open = false;
     state.log.indexed = Array.isArray(chunk.headers);
     appendText(lines, chunk.text, false, chunk);
     $("load-earlier").hidden = !state.log.earlier;
+    $("load-later").hidden = !state.log.later;
     applyLevelFilter();
-    if (around) {
+    if (around || state.log.later) {
       // The hit's line: the one whose bytes hold the offset.
       const before = new TextEncoder().encode(chunk.text).subarray(0, Math.max(0, Number(at) - chunk.start));
       const index = new TextDecoder().decode(before).split("\n").length - 1;
       const line = lines.children[index];
-      $("log-meta").textContent = "showing the text around the hit at byte " + at + (generation ? " of an earlier generation" : "");
+      const where = around ? "showing the text around the hit at byte " + at + (generation ? " of an earlier generation" : "")
+        : "showing an earlier part of the log";
+      $("log-meta").textContent = where + (state.log.later ? "; \u201cLoad later\u201d continues towards the live end" : "");
       $("live").checked = false;
       state.pausedAtHit = true;
       setLiveLabel("Paused");
-      if (line) { line.classList.add("at"); line.scrollIntoView({ block: "center" }); }
+      if (around && line) { line.classList.add("at"); line.scrollIntoView({ block: "center" }); }
       return;
     }
     $("log-meta").textContent = "showing the last " + bytes(chunk.end - chunk.start) + (chunk.start > 0 || chunk.earlier ? "; earlier text is kept" : "");
@@ -314,12 +319,14 @@ async function openLog(file, at, generation) {
   } catch (e) {
     $("log-meta").textContent = "cannot open " + file + ": " + e.message;
     $("load-earlier").hidden = true;
+    $("load-later").hidden = true;
   }
 }
 
 async function loadEarlier() {
   const log = state.log;
-  if (!log || !log.earlier) return;
+  if (!log || !log.earlier || log.busy) return;
+  log.busy = true;
   try {
     const chunk = await api("/api/log?" + query({ file: log.earlier.file, before: log.earlier.before, generation: log.earlier.generation }));
     const lines = $("log-lines");
@@ -330,7 +337,57 @@ async function loadEarlier() {
     $("load-earlier").hidden = !log.earlier;
   } catch (e) {
     $("log-meta").textContent = "cannot load earlier text: " + e.message;
+  } finally {
+    log.busy = false;
   }
+}
+
+// The text after what is shown, one piece at a time, through the generations to the
+// current file. At its end (the live end) the view takes the current file's place and,
+// unless the user paused it, goes live from there.
+async function loadLater() {
+  const log = state.log;
+  if (!log || !log.later || log.busy) return;
+  log.busy = true;
+  try {
+    const later = log.later;
+    const chunk = await api("/api/log?" + query({ file: later.file, after: later.after, generation: later.generation }));
+    if (state.log !== log) return;
+    // A generation or file starts a line of its own.
+    if (chunk.start === 0) log.open = false;
+    appendText($("log-lines"), chunk.text, false, chunk);
+    applyLevelFilter();
+    log.later = chunk.later || null;
+    $("load-later").hidden = !log.later;
+    if (log.later) return;
+    log.file = chunk.file;
+    log.end = chunk.end;
+    log.inode = chunk.inode;
+    $("log-title").textContent = log.file;
+    $("log-download").href = "/api/download?" + query({ file: log.file });
+    $("log-meta").textContent = "showing the text up to the live end";
+    if (state.pausedAtHit) {
+      $("live").checked = true;
+      state.pausedAtHit = false;
+      startLive();
+    }
+  } catch (e) {
+    $("log-meta").textContent = "cannot load later text: " + e.message;
+  } finally {
+    log.busy = false;
+  }
+}
+
+// Live shows the log's end: a view in the middle of it opens the end again.
+function toggleLive() {
+  state.pausedAtHit = false;
+  const log = state.log;
+  if ($("live").checked && log && log.later) {
+    const target = "#/log?" + query({ file: log.file.replace(/\.back$/, "") });
+    if (location.hash === target) route(); else location.hash = target;
+    return;
+  }
+  if ($("live").checked) startLive(); else { stopLive(); setLiveLabel("Paused"); }
 }
 
 // Hides the lines below the chosen severity (the page keeps them).
@@ -603,11 +660,9 @@ document.addEventListener("DOMContentLoaded", () => {
   initSort();
   initSearch();
   $("load-earlier").addEventListener("click", loadEarlier);
+  $("load-later").addEventListener("click", loadLater);
   $("log-level").addEventListener("change", applyLevelFilter);
-  $("live").addEventListener("change", () => {
-    state.pausedAtHit = false;
-    if ($("live").checked) startLive(); else { stopLive(); setLiveLabel("Paused"); }
-  });
+  $("live").addEventListener("change", toggleLive);
   window.addEventListener("hashchange", route);
   route();
 });

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: MIT
+// WebApiParts: small helpers shared by the API's source files (WebApi.cpp, WebLogApi.cpp):
+// bytes as JSON text, the 404 answer, numbers in query values, ".back" names. Internal
+// to nimb_web; stateless, any thread.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+
+#include <QString>
+
+#include "WebReply.h"
+
+namespace WebApiParts {
+
+inline const std::string kBack = ".back";
+
+// UTF-8 bytes as a QString (bytes that are not UTF-8 become U+FFFD).
+inline QString text(const std::string& bytes) {
+    return QString::fromUtf8(bytes.data(), static_cast<qsizetype>(bytes.size()));
+}
+
+inline WebReply notFound() { return WebReply::error(404, QStringLiteral("not found")); }
+
+// Decimal digits only, at most 19 of them; false for anything else.
+inline bool number(const std::string& value, std::uint64_t& out) {
+    if (value.empty() || value.size() > 19 ||
+        !std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+        return false;
+    }
+    out = std::stoull(value);
+    return true;
+}
+
+inline bool isBackName(const std::string& file) {
+    return file.size() > kBack.size() &&
+           file.compare(file.size() - kBack.size(), kBack.size(), kBack) == 0;
+}
+
+}  // namespace WebApiParts
