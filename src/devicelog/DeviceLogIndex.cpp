@@ -396,7 +396,12 @@ void DeviceLogIndex::commit(const std::vector<Snapshot>& batch) {
             log.reset();
         }
         for (const auto& [generation, path] : snapshot.history) {
-            history.bind(1, logId).bind(2, generation).bind(3, path);
+            // Kept relative to the logs folder, so that the folder can move.
+            const std::string prefix = logsDir_ + "/";
+            const bool inside = path.compare(0, prefix.size(), prefix) == 0;
+            history.bind(1, logId)
+                .bind(2, generation)
+                .bind(3, inside ? path.substr(prefix.size()) : path);
             ok = history.step() == SQLITE_DONE && ok;
             history.reset();
         }
@@ -725,6 +730,8 @@ std::string DeviceLogIndex::pathOf(const std::string& file, std::int64_t generat
                                    std::int64_t current, const std::string& historyPath) const {
     if (generation == current) return logsDir_ + "/" + file;
     if (generation == current - 1) return logsDir_ + "/" + file + RotatingLogFile::kBackupSuffix;
+    // Relative to the logs folder; an older index kept the whole path.
+    if (!historyPath.empty() && historyPath[0] != '/') return logsDir_ + "/" + historyPath;
     return historyPath;
 }
 

@@ -265,6 +265,13 @@ TEST_F(WebIndexTest, HistorySearchReadsOnlyGenerationsThatMayHoldTheWord) {
     const QJsonObject regex = search(catalog, "q=seg.ault&regex=1");
     EXPECT_EQ(regex.value("hitCount").toInt(), 1);
     EXPECT_EQ(regex.value("filesSkipped").toInt(), 0);
+
+    // The index keeps history places relative to the logs folder: a moved folder still
+    // finds its history.
+    const std::string moved = logs() + "-moved";
+    fs::rename(logs(), moved);
+    LogCatalog movedCatalog(moved);
+    EXPECT_EQ(search(movedCatalog, "q=segfault").value("hitCount").toInt(), 1);
 }
 
 TEST_F(WebIndexTest, WithoutAnIndexTheFilesAreReadAsBefore) {
