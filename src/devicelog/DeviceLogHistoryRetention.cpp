@@ -13,6 +13,7 @@
 #include "CBBLog.h"
 #include "DeviceLogHistory.h"
 #include "DeviceLogHistoryFiles.h"
+#include "DeviceLogNames.h"
 
 using namespace DeviceLogHistoryFiles;
 
@@ -125,37 +126,58 @@ void DeviceLogHistory::chooseRemovals(std::uint64_t budget, std::uint64_t shortf
         }
     }
     for (const Removal& removal : removals) shortfall -= std::min(shortfall, removal.bytes);
-    // The oldest generation of the log holding the most, one at a time, so that a chatty
-    // log never pushes out a quiet log's history while it holds more itself.
+    // The oldest generation of the device holding the most, one at a time, so that a
+    // chatty device never pushes out a quiet device's history while it holds more itself,
+    // however many logs it spreads its text over.
+    std::map<std::string, std::string> deviceOf;
+    std::map<std::string, std::uint64_t> deviceSettled;
+    std::map<std::string, std::uint64_t> deviceBytes;
+    for (const auto& [fileName, log] : logs_) {
+        const std::string device = DeviceLogNames::deviceOfFile(fileName);
+        deviceOf[fileName] = device;
+        deviceSettled[device] += settled[fileName];
+        deviceBytes[device] += log.bytes;
+    }
+    struct Candidate {
+        std::string fileName;
+        std::uint64_t seq = 0;
+    };
     std::size_t limit = removals.size();
     for (const auto& entry : logs_) limit += entry.second.generations.size();
     while ((total > budget || shortfall > 0) && removals.size() < limit) {
         const bool overBudget = total > budget;
-        const std::string* fullest = nullptr;
-        std::uint64_t seq = 0;
-        std::uint64_t most = 0;
+        // Each device's oldest generation that may go (sequence numbers grow over all logs).
+        std::map<std::string, Candidate> oldest;
         for (const auto& [fileName, log] : logs_) {
-            const std::uint64_t held = overBudget ? settled[fileName] : log.bytes;
-            if (held < most || (fullest != nullptr && held == most)) continue;
             for (const auto& [number, generation] : log.generations) {
                 if (generation.busy || (overBudget && generation.pending)) continue;
-                fullest = &fileName;
-                seq = number;
-                most = held;
+                auto [entry, added] =
+                    oldest.try_emplace(deviceOf[fileName], Candidate{fileName, number});
+                if (!added && number < entry->second.seq) entry->second = {fileName, number};
                 break;
             }
         }
+        const std::string* fullest = nullptr;
+        std::uint64_t most = 0;
+        for (const auto& [device, candidate] : oldest) {
+            const std::uint64_t held = overBudget ? deviceSettled[device] : deviceBytes[device];
+            if (fullest != nullptr && held <= most) continue;
+            fullest = &device;
+            most = held;
+        }
         if (fullest == nullptr) break;
-        const std::string fileName = *fullest;
-        const Generation& generation = logs_[fileName].generations[seq];
+        const std::string device = *fullest;
+        const Candidate pick = oldest[device];
+        const Generation& generation = logs_[pick.fileName].generations[pick.seq];
         const std::uint64_t bytes = generation.diskBytes();
         if (!generation.pending) {
-            settled[fileName] -= std::min(settled[fileName], bytes);
+            deviceSettled[device] -= std::min(deviceSettled[device], bytes);
             total -= std::min(total, bytes);
         }
+        deviceBytes[device] -= std::min(deviceBytes[device], bytes);
         shortfall -= std::min(shortfall, bytes);
-        removeLocked(fileName, seq, overBudget ? "over the byte budget" : "low free space",
-                     removals);
+        removeLocked(pick.fileName, pick.seq,
+                     overBudget ? "over the byte budget" : "low free space", removals);
     }
 }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "DeviceLogNames.h"
 
+#include <cctype>
+
 namespace DeviceLogNames {
 
 CStdStr logId(const CStdStr& macAddr, const CStdStr& logName) {
@@ -30,6 +32,18 @@ bool hasControlCharacter(const CStdStr& text) {
 bool isPlainFileName(const CStdStr& name) {
     return !name.empty() && name[0] != '.' && !hasSeparator(name) && !hasControlCharacter(name) &&
            name.size() <= kMaxFileName;
+}
+
+std::string deviceOfFile(const std::string& fileName) {
+    constexpr std::size_t kMacDigits = 12;
+    std::size_t run = 0;  // hex digits just before the byte looked at
+    for (std::size_t at = 0; at < fileName.size(); ++at) {
+        const char c = fileName[at];
+        if (c == '-' && run >= kMacDigits) return fileName.substr(0, at);
+        run = std::isxdigit(static_cast<unsigned char>(c)) ? run + 1 : 0;
+    }
+    const std::size_t dash = fileName.find('-');
+    return dash == std::string::npos || dash == 0 ? fileName : fileName.substr(0, dash);
 }
 
 }  // namespace DeviceLogNames

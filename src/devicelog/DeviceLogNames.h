@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 #include "StdString.h"
 
@@ -33,5 +34,10 @@ bool hasControlCharacter(const CStdStr& text);
 // (no hidden files, no "." or ".."), no separator, no control character, at most
 // kMaxFileName bytes.
 bool isPlainFileName(const CStdStr& name);
+
+// The device part of a log file name, for grouping a device's logs: the name up to and
+// including twelve hex digits (a MAC address) that a "-" follows; else, for a syslog
+// sender's "<sender>-<application>", the name before its first "-"; else the whole name.
+std::string deviceOfFile(const std::string& fileName);
 
 }  // namespace DeviceLogNames
