@@ -10,7 +10,7 @@
 // The history is built once into the folder given and kept for later runs (delete it to
 // build it again). Searches run on a warm page cache: each is run once before it is timed.
 //
-//   history_bench [--dir PATH] [--gigabytes G] [--devices N] [--runs R]
+//   history_bench [--dir PATH] [--gigabytes G] [--devices N] [--runs R] [--search-only]
 
 #include <algorithm>
 #include <chrono>
@@ -56,6 +56,7 @@ struct Options {
     double gigabytes = 1.0;
     int devices = 16;
     int runs = 5;
+    bool searchOnly = false;  // no compression figures, no zstdcat | grep (for profiling)
 };
 
 double seconds(Clock::time_point since) {
@@ -226,6 +227,8 @@ struct Timed {
     int hits = 0;
     int skipped = 0;
     int scanned = 0;
+    QString device;      // of the first hit
+    long long time = 0;  // of the first hit's line (its stamp)
 };
 
 Timed search(LogCatalog& catalog, const QString& query, int runs) {
@@ -244,6 +247,19 @@ Timed search(LogCatalog& catalog, const QString& query, int runs) {
         result.hits = object.value("hitCount").toInt();
         result.skipped = object.value("filesSkipped").toInt();
         result.scanned = object.value("filesScanned").toInt();
+        const QJsonObject first = object.value("files").toArray().at(0).toObject();
+        result.device = first.value("device").toString();
+        const QString line = first.value("hits")
+                                 .toArray()
+                                 .at(0)
+                                 .toObject()
+                                 .value("parts")
+                                 .toArray()
+                                 .at(0)
+                                 .toString();
+        QDateTime stamp = QDateTime::fromString(line.left(19), "yyyy/MM/dd hh:mm:ss");
+        stamp.setTimeSpec(Qt::UTC);
+        result.time = stamp.isValid() ? stamp.toSecsSinceEpoch() : 0;
         if (i > 0) times.push_back(spent);  // the first run warms the cache
     }
     result.seconds = median(times);
@@ -275,8 +291,14 @@ double zstdcatGrep(const std::string& logs, int runs, int& count) {
 
 int main(int argc, char** argv) {
     Options options;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const std::string flag = argv[i];
+    for (int i = 1; i < argc; i += 2) {
+        std::string flag = argv[i];
+        if (flag == "--search-only") {
+            options.searchOnly = true;
+            --i;
+            continue;
+        }
+        if (i + 1 >= argc) flag.clear();
         if (flag == "--dir")
             options.dir = argv[i + 1];
         else if (flag == "--gigabytes")
@@ -297,7 +319,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "history_bench: --gigabytes is 0 to 4, --devices 1 to 256\n");
         return 2;
     }
-    compressionFigures();
+    if (!options.searchOnly) compressionFigures();
 
     const std::string logs = options.dir + "/logs";
     const std::string ready = options.dir + "/ready";
@@ -312,6 +334,10 @@ int main(int argc, char** argv) {
         for (long long t; in >> t;) rareTimes.push_back(t);
         printf("== Reusing the history in %s (%.3f GB compressed)\n", logs.c_str(),
                historyBytes(logs) / 1e9);
+        // Brings an index made by an older build up to this build's schema.
+        std::string error;
+        if (!DeviceLogIndex::openForWriting(logs, error))
+            fprintf(stderr, "index: %s\n", error.c_str());
     }
     if (rareTimes.empty()) {
         fprintf(stderr, "no rare line was written; build again with more data\n");
@@ -326,16 +352,18 @@ int main(int argc, char** argv) {
     };
     const QString word = QStringLiteral("q=") + kRareWord;
     const Timed all = search(catalog, word, options.runs);
-    const Timed hour = search(
-        catalog, word + "&from=" + iso(rareTimes[0] - 1800) + "&to=" + iso(rareTimes[0] + 1800),
-        options.runs);
-    const std::string file = deviceFile(std::min(5, options.devices - 1));
-    const Timed device =
-        search(catalog, word + "&device=" + QString::fromStdString(file.substr(0, file.rfind('-'))),
+    if (all.hits == 0 || all.time == 0 || all.device.isEmpty()) {
+        fprintf(stderr, "the rare word was not found with its device and time\n");
+        return 1;
+    }
+    // Within one hour around the first hit, and within the first hit's device.
+    const Timed hour =
+        search(catalog, word + "&from=" + iso(all.time - 1800) + "&to=" + iso(all.time + 1800),
                options.runs);
+    const Timed device = search(catalog, word + "&device=" + all.device, options.runs);
     const Timed absent = search(catalog, QStringLiteral("q=qzxqzxqzx"), options.runs);
     int grepCount = 0;
-    const double grep = zstdcatGrep(logs, options.runs, grepCount);
+    const double grep = options.searchOnly ? 1.0 : zstdcatGrep(logs, options.runs, grepCount);
     const auto row = [&](const char* what, const Timed& t) {
         printf(
             "  %-34s %8.1f ms  %3d hits  %6d generations read, %6d ruled out  %6.3fx "

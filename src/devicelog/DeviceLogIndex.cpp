@@ -51,6 +51,9 @@ CREATE TABLE IF NOT EXISTS pieces(
     source INTEGER NOT NULL);
 CREATE INDEX IF NOT EXISTS pieces_by_place ON pieces(log, generation, offset);
 CREATE INDEX IF NOT EXISTS pieces_by_time ON pieces(last_time);
+CREATE INDEX IF NOT EXISTS pieces_headers ON pieces(log) WHERE header = 1;
+CREATE INDEX IF NOT EXISTS pieces_by_first ON pieces(first_time);
+CREATE INDEX IF NOT EXISTS pieces_by_span ON pieces(last_time - first_time);
 )";
 
 // WAL, so that readers never wait for the writer; the write-ahead log is folded back into
@@ -726,6 +729,12 @@ void DeviceLogIndex::flushNow() {
 
 // ---- Reader side ----
 
+namespace {
+// Line times a piece spans in most cases (s): pieces grow over at most 5 minutes of receive
+// times, and a device's stamps rarely spread wider.
+constexpr long long kShortSpan = 86400;
+}  // namespace
+
 std::string DeviceLogIndex::pathOf(const std::string& file, std::int64_t generation,
                                    std::int64_t current, const std::string& historyPath) const {
     if (generation == current) return logsDir_ + "/" + file;
@@ -740,12 +749,22 @@ std::vector<DeviceLogIndex::Piece> DeviceLogIndex::query(const Query& q) const {
     std::string sql =
         "SELECT p.id, l.file, p.generation, l.generation, p.offset, p.length, p.first_received, "
         "p.last_received, p.device_time, p.clock_offset, p.first_time, p.last_time, "
-        "p.severities, p.lines, p.header, s.device_id, s.mac, s.display_name, s.caller, "
-        "s.account, s.peer, COALESCE(h.path, '') FROM pieces p JOIN logs l ON l.id = p.log "
-        "LEFT JOIN sources s ON s.id = p.source "
-        "LEFT JOIN history h ON h.log = p.log AND h.generation = p.generation WHERE 1";
+        "p.severities, p.lines, p.header, COALESCE(h.path, ''), ";
+    sql += q.withSource ? "s.device_id, s.mac, s.display_name, s.caller, s.account, s.peer "
+                          "FROM pieces p JOIN logs l ON l.id = p.log "
+                          "LEFT JOIN sources s ON s.id = p.source "
+                        : "0 FROM pieces p JOIN logs l ON l.id = p.log ";
+    sql += "LEFT JOIN history h ON h.log = p.log AND h.generation = p.generation WHERE 1";
     if (q.since != 0) sql += " AND p.last_time >= ?1";
     if (q.until != 0) sql += " AND p.first_time < ?2";
+    // A range: pieces starting at most kShortSpan before it, found through the index of
+    // first times, and the few that span longer, through the index of spans; the
+    // conditions above keep those that overlap.
+    if (q.since != 0 && q.until != 0) {
+        sql += " AND ((p.first_time >= ?1 - " + std::to_string(kShortSpan) +
+               " AND p.first_time < ?2) OR p.last_time - p.first_time > " +
+               std::to_string(kShortSpan) + ")";
+    }
     if (q.severities != 0) sql += " AND (p.severities & ?3) != 0";
     if (!q.file.empty()) sql += " AND l.file = ?4";
     // Up to kMaxQueryFiles files are asked for by name; more are not filtered here.
@@ -762,7 +781,15 @@ std::vector<DeviceLogIndex::Piece> DeviceLogIndex::query(const Query& q) const {
             "substr(l.file, 1, length(?5)) = ?5)";
     }
     if (q.headersOnly) sql += " AND p.header = 1";
-    sql += " ORDER BY p.first_time, p.id LIMIT ?6";
+    // With a filter an index serves (time, file, headers), the few pieces it finds are
+    // sorted afterwards: "+" keeps SQLite from scanning a whole index for its order instead.
+    const bool selective =
+        q.since != 0 || q.until != 0 || q.headersOnly || !q.file.empty() || someFiles;
+    const char* const plus = selective ? "+" : "";
+    sql += q.order == Order::Time
+               ? std::string(" ORDER BY ") + plus + "p.first_time, p.id"
+               : std::string(" ORDER BY ") + plus + "p.log, p.generation, p.offset";
+    sql += " LIMIT ?6";
     Statement select(db_, sql.c_str());
     if (q.since != 0) select.bind(1, q.since);
     if (q.until != 0) select.bind(2, q.until);
@@ -780,7 +807,7 @@ std::vector<DeviceLogIndex::Piece> DeviceLogIndex::query(const Query& q) const {
         p.id = select.integer(0);
         p.file = select.text(1);
         p.generation = select.integer(2);
-        p.path = pathOf(p.file, p.generation, select.integer(3), select.text(21));
+        p.path = pathOf(p.file, p.generation, select.integer(3), select.text(15));
         p.offset = static_cast<std::uint64_t>(select.integer(4));
         p.length = static_cast<std::uint64_t>(select.integer(5));
         p.firstReceivedMs = select.integer(6);
@@ -793,28 +820,43 @@ std::vector<DeviceLogIndex::Piece> DeviceLogIndex::query(const Query& q) const {
         p.severities = static_cast<std::uint16_t>(select.integer(12));
         p.lines = static_cast<std::uint32_t>(select.integer(13));
         p.header = select.integer(14) != 0;
-        p.source = {select.text(15), select.text(16), select.text(17),
-                    select.text(18), select.text(19), select.text(20)};
+        if (q.withSource) {
+            p.source = {select.text(16), select.text(17), select.text(18),
+                        select.text(19), select.text(20), select.text(21)};
+        }
         pieces.push_back(std::move(p));
     }
     return pieces;
 }
 
-std::vector<DeviceLogIndex::LogInfo> DeviceLogIndex::logs() const {
+std::vector<DeviceLogIndex::LogInfo> DeviceLogIndex::logs(bool totals) const {
     PMutexLocker lock(dbMutex_);
-    Statement select(db_,
-                     "SELECT l.file, l.generation, COUNT(p.id), COALESCE(SUM(p.length), 0), "
-                     "COALESCE(MIN(p.first_time), 0), COALESCE(MAX(p.last_time), 0) FROM logs l "
-                     "LEFT JOIN pieces p ON p.log = l.id GROUP BY l.id ORDER BY l.file");
+    // The source of a log's last piece, found through the pieces' place index.
+    const std::string latest =
+        "LEFT JOIN sources s ON s.id = (SELECT source FROM pieces WHERE log = l.id ORDER BY "
+        "generation DESC, offset DESC LIMIT 1) ";
+    const std::string sql =
+        totals ? "SELECT l.file, l.generation, s.device_id, s.mac, s.display_name, s.caller, "
+                 "s.account, s.peer, COUNT(p.id), COALESCE(SUM(p.length), 0), "
+                 "COALESCE(MIN(p.first_time), 0), COALESCE(MAX(p.last_time), 0) FROM logs l " +
+                     latest + "LEFT JOIN pieces p ON p.log = l.id GROUP BY l.id ORDER BY l.file"
+               : "SELECT l.file, l.generation, s.device_id, s.mac, s.display_name, s.caller, "
+                 "s.account, s.peer FROM logs l " +
+                     latest + "ORDER BY l.file";
+    Statement select(db_, sql.c_str());
     std::vector<LogInfo> result;
     while (select.step() == SQLITE_ROW) {
         LogInfo info;
         info.file = select.text(0);
         info.generation = select.integer(1);
-        info.pieces = static_cast<std::uint64_t>(select.integer(2));
-        info.bytes = static_cast<std::uint64_t>(select.integer(3));
-        info.firstTime = select.integer(4);
-        info.lastTime = select.integer(5);
+        info.source = {select.text(2), select.text(3), select.text(4),
+                       select.text(5), select.text(6), select.text(7)};
+        if (totals) {
+            info.pieces = static_cast<std::uint64_t>(select.integer(8));
+            info.bytes = static_cast<std::uint64_t>(select.integer(9));
+            info.firstTime = select.integer(10);
+            info.lastTime = select.integer(11);
+        }
         result.push_back(std::move(info));
     }
     return result;

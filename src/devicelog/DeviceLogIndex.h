@@ -80,6 +80,9 @@ public:
         bool header = false;
         Identity source;
     };
+    // The order of the pieces a query gives: by their first line time, or by place (log,
+    // generation, offset: the order of the index itself, the cheapest for many pieces).
+    enum class Order { Time, Place };
     // What a reader asks for; empty fields do not filter.
     struct Query {
         long long since = 0;             // line times at or after (s since 1970 UTC); 0: any
@@ -91,6 +94,8 @@ public:
                                          // kMaxQueryFiles: any file)
         bool headersOnly = false;
         std::size_t limit = 100000;
+        Order order = Order::Time;
+        bool withSource = true;  // false: Piece::source stays empty (cheaper)
     };
 
     // Log files a query names at most (Query::files).
@@ -141,7 +146,9 @@ public:
 
     // Reader side.
     std::vector<Piece> query(const Query& query) const;
-    // The logs the index knows: file name, current generation and identity.
+    // The logs the index knows: file name, current generation and the identity of their
+    // last piece; with `totals`, their pieces, bytes and line-time range too (which reads
+    // every piece).
     struct LogInfo {
         std::string file;
         std::int64_t generation = 0;
@@ -150,7 +157,7 @@ public:
         std::uint64_t bytes = 0;
         long long firstTime = 0, lastTime = 0;
     };
-    std::vector<LogInfo> logs() const;
+    std::vector<LogInfo> logs(bool totals = true) const;
     // The database's size in bytes (main file and write-ahead log).
     std::uint64_t sizeBytes() const;
 

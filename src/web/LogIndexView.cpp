@@ -189,7 +189,8 @@ std::map<std::string, LogIndexView::LogFacts> LogIndexView::facts(std::int64_t e
     std::map<std::string, LogFacts> result;
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!openLocked()) return result;
-    for (const DeviceLogIndex::LogInfo& log : index_->logs()) result[log.file].source = log.source;
+    for (const DeviceLogIndex::LogInfo& log : index_->logs(false))
+        result[log.file].source = log.source;
     const std::int64_t start = end - static_cast<std::int64_t>(kBins) * kBinSeconds;
     DeviceLogIndex::Query q;
     q.since = start;

@@ -251,15 +251,14 @@ LogSearch::Result indexedSearch(LogCatalog& catalog, const LogSearch::Query& q,
     }
     // One device's logs are picked in the index; the whole folder's need no picking.
     if (oneDevice) iq.files.assign(logs.begin(), logs.end());
+    // By log, oldest generation first, each in file order.
+    iq.order = DeviceLogIndex::Order::Place;
+    iq.withSource = false;
     std::vector<DeviceLogIndex::Piece> pieces;
     for (DeviceLogIndex::Piece& piece : catalog.index().query(iq)) {
         if (!piece.path.empty() && !piece.header && logs.count(piece.file) != 0)
             pieces.push_back(std::move(piece));
     }
-    // By log, oldest generation first, each in file order.
-    std::sort(pieces.begin(), pieces.end(), [](const auto& a, const auto& b) {
-        return std::tie(a.file, a.generation, a.offset) < std::tie(b.file, b.generation, b.offset);
-    });
     const std::string& folder = catalog.folder();
     // A history generation whose filter shows the text cannot hold the pattern is not read.
     const std::string literal = literalOf(q);
