@@ -192,12 +192,20 @@ void HttpConnection::fill(qsizetype limit) {
 }
 
 bool HttpConnection::parseHead() {
-    if (!parser_) parser_ = std::make_unique<Parser>();
+    if (!parser_) {
+        parser_ = std::make_unique<Parser>();
+        headUsed_ = 0;
+    }
     if (inbox_.isEmpty()) return false;
     error_code ec;
     const std::size_t used = parser_->parser.put(
         boost::asio::const_buffer(inbox_.constData(), static_cast<std::size_t>(inbox_.size())), ec);
     inbox_.remove(0, static_cast<qsizetype>(used));
+    headUsed_ += static_cast<qint64>(used);
+    // The parser keeps what it took (the request line) apart from what it still needs;
+    // the limit is on both together.
+    if (ec == http::error::need_more && headUsed_ + inbox_.size() >= HttpLimits::kMaxHeadBytes)
+        ec = http::error::header_limit;
     if (ec == http::error::need_more) return false;
     if (ec == http::error::header_limit) {
         refuse(431, "request head too long");

@@ -116,7 +116,8 @@ private:
     // Main thread only.
     State state_ = State::ReadingHead;
     std::unique_ptr<Parser> parser_;
-    QByteArray inbox_;  // received, not yet parsed
+    QByteArray inbox_;     // received, not yet parsed
+    qint64 headUsed_ = 0;  // of the current head, taken by the parser
     QTimer deadline_;
     bool headClockRunning_ = false;
     bool pumpScheduled_ = false;
