@@ -13,7 +13,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
     clang-format
     clang
-    qt6-httpserver-dev qt6-websockets-dev libarchive-dev libre2-dev libsqlite3-dev
+    libarchive-dev libre2-dev libsqlite3-dev
     chromium
     # The page shows control characters in device text as Control Pictures (U+2400),
     # which only this font covers on Debian; without it screenshots show boxes.

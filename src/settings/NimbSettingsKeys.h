@@ -80,6 +80,13 @@ constexpr Key kKeys[] = {
     {kWebKey, "PasswordHash", "string", "none", "nimb-web password (nimb-web --hash-secret)"},
     {kWebKey, "BusCredsFile", "string", "kibDirectory.credsFile",
      "nimb-web's own bus credentials file"},
+    {kWebKey, "HeaderTimeout", "int", "10", "seconds for a request's head"},
+    {kWebKey, "BodyTimeout", "int", "30", "seconds for a request's body"},
+    {kWebKey, "MaxBodySize", "int", "65536", "longest request body (bytes); more: 413"},
+    {kWebKey, "MaxConnections", "int", "1024", "open nimb-web connections"},
+    {kWebKey, "MaxConnectionsPerAddress", "int", "64", "open nimb-web connections per address"},
+    {kWebKey, "LoginDelay", "int", "1000", "ms an address waits after a failed login"},
+    {kWebKey, "LoginDelayMax", "int", "30000", "ms, the longest such wait (doubling)"},
 };
 
 }  // namespace NimbSettings

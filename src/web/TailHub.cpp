@@ -6,11 +6,12 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include <QHttpServerResponder>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSocketNotifier>
 #include <QTcpSocket>
+
+#include "HttpConnection.h"
 
 namespace {
 
@@ -63,7 +64,7 @@ TailHub::~TailHub() {
     if (inotifyFd_ >= 0) ::close(inotifyFd_);
 }
 
-TailHub::Start TailHub::add(QHttpServerResponder& responder, const std::string& file,
+TailHub::Start TailHub::add(HttpConnection& connection, const std::string& file,
                             std::optional<std::uint64_t> from, std::optional<std::uint64_t> inode) {
     if (clients_.size() >= kMaxClients) return Start::TooMany;
     auto client = std::make_unique<Client>();
@@ -88,13 +89,12 @@ TailHub::Start TailHub::add(QHttpServerResponder& responder, const std::string& 
             }
         }
     }
-    responder.writeStatusLine(QHttpServerResponder::StatusCode::Ok);
-    responder.writeHeader("Content-Type", "text/event-stream; charset=utf-8");
-    responder.writeHeader("Cache-Control", "no-store");
-    responder.writeHeader("X-Content-Type-Options", "nosniff");
-    responder.writeHeader("X-Accel-Buffering", "no");
-    responder.writeBody(": tail\n\n");
-    client->socket = responder.socket();
+    client->socket =
+        connection.startStream(200, {{"Content-Type", "text/event-stream; charset=utf-8"},
+                                     {"Cache-Control", "no-store"},
+                                     {"X-Content-Type-Options", "nosniff"},
+                                     {"X-Accel-Buffering", "no"}});
+    client->socket->write(": tail\n\n");
     Client* raw = client.get();
     connect(client->socket, &QTcpSocket::disconnected, this, [this, raw] { drop(raw); });
     clients_.push_back(std::move(client));

@@ -20,7 +20,7 @@
 
 #include "SafeFolder.h"
 
-class QHttpServerResponder;
+class HttpConnection;
 class QSocketNotifier;
 class QTcpSocket;
 
@@ -38,11 +38,11 @@ public:
     TailHub& operator=(const TailHub&) = delete;
     ~TailHub() override;
 
-    // Starts an event stream on the responder's connection for `file`, from `from` (the
+    // Starts an event stream on `connection` for `file`, from `from` (the
     // end of what the page already shows) in the generation `inode` (if that file has
     // been rotated since, its ".back" is read on from `from` first). Without `from`
     // the stream starts at the end. Writes nothing when it does not return Ok.
-    Start add(QHttpServerResponder& responder, const std::string& file,
+    Start add(HttpConnection& connection, const std::string& file,
               std::optional<std::uint64_t> from, std::optional<std::uint64_t> inode);
 
     std::size_t clientCount() const { return clients_.size(); }

@@ -10,7 +10,6 @@ namespace {
 
 constexpr int kIterations = 100000;
 constexpr int kHashBytes = 32;
-constexpr int kMaxAccepted = 64;
 
 QByteArray derive(const QByteArray& secret, const QByteArray& salt, int iterations) {
     return QPasswordDigestor::deriveKeyPbkdf2(QCryptographicHash::Sha256, secret, salt, iterations,
@@ -53,10 +52,9 @@ bool WebAuth::verify(const QByteArray& secret, const QString& hash) {
     return sameBytes(derive(secret, salt, iterations), expected);
 }
 
-bool WebAuth::allows(const QByteArray& authorization) {
+bool WebAuth::allows(const QByteArray& authorization) const {
     if (!required()) return true;
     if (authorization.isEmpty()) return false;
-    if (accepted_.contains(authorization)) return true;
     bool ok = false;
     if (authorization.startsWith("Bearer ") && !tokenHash_.isEmpty()) {
         ok = verify(authorization.mid(7).trimmed(), tokenHash_);
@@ -65,10 +63,6 @@ bool WebAuth::allows(const QByteArray& authorization) {
         const qsizetype colon = pair.indexOf(':');
         ok = colon > 0 && pair.left(colon) == user_.toUtf8() &&
              verify(pair.mid(colon + 1), passwordHash_);
-    }
-    if (ok) {
-        if (accepted_.size() >= kMaxAccepted) accepted_.clear();
-        accepted_.insert(authorization);
     }
     return ok;
 }

@@ -4,11 +4,11 @@
 // "Authorization: Bearer <token>"; with a user and password, HTTP basic authentication
 // (the browser asks). Secrets are kept only as salted PBKDF2-SHA256 hashes
 // ("pbkdf2-sha256$<iterations>$<salt base64>$<hash base64>"). Immutable after
-// construction apart from a small cache of accepted headers; main thread.
+// construction, so any thread may check with it; a check runs PBKDF2 and takes tens of
+// milliseconds, which is why nimb-web runs checks through LoginGate.
 #pragma once
 
 #include <QByteArray>
-#include <QSet>
 #include <QString>
 
 class WebAuth {
@@ -18,8 +18,9 @@ public:
 
     // Whether any credential is configured.
     bool required() const { return !tokenHash_.isEmpty() || !passwordHash_.isEmpty(); }
-    // Whether the request's Authorization header value is accepted.
-    bool allows(const QByteArray& authorization);
+    // Whether the request's Authorization header value is accepted. Any thread; blocks
+    // for the PBKDF2 rounds when a credential is configured.
+    bool allows(const QByteArray& authorization) const;
 
     // The stored form of `secret`, with a fresh random salt.
     static QString hashSecret(const QByteArray& secret);
@@ -30,6 +31,4 @@ private:
     QString tokenHash_;
     QString user_;
     QString passwordHash_;
-    // Headers already verified, so that PBKDF2 runs once per credential, not per request.
-    QSet<QByteArray> accepted_;
 };

@@ -3,20 +3,18 @@
 
 #include <QDateTime>
 #include <QFile>
-#include <QHttpServerRequest>
-#include <QHttpServerResponder>
 #include <QPointer>
-#include <QTcpSocket>
 #include <QUrlQuery>
 
+#include "HttpConnection.h"
+#include "HttpListener.h"
 #include "LogCatalog.h"
+#include "LoginGate.h"
 #include "StatsClient.h"
 #include "TailHub.h"
 #include "WebApi.h"
 
 namespace {
-
-using Status = QHttpServerResponder::StatusCode;
 
 const QByteArray kPolicy =
     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
@@ -35,12 +33,12 @@ const StaticFile kStaticFiles[] = {
     {"/icon.svg", ":/web/icon.svg", "image/svg+xml"},
 };
 
-void writeCommonHeaders(QHttpServerResponder& responder) {
-    responder.writeHeader("Content-Security-Policy", kPolicy);
-    responder.writeHeader("X-Content-Type-Options", "nosniff");
-    responder.writeHeader("Referrer-Policy", "no-referrer");
-    responder.writeHeader("X-Frame-Options", "DENY");
-    responder.writeHeader("Cache-Control", "no-store");
+HttpHeaders commonHeaders() {
+    return {{"Content-Security-Policy", kPolicy},
+            {"X-Content-Type-Options", "nosniff"},
+            {"Referrer-Policy", "no-referrer"},
+            {"X-Frame-Options", "DENY"},
+            {"Cache-Control", "no-store"}};
 }
 
 std::optional<std::uint64_t> optionalNumber(const QUrlQuery& query, const char* name) {
@@ -54,149 +52,179 @@ std::optional<std::uint64_t> optionalNumber(const QUrlQuery& query, const char* 
 }  // namespace
 
 WebServer::WebServer(const WebSettings& settings, QObject* parent)
-    : QAbstractHttpServer(parent),
+    : QObject(parent),
       settings_(settings),
-      auth_(settings.tokenHash, settings.user, settings.passwordHash),
       catalog_(std::make_unique<LogCatalog>(settings.logsDir)),
       stats_(std::make_unique<StatsClient>(settings.bus)),
-      tails_(new TailHub(settings.logsDir, this)) {
+      gate_(new LoginGate(WebAuth(settings.tokenHash, settings.user, settings.passwordHash),
+                          settings.limits, this)),
+      tails_(new TailHub(settings.logsDir, this)),
+      listener_(new HttpListener(
+          settings.limits,
+          [this](HttpConnection& connection, const HttpRequest& request) {
+              onHead(connection, request);
+          },
+          this)) {
     pool_.setMaxThreadCount(kWorkers);
 }
 
-WebServer::~WebServer() { pool_.waitForDone(); }
+WebServer::~WebServer() {
+    // Connections first, so that no answer is sent into a half-destroyed server.
+    delete listener_;
+    listener_ = nullptr;
+    pool_.waitForDone();
+}
 
-quint16 WebServer::start() { return listen(settings_.host, settings_.port); }
+quint16 WebServer::start() {
+    return listener_->listen(settings_.host, settings_.port) ? listener_->serverPort() : 0;
+}
 
-void WebServer::send(QHttpServerResponder& responder, const WebReply& reply) {
-    const auto status = static_cast<Status>(reply.status);
+void WebServer::send(HttpConnection& connection, const WebReply& reply) {
     if (reply.file) {
-        // Streamed by the responder, which adds the length; only downloads use this.
-        auto* file = new QFile(reply.file->fileName());
+        // Streamed as the client takes it; only downloads use this.
+        auto file = std::make_unique<QFile>(reply.file->fileName());
         if (!file->open(QIODevice::ReadOnly)) {
-            delete file;
-            send(responder, WebReply::error(500, QStringLiteral("cannot read the archive")));
+            send(connection, WebReply::error(500, QStringLiteral("cannot read the archive")));
             return;
         }
         const QByteArray disposition =
             reply.headers.empty() ? QByteArray("attachment") : reply.headers.front().second;
-        responder.write(file,
-                        {{"Content-Type", reply.contentType},
-                         {"Content-Disposition", disposition},
-                         {"Content-Security-Policy", kPolicy},
-                         {"X-Content-Type-Options", "nosniff"},
-                         {"Cache-Control", "no-store"}},
-                        status);
+        connection.respondFile(reply.status,
+                               {{"Content-Type", reply.contentType},
+                                {"Content-Disposition", disposition},
+                                {"Content-Security-Policy", kPolicy},
+                                {"X-Content-Type-Options", "nosniff"},
+                                {"Cache-Control", "no-store"}},
+                               std::move(file));
         return;
     }
-    responder.writeStatusLine(status);
-    writeCommonHeaders(responder);
-    responder.writeHeader("Content-Type", reply.contentType);
-    responder.writeHeader("Content-Length", QByteArray::number(reply.body.size()));
-    for (const auto& [name, value] : reply.headers) responder.writeHeader(name, value);
-    responder.writeBody(reply.body);
+    HttpHeaders headers = commonHeaders();
+    headers.insert(headers.end(), reply.headers.begin(), reply.headers.end());
+    connection.respond(reply.status, headers, reply.contentType, reply.body);
 }
 
-void WebServer::defer(QHttpServerResponder&& responder, std::function<WebReply()> work) {
-    auto shared = std::make_shared<QHttpServerResponder>(std::move(responder));
-    QPointer<QTcpSocket> socket = shared->socket();
-    QPointer<WebServer> self = this;
-    pool_.start([self, shared, socket, work = std::move(work)] {
+void WebServer::defer(HttpConnection& connection, std::function<WebReply()> work) {
+    // The pool's tasks end before this object does (the destructor waits for them), so a
+    // task may post its reply to this object; the connection may be gone by then.
+    QPointer<HttpConnection> target = &connection;
+    pool_.start([this, target, work = std::move(work)] {
         WebReply reply = work();
-        if (!self) return;
         QMetaObject::invokeMethod(
-            self.data(),
-            [shared, socket, reply = std::move(reply)] {
-                if (socket && socket->state() == QAbstractSocket::ConnectedState)
-                    send(*shared, reply);
+            this,
+            [target, reply = std::move(reply)] {
+                if (target) send(*target, reply);
             },
             Qt::QueuedConnection);
     });
 }
 
-bool WebServer::serveStatic(const QString& path, QHttpServerResponder& responder) {
+bool WebServer::serveStatic(const QString& path, HttpConnection& connection) {
     for (const StaticFile& file : kStaticFiles) {
         if (path != QLatin1String(file.path)) continue;
         QFile resource(QString::fromLatin1(file.resource));
         if (!resource.open(QIODevice::ReadOnly)) return false;
-        send(responder, WebReply::text(resource.readAll(), file.type));
+        send(connection, WebReply::text(resource.readAll(), file.type));
         return true;
     }
     return false;
 }
 
-bool WebServer::handleRequest(const QHttpServerRequest& request, QTcpSocket* socket) {
-    QHttpServerResponder responder = makeResponder(request, socket);
-    if (!auth_.allows(request.value("Authorization"))) {
-        WebReply reply = WebReply::error(401, QStringLiteral("credentials required"));
-        reply.headers.emplace_back("WWW-Authenticate",
-                                   settings_.passwordHash.isEmpty()
-                                       ? QByteArray("Bearer realm=\"nimb-web\"")
-                                       : QByteArray("Basic realm=\"nimb-web\", charset=\"UTF-8\""));
-        send(responder, reply);
-        return true;
+void WebServer::onHead(HttpConnection& connection, const HttpRequest& request) {
+    const QByteArray authorization = request.value("Authorization");
+    if (gate_->knows(authorization)) {
+        admit(connection, request);
+        return;
     }
-    if (request.method() != QHttpServerRequest::Method::Get) {
+    if (authorization.isEmpty()) {
+        refuseCredentials(connection);  // with a body unread, the connection closes after
+        return;
+    }
+    QPointer<HttpConnection> target = &connection;
+    gate_->check(request.peer, authorization, QPointer<QObject>(&connection),
+                 [this, target, request](bool ok) {
+                     if (!target) return;
+                     if (ok) {
+                         admit(*target, request);
+                     } else {
+                         refuseCredentials(*target);
+                     }
+                 });
+}
+
+void WebServer::refuseCredentials(HttpConnection& connection) {
+    WebReply reply = WebReply::error(401, QStringLiteral("credentials required"));
+    reply.headers.emplace_back("WWW-Authenticate",
+                               settings_.passwordHash.isEmpty()
+                                   ? QByteArray("Bearer realm=\"nimb-web\"")
+                                   : QByteArray("Basic realm=\"nimb-web\", charset=\"UTF-8\""));
+    send(connection, reply);
+}
+
+void WebServer::admit(HttpConnection& connection, const HttpRequest& request) {
+    QPointer<HttpConnection> target = &connection;
+    connection.readBody([this, target, request] {
+        if (target) route(*target, request);
+    });
+}
+
+void WebServer::route(HttpConnection& connection, const HttpRequest& request) {
+    if (request.method != "GET") {
         WebReply reply = WebReply::error(405, QStringLiteral("only GET is served"));
         reply.headers.emplace_back("Allow", "GET");
-        send(responder, reply);
-        return true;
+        send(connection, reply);
+        return;
     }
-    const QString path = request.url().path();
+    const QString path = request.url.path();
     // Form encoding, as browsers write it: "+" stands for a blank (a real "+" is %2B).
     const QUrlQuery query(
-        request.url().query(QUrl::FullyEncoded).replace(QLatin1Char('+'), QLatin1String("%20")));
+        request.url.query(QUrl::FullyEncoded).replace(QLatin1Char('+'), QLatin1String("%20")));
     const std::string& logs = settings_.logsDir;
     const std::string& dumps = settings_.dumpDir;
     if (path == QLatin1String("/api/tail")) {
         const std::string file = WebApi::param(query, "file");
-        const TailHub::Start started = tails_->add(responder, file, optionalNumber(query, "from"),
+        const TailHub::Start started = tails_->add(connection, file, optionalNumber(query, "from"),
                                                    optionalNumber(query, "inode"));
         if (started == TailHub::Start::NotFound) {
-            send(responder, WebReply::error(404, QStringLiteral("not found")));
+            send(connection, WebReply::error(404, QStringLiteral("not found")));
         } else if (started == TailHub::Start::TooMany) {
-            send(responder, WebReply::error(503, QStringLiteral("too many live tails, try later")));
+            send(connection,
+                 WebReply::error(503, QStringLiteral("too many live tails, try later")));
         }
-        return true;
+        return;
     }
     if (path == QLatin1String("/api/devices")) {
         LogCatalog* catalog = catalog_.get();
-        defer(std::move(responder), [catalog, query] {
+        defer(connection, [catalog, query] {
             return WebApi::devices(*catalog, query, QDateTime::currentSecsSinceEpoch());
         });
     } else if (path == QLatin1String("/api/log")) {
         LogCatalog* catalog = catalog_.get();
-        defer(std::move(responder), [catalog, query] { return WebApi::log(*catalog, query); });
+        defer(connection, [catalog, query] { return WebApi::log(*catalog, query); });
     } else if (path == QLatin1String("/api/search")) {
         LogCatalog* catalog = catalog_.get();
-        defer(std::move(responder), [catalog, query] {
+        defer(connection, [catalog, query] {
             return WebApi::search(*catalog, query, QDateTime::currentSecsSinceEpoch());
         });
     } else if (path == QLatin1String("/api/download")) {
-        defer(std::move(responder), [logs, query] { return WebApi::download(logs, query); });
+        defer(connection, [logs, query] { return WebApi::download(logs, query); });
     } else if (path == QLatin1String("/api/archive")) {
         LogCatalog* catalog = catalog_.get();
-        defer(std::move(responder), [catalog, query] {
+        defer(connection, [catalog, query] {
             return WebApi::archive(*catalog, query, QDateTime::currentSecsSinceEpoch());
         });
     } else if (path == QLatin1String("/api/crashes")) {
-        defer(std::move(responder), [dumps] { return WebApi::crashes(dumps); });
+        defer(connection, [dumps] { return WebApi::crashes(dumps); });
     } else if (path == QLatin1String("/api/crash")) {
-        defer(std::move(responder), [dumps, query] { return WebApi::crash(dumps, query); });
+        defer(connection, [dumps, query] { return WebApi::crash(dumps, query); });
     } else if (path == QLatin1String("/api/stats") || path == QLatin1String("/metrics")) {
         StatsClient* stats = stats_.get();
         const std::size_t tails = tails_->clientCount();
         const bool prometheus = path == QLatin1String("/metrics");
-        defer(std::move(responder), [stats, tails, prometheus] {
+        defer(connection, [stats, tails, prometheus] {
             const StatsClient::Stats values = stats->fetch();
             return prometheus ? WebApi::metrics(values, tails) : WebApi::stats(values, tails);
         });
-    } else if (!serveStatic(path, responder)) {
-        send(responder, WebReply::error(404, QStringLiteral("not found")));
+    } else if (!serveStatic(path, connection)) {
+        send(connection, WebReply::error(404, QStringLiteral("not found")));
     }
-    return true;
-}
-
-void WebServer::missingHandler(const QHttpServerRequest& request, QTcpSocket* socket) {
-    QHttpServerResponder responder = makeResponder(request, socket);
-    send(responder, WebReply::error(404, QStringLiteral("not found")));
 }

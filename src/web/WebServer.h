@@ -1,27 +1,32 @@
 // SPDX-License-Identifier: MIT
-// WebServer: nimb-web's HTTP server (QtHttpServer). Serves the page from the program's
-// resources, the JSON API under /api/, live tails as server-sent events and /metrics.
-// It only reads: the logs folder and the dump folder, each file through SafeFolder.
-// Every answer carries a Content-Security-Policy that forbids inline script. Requests
-// run on the main thread; file and bus work runs on a small thread pool and the answer
-// is sent back on the main thread. Lives on the main thread.
+// WebServer: nimb-web's HTTP server. Serves the page from the program's resources, the
+// JSON API under /api/, live tails as server-sent events and /metrics. It only reads:
+// the logs folder and the dump folder, each file through SafeFolder. Every answer
+// carries a Content-Security-Policy that forbids inline script. Connections are taken
+// and held to their bounds by HttpListener/HttpConnection, credentials are checked by
+// LoginGate on its own thread; requests are routed on the main thread, file and bus
+// work runs on a small thread pool and the answer is sent back on the main thread.
+// Lives on the main thread.
 #pragma once
 
+#include <functional>
 #include <memory>
 
-#include <QAbstractHttpServer>
+#include <QObject>
 #include <QThreadPool>
 
-#include "WebAuth.h"
 #include "WebReply.h"
 #include "WebSettings.h"
 
+class HttpConnection;
+class HttpListener;
 class LogCatalog;
-class QHttpServerResponder;
+class LoginGate;
 class StatsClient;
 class TailHub;
+struct HttpRequest;
 
-class WebServer : public QAbstractHttpServer {
+class WebServer : public QObject {
     Q_OBJECT
 
 public:
@@ -36,22 +41,25 @@ public:
     // Listens on the configured address; the port (0 on failure).
     quint16 start();
 
-protected:
-    bool handleRequest(const QHttpServerRequest& request, QTcpSocket* socket) override;
-    void missingHandler(const QHttpServerRequest& request, QTcpSocket* socket) override;
-
 private:
+    // A request's head is in: credentials first (from the head, before any body).
+    void onHead(HttpConnection& connection, const HttpRequest& request);
+    // Credentials passed: the body (if any) is read and dropped, then the request routed.
+    void admit(HttpConnection& connection, const HttpRequest& request);
+    void route(HttpConnection& connection, const HttpRequest& request);
+    void refuseCredentials(HttpConnection& connection);
     // Runs `work` on the pool and sends its reply on the main thread, if the client is
     // still there.
-    void defer(QHttpServerResponder&& responder, std::function<WebReply()> work);
-    bool serveStatic(const QString& path, QHttpServerResponder& responder);
-    static void send(QHttpServerResponder& responder, const WebReply& reply);
+    void defer(HttpConnection& connection, std::function<WebReply()> work);
+    bool serveStatic(const QString& path, HttpConnection& connection);
+    static void send(HttpConnection& connection, const WebReply& reply);
 
     // Immutable after construction.
     const WebSettings settings_;
-    WebAuth auth_;
     std::unique_ptr<LogCatalog> catalog_;
     std::unique_ptr<StatsClient> stats_;
-    TailHub* tails_ = nullptr;  // child of this
+    LoginGate* gate_ = nullptr;         // child of this
+    TailHub* tails_ = nullptr;          // child of this
+    HttpListener* listener_ = nullptr;  // child of this
     QThreadPool pool_;
 };

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "WebSettings.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "CFileTools.h"
@@ -15,6 +16,30 @@ QString readString(const char* key, const char* name, const QString& fallback) {
     return QString::fromStdString(value);
 }
 
+// Reads an integer setting into `value` (unchanged when absent), held to [low, high].
+void readInt(const char* name, int low, int high, int& value) {
+    int read = value;
+    if (!CRegistry::getInstance()->ReadSettingImpl(WebSettings::kKey, name, read)) return;
+    value = std::clamp(read, low, high);
+}
+
+void readLimits(HttpLimits& limits) {
+    constexpr int kHour = 3600;
+    int headerSeconds = limits.headerTimeoutMs / 1000;
+    int bodySeconds = limits.bodyTimeoutMs / 1000;
+    readInt("HeaderTimeout", 1, kHour, headerSeconds);
+    readInt("BodyTimeout", 1, kHour, bodySeconds);
+    limits.headerTimeoutMs = headerSeconds * 1000;
+    limits.bodyTimeoutMs = bodySeconds * 1000;
+    int maxBody = static_cast<int>(limits.maxBodyBytes);
+    readInt("MaxBodySize", 0, 1 << 30, maxBody);
+    limits.maxBodyBytes = maxBody;
+    readInt("MaxConnections", 1, 1000000, limits.maxConnections);
+    readInt("MaxConnectionsPerAddress", 1, 1000000, limits.maxConnectionsPerAddress);
+    readInt("LoginDelay", 0, kHour * 1000, limits.loginDelayMs);
+    readInt("LoginDelayMax", 0, kHour * 1000, limits.loginDelayMaxMs);
+}
+
 }  // namespace
 
 WebSettings WebSettings::load() {
@@ -25,6 +50,7 @@ WebSettings WebSettings::load() {
     settings.tokenHash = readString(kKey, "TokenHash", {});
     settings.user = readString(kKey, "User", {});
     settings.passwordHash = readString(kKey, "PasswordHash", {});
+    readLimits(settings.limits);
     settings.bus = NimbBusSettings::read();
     // Its own bus account when it has one: the suite's credentials file is the
     // collector's where both read the same settings home (the packaged services).

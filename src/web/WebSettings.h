@@ -10,6 +10,7 @@
 #include <QHostAddress>
 #include <QString>
 
+#include "HttpLimits.h"
 #include "NimbBusSettings.h"
 
 struct WebSettings {
@@ -27,12 +28,16 @@ struct WebSettings {
     // Where the collector's counters are read: the suite's bus settings (server, TLS),
     // with BusCredsFile, when set, as the credentials file.
     NimbBusSettings bus;
+    // Timeouts, body size, connection caps and the slowdown after failed logins.
+    HttpLimits limits;
     // Why a stored setting could not be used (the program refuses to start); "" if none.
     QString problem;
 
     // Reads the stored settings: Listen, TokenHash, User, PasswordHash, BusCredsFile
-    // under kKey; the logs folder (CFileTools); the bus settings; the dump folder
-    // ($TMPDIR, else /tmp).
+    // and the bounds (HeaderTimeout, BodyTimeout, MaxBodySize, MaxConnections,
+    // MaxConnectionsPerAddress, LoginDelay, LoginDelayMax; a value out of its range is
+    // taken as the nearest end) under kKey; the logs folder (CFileTools); the bus
+    // settings; the dump folder ($TMPDIR, else /tmp).
     static WebSettings load();
 
     // Sets listen/host/port from "ADDR:PORT" (IPv6 as "[ADDR]:PORT"); false with

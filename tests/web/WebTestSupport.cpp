@@ -18,19 +18,6 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-int connectTo(int port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 // Appends what arrives within `until` to `out`; false on end of stream or timeout.
 bool readSome(int fd, std::string& out, Clock::time_point until) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
@@ -52,6 +39,75 @@ std::string lower(std::string text) {
 
 }  // namespace
 
+int connectTo(int port, const std::string& from) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    if (!from.empty()) {
+        sockaddr_in source{};
+        source.sin_family = AF_INET;
+        if (::inet_pton(AF_INET, from.c_str(), &source.sin_addr) != 1 ||
+            ::bind(fd, reinterpret_cast<sockaddr*>(&source), sizeof source) != 0) {
+            ::close(fd);
+            return -1;
+        }
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+bool sendAll(int fd, const std::string& bytes) {
+    std::size_t sent = 0;
+    while (sent < bytes.size()) {
+        const ssize_t n = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0) return false;
+        sent += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+std::string readUntilClosed(int fd, std::chrono::milliseconds timeout, bool* closed) {
+    const Clock::time_point until = Clock::now() + timeout;
+    std::string out;
+    bool ended = false;
+    char buffer[64 * 1024];
+    for (;;) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
+        if (left.count() <= 0) break;
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n <= 0) {
+            ended = true;  // the end, or a reset: closed either way
+            break;
+        }
+        out.append(buffer, static_cast<std::size_t>(n));
+    }
+    if (closed != nullptr) *closed = ended;
+    return out;
+}
+
+bool readable(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return ::poll(&p, 1, 0) > 0;
+}
+
+std::vector<int> statuses(const std::string& bytes) {
+    std::vector<int> found;
+    for (std::size_t at = bytes.find("HTTP/1.1 "); at != std::string::npos;
+         at = bytes.find("HTTP/1.1 ", at + 1)) {
+        found.push_back(std::atoi(bytes.substr(at + 9, 3).c_str()));
+    }
+    return found;
+}
+
 std::string HttpResponse::header(const std::string& name) const {
     const auto it = headers.find(lower(name));
     return it == headers.end() ? std::string() : it->second;
@@ -59,9 +115,9 @@ std::string HttpResponse::header(const std::string& name) const {
 
 HttpResponse request(int port, const std::string& target,
                      const std::vector<std::string>& extraHeaders, const std::string& method,
-                     std::chrono::milliseconds timeout) {
+                     std::chrono::milliseconds timeout, const std::string& from) {
     HttpResponse response;
-    const int fd = connectTo(port);
+    const int fd = connectTo(port, from);
     if (fd < 0) return response;
     std::string out = method + " " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n";
     for (const std::string& h : extraHeaders) out += h + "\r\n";
@@ -161,6 +217,14 @@ void WebFixture::setWebSetting(const std::string& name, const std::string& value
     std::string json = fs::exists(file) ? nimbtest::readFile(file) : "{}";
     json.pop_back();  // the closing brace
     json += (json.size() > 1 ? ", \"" : "\"") + name + "\": \"" + value + "\"}";
+    nimbtest::writeFile(file, json);
+}
+
+void WebFixture::setWebSetting(const std::string& name, int value) {
+    const fs::path file = root() / "cfg/pellix/com.pellix.nimb.web.json";
+    std::string json = fs::exists(file) ? nimbtest::readFile(file) : "{}";
+    json.pop_back();  // the closing brace
+    json += (json.size() > 1 ? ", \"" : "\"") + name + "\": " + std::to_string(value) + "}";
     nimbtest::writeFile(file, json);
 }
 

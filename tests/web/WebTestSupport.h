@@ -28,11 +28,24 @@ struct HttpResponse {
 };
 
 // Sends "GET <target> HTTP/1.1" (or another method) with `extraHeaders` ("Name: value"
-// lines) and reads one response with a Content-Length body. Bounded by `timeout`.
+// lines) and reads one response with a Content-Length body. Bounded by `timeout`. From
+// the loopback address `from` when given (e.g. "127.0.0.2", to stand for another host).
 HttpResponse request(int port, const std::string& target,
                      const std::vector<std::string>& extraHeaders = {},
                      const std::string& method = "GET",
-                     std::chrono::milliseconds timeout = std::chrono::seconds(10));
+                     std::chrono::milliseconds timeout = std::chrono::seconds(10),
+                     const std::string& from = "");
+
+// A connected TCP socket to 127.0.0.1:`port` from `from` (default 127.0.0.1); -1 on failure.
+int connectTo(int port, const std::string& from = "");
+// Writes all of `bytes`; false on failure.
+bool sendAll(int fd, const std::string& bytes);
+// Reads until the peer closes or `timeout` passes; `closed` tells which.
+std::string readUntilClosed(int fd, std::chrono::milliseconds timeout, bool* closed = nullptr);
+// Whether anything (bytes or the end) can be read from `fd` right now, without waiting.
+bool readable(int fd);
+// Every "HTTP/1.1 <status>" in `bytes`, in order (answers read back to back).
+std::vector<int> statuses(const std::string& bytes);
 
 // An open connection reading a server-sent event stream.
 class EventStream {
@@ -62,6 +75,7 @@ protected:
     std::map<std::string, std::string> environment() const;
     // Writes a setting of nimb-web's key.
     void setWebSetting(const std::string& name, const std::string& value);
+    void setWebSetting(const std::string& name, int value);
 
     // Starts nats-server and the collector; waits until the collector is on the bus.
     void startCollector();
