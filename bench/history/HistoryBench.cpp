@@ -125,9 +125,11 @@ void compressionFigures() {
         }
     }
     const double lineBytes = 32.0 * (1 << 20) / deviceLines;
-    const double month = 30.0 * 86400 * 10 * lineBytes;
-    printf("  30 days of one device at 10 lines/s (%.0f B a line): %.0f MB raw, %.0f MB kept\n",
-           lineBytes, month / 1e6, month / deviceRatio / 1e6);
+    for (const double bytes : {lineBytes, 120.0}) {
+        const double month = 30.0 * 86400 * 10 * bytes;
+        printf("  30 days of one device at 10 lines/s (%.0f B a line): %.0f MB raw, %.0f MB kept\n",
+               bytes, month / 1e6, month / deviceRatio / 1e6);
+    }
 }
 
 std::string deviceFile(int device) {

@@ -279,6 +279,7 @@ async function openLog(file, at, generation) {
   lines.replaceChildren();
   $("log-title").textContent = file;
   $("log-download").href = "/api/download?" + query({ file });
+  $("log-download-history").href = "/api/download?" + query({ file, history: 1 });
   const device = state.devices.find((d) => d.logs.some((l) => l.file === file));
   $("log-archive").hidden = !device;
   if (device) $("log-archive").href = "/api/archive?" + query({ device: device.key });
@@ -365,6 +366,7 @@ async function loadLater() {
     log.inode = chunk.inode;
     $("log-title").textContent = log.file;
     $("log-download").href = "/api/download?" + query({ file: log.file });
+    $("log-download-history").href = "/api/download?" + query({ file: log.file, history: 1 });
     $("log-meta").textContent = "showing the text up to the live end";
     if (state.pausedAtHit) {
       $("live").checked = true;
