@@ -72,6 +72,8 @@ constexpr Key kKeys[] = {
     {kSyslogKey, "ClockThreshold", "int", "2", "seconds a sender's clock may be off"},
     {kSyslogKey, "MaxLinesPerSecond", "int", "5000", "per sender address (0: none)"},
     {kSyslogKey, "MaxConnections", "int", "64", "open syslog connections"},
+    {kSyslogKey, "MaxConnectionsPerAddress", "int", "16",
+     "open syslog connections from one address"},
     {kSyslogKey, "MaxSenders", "int", "64", "senders with files"},
     {kSyslogKey, "MaxAppsPerSender", "int", "16", "files per sender"},
     {kWebKey, "Listen", "string", "127.0.0.1:8470", "nimb-web address, ADDR:PORT"},
