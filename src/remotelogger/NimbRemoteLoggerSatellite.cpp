@@ -244,6 +244,13 @@ int NimbRemoteLoggerSatellite::connect() {
     const boost::shared_ptr<CRegistry> registry = CRegistry::getInstance();
     assert(registry);
     NimbBusSettings bus = NimbBusSettings::read();
+    // Its own account when it has one: the suite's kibDirectory.credsFile is what the
+    // device tools sharing these settings would connect with.
+    CStdStr ownCreds;
+    if (registry->ReadSettingImpl(kConfigKey, NimbSettings::kCollectorCredsFile, ownCreds) &&
+        !ownCreds.empty()) {
+        bus.connection.credentialsFile = ownCreds;
+    }
     // The writer completes the replies of each round together: on an open bus they leave
     // in one write, over a second connection. A bus with accounts lets a connection answer
     // only the requests it received itself, so there they leave one by one.

@@ -144,6 +144,8 @@ protected:
         root_ = new TempDir;
         port_ = NatsServer::freePort();
         home_ = new CollectorHome(fs::path(root_->path()) / "collector");
+        // Where earlier versions named the collector's account; init takes it back.
+        home_->setBus("kibDirectory.credsFile", bus("nimb-collector.creds"));
         const ChildResult init = setup({"--listen", "127.0.0.1", "--port", std::to_string(port_),
                                         "--name", "bus.test", "init"});
         ASSERT_EQ(init.exitCode(), 0) << init.output;
@@ -216,8 +218,12 @@ TEST_F(BusSetupTest, SecretsArePrivateAndNamesChecked) {
     for (const std::string& creds : {bus("nimb-collector.creds"), web(), device("kitchen")})
         EXPECT_EQ(outputs_.find(valueOf(creds, "password")), std::string::npos) << outputs_;
 
+    // The collector's account is named under its own setting: the device tools that share
+    // these settings (kibDirectory.credsFile) never connect as the collector.
     const std::string settings = readFile(home_->root() / "cfg/pellix/com.pellix.nimb.config.json");
+    EXPECT_NE(settings.find("\"CollectorCredsFile\""), std::string::npos) << settings;
     EXPECT_NE(settings.find(bus("nimb-collector.creds")), std::string::npos) << settings;
+    EXPECT_EQ(settings.find("kibDirectory.credsFile"), std::string::npos) << settings;
     EXPECT_NE(settings.find(bus("ca.pem")), std::string::npos) << settings;
     // nimb-web shares that home and names its own account under its own key.
     const std::string webSettings = readFile(home_->root() / "cfg/pellix/com.pellix.nimb.web.json");
@@ -241,6 +247,57 @@ TEST_F(BusSetupTest, SecretsArePrivateAndNamesChecked) {
     }
     const ChildResult listed = setup({"list-devices"});
     EXPECT_EQ(listed.output, "garage\nkitchen\n");
+    // The server started with the configuration is the one its pid file names.
+    const ChildResult reloaded = setup({"reload"});
+    EXPECT_EQ(reloaded.exitCode(), 0) << reloaded.output;
+    EXPECT_NE(reloaded.output.find("reloaded"), std::string::npos) << reloaded.output;
+}
+
+// Without a running server: add-device says the change waits for its start, reload fails.
+// A pid file naming a process that is not the bus server is not signalled.
+TEST_F(BusSetupTest, ReloadWithoutARunningServerFailsLoudly) {
+    const fs::path other = fs::path(root_->path()) / "idle-bus";
+    const std::string tools = fs::path(NIMB_DEFAULTS).parent_path().string();
+    const auto run = [&](const std::vector<std::string>& arguments) {
+        std::vector<std::string> argv{NIMB_BUS_SETUP, "--dir", other.string()};
+        argv.insert(argv.end(), arguments.begin(), arguments.end());
+        return runChild(argv,
+                        {{"XDG_CONFIG_HOME", (other / "cfg").string()},
+                         {"PATH", tools + ":" + std::getenv("PATH")}},
+                        fs::path(root_->path()) / "idle.txt");
+    };
+    ASSERT_EQ(run({"--port", std::to_string(NatsServer::freePort()), "init"}).exitCode(), 0);
+    const ChildResult added = run({"add-device", "shed"});
+    EXPECT_EQ(added.exitCode(), 0) << added.output;
+    EXPECT_NE(added.output.find("the change applies when it starts"), std::string::npos)
+        << added.output;
+    for (const std::string& pid : {std::string(), std::to_string(::getpid())}) {
+        if (!pid.empty()) writeFile(other / "nats-server.pid", pid + "\n");
+        const ChildResult reload = run({"reload"});
+        EXPECT_EQ(reload.exitCode(), 1) << reload.output;
+        EXPECT_NE(reload.output.find("no running bus server found"), std::string::npos)
+            << reload.output;
+        EXPECT_NE(reload.output.find("nothing reloaded"), std::string::npos) << reload.output;
+    }
+}
+
+// On a host without systemd, --systemd init stops before it writes anything.
+TEST_F(BusSetupTest, SystemdInitChecksForSystemdFirst) {
+    if (fs::exists("/run/systemd/system")) GTEST_SKIP() << "this host runs systemd";
+    const fs::path fresh = fs::path(root_->path()) / "systemd-bus";
+    const bool dropInBefore = fs::exists("/etc/systemd/system/nats-server.service.d/nimb-bus.conf");
+    const ChildResult run =
+        runChild({NIMB_BUS_SETUP, "--dir", fresh.string(), "--systemd", "init"},
+                 {{"XDG_CONFIG_HOME", (fresh.parent_path() / "systemd-cfg").string()}},
+                 fs::path(root_->path()) / "systemd.txt");
+    EXPECT_EQ(run.exitCode(), 1) << run.output;
+    const bool root = ::geteuid() == 0;
+    EXPECT_NE(run.output.find(root ? "needs a host that runs systemd" : "--systemd needs root"),
+              std::string::npos)
+        << run.output;
+    EXPECT_FALSE(fs::exists(fresh));
+    EXPECT_FALSE(fs::exists(fresh.parent_path() / "systemd-cfg"));
+    EXPECT_EQ(fs::exists("/etc/systemd/system/nats-server.service.d/nimb-bus.conf"), dropInBefore);
 }
 
 TEST_F(BusSetupTest, DevicePushesOverTlsWithItsCredentials) {
