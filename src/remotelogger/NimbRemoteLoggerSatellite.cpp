@@ -281,7 +281,8 @@ int NimbRemoteLoggerSatellite::connect() {
         return KIB_E_ALREADY_CONNECTED;
     }
     // A server that refused the check's connection refuses the real one too: report it once.
-    const int status = pinged == KIB_E_CONNECT_FAILED ? pinged : bus.connect(*this, kSatelliteName);
+    const bool refused = pinged == KIB_E_CONNECT_FAILED || pinged == KIB_E_NOT_PERMITTED;
+    const int status = refused ? pinged : bus.connect(*this, kSatelliteName);
     if (status != 0) {
         CBBLog::error(boost::format("Failed to register: %1$d (0x%1$x)") % status);
         return status;

@@ -17,6 +17,8 @@
 #include <nats/nats.h>
 
 #include "BusTestSupport.h"
+#include "KibReply.h"
+#include "KibVariantHolder.h"
 #include "NatsServer.h"
 #include "WebTestSupport.h"
 
@@ -332,30 +334,39 @@ TEST_F(BusSetupTest, RefusedConnectionsSayWhyAndShowNoSecret) {
         const char* what;
         std::vector<std::string> security;
         const char* error;
+        bool retried;  // else refused at once: the credentials are not accepted
     } cases[] = {
         {"wrong password",
          {"--ca", ca, "--creds", (scratch / "wrong.creds").string()},
-         "Authorization Violation"},
+         "refused the credentials in",
+         false},
         {"unknown user",
          {"--ca", ca, "--creds", (scratch / "stranger.creds").string()},
-         "Authorization Violation"},
+         "Authorization Violation",
+         false},
         {"revoked device",
          {"--ca", ca, "--creds", (scratch / "leaving.creds").string()},
-         "Authorization Violation"},
+         "Authorization Violation",
+         false},
+        {"no credentials", {"--ca", ca}, "requires this device's credentials", false},
         {"wrong CA",
          {"--ca", (scratch / "other.pem").string(), "--creds", device("kitchen")},
-         "unable to get local issuer certificate"},
-        {"no TLS", {"--creds", device("kitchen")}, "the server requires TLS"},
+         "unable to get local issuer certificate",
+         true},
+        {"no TLS", {"--creds", device("kitchen")}, "the server requires TLS", true},
         {"no credentials file",
          {"--ca", ca, "--creds", (scratch / "none.creds").string()},
-         "cannot read the credentials file"},
+         "cannot read the credentials file",
+         true},
     };
     for (const auto& c : cases) {
         const ChildResult run = push("refused.log", "never\n", c.security);
-        EXPECT_EQ(run.exitCode(), 3) << c.what;
-        // Retried with back-off for the budget given, then reported with the reason.
+        EXPECT_EQ(run.exitCode(), c.retried ? 3 : 4) << c.what << ": " << run.errors;
         EXPECT_NE(run.errors.find(c.error), std::string::npos) << c.what << ": " << run.errors;
-        EXPECT_NE(run.errors.find("gave up after"), std::string::npos) << c.what;
+        // Retried with back-off for the budget given (600 ms), then reported with the
+        // reason; refused credentials are reported at once, without retrying.
+        EXPECT_EQ(run.errors.find("gave up after") != std::string::npos, c.retried)
+            << c.what << ": " << run.errors;
         for (const std::string& secret : {password, leaving})
             EXPECT_EQ(run.errors.find(secret), std::string::npos) << c.what;
     }
@@ -443,12 +454,66 @@ TEST_F(BusSetupTest, WebAccountReadsTheCountersAndNothingElse) {
           "_INBOX_device-kitchen.>", "kib.avail.>", "kib.ping.RemoteLogger", "_INBOX.>", ">"})
         EXPECT_TRUE(monitor.refusesSubscription(subject)) << subject;
 
-    // Through the bus library as well: a log announced with this account never arrives.
+    // Through the bus library as well: a log announced with this account never arrives,
+    // and the call is refused as soon as the server says so (the timeout is far off).
     Device intruder("66:55:44:33:22:11", "forged.log");
     ASSERT_EQ(intruder.connect(host(), optionsOf(web()), "nimb-web"), KIB_OK);
-    EXPECT_NE(intruder.announce(500), 0);
-    EXPECT_NE(intruder.append("forged", 500), 0);
+    EXPECT_EQ(intruder.announce(60000), KIB_E_NOT_PERMITTED);
+    EXPECT_EQ(intruder.append("forged", 60000), KIB_E_NOT_PERMITTED);
     EXPECT_FALSE(fs::exists(home_->logs() / intruder.fileName()));
+}
+
+// A device account calling a service it may not use is refused with the reason, by the
+// library and by kib-call, instead of waiting for its timeout.
+TEST_F(BusSetupTest, DeviceCallToAForbiddenServiceIsRefused) {
+    Device kitchen(kMac, "stats.log");
+    ASSERT_EQ(kitchen.connect(host(), optionsOf(device("kitchen")), "kitchen"), KIB_OK);
+    KibVariantHolder nothing;
+    KibReply reply;
+    kitchen.satellite().Call("RemoteLogger", "GetStats", nothing.get(), &reply, 60000);
+    EXPECT_EQ(reply.status, KIB_E_NOT_PERMITTED);
+    EXPECT_NE(reply.errorText.find("RemoteLogger.GetStats"), std::string::npos) << reply.errorText;
+    // Allowed services still answer on the same connection.
+    EXPECT_EQ(kitchen.announce(), 0);
+
+    const ChildResult call =
+        runProgram({KIB_CALL, "--host", host(), "--ca", bus("ca.pem"), "--creds", device("kitchen"),
+                    "--timeout", "60000", "RemoteLogger", "GetStats"},
+                   *root_);
+    EXPECT_EQ(call.exitCode(), 4) << call.errors;
+    EXPECT_NE(call.errors.find("not permitted"), std::string::npos) << call.errors;
+    const ChildResult anonymous = runProgram(
+        {KIB_CALL, "--host", host(), "--ca", bus("ca.pem"), "RemoteLogger", "GetStats"}, *root_);
+    EXPECT_EQ(anonymous.exitCode(), 4) << anonymous.errors;
+    EXPECT_NE(anonymous.errors.find("--creds FILE"), std::string::npos) << anonymous.errors;
+}
+
+// The push command of the README, run with the collector's settings home: those settings
+// name no credentials a device tool would use, so it says which to pass.
+TEST_F(BusSetupTest, ToolsWithTheCollectorsSettingsAskForDeviceCredentials) {
+    writeFile(fs::path(root_->path()) / "readme.txt", "from the README\n");
+    const ChildResult run = runChild(
+        {NIMB_LOGPUSH, "--log", "demo", "--retry-for", "600", root_->path() + "/readme.txt"},
+        {{"XDG_CONFIG_HOME", (home_->root() / "cfg").string()}},
+        fs::path(root_->path()) / "readme-push.txt");
+    EXPECT_EQ(run.exitCode(), 4) << run.output;
+    EXPECT_NE(run.output.find("requires this device's credentials"), std::string::npos)
+        << run.output;
+    EXPECT_NE(run.output.find("--creds FILE"), std::string::npos) << run.output;
+
+    const fs::path copy = fs::path(root_->path()) / "shared.creds";
+    fs::copy_file(device("kitchen"), copy, fs::copy_options::overwrite_existing);
+    fs::permissions(copy, fs::perms::group_read, fs::perm_options::add);
+    const ChildResult shared =
+        runChild({NIMB_LOGPUSH, "--log", "demo", "--mac", kMac, "--device-id", "dev", "--creds",
+                  copy.string(), root_->path() + "/readme.txt"},
+                 {{"XDG_CONFIG_HOME", (home_->root() / "cfg").string()}},
+                 fs::path(root_->path()) / "shared-push.txt");
+    EXPECT_EQ(shared.exitCode(), 0) << shared.output;
+    const std::string warning = "nimb-logpush: warning: credentials file " + copy.string() +
+                                " is readable by group or others";
+    EXPECT_NE(shared.output.find(warning), std::string::npos) << shared.output;
+    EXPECT_EQ(shared.output.find(warning), shared.output.rfind(warning)) << shared.output;
 }
 
 // Credentials do not expire; revoking them is the way to withdraw them, and a client
@@ -464,6 +529,20 @@ TEST_F(BusSetupTest, RevokedAccountsAreCutOffAtTheReload) {
     const std::string oldWebFile = root_->path() + "/old-web.creds";
     fs::copy_file(web(), oldWebFile, fs::copy_options::overwrite_existing);
 
+    // A follower with the same credentials, pushing a growing file.
+    const fs::path followed = fs::path(root_->path()) / "porch-follow.txt";
+    writeFile(followed, "followed before\n");
+    const fs::path followOutput = fs::path(root_->path()) / "porch-follow-output.txt";
+    const pid_t follower = spawnChild(
+        {NIMB_LOGPUSH, "--host", host(), "--ca", bus("ca.pem"), "--creds", device("porch"), "--mac",
+         "00:11:22:33:44:77", "--device-id", "dev", "-f", followed.string()},
+        {}, followOutput);
+    const fs::path followedFile = home_->logs() / "dev001122334477-porch-follow.txt";
+    EXPECT_TRUE(waitUntil([&] {
+        return fs::exists(followedFile) &&
+               readFile(followedFile).find("followed before\n") != std::string::npos;
+    }));
+
     const ChildResult revoked = setup({"revoke-device", "porch"});
     ASSERT_EQ(revoked.exitCode(), 0) << revoked.output;
     EXPECT_NE(revoked.output.find("reloaded"), std::string::npos) << revoked.output;
@@ -471,7 +550,19 @@ TEST_F(BusSetupTest, RevokedAccountsAreCutOffAtTheReload) {
     // what it sends from then on is not written.
     EXPECT_TRUE(waitUntil([&] { return porch.append("probe") != 0; }, std::chrono::seconds(10),
                           std::chrono::milliseconds(100)));
-    EXPECT_NE(porch.append("after revocation"), 0);
+    // The client gives up once the server refuses the credentials again, and says so.
+    EXPECT_TRUE(waitUntil([&] { return !porch.satellite().credentialsRefusal().empty(); },
+                          std::chrono::seconds(10), std::chrono::milliseconds(50)));
+    EXPECT_EQ(porch.append("after revocation", 60000), KIB_E_NOT_PERMITTED);
+    // The follower stops with the reason instead of retrying without end.
+    writeFile(followed, "followed before\nfollowed after\n");
+    const ChildResult followerEnd = waitChild(follower, followOutput, std::chrono::seconds(30));
+    EXPECT_TRUE(followerEnd.finished);
+    EXPECT_EQ(followerEnd.exitCode(), 4) << followerEnd.output;
+    EXPECT_NE(followerEnd.output.find("no longer accepts the credentials in " + device("porch")),
+              std::string::npos)
+        << followerEnd.output;
+    EXPECT_EQ(readFile(followedFile).find("followed after"), std::string::npos);
 
     const ChildResult reissued = setup({"reissue-web"});
     ASSERT_EQ(reissued.exitCode(), 0) << reissued.output;
