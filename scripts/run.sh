@@ -205,9 +205,6 @@ cat <<EOF
 run: nats-server on 127.0.0.1:$port (pid $nats_pid, log run/nats-server.log)
 run: settings in run/config/pellix/, logs in run/logs/, crash dumps in run/dumps/
 run: web console at http://127.0.0.1:$web_port/ (log run/nimb-web.log)
-
-Push a log from another terminal (in $root):
-
 EOF
 device_options=""
 if [ "$secure" -eq 1 ]; then
@@ -216,14 +213,18 @@ if [ "$secure" -eq 1 ]; then
 run: TLS and accounts from run/bus/ (nimb-bus-setup); device credentials: run/bus/devices/
 run: the settings in run/config/ hold no device credentials: pass one with --creds, as below.
 
-Devices (the running server reloads its accounts at once):
+Devices (the running server reloads its accounts at once; in $root):
 
   run/install/bin/nimb-bus-setup --dir run/bus list-devices
   run/install/bin/nimb-bus-setup --dir run/bus add-device NAME      # run/bus/devices/NAME.creds
   run/install/bin/nimb-bus-setup --dir run/bus revoke-device NAME
-
 EOF
 fi
+cat <<EOF
+
+Push a log from another terminal (in $root):
+
+EOF
 if [ -x "$bin/nimb-logpush" ]; then
     cat <<EOF
   run/install/bin/nimb-logpush --host 127.0.0.1:$port$device_options --log demo README.md
