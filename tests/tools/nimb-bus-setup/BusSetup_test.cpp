@@ -476,12 +476,20 @@ TEST_F(BusSetupTest, DeviceCallToAForbiddenServiceIsRefused) {
     // Allowed services still answer on the same connection.
     EXPECT_EQ(kitchen.announce(), 0);
 
+    // kib-call, with a copy of the file that its group may read: warned about once.
+    const fs::path copy = fs::path(root_->path()) / "kitchen-shared.creds";
+    fs::copy_file(device("kitchen"), copy, fs::copy_options::overwrite_existing);
+    fs::permissions(copy, fs::perms::group_read, fs::perm_options::add);
     const ChildResult call =
-        runProgram({KIB_CALL, "--host", host(), "--ca", bus("ca.pem"), "--creds", device("kitchen"),
+        runProgram({KIB_CALL, "--host", host(), "--ca", bus("ca.pem"), "--creds", copy.string(),
                     "--timeout", "60000", "RemoteLogger", "GetStats"},
                    *root_);
     EXPECT_EQ(call.exitCode(), 4) << call.errors;
     EXPECT_NE(call.errors.find("not permitted"), std::string::npos) << call.errors;
+    const std::string warning =
+        "kib-call: warning: credentials file " + copy.string() + " is readable by group or others";
+    EXPECT_NE(call.errors.find(warning), std::string::npos) << call.errors;
+    EXPECT_EQ(call.errors.find(warning), call.errors.rfind(warning)) << call.errors;
     const ChildResult anonymous = runProgram(
         {KIB_CALL, "--host", host(), "--ca", bus("ca.pem"), "RemoteLogger", "GetStats"}, *root_);
     EXPECT_EQ(anonymous.exitCode(), 4) << anonymous.errors;
