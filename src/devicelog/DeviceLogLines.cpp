@@ -22,10 +22,33 @@ bool digits(std::string_view text, std::size_t at, std::size_t count, int& value
     return true;
 }
 
+// DeviceLogConverter::utcSeconds(fields): the calendar rule worked out once per day (kept
+// per thread for the last day of each of four consecutive years, as stamps come in runs of
+// one day and a syslog stamp asks for one day in three years); hours, minutes and seconds
+// add linearly, as in the rule.
+long long utcSeconds(const tm& fields) {
+    struct Day {
+        int year = -1, month = -1, day = -1;  // none yet
+        long long seconds = 0;
+    };
+    thread_local Day days[4];
+    Day& cached = days[fields.tm_year & 3];
+    if (cached.year != fields.tm_year || cached.month != fields.tm_mon ||
+        cached.day != fields.tm_mday) {
+        tm midnight{};
+        midnight.tm_year = fields.tm_year;
+        midnight.tm_mon = fields.tm_mon;
+        midnight.tm_mday = fields.tm_mday;
+        cached = {fields.tm_year, fields.tm_mon, fields.tm_mday,
+                  DeviceLogConverter::utcSeconds(midnight)};
+    }
+    return cached.seconds + fields.tm_hour * 3600LL + fields.tm_min * 60LL + fields.tm_sec;
+}
+
 // UTC seconds of a local wall-clock reading (the zone's offset taken at that moment; kept
 // per hour and thread, so a text costs one zone look-up per hour it spans).
 long long fromLocal(const tm& fields) {
-    const long long asUtc = DeviceLogConverter::utcSeconds(fields);
+    const long long asUtc = utcSeconds(fields);
     thread_local long long cachedHour = -1;
     thread_local long long cachedOffset = 0;
     const long long hour = asUtc / 3600;
@@ -44,20 +67,29 @@ bool validFields(const tm& t) {
            t.tm_min < 60 && t.tm_sec <= 60;
 }
 
+// The number two digits at `p` give, -1 when either is not a digit.
+int twoDigits(const char* p) {
+    const unsigned tens = static_cast<unsigned char>(p[0] - '0');
+    const unsigned ones = static_cast<unsigned char>(p[1] - '0');
+    return tens < 10 && ones < 10 ? static_cast<int>(tens * 10 + ones) : -1;
+}
+
 // "YYYY/MM/DD hh:mm:ss" or "YYYY-MM-DD[T ]hh:mm:ss[.fff][Z|+hh:mm|+hhmm]".
 bool numericStamp(std::string_view line, long long& seconds) {
+    if (line.size() < 19) return false;
+    const char* const p = line.data();
+    const char dateSep = p[4];
+    if ((dateSep != '/' && dateSep != '-') || p[7] != dateSep) return false;
+    if (p[10] != ' ' && p[10] != 'T') return false;
+    if (p[13] != ':' || p[16] != ':') return false;
+    const int century = twoDigits(p), year = twoDigits(p + 2), month = twoDigits(p + 5);
     tm t{};
-    int year = 0, month = 0;
-    if (!digits(line, 0, 4, year) || line.size() < 19) return false;
-    const char dateSep = line[4];
-    if ((dateSep != '/' && dateSep != '-') || line[7] != dateSep) return false;
-    if (line[10] != ' ' && line[10] != 'T') return false;
-    if (line[13] != ':' || line[16] != ':') return false;
-    if (!digits(line, 5, 2, month) || !digits(line, 8, 2, t.tm_mday) ||
-        !digits(line, 11, 2, t.tm_hour) || !digits(line, 14, 2, t.tm_min) ||
-        !digits(line, 17, 2, t.tm_sec))
-        return false;
-    t.tm_year = year - 1900;
+    t.tm_mday = twoDigits(p + 8);
+    t.tm_hour = twoDigits(p + 11);
+    t.tm_min = twoDigits(p + 14);
+    t.tm_sec = twoDigits(p + 17);
+    if ((century | year | month | t.tm_mday | t.tm_hour | t.tm_min | t.tm_sec) < 0) return false;
+    t.tm_year = century * 100 + year - 1900;
     t.tm_mon = month - 1;
     if (!validFields(t)) return false;
     std::size_t at = 19;
@@ -68,14 +100,14 @@ bool numericStamp(std::string_view line, long long& seconds) {
     if (dateSep == '-' && at < line.size()) {
         int hours = 0, minutes = 0;
         if (line[at] == 'Z') {
-            seconds = DeviceLogConverter::utcSeconds(t);
+            seconds = utcSeconds(t);
             return true;
         }
         if ((line[at] == '+' || line[at] == '-') && digits(line, at + 1, 2, hours)) {
             const std::size_t m = at + 3 < line.size() && line[at + 3] == ':' ? at + 4 : at + 3;
             if (digits(line, m, 2, minutes)) {
                 const long long zone = (hours * 60LL + minutes) * 60 * (line[at] == '-' ? -1 : 1);
-                seconds = DeviceLogConverter::utcSeconds(t) - zone;
+                seconds = utcSeconds(t) - zone;
                 return true;
             }
         }
