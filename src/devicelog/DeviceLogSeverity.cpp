@@ -81,6 +81,9 @@ enum ByteClass : std::uint16_t {
     kTime = 64,      // timeByte
     kTagStop = 128,  // what ends a syslog tag's name: a space, ':', '['
     kZulu = 256,     // 'T' and 'Z' in a date and time
+    kColon = 512,
+    kEquals = 1024,
+    kAnyClass = 0xffff,
 };
 
 struct ByteTable {
@@ -96,15 +99,15 @@ constexpr ByteTable makeByteTable() {
             (upperByte(c) ? kUpper : 0) | (lowerByte(c) ? kLower : 0) | (wordByte(c) ? kWord : 0) |
             (keyByte(c) ? kKey : 0) | (timeByte(c) ? kTime : 0) |
             (spaceByte(c) || c == ':' || c == '[' ? kTagStop : 0) |
-            (c == 'T' || c == 'Z' ? kZulu : 0));
+            (c == 'T' || c == 'Z' ? kZulu : 0) | (c == ':' ? kColon : 0) |
+            (c == '=' ? kEquals : 0));
     }
     return table;
 }
 constexpr ByteTable kBytes = makeByteTable();
 
-bool is(char c, unsigned classes) {
-    return (kBytes.classes[static_cast<unsigned char>(c)] & classes) != 0;
-}
+unsigned classOf(char c) { return kBytes.classes[static_cast<unsigned char>(c)]; }
+bool is(char c, unsigned classes) { return (classOf(c) & classes) != 0; }
 bool isSpace(char c) { return is(c, kSpace); }
 bool isDigit(char c) { return is(c, kDigit); }
 bool isUpper(char c) { return is(c, kUpper); }
@@ -253,6 +256,7 @@ struct Scan {
     std::string_view line;
     std::size_t pos = 0;
     std::size_t tokenEnd = 0;  // where the field's bytes up to the next space end
+    unsigned tokenBytes = 0;   // the classes of those bytes, or-ed (all when not known)
     bool sawTime = false;      // a date or time was passed (since the syslog tag)
     bool afterTime = false;    // the field just passed was a date or time
     bool afterNumber = false;  // the field just passed was a plain number
@@ -441,9 +445,10 @@ bool jsonLabel(const Scan& s, Level& level) {
     return true;
 }
 
-// Which bytes may start a field that a rule accepts: a rule is only tried on a field whose
-// first byte it allows (it would find nothing on any other). A shortcut only: the result
-// is the same as trying every rule (ofLineTryingEveryRule, the tests compare the two).
+// Which bytes may start a field that a rule accepts, and which the field must hold: a rule
+// is only tried on a field whose first byte it allows and that holds the bytes it needs
+// (it would find nothing on any other). A shortcut only: the result is the same as
+// trying every rule (ofLineTryingEveryRule, the tests compare the two).
 constexpr bool anyByte(char) { return true; }
 constexpr bool bracketByte(char c) { return c == '[' || c == '<' || c == '('; }
 constexpr bool letterByte(char c) { return upperByte(c) || lowerByte(c); }
@@ -463,16 +468,17 @@ constexpr bool timeStartByte(char c) {
 struct LabelRule {
     bool (*match)(const Scan&, Level&);
     bool (*mayStartWith)(char);
+    unsigned needs;  // byte classes the field must hold (its word's colon, its pair's '=')
 };
 constexpr LabelRule kLabelRules[] = {
-    {bracketLabel, bracketByte},                // [ERROR] [WARN ] [E] <E> (warn) [core:error]
-    {colonLabel, letterByte},                   // ERROR:root:  error:  Warning:  (any case)
-    {upperLabel, upperByte},                    // ERROR  WARN  INFO  (capitals, a whole field)
-    {androidLabel, levelLetterByte},            // E/Tag(123):  W/Tag:
-    {stampedLetterLabel, levelLetterByte},      // E1125 10:00:00.123456
-    {letterAfterNumberLabel, levelLetterByte},  // <time> 1234 5678 E Tag:
-    {keyValueLabel, keyByte},                   // level=warn lvl=err level=3
-    {jsonLabel, jsonByte},                      // {"level":"error"} {"severity":"warn"} {"lvl":3}
+    {bracketLabel, bracketByte, 0},                // [ERROR] [WARN ] [E] <E> (warn) [core:error]
+    {colonLabel, letterByte, kColon},              // ERROR:root:  error:  Warning:  (any case)
+    {upperLabel, upperByte, 0},                    // ERROR  WARN  INFO  (capitals, a whole field)
+    {androidLabel, levelLetterByte, 0},            // E/Tag(123):  W/Tag:
+    {stampedLetterLabel, levelLetterByte, 0},      // E1125 10:00:00.123456
+    {letterAfterNumberLabel, levelLetterByte, 0},  // <time> 1234 5678 E Tag:
+    {keyValueLabel, keyByte, kEquals},             // level=warn lvl=err level=3
+    {jsonLabel, jsonByte, 0},  // {"level":"error"} {"severity":"warn"} {"lvl":3}
 };
 
 // ---- Header fields: what may come before the label. Each looks at the field at scan.pos
@@ -514,7 +520,8 @@ std::size_t groupField(const Scan& s) {
 // The syslog "host app[pid]:" or "app:", once.
 std::size_t tagField(const Scan& s) {
     if (s.sawTag) return npos;
-    const std::size_t tag = tagEnd(s.line, s.pos);
+    // A tag at the field ends with a colon inside it.
+    const std::size_t tag = (s.tokenBytes & kColon) != 0 ? tagEnd(s.line, s.pos) : npos;
     if (tag != npos) return tag;
     const std::size_t host = s.tokenEnd;
     const std::size_t next = skipSpaces(s.line, host);
@@ -621,11 +628,18 @@ Level scanLine(std::string_view line, bool everyRule) {
     for (; field < kMaxFields; ++field) {
         s.pos = skipSpaces(line, s.pos);
         if (s.pos >= line.size()) break;
-        s.tokenEnd = tokenEnd(line, s.pos);
+        s.tokenBytes = everyRule ? kAnyClass : 0;
+        for (s.tokenEnd = s.pos; s.tokenEnd < line.size(); ++s.tokenEnd) {
+            const unsigned classes = classOf(line[s.tokenEnd]);
+            if ((classes & kSpace) != 0) break;
+            s.tokenBytes |= classes;
+        }
         const auto first = static_cast<unsigned char>(line[s.pos]);
         const unsigned labels = everyRule ? kEveryLabel : kRuleGates.labels[first];
-        for (unsigned rules = labels; rules != 0; rules &= rules - 1)
-            if (kLabelRules[__builtin_ctz(rules)].match(s, level)) return level;
+        for (unsigned rules = labels; rules != 0; rules &= rules - 1) {
+            const LabelRule& rule = kLabelRules[__builtin_ctz(rules)];
+            if ((s.tokenBytes & rule.needs) == rule.needs && rule.match(s, level)) return level;
+        }
         const unsigned fields = everyRule ? kEveryField : kRuleGates.fields[first];
         std::size_t end = npos;
         Field kind = Field::Other;
