@@ -628,12 +628,15 @@ Level scanLine(std::string_view line, bool everyRule) {
     for (; field < kMaxFields; ++field) {
         s.pos = skipSpaces(line, s.pos);
         if (s.pos >= line.size()) break;
-        s.tokenBytes = everyRule ? kAnyClass : 0;
-        for (s.tokenEnd = s.pos; s.tokenEnd < line.size(); ++s.tokenEnd) {
-            const unsigned classes = classOf(line[s.tokenEnd]);
+        std::size_t token = s.pos;  // in locals: s, handed to the rules, lives in memory
+        unsigned bytes = everyRule ? kAnyClass : 0;
+        for (; token < line.size(); ++token) {
+            const unsigned classes = classOf(line[token]);
             if ((classes & kSpace) != 0) break;
-            s.tokenBytes |= classes;
+            bytes |= classes;
         }
+        s.tokenEnd = token;
+        s.tokenBytes = bytes;
         const auto first = static_cast<unsigned char>(line[s.pos]);
         const unsigned labels = everyRule ? kEveryLabel : kRuleGates.labels[first];
         for (unsigned rules = labels; rules != 0; rules &= rules - 1) {
