@@ -76,11 +76,11 @@ enum ByteClass : std::uint16_t {
     kDigit = 2,
     kUpper = 4,
     kLower = 8,
-    kWord = 16,      // letters, digits, '_'
-    kKey = 32,       // the word bytes, '.', '-', '@'
-    kTime = 64,      // timeByte
-    kTagStop = 128,  // what ends a syslog tag's name: a space, ':', '['
-    kZulu = 256,     // 'T' and 'Z' in a date and time
+    kWord = 16,          // letters, digits, '_'
+    kKey = 32,           // the word bytes, '.', '-', '@'
+    kTime = 64,          // timeByte
+    kTagStop = 128,      // what ends a syslog tag's name: a space, ':', '['
+    kStampLetter = 256,  // 'T' and 'Z' in a date and time
     kColon = 512,
     kEquals = 1024,
     kAnyClass = 0xffff,
@@ -99,7 +99,7 @@ constexpr ByteTable makeByteTable() {
             (upperByte(c) ? kUpper : 0) | (lowerByte(c) ? kLower : 0) | (wordByte(c) ? kWord : 0) |
             (keyByte(c) ? kKey : 0) | (timeByte(c) ? kTime : 0) |
             (spaceByte(c) || c == ':' || c == '[' ? kTagStop : 0) |
-            (c == 'T' || c == 'Z' ? kZulu : 0) | (c == ':' ? kColon : 0) |
+            (c == 'T' || c == 'Z' ? kStampLetter : 0) | (c == ':' ? kColon : 0) |
             (c == '=' ? kEquals : 0));
     }
     return table;
@@ -209,7 +209,7 @@ bool isTimeToken(std::string_view token) {
     bool separated = i == 1;
     for (; i < token.size(); ++i) {
         const char c = token[i];
-        if (!is(c, kDigit | kTime | kZulu)) return false;
+        if (!is(c, kDigit | kTime | kStampLetter)) return false;
         separated = separated || is(c, kTime);
     }
     return separated;
@@ -607,7 +607,7 @@ std::size_t convertedStampEnd(std::string_view line) {
           digit(9) && digit(11) && digit(12) && digit(14) && digit(15) && digit(17) && digit(18)))
         return 0;
     std::size_t end = kLength;
-    while (end < line.size() && is(line[end], kDigit | kTime | kZulu)) ++end;
+    while (end < line.size() && is(line[end], kDigit | kTime | kStampLetter)) ++end;
     return end == line.size() || isSpace(line[end]) ? end : 0;
 }
 
