@@ -6,13 +6,17 @@
 
 #include "DeviceLogIndex.h"
 
+#include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "DeviceLogConverter.h"
 #include "DeviceLogLines.h"
 #include "DeviceLogSeverity.h"
 #include "DeviceLogWriter.h"
@@ -216,6 +220,35 @@ TEST(DeviceLogLines, LineTimesComeFromTheStampsTheyStartWith) {
     EXPECT_EQ(summary.lines, 3u);
     EXPECT_EQ(summary.firstTime, kNoon);
     EXPECT_EQ(summary.lastTime, kNoon + 9);
+}
+
+// Each thread keeps the calendar sum of the last day of four consecutive years: stamps in
+// any order of days and years give the time the calendar rule and the zone's offset give.
+TEST(DeviceLogLines, LineTimesOfAnyOrderOfDaysFollowTheCalendar) {
+    nimbtest::ScopedTimeZone zone("Europe/Berlin");
+    std::mt19937 random(20261124);
+    std::uniform_int_distribution<int> year(1971, 2100), month(1, 12), day(1, 31), hour(0, 23),
+        minute(0, 59), second(0, 59);
+    for (int i = 0; i < 20000; ++i) {
+        tm t{};
+        t.tm_year = year(random) - 1900;
+        t.tm_mon = month(random) - 1;
+        t.tm_mday = day(random);  // the 31st of a short month carries into the next one
+        t.tm_hour = hour(random);
+        t.tm_min = minute(random);
+        t.tm_sec = second(random);
+        const long long utc = DeviceLogConverter::utcSeconds(t);
+        const time_t probe = static_cast<time_t>(utc);
+        tm local{};
+        localtime_r(&probe, &local);
+        char line[64];
+        std::snprintf(line, sizeof line, "%04d/%02d/%02d %02d:%02d:%02d x", t.tm_year + 1900,
+                      t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+        ASSERT_EQ(DeviceLogLines::lineTime(line, kNoon), utc - local.tm_gmtoff) << line;
+        std::snprintf(line, sizeof line, "%04d-%02d-%02dT%02d:%02d:%02dZ x", t.tm_year + 1900,
+                      t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+        ASSERT_EQ(DeviceLogLines::lineTime(line, kNoon), utc) << line;
+    }
 }
 
 }  // namespace
