@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -182,6 +183,63 @@ TEST_F(DeviceLogIndexTest, ReopeningFollowsTheFilesAndAMissingIndexIsRebuilt) {
 }
 
 // The index stays a small fraction of the text it covers.
+TEST_F(DeviceLogIndexTest, ARangeFindsEveryPieceOverlappingItHoweverLongItSpans) {
+    std::string error;
+    const std::unique_ptr<DeviceLogIndex> index = DeviceLogIndex::openForWriting(logs(), error);
+    ASSERT_TRUE(index) << error;
+    const long long t = 1767225600;  // 2026/01/01
+    const long long day = 86400;
+    struct Span {
+        const char* file;
+        long long first, last;
+    };
+    // Short pieces before, inside, across the edges of and after the range [t, t + 1 h),
+    // and long ones that start days before it and end inside it or after it.
+    const Span spans[] = {{"before.log", t - 600, t - 1},
+                          {"inside.log", t + 60, t + 120},
+                          {"acrossStart.log", t - 60, t + 60},
+                          {"acrossEnd.log", t + 3500, t + 4000},
+                          {"after.log", t + 3600, t + 4000},
+                          {"longInto.log", t - 3 * day, t + 10},
+                          {"longOver.log", t - 3 * day, t + 3 * day},
+                          {"longBefore.log", t - 3 * day, t - 2 * day}};
+    std::uint64_t offset = 0;
+    for (const Span& span : spans) {
+        DeviceLogIndex::Text text;
+        text.file = span.file;
+        text.offset = offset;
+        text.length = 10;
+        text.receivedMs = span.last * 1000;
+        text.firstTime = span.first;
+        text.lastTime = span.last;
+        text.lines = 1;
+        index->record(text);
+        index->flush();
+    }
+    DeviceLogIndex::Query q;
+    q.since = t;
+    q.until = t + 3600;
+    std::set<std::string> found;
+    for (const auto order : {DeviceLogIndex::Order::Time, DeviceLogIndex::Order::Place}) {
+        q.order = order;
+        found.clear();
+        for (const DeviceLogIndex::Piece& piece : index->query(q)) found.insert(piece.file);
+        EXPECT_EQ(found, (std::set<std::string>{"inside.log", "acrossStart.log", "acrossEnd.log",
+                                                "longInto.log", "longOver.log"}));
+    }
+    // One-sided ranges.
+    q = DeviceLogIndex::Query();
+    q.since = t + 3600;
+    found.clear();
+    for (const DeviceLogIndex::Piece& piece : index->query(q)) found.insert(piece.file);
+    EXPECT_EQ(found, (std::set<std::string>{"acrossEnd.log", "after.log", "longOver.log"}));
+    q = DeviceLogIndex::Query();
+    q.until = t - 2 * day + 1;
+    found.clear();
+    for (const DeviceLogIndex::Piece& piece : index->query(q)) found.insert(piece.file);
+    EXPECT_EQ(found, (std::set<std::string>{"longInto.log", "longOver.log", "longBefore.log"}));
+}
+
 TEST_F(DeviceLogIndexTest, IsAFewPercentOfTheText) {
     std::vector<std::string> texts{
         "\n===== A - s === 2026/11/24 12:00:00 <-> 2026/11/24 12:00:00 =====\n"};
