@@ -194,6 +194,19 @@ TEST_F(WebIndexTest, DevicesSearchAndLogsFollowTheIndex) {
     EXPECT_EQ(hit.value("level").toInt(), 3);
     EXPECT_EQ(search(catalog, "q=sensor&level=warning").value("hitCount").toInt(), 2);
     EXPECT_EQ(search(catalog, "q=sensor").value("hitCount").toInt(), 3);
+    // Where the matches lie, by severity, counted past the cap of hits shown.
+    const QJsonObject capped = search(catalog, "q=sensor&max=1");
+    EXPECT_EQ(capped.value("hitCount").toInt(), 1);
+    EXPECT_TRUE(capped.value("more").toBool());
+    EXPECT_EQ(capped.value("matchCount").toInt(), 3);
+    EXPECT_TRUE(capped.value("countComplete").toBool());
+    const QJsonObject histogram = capped.value("histogram").toObject();
+    EXPECT_EQ(sum(histogram.value("errors").toArray()), 1);
+    EXPECT_EQ(sum(histogram.value("warnings").toArray()), 1);
+    EXPECT_EQ(sum(histogram.value("others").toArray()), 1);
+    EXPECT_LE(histogram.value("from").toInteger(), received_);
+    EXPECT_GE(histogram.value("binSeconds").toInt(), 60);
+    EXPECT_LE(histogram.value("others").toArray().size(), 48);
     EXPECT_EQ(search(catalog, "q=Forged").value("hitCount").toInt(), 1) << "shown as text";
     EXPECT_EQ(WebApi::search(catalog, QUrlQuery("q=x&level=loud"), now_).status, 400);
 

@@ -17,6 +17,7 @@
 
 #include "DeviceArchive.h"
 #include "LogCatalog.h"
+#include "LogSearch.h"
 #include "LogText.h"
 #include "NimbTestSupport.h"
 #include "WebAuth.h"
@@ -189,6 +190,35 @@ TEST(DeviceArchiveTest, MembersKeepTheirFilesModes) {
     }
     archive_read_free(in);
     EXPECT_EQ(listed, modes);
+}
+
+TEST(LogSearchTest, CountingPastTheCapStopsAtItsOwnBudget) {
+    // Three slices of matching lines; one hit kept.
+    std::string text;
+    while (text.size() < 3 * 1024 * 1024) text += "match here\n";
+    const auto count = [&](std::chrono::milliseconds budget, bool pastCap) {
+        LogSearch::Query q;
+        q.pattern = "match";
+        q.maxHits = 1;
+        q.countPastCap = pastCap;
+        q.countBudget = budget;
+        LogSearch::Searcher searcher(q);
+        LogSearch::FileHits hits;
+        const LogSearch::Accept all = [](std::uint64_t, std::string_view, int&) { return true; };
+        searcher.search(text, 0, all, hits);
+        EXPECT_EQ(hits.hits.size(), 1u);
+        EXPECT_TRUE(searcher.result().more);
+        return searcher.result();
+    };
+    const std::size_t lines = text.size() / 11;
+    EXPECT_EQ(count(std::chrono::minutes(1), true).matchCount, lines);
+    EXPECT_TRUE(count(std::chrono::minutes(1), true).countComplete);
+    // A budget already spent: the first slice is counted, then counting stops.
+    const LogSearch::Result cut = count(std::chrono::milliseconds(0), true);
+    EXPECT_FALSE(cut.countComplete);
+    EXPECT_GT(cut.matchCount, 1u);
+    EXPECT_LT(cut.matchCount, lines);
+    EXPECT_EQ(count(std::chrono::minutes(1), false).matchCount, 1u);
 }
 
 }  // namespace
