@@ -498,14 +498,7 @@ WebReply archive(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) 
         return WebReply::error(500, QStringLiteral("cannot create a temporary file"));
     const std::string error = DeviceArchive::write(catalog.folder(), files, temp->handle());
     if (!error.empty()) return WebReply::error(500, text(error));
-    temp->seek(0);
-    WebReply reply;
-    reply.contentType = "application/gzip";
-    reply.file = temp;
-    reply.headers.emplace_back(
-        "Content-Disposition",
-        "attachment; filename=\"" + QByteArray::fromStdString(device) + ".tar.gz\"");
-    return reply;
+    return WebApiParts::attachment(temp, "application/gzip", device + ".tar.gz");
 }
 
 WebReply crashes(const std::string& dumpFolder) {

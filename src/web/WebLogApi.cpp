@@ -377,14 +377,7 @@ WebReply historyDownload(LogCatalog& catalog, const QUrlQuery& query) {
         if (plain->valid()) ok = ok && compressInto(plain->get(), out);
     }
     if (!ok) return WebReply::error(500, QStringLiteral("cannot write the download"));
-    temp->seek(0);
-    WebReply reply;
-    reply.contentType = "application/zstd";
-    reply.file = temp;
-    reply.headers.emplace_back(
-        "Content-Disposition",
-        "attachment; filename=\"" + QByteArray::fromStdString(file) + ".zst\"");
-    return reply;
+    return WebApiParts::attachment(temp, "application/zstd", file + ".zst");
 }
 
 }  // namespace WebApi
