@@ -68,10 +68,15 @@ private:
         SyslogFramer framer;
         struct ssl_st* ssl = nullptr;
         bool handshakeDone = false;
+        // The verified client certificate's name, which the sender is filed under ("" when
+        // it showed none), and why a certificate was refused.
+        std::string certName;
+        std::string certRefusal;
         bool paused = false;
     };
 
     bool openListener(int port, Kind kind);
+    bool loadTls();
     void* run(void*);
     void runRound(int timeoutMs);
     void readDatagrams(int fd);
@@ -122,6 +127,7 @@ private:
     SyslogThrottledLog connectionLog_;
     SyslogThrottledLog frameLog_;
     SyslogThrottledLog handshakeLog_;
+    SyslogThrottledLog certLog_;
     SyslogThrottledLog idleLog_;
 
     std::unique_ptr<PThread> thread_;
