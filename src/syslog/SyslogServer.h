@@ -8,8 +8,9 @@
 // by at most that and one round, and its own rate bound holds it back beyond that.
 // Connection slots: a TLS connection must finish its handshake within the settings'
 // handshakeTimeoutMs, and while every slot is taken a new connection takes the slot of
-// the connection idle longest, once that has been idle for idleTimeoutMs. Created,
-// started and stopped by the collector on its main thread.
+// the connection idle longest, once that has been idle for idleTimeoutMs. A TLS sender
+// whose client certificate the handshake verified is filed under the certificate's name.
+// Created, started and stopped by the collector on its main thread.
 #pragma once
 
 #include <cstddef>
