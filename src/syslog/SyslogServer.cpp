@@ -170,6 +170,7 @@ void SyslogServer::stop() {
         close(connection.fd);
     }
     connections_.clear();
+    perAddress_.clear();
     handshakes_.clear();
     counters_.connections.store(0, std::memory_order_relaxed);
     store_->flush();
@@ -306,6 +307,7 @@ void SyslogServer::acceptConnections(int fd, Kind kind) {
                                    SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (client == -1) return;  // EAGAIN, or a connection that went away
         const std::string address = addressOf(peer);
+        if (!refuseFromBusyAddress(client, address)) continue;
         if (connections_.size() >= static_cast<std::size_t>(settings_.maxConnections) &&
             !closeIdlest()) {
             ++counters_.connectionsRefused;
@@ -331,6 +333,7 @@ void SyslogServer::acceptConnections(int fd, Kind kind) {
                 {roundMs_ + settings_.handshakeTimeoutMs, client, connection->serial});
         }
         watch(client, EPOLLIN, true);
+        ++perAddress_[address];
         connections_[client] = std::move(connection);
         counters_.connections.store(connections_.size(), std::memory_order_relaxed);
     }
@@ -451,11 +454,30 @@ void SyslogServer::closeConnection(Connection& connection, const char* reason) {
         });
     }
     const int fd = connection.fd;
+    const auto sameAddress = perAddress_.find(connection.address);
+    if (sameAddress != perAddress_.end() && --sameAddress->second <= 0)
+        perAddress_.erase(sameAddress);
     epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
     if (connection.ssl != nullptr) SSL_free(connection.ssl);
     close(fd);
     connections_.erase(fd);  // destroys `connection`
     counters_.connections.store(connections_.size(), std::memory_order_relaxed);
+}
+
+int SyslogServer::perAddressCap() const {
+    // Below the total, so that one address can never take every slot.
+    const int total = std::max(1, settings_.maxConnections - 1);
+    return std::max(1, std::min(settings_.maxConnectionsPerAddress, total));
+}
+
+bool SyslogServer::refuseFromBusyAddress(int client, const std::string& address) {
+    const auto found = perAddress_.find(address);
+    if (found == perAddress_.end() || found->second < perAddressCap()) return true;
+    ++counters_.connectionsRefused;
+    connectionLog_.error("Syslog: too many connections from " + address + ": at most " +
+                         std::to_string(perAddressCap()) + " per address; refused one");
+    close(client);
+    return false;
 }
 
 bool SyslogServer::closeIdlest() {

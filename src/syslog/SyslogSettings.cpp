@@ -42,6 +42,7 @@ SyslogSettings SyslogSettings::read() {
     readInt(*registry, "ClockThreshold", 0, 86400, settings.clockThreshold);
     readInt(*registry, "MaxLinesPerSecond", 0, 10000000, settings.maxLinesPerSecond);
     readInt(*registry, "MaxConnections", 1, 4096, settings.maxConnections);
+    readInt(*registry, "MaxConnectionsPerAddress", 1, 4096, settings.maxConnectionsPerAddress);
     readInt(*registry, "MaxSenders", 1, 4096, settings.maxSenders);
     readInt(*registry, "MaxAppsPerSender", 1, 1024, settings.maxAppsPerSender);
     return settings;

@@ -31,6 +31,9 @@ struct SyslogSettings {
     int maxLinesPerSecond = 5000;
     // Open TCP and TLS connections at one time.
     int maxConnections = 64;
+    // Open TCP and TLS connections from one address; at most maxConnections - 1 apply,
+    // so that one address never holds every slot.
+    int maxConnectionsPerAddress = 16;
     // Distinct senders (host names, or addresses) with files, over the collector's life.
     int maxSenders = 64;
     // Applications with a file of their own per sender; later ones share "syslog".
