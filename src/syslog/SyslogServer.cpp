@@ -80,20 +80,31 @@ bool SyslogServer::start() {
     }
     listeners_[wake_] = Kind::kWake;
     watch(wake_, EPOLLIN, true);
-    if (settings_.tlsPort > 0) {
-        std::string error;
-        if (!tls_.load(settings_.certFile, settings_.keyFile, error)) {
-            CBBLog::error("Syslog: TLS listener not started: %s", error.c_str());
-            return false;
-        }
-    }
+    if (settings_.tlsPort > 0 && !loadTls()) return false;
     if ((settings_.udpPort > 0 && !openListener(settings_.udpPort, Kind::kUdp)) ||
         (settings_.tcpPort > 0 && !openListener(settings_.tcpPort, Kind::kTcp)) ||
         (settings_.tlsPort > 0 && !openListener(settings_.tlsPort, Kind::kTls)))
         return false;
-    store_ = std::make_unique<SyslogStore>(settings_, counters_, writer_);
+    store_ = std::make_unique<SyslogStore>(settings_, counters_, writer_, tls_.clients());
     thread_ = std::make_unique<PThread>(
         PThreadDelegateMember<SyslogServer>(this, &SyslogServer::run), nullptr, kThreadName);
+    return true;
+}
+
+bool SyslogServer::loadTls() {
+    std::string error;
+    if ((settings_.requireClientCert || !settings_.clientsFile.empty()) &&
+        settings_.clientCaFile.empty()) {
+        error = "RequireClientCert and ClientsFile need ClientCaFile";
+    } else if (tls_.load(settings_.certFile, settings_.keyFile, error) &&
+               !settings_.clientCaFile.empty()) {
+        tls_.verifyClients(settings_.clientCaFile, settings_.requireClientCert,
+                           settings_.clientsFile, error);
+    }
+    if (!error.empty()) {
+        CBBLog::error("Syslog: TLS listener not started: %s", error.c_str());
+        return false;
+    }
     return true;
 }
 
@@ -153,7 +164,7 @@ void SyslogServer::stop() {
     for (auto& entry : connections_) {
         Connection& connection = *entry.second;
         connection.framer.finish([&](std::string_view message, std::size_t cut) {
-            store_->add(message, cut, connection.address, nowMs());
+            store_->add(message, cut, connection.address, nowMs(), connection.certName);
         });
         if (connection.ssl != nullptr) SSL_free(connection.ssl);
         close(connection.fd);
@@ -167,7 +178,7 @@ void SyslogServer::stop() {
         "Syslog: stopped; %llu lines written, %llu truncated, %llu dropped over the "
         "rate bound, %llu connections held back, %llu dropped past the sender cap, "
         "%llu refused files, %llu refused connections, %llu TLS handshakes timed out, "
-        "%llu idle connections closed",
+        "%llu idle connections closed, %llu client certificates refused",
         static_cast<unsigned long long>(counters_.lines.load()),
         static_cast<unsigned long long>(counters_.truncated.load()),
         static_cast<unsigned long long>(counters_.rateDropped.load()),
@@ -176,7 +187,8 @@ void SyslogServer::stop() {
         static_cast<unsigned long long>(counters_.refusedFiles.load()),
         static_cast<unsigned long long>(counters_.connectionsRefused.load()),
         static_cast<unsigned long long>(counters_.handshakeTimeouts.load()),
-        static_cast<unsigned long long>(counters_.idleClosed.load()));
+        static_cast<unsigned long long>(counters_.idleClosed.load()),
+        static_cast<unsigned long long>(counters_.refusedCertificates.load()));
     store_.reset();
 }
 
@@ -311,7 +323,7 @@ void SyslogServer::acceptConnections(int fd, Kind kind) {
         connection->address = address;
         connection->lastReadMs = roundMs_;
         if (kind == Kind::kTls) {
-            connection->ssl = tls_.newSession(client);
+            connection->ssl = tls_.newSession(client, &connection->certRefusal);
             if (connection->ssl == nullptr) {
                 frameLog_.error("Syslog: cannot start a TLS session for " + address);
                 close(client);
@@ -332,7 +344,7 @@ void SyslogServer::deliver(Connection& connection, std::string_view data) {
     SyslogRateBucket* bucket = bucketFor(connection.address);
     const bool ok = connection.framer.feed(data, [&](std::string_view message, std::size_t cut) {
         if (bucket != nullptr) bucket->take();
-        store_->add(message, cut, connection.address, arrival);
+        store_->add(message, cut, connection.address, arrival, connection.certName);
     });
     if (!ok) {
         ++counters_.badFrames;
@@ -387,12 +399,24 @@ bool SyslogServer::readTls(Connection& connection) {
             const unsigned long code = ERR_get_error();
             if (code != 0) ERR_error_string_n(code, reason, sizeof(reason));
             ERR_clear_error();
-            frameLog_.error("Syslog: TLS handshake with " + connection.address +
-                            " failed: " + reason);
+            // OpenSSL says only "certificate verify failed"; the checks say why.
+            const long verified = SSL_get_verify_result(ssl);
+            if (!connection.certRefusal.empty() || verified != X509_V_OK) {
+                ++counters_.refusedCertificates;
+                certLog_.error("Syslog: refused the client certificate of " + connection.address +
+                               ": " +
+                               (connection.certRefusal.empty()
+                                    ? std::string(X509_verify_cert_error_string(verified))
+                                    : connection.certRefusal));
+            } else {
+                frameLog_.error("Syslog: TLS handshake with " + connection.address +
+                                " failed: " + reason);
+            }
             closeConnection(connection, nullptr);
             return false;
         }
         connection.handshakeDone = true;
+        connection.certName = SyslogTlsContext::clientName(ssl);
         watch(connection.fd, EPOLLIN, false);
     }
     std::size_t total = 0;
@@ -426,7 +450,7 @@ void SyslogServer::closeConnection(Connection& connection, const char* reason) {
         frameLog_.error("Syslog: closed the connection from " + connection.address + ": " + reason);
     } else {
         connection.framer.finish([&](std::string_view message, std::size_t cut) {
-            store_->add(message, cut, connection.address, nowMs());
+            store_->add(message, cut, connection.address, nowMs(), connection.certName);
         });
     }
     const int fd = connection.fd;

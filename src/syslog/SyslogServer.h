@@ -10,6 +10,8 @@
 // fewer than all), so that another sender always finds one; a TLS connection must finish its
 // handshake within the settings' handshakeTimeoutMs, and while every slot is taken a new connection
 // takes the slot of the connection idle longest, once that has been idle for idleTimeoutMs.
+// A TLS sender whose client certificate the handshake verified is filed under the
+// certificate's name.
 // Created, started and stopped by the collector on its main thread.
 #pragma once
 
@@ -69,10 +71,15 @@ private:
         SyslogFramer framer;
         struct ssl_st* ssl = nullptr;
         bool handshakeDone = false;
+        // The verified client certificate's name, which the sender is filed under ("" when
+        // it showed none), and why a certificate was refused.
+        std::string certName;
+        std::string certRefusal;
         bool paused = false;
     };
 
     bool openListener(int port, Kind kind);
+    bool loadTls();
     void* run(void*);
     void runRound(int timeoutMs);
     void readDatagrams(int fd);
@@ -130,6 +137,7 @@ private:
     SyslogThrottledLog connectionLog_;
     SyslogThrottledLog frameLog_;
     SyslogThrottledLog handshakeLog_;
+    SyslogThrottledLog certLog_;
     SyslogThrottledLog idleLog_;
 
     std::unique_ptr<PThread> thread_;

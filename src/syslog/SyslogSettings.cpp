@@ -35,6 +35,9 @@ SyslogSettings SyslogSettings::read() {
     readString(*registry, "Address", settings.address);
     readString(*registry, "CertFile", settings.certFile);
     readString(*registry, "KeyFile", settings.keyFile);
+    readString(*registry, "ClientCaFile", settings.clientCaFile);
+    readString(*registry, "ClientsFile", settings.clientsFile);
+    registry->ReadSettingImpl(kKey, "RequireClientCert", settings.requireClientCert);
     readInt(*registry, "MaxMessageSize", 480, 1048576, settings.maxMessageSize);
     readInt(*registry, "ClockThreshold", 0, 86400, settings.clockThreshold);
     readInt(*registry, "MaxLinesPerSecond", 0, 10000000, settings.maxLinesPerSecond);
