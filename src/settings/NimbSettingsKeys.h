@@ -17,6 +17,7 @@ constexpr const char* kWebKey = "Software\\Pellix\\Nimb\\Web";
 constexpr const char* kBusHost = "kibDirectory.host";
 constexpr const char* kBusCaFile = "kibDirectory.caFile";
 constexpr const char* kBusCredsFile = "kibDirectory.credsFile";
+constexpr const char* kBusBindingsFile = "BusBindingsFile";
 constexpr const char* kMaxLogSources = "MaxLogSources";
 constexpr const char* kMaxLogsPerDevice = "MaxLogsPerDevice";
 constexpr const char* kWriterThreads = "WriterThreads";
@@ -45,6 +46,8 @@ constexpr Key kKeys[] = {
      "bus directory: host, host:port or URL; comma-separated: cluster"},
     {kConfigKey, kBusCaFile, "string", "none", "CA file (PEM): connect with TLS"},
     {kConfigKey, kBusCredsFile, "string", "none", "bus credentials file (mode 0600)"},
+    {kConfigKey, kBusBindingsFile, "string", "none",
+     "device accounts' bound sources (nimb-bus-setup's bindings.conf)"},
     {kConfigKey, kMaxLogSources, "int", "16384", "device logs the collector keeps announced"},
     {kConfigKey, kMaxLogsPerDevice, "int", "1024", "announced logs of one device"},
     {kConfigKey, kWriterThreads, "int", "0",

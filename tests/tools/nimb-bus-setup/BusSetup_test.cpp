@@ -27,79 +27,11 @@ using namespace bustest;
 
 const char* const kMac = "00:11:22:33:44:55";
 
-std::string valueOf(const std::string& credsFile, const std::string& key) {
-    for (const std::string& line : linesOf(readFile(credsFile))) {
-        if (line.rfind(key + "=", 0) == 0) return line.substr(key.size() + 1);
-    }
-    return {};
-}
-
 unsigned modeOf(const fs::path& path) {
     struct stat info {};
     ::stat(path.c_str(), &info);
     return info.st_mode & 0777;
 }
-
-// A raw client of the bus with one account's user name and password, to try what the
-// server lets that account do. Does not reconnect.
-class RawClient {
-public:
-    RawClient(const std::string& url, const std::string& caFile, const std::string& credsFile) {
-        natsOptions_Create(&options_);
-        natsOptions_SetURL(options_, url.c_str());
-        natsOptions_SetSecure(options_, true);
-        natsOptions_LoadCATrustedCertificates(options_, caFile.c_str());
-        natsOptions_SetUserInfo(options_, valueOf(credsFile, "user").c_str(),
-                                valueOf(credsFile, "password").c_str());
-        natsOptions_SetAllowReconnect(options_, false);
-        status_ = natsConnection_Connect(&nc_, options_);
-        if (status_ != NATS_OK) error_ = nats_GetLastError(nullptr);
-    }
-    RawClient(const RawClient&) = delete;
-    RawClient& operator=(const RawClient&) = delete;
-    ~RawClient() {
-        natsConnection_Destroy(nc_);
-        natsOptions_Destroy(options_);
-    }
-
-    bool connected() const { return status_ == NATS_OK; }
-    // Why the connection was refused.
-    const std::string& error() const { return error_; }
-    bool closed() const { return nc_ == nullptr || natsConnection_IsClosed(nc_); }
-
-    // Whether the server answers a subscription to `subject` with its refusal within 2 s.
-    bool refusesSubscription(const char* subject) {
-        natsSubscription* sub = nullptr;
-        natsConnection_SubscribeSync(&sub, nc_, subject);
-        const bool refused = refusal(std::string("Subscription to \"") + subject + "\"");
-        natsSubscription_Destroy(sub);
-        return refused;
-    }
-    // The same for a publication to `subject`.
-    bool refusesPublication(const char* subject) {
-        natsConnection_PublishString(nc_, subject, "refused");
-        return refusal(std::string("Publish to \"") + subject + "\"");
-    }
-
-private:
-    bool refusal(const std::string& what) {
-        natsConnection_FlushTimeout(nc_, 2000);
-        const std::string expected = "Permissions Violation for " + what;
-        // The server's refusal arrives asynchronously after the flush's round trip.
-        return waitUntil(
-            [&] {
-                const char* text = nullptr;
-                natsConnection_GetLastError(nc_, &text);
-                return text != nullptr && std::string(text).find(expected) != std::string::npos;
-            },
-            std::chrono::seconds(2));
-    }
-
-    natsOptions* options_ = nullptr;
-    natsConnection* nc_ = nullptr;
-    natsStatus status_ = NATS_ERR;
-    std::string error_;
-};
 
 // nimb-web as a child process serving on a free loopback port; killed on destruction.
 class WebConsole {
@@ -339,7 +271,8 @@ TEST_F(BusSetupTest, DeviceCannotImpersonateTheCollector) {
     impostor.setConnectOptions(optionsOf(device("kitchen")));
     ASSERT_EQ(impostor.Connect(host().c_str(), "RemoteLogger"), KIB_OK);
 
-    Device garage(kMac, "garage.log");
+    // Its own source: kMac and "dev" are bound to kitchen, which announced them first.
+    Device garage("00:11:22:33:44:77", "garage.log", "garage");
     ASSERT_EQ(garage.connect(host(), optionsOf(device("garage")), "garage"), KIB_OK);
     ASSERT_EQ(garage.announce(), 0);
     constexpr int kLines = 40;
@@ -398,7 +331,7 @@ TEST_F(BusSetupTest, WebAccountReadsTheCountersAndNothingElse) {
 // connected with them at that moment is cut off when the server reloads its accounts.
 TEST_F(BusSetupTest, RevokedAccountsAreCutOffAtTheReload) {
     ASSERT_EQ(setup({"add-device", "porch"}).exitCode(), 0);
-    Device porch("00:11:22:33:44:66", "porch.log");
+    Device porch("00:11:22:33:44:66", "porch.log", "porch");
     ASSERT_EQ(porch.connect(host(), optionsOf(device("porch")), "porch"), KIB_OK);
     ASSERT_EQ(porch.announce(), 0);
     ASSERT_EQ(porch.append("before"), 0);
