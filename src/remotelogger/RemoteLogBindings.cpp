@@ -114,6 +114,7 @@ std::string RemoteLogBindings::macKey(const std::string& mac) {
 std::map<std::string, RemoteLogBindings::Sources> RemoteLogBindings::parse(const std::string& text,
                                                                            int* skipped) {
     std::map<std::string, Sources> bindings;
+    if (skipped != nullptr) *skipped = 0;
     std::istringstream lines(text);
     std::string line;
     while (std::getline(lines, line)) {

@@ -70,8 +70,8 @@ public:
 
     // The key of a MAC address: without ':'.
     static std::string macKey(const std::string& mac);
-    // Parses one file's text; lines that do not follow the grammar are skipped and
-    // counted in `*skipped`.
+    // Parses one file's text; lines that do not follow the grammar are skipped, and
+    // `*skipped` set to their number.
     static std::map<std::string, Sources> parse(const std::string& text, int* skipped = nullptr);
     static std::string format(const std::map<std::string, Sources>& bindings);
 
