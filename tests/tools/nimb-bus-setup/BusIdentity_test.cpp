@@ -15,8 +15,10 @@
 #include "BusTestSupport.h"
 #include "KibCodec.h"
 #include "NatsServer.h"
+#include "StatsClient.h"
 #include "TestValues.h"
 #include "VUtil.h"
+#include "WebApi.h"
 
 namespace {
 
@@ -169,6 +171,8 @@ TEST_F(BusIdentityTest, ForgedSourcesAreRefused) {
          "SetLogSource: source other is not bound to this device account"},
         {append(*alpha, kMacB, "b.log", "forged\n"), 6,
          "AppendLog: source " + kMacB + " belongs to another device account"},
+        {append(*alpha, "evil\x01<b>", "b.log", "forged\n"), 6,
+         "AppendLog: source evil?<b> is not bound to this device account"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(c.reply.status, KIB_E_SERVICE_EXCEPTION) << c.text;
@@ -185,13 +189,30 @@ TEST_F(BusIdentityTest, ForgedSourcesAreRefused) {
     }));
     EXPECT_EQ(readFile(betaFile).find("forged"), std::string::npos);
     EXPECT_FALSE(fs::exists(home_->logs() / "alpha0000000000b1-b.log"));
-    EXPECT_EQ(counter("refused.identity"), refusedBefore + 6);
+    EXPECT_EQ(counter("refused.identity"), refusedBefore + 7);
     EXPECT_EQ(counter("errors.other"), 0);
     const std::string ownLog = home_->ownLog();
     EXPECT_NE(ownLog.find("Refused SetLogSource of account \"device-alpha\" for source \"" + kMacB +
                           "\": belongs to another device account"),
               std::string::npos)
         << ownLog;
+
+    // The console's view of the refusals: account, source and request, the device's text
+    // as sent (the page shows it as text).
+    NimbBusSettings web;
+    web.host = host();
+    web.connection = {bus("ca.pem"), bus("nimb-web.creds")};
+    StatsClient client(web);
+    const StatsClient::Stats stats = client.fetch();
+    ASSERT_TRUE(stats.reachable) << stats.error.toStdString();
+    ASSERT_GE(stats.refusals.size(), 7u);
+    const StatsClient::Stats::Refusal& last = stats.refusals.back();
+    EXPECT_EQ(last.account, "device-alpha");
+    EXPECT_EQ(last.source, "evil\x01<b>");
+    EXPECT_EQ(last.request, "AppendLog");
+    EXPECT_EQ(last.reason, "is not bound to this device account");
+    const QByteArray json = WebApi::stats(stats, 0).body;
+    EXPECT_TRUE(json.contains(R"("source":"evil\u0001<b>")")) << json.toStdString();
 
     // list-devices shows what each account was given and what the collector learned.
     const std::string listed = setup({"list-devices"}).output;
