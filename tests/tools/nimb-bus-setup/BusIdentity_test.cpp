@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "BusTestSupport.h"
+#include "DeviceLogIndex.h"
 #include "KibCodec.h"
 #include "NatsServer.h"
 #include "StatsClient.h"
@@ -196,6 +197,18 @@ TEST_F(BusIdentityTest, ForgedSourcesAreRefused) {
                           "\": belongs to another device account"),
               std::string::npos)
         << ownLog;
+
+    // The index records the account that announced each log.
+    EXPECT_TRUE(waitUntil([&] {
+        std::string error;
+        const auto index = DeviceLogIndex::openForReading(home_->logs().string(), error);
+        if (!index) return false;
+        for (const DeviceLogIndex::LogInfo& log : index->logs(false)) {
+            if (log.file == betaFile.filename().string())
+                return log.source.account == "device-beta";
+        }
+        return false;
+    }));
 
     // The console's view of the refusals: account, source and request, the device's text
     // as sent (the page shows it as text).
