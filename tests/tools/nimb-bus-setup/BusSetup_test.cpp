@@ -145,6 +145,8 @@ TEST_F(BusSetupTest, SecretsArePrivateAndNamesChecked) {
         EXPECT_EQ(modeOf(file), 0600u) << file;
     for (const std::string& file : {bus("server.key"), bus("accounts.conf")})
         EXPECT_EQ(modeOf(file) & 0037u, 0u) << file;  // the server's group may read, no more
+    // The bindings are not secret: beside the folder, readable by the collector's user.
+    EXPECT_EQ(modeOf(root_->path() + "/bus-bindings.conf"), 0644u);
     for (const std::string& creds : {bus("nimb-collector.creds"), web(), device("kitchen")})
         EXPECT_EQ(outputs_.find(valueOf(creds, "password")), std::string::npos) << outputs_;
 
@@ -165,6 +167,9 @@ TEST_F(BusSetupTest, SecretsArePrivateAndNamesChecked) {
         {{"revoke-device", "attic"}, "no device attic"},
         {{"reissue-web", "now"}, "reissue-web takes no argument"},
         {{"frobnicate"}, "unknown command frobnicate"},
+        {{"add-device", "porch2", "--mac", "00 11"}, "--mac and --device-id take 1 to 64"},
+        {{"add-device", "porch2", "--device-id", "a/b"}, "--mac and --device-id take 1 to 64"},
+        {{"list-devices", "--mac", "00:11"}, "--mac and --device-id are for add-device"},
     };
     for (const auto& c : refused) {
         const ChildResult run = setup(c.arguments);
