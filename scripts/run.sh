@@ -21,6 +21,10 @@
 # `scripts/run.sh --secure` runs the bus as devices on the network would use it, still
 # on 127.0.0.1: nimb-bus-setup writes a CA, certificates and accounts into run/bus/, the
 # server requires TLS and credentials, and a device "local" is issued for the examples.
+# The server's pid file is then run/bus/nats-server.pid, the one nimb-bus-setup --dir
+# run/bus signals when devices are added or revoked. The collector's account is named
+# by its own setting (CollectorCredsFile), so the tools run with run/config never
+# connect as the collector: they take a device's file with --creds.
 set -euo pipefail
 secure=0
 case ${1:-} in
@@ -32,7 +36,10 @@ cd "$(dirname "$0")/.."
 root=$PWD
 run_dir=$root/run
 prefix=$run_dir/install
-nats_pid_file=$run_dir/nats-server.pid
+plain_pid_file=$run_dir/nats-server.pid
+secure_pid_file=$run_dir/bus/nats-server.pid
+nats_pid_file=$plain_pid_file
+[ "$secure" -eq 0 ] || nats_pid_file=$secure_pid_file
 collector_pid_file=$run_dir/collector.pid
 web_pid_file=$run_dir/nimb-web.pid
 
@@ -102,7 +109,8 @@ stop_server() {
 }
 
 stop_previous "$collector_pid_file" "$prefix/bin/NimbRemoteLogger" collector
-stop_previous "$nats_pid_file" "--pid $nats_pid_file" nats-server
+stop_previous "$plain_pid_file" "--pid $plain_pid_file" nats-server
+stop_previous "$secure_pid_file" "--pid $secure_pid_file" nats-server
 stop_previous "$web_pid_file" "$prefix/bin/nimb-web" nimb-web
 
 if [ -n "${NIMB_RUN_PORT:-}" ]; then
@@ -137,8 +145,10 @@ if [ "$secure" -eq 1 ]; then
     server_args=(-c "$run_dir/bus/nats-server.conf")
 else
     # Back to plain loopback after an earlier --secure run.
-    "$bin/nimb-defaults" delete "$config_key" kibDirectory.caFile 2>/dev/null || true
-    "$bin/nimb-defaults" delete "$config_key" kibDirectory.credsFile 2>/dev/null || true
+    for name in kibDirectory.caFile kibDirectory.credsFile CollectorCredsFile; do
+        "$bin/nimb-defaults" delete "$config_key" "$name" 2>/dev/null || true
+    done
+    "$bin/nimb-defaults" delete 'Software\Pellix\Nimb\Web' BusCredsFile 2>/dev/null || true
 fi
 
 trap stop_server EXIT
@@ -195,16 +205,26 @@ cat <<EOF
 run: nats-server on 127.0.0.1:$port (pid $nats_pid, log run/nats-server.log)
 run: settings in run/config/pellix/, logs in run/logs/, crash dumps in run/dumps/
 run: web console at http://127.0.0.1:$web_port/ (log run/nimb-web.log)
-
-Push a log from another terminal (in $root):
-
 EOF
 device_options=""
 if [ "$secure" -eq 1 ]; then
     device_options=" --ca run/bus/ca.pem --creds run/bus/devices/local.creds"
-    echo "run: TLS and accounts from run/bus/ (nimb-bus-setup); device credentials: run/bus/devices/"
-    echo
+    cat <<EOF
+run: TLS and accounts from run/bus/ (nimb-bus-setup); device credentials: run/bus/devices/
+run: the settings in run/config/ hold no device credentials: pass one with --creds, as below.
+
+Devices (the running server reloads its accounts at once; in $root):
+
+  run/install/bin/nimb-bus-setup --dir run/bus list-devices
+  run/install/bin/nimb-bus-setup --dir run/bus add-device NAME      # run/bus/devices/NAME.creds
+  run/install/bin/nimb-bus-setup --dir run/bus revoke-device NAME
+EOF
 fi
+cat <<EOF
+
+Push a log from another terminal (in $root):
+
+EOF
 if [ -x "$bin/nimb-logpush" ]; then
     cat <<EOF
   run/install/bin/nimb-logpush --host 127.0.0.1:$port$device_options --log demo README.md

@@ -52,3 +52,25 @@ if ! grep -qs "\"version\": \"$puppeteer_version\"" "$webtest_dir/node_modules/p
     npm install --prefix "$webtest_dir" --no-audit --no-fund --ignore-scripts --silent \
         "puppeteer-core@$puppeteer_version" >/dev/null
 fi
+
+# The syslog TLS test forwards through rsyslog's own TLS client (its OpenSSL stream
+# driver). Installing rsyslog must not start the system's rsyslog service: a policy
+# refuses every service start while the packages install.
+if ! dpkg-query -W -f='${Status}' rsyslog-openssl 2>/dev/null | grep -q "ok installed"; then
+    echo "setup: installing rsyslog-openssl (a test's TLS sender; its service is not started)"
+    sudo=""
+    if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+    policy=/usr/sbin/policy-rc.d
+    planted=""
+    if [ ! -e "$policy" ]; then
+        printf '#!/bin/sh\nexit 101\n' | $sudo tee "$policy" >/dev/null
+        $sudo chmod 755 "$policy"
+        planted=1
+    fi
+    export DEBIAN_FRONTEND=noninteractive
+    # Without it the test is skipped (and says so); the rest of the set-up goes on.
+    $sudo apt-get install -y -qq --no-install-recommends rsyslog-openssl >/dev/null ||
+        { $sudo apt-get update -qq && $sudo apt-get install -y -qq --no-install-recommends \
+            rsyslog-openssl >/dev/null; } || echo "setup: rsyslog-openssl not installed"
+    if [ -n "$planted" ]; then $sudo rm -f "$policy"; fi
+fi

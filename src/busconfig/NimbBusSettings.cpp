@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "NimbBusSettings.h"
 
+#include <sys/stat.h>
+
 #include <QCommandLineParser>
 
 #include "CRegistry.h"
@@ -58,6 +60,14 @@ NimbBusSettings NimbBusSettings::fromCommandLine(const QCommandLineParser& parse
     takeOption(parser, "ca", settings.connection.caFile);
     takeOption(parser, "creds", settings.connection.credentialsFile);
     return settings;
+}
+
+std::string NimbBusSettings::credentialsWarning() const {
+    const std::string& file = connection.credentialsFile;
+    struct stat info {};
+    if (file.empty() || ::stat(file.c_str(), &info) != 0) return {};
+    if ((info.st_mode & (S_IRWXG | S_IRWXO)) == 0) return {};
+    return "credentials file " + file + " is readable by group or others (chmod 600 " + file + ")";
 }
 
 std::string NimbBusSettings::displayHost() const { return KibDisplayHost(host); }

@@ -32,6 +32,10 @@ struct NimbBusSettings {
     // read(), with the options of commandLineOptions() given on `parser` taking precedence.
     static NimbBusSettings fromCommandLine(const QCommandLineParser& parser);
 
+    // A warning for the user when the credentials file may be read by its group or by
+    // others ("credentials file F is readable by group or others (chmod 600 F)"); "" when
+    // it is private, missing or not set. The tools print it once, before connecting.
+    std::string credentialsWarning() const;
     // `host` with the user names and passwords that its URLs may carry replaced by "***".
     std::string displayHost() const;
     // Hands the connection options to `satellite` and connects it as `name` (see

@@ -755,15 +755,19 @@ std::vector<DeviceLogIndex::Piece> DeviceLogIndex::query(const Query& q) const {
                           "LEFT JOIN sources s ON s.id = p.source "
                         : "0 FROM pieces p JOIN logs l ON l.id = p.log ";
     sql += "LEFT JOIN history h ON h.log = p.log AND h.generation = p.generation WHERE 1";
-    if (q.since != 0) sql += " AND p.last_time >= ?1";
-    if (q.until != 0) sql += " AND p.first_time < ?2";
-    // A range: pieces starting at most kShortSpan before it, found through the index of
-    // first times, and the few that span longer, through the index of spans; the
-    // conditions above keep those that overlap.
     if (q.since != 0 && q.until != 0) {
-        sql += " AND ((p.first_time >= ?1 - " + std::to_string(kShortSpan) +
-               " AND p.first_time < ?2) OR p.last_time - p.first_time > " +
-               std::to_string(kShortSpan) + ")";
+        // A range: the pieces starting at most kShortSpan before it, through the index of
+        // first times, and the few that span longer, through the index of spans, of which
+        // those that overlap it. ("+" keeps SQLite from taking a one-sided bound for the
+        // index instead, which would read half the pieces.)
+        const std::string span = std::to_string(kShortSpan);
+        sql += " AND +p.last_time >= ?1 AND ((p.first_time >= ?1 - " + span +
+               " AND p.first_time < ?2) OR (p.last_time - p.first_time > " + span +
+               " AND +p.first_time < ?2))";
+    } else if (q.since != 0) {
+        sql += " AND p.last_time >= ?1";
+    } else if (q.until != 0) {
+        sql += " AND p.first_time < ?2";
     }
     if (q.severities != 0) sql += " AND (p.severities & ?3) != 0";
     if (!q.file.empty()) sql += " AND l.file = ?4";

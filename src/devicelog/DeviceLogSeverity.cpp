@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 
 namespace DeviceLogSeverity {
 
@@ -56,12 +57,62 @@ constexpr std::size_t kMaxPid = 16;
 // and tag) may come before the label.
 constexpr int kMaxFields = 16;
 
-bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r'; }
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-bool isUpper(char c) { return c >= 'A' && c <= 'Z'; }
-bool isLower(char c) { return c >= 'a' && c <= 'z'; }
-bool isLetter(char c) { return isUpper(c) || isLower(c); }
-bool isWordChar(char c) { return isLetter(c) || isDigit(c) || c == '_'; }
+// ---- Byte classes. The scan asks these questions of most bytes it reads several times,
+// so each is one look-up in a table built from the definitions below.
+
+constexpr bool spaceByte(char c) { return c == ' ' || c == '\t' || c == '\r'; }
+constexpr bool digitByte(char c) { return c >= '0' && c <= '9'; }
+constexpr bool upperByte(char c) { return c >= 'A' && c <= 'Z'; }
+constexpr bool lowerByte(char c) { return c >= 'a' && c <= 'z'; }
+constexpr bool wordByte(char c) { return upperByte(c) || lowerByte(c) || digitByte(c) || c == '_'; }
+constexpr bool keyByte(char c) { return wordByte(c) || c == '.' || c == '-' || c == '@'; }
+// The bytes between the digits of a date or time ("2026-11-25T10:00:00.123+01:00").
+constexpr bool timeByte(char c) {
+    return c == '-' || c == '/' || c == ':' || c == '.' || c == ',' || c == '+';
+}
+
+enum ByteClass : std::uint16_t {
+    kSpace = 1,
+    kDigit = 2,
+    kUpper = 4,
+    kLower = 8,
+    kWord = 16,          // letters, digits, '_'
+    kKey = 32,           // the word bytes, '.', '-', '@'
+    kTime = 64,          // timeByte
+    kTagStop = 128,      // what ends a syslog tag's name: a space, ':', '['
+    kStampLetter = 256,  // 'T' and 'Z' in a date and time
+    kColon = 512,
+    kEquals = 1024,
+    kAnyClass = 0xffff,
+};
+
+struct ByteTable {
+    std::uint16_t classes[256] = {};
+};
+
+constexpr ByteTable makeByteTable() {
+    ByteTable table;
+    for (int i = 0; i < 256; ++i) {
+        const char c = static_cast<char>(i);
+        table.classes[i] = static_cast<std::uint16_t>(
+            (spaceByte(c) ? kSpace : 0) | (digitByte(c) ? kDigit : 0) |
+            (upperByte(c) ? kUpper : 0) | (lowerByte(c) ? kLower : 0) | (wordByte(c) ? kWord : 0) |
+            (keyByte(c) ? kKey : 0) | (timeByte(c) ? kTime : 0) |
+            (spaceByte(c) || c == ':' || c == '[' ? kTagStop : 0) |
+            (c == 'T' || c == 'Z' ? kStampLetter : 0) | (c == ':' ? kColon : 0) |
+            (c == '=' ? kEquals : 0));
+    }
+    return table;
+}
+constexpr ByteTable kBytes = makeByteTable();
+
+unsigned classOf(char c) { return kBytes.classes[static_cast<unsigned char>(c)]; }
+bool is(char c, unsigned classes) { return (classOf(c) & classes) != 0; }
+bool isSpace(char c) { return is(c, kSpace); }
+bool isDigit(char c) { return is(c, kDigit); }
+bool isUpper(char c) { return is(c, kUpper); }
+bool isLetter(char c) { return is(c, kUpper | kLower); }
+bool isWordChar(char c) { return is(c, kWord); }
 char toLower(char c) { return isUpper(c) ? static_cast<char>(c - 'A' + 'a') : c; }
 
 bool equalsNoCase(std::string_view a, std::string_view b) {
@@ -158,11 +209,8 @@ bool isTimeToken(std::string_view token) {
     bool separated = i == 1;
     for (; i < token.size(); ++i) {
         const char c = token[i];
-        if (c == '-' || c == '/' || c == ':' || c == '.' || c == ',' || c == '+') {
-            separated = true;
-        } else if (!isDigit(c) && c != 'T' && c != 'Z') {
-            return false;
-        }
+        if (!is(c, kDigit | kTime | kStampLetter)) return false;
+        separated = separated || is(c, kTime);
     }
     return separated;
 }
@@ -176,6 +224,7 @@ bool isNumberToken(std::string_view token) {
 
 // "Nov", "Wed": the names in "Nov 25 08:09:45" and "Wed Nov 25 10:00:00 2026".
 bool isCalendarName(std::string_view token) {
+    if (token.size() != 3) return false;
     static constexpr std::string_view kNames[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul",
                                                   "Aug", "Sep", "Oct", "Nov", "Dec", "Mon", "Tue",
                                                   "Wed", "Thu", "Fri", "Sat", "Sun"};
@@ -188,7 +237,7 @@ bool isCalendarName(std::string_view token) {
 // Returns the position after the colon, npos when `pos` starts none.
 std::size_t tagEnd(std::string_view text, std::size_t pos) {
     std::size_t i = pos;
-    while (i < text.size() && !isSpace(text[i]) && text[i] != ':' && text[i] != '[') ++i;
+    while (i < text.size() && !is(text[i], kTagStop)) ++i;
     if (i == pos || i >= text.size()) return npos;
     if (text[i] == '[') {
         const std::size_t open = i;
@@ -206,6 +255,8 @@ std::size_t tagEnd(std::string_view text, std::size_t pos) {
 struct Scan {
     std::string_view line;
     std::size_t pos = 0;
+    std::size_t tokenEnd = 0;  // where the field's bytes up to the next space end
+    unsigned tokenBytes = 0;   // the classes of those bytes, or-ed (all when not known)
     bool sawTime = false;      // a date or time was passed (since the syslog tag)
     bool afterTime = false;    // the field just passed was a date or time
     bool afterNumber = false;  // the field just passed was a plain number
@@ -337,7 +388,7 @@ std::size_t readValue(std::string_view text, std::size_t pos, bool json, std::st
     return i;
 }
 
-bool isKeyChar(char c) { return isWordChar(c) || c == '.' || c == '-' || c == '@'; }
+bool isKeyChar(char c) { return is(c, kKey); }
 
 // key=value pairs: "level=warn", "lvl=err", "time=... level=3 msg=...". The first level
 // key with a level value decides; a line of pairs without one states no level.
@@ -394,17 +445,40 @@ bool jsonLabel(const Scan& s, Level& level) {
     return true;
 }
 
+// Which bytes may start a field that a rule accepts, and which the field must hold: a rule
+// is only tried on a field whose first byte it allows and that holds the bytes it needs
+// (it would find nothing on any other). A shortcut only: the result is the same as
+// trying every rule (ofLineTryingEveryRule, the tests compare the two).
+constexpr bool anyByte(char) { return true; }
+constexpr bool bracketByte(char c) { return c == '[' || c == '<' || c == '('; }
+constexpr bool letterByte(char c) { return upperByte(c) || lowerByte(c); }
+constexpr bool levelLetterByte(char c) {
+    for (const Letter& l : kLetters)
+        if (l.letter == c) return true;
+    return false;
+}
+constexpr bool jsonByte(char c) { return c == '{'; }
+constexpr bool groupByte(char c) { return c == '['; }
+// A date or time starts with a digit or a sign, a month or day name with a capital.
+constexpr bool timeStartByte(char c) {
+    return digitByte(c) || c == '+' || c == '-' || upperByte(c);
+}
+
 // The labels, tried in this order on each field; the first that matches decides.
-using LabelRule = bool (*)(const Scan&, Level&);
+struct LabelRule {
+    bool (*match)(const Scan&, Level&);
+    bool (*mayStartWith)(char);
+    unsigned needs;  // byte classes the field must hold (its word's colon, its pair's '=')
+};
 constexpr LabelRule kLabelRules[] = {
-    bracketLabel,            // [ERROR] [WARN ] [E] <E> (warn) [core:error] [<time> ERROR app]
-    colonLabel,              // ERROR:root:  error:  Warning:  (any case)
-    upperLabel,              // ERROR  WARN  INFO  (capitals, a whole field)
-    androidLabel,            // E/Tag(123):  W/Tag:
-    stampedLetterLabel,      // E1125 10:00:00.123456
-    letterAfterNumberLabel,  // <time> 1234 5678 E Tag:
-    keyValueLabel,           // level=warn lvl=err level=3
-    jsonLabel,               // {"level":"error"} {"severity":"warn"} {"lvl":3}
+    {bracketLabel, bracketByte, 0},                // [ERROR] [WARN ] [E] <E> (warn) [core:error]
+    {colonLabel, letterByte, kColon},              // ERROR:root:  error:  Warning:  (any case)
+    {upperLabel, upperByte, 0},                    // ERROR  WARN  INFO  (capitals, a whole field)
+    {androidLabel, levelLetterByte, 0},            // E/Tag(123):  W/Tag:
+    {stampedLetterLabel, levelLetterByte, 0},      // E1125 10:00:00.123456
+    {letterAfterNumberLabel, levelLetterByte, 0},  // <time> 1234 5678 E Tag:
+    {keyValueLabel, keyByte, kEquals},             // level=warn lvl=err level=3
+    {jsonLabel, jsonByte, 0},  // {"level":"error"} {"severity":"warn"} {"lvl":3}
 };
 
 // ---- Header fields: what may come before the label. Each looks at the field at scan.pos
@@ -413,7 +487,7 @@ constexpr LabelRule kLabelRules[] = {
 enum class Field { Time, Number, Other, Tag };
 
 std::size_t timeField(const Scan& s) {
-    const std::size_t end = tokenEnd(s.line, s.pos);
+    const std::size_t end = s.tokenEnd;
     const std::string_view token = s.line.substr(s.pos, end - s.pos);
     return isTimeToken(token) || isCalendarName(token) ? end : npos;
 }
@@ -421,14 +495,14 @@ std::size_t timeField(const Scan& s) {
 // A plain number after a timestamp: a process or thread id, a year, a connection number.
 std::size_t numberField(const Scan& s) {
     if (!s.sawTime) return npos;
-    const std::size_t end = tokenEnd(s.line, s.pos);
+    const std::size_t end = s.tokenEnd;
     return isNumberToken(s.line.substr(s.pos, end - s.pos)) ? end : npos;
 }
 
 // A time zone right after the time: "UTC", "CEST".
 std::size_t zoneField(const Scan& s) {
     if (!s.afterTime) return npos;
-    const std::size_t end = tokenEnd(s.line, s.pos);
+    const std::size_t end = s.tokenEnd;
     if (end - s.pos > 5) return npos;
     for (std::size_t i = s.pos; i < end; ++i)
         if (!isUpper(s.line[i])) return npos;
@@ -446,9 +520,10 @@ std::size_t groupField(const Scan& s) {
 // The syslog "host app[pid]:" or "app:", once.
 std::size_t tagField(const Scan& s) {
     if (s.sawTag) return npos;
-    const std::size_t tag = tagEnd(s.line, s.pos);
+    // A tag at the field ends with a colon inside it.
+    const std::size_t tag = (s.tokenBytes & kColon) != 0 ? tagEnd(s.line, s.pos) : npos;
     if (tag != npos) return tag;
-    const std::size_t host = tokenEnd(s.line, s.pos);
+    const std::size_t host = s.tokenEnd;
     const std::size_t next = skipSpaces(s.line, host);
     if (next == host || s.line[host - 1] == ':') return npos;
     return tagEnd(s.line, next);
@@ -462,7 +537,7 @@ std::size_t separatorField(const Scan& s) {
         return (c == '-' || c == '|') && (pos + 1 == s.line.size() || isSpace(s.line[pos + 1]));
     };
     if (isSeparator(s.pos)) return s.pos + 1;
-    const std::size_t end = tokenEnd(s.line, s.pos);
+    const std::size_t end = s.tokenEnd;
     const std::size_t next = skipSpaces(s.line, end);
     return next > end && next < s.line.size() && isSeparator(next) ? end : npos;
 }
@@ -470,15 +545,40 @@ std::size_t separatorField(const Scan& s) {
 struct FieldRule {
     std::size_t (*pass)(const Scan&);
     Field kind;
+    bool (*mayStartWith)(char);
 };
 constexpr FieldRule kFieldRules[] = {
-    {timeField, Field::Time},        // 2026/11/25 10:00:00.123  Nov 25  2026-11-25T10:00:00Z
-    {numberField, Field::Number},    // 1234 after a time
-    {zoneField, Field::Other},       // UTC after a time
-    {groupField, Field::Other},      // [main] [1234]
-    {tagField, Field::Tag},          // host app[123]:
-    {separatorField, Field::Other},  // - |  and a field before one
+    {timeField, Field::Time, timeStartByte},  // 2026/11/25 10:00:00.123  Nov 25  2026-11-25T10Z
+    {numberField, Field::Number, digitByte},  // 1234 after a time
+    {zoneField, Field::Other, upperByte},     // UTC after a time
+    {groupField, Field::Other, groupByte},    // [main] [1234]
+    {tagField, Field::Tag, anyByte},          // host app[123]:
+    {separatorField, Field::Other, anyByte},  // - |  and a field before one
 };
+
+// Per first byte of a field, one bit per rule (its place in the list) that may accept it.
+struct RuleGates {
+    std::uint8_t labels[256] = {};
+    std::uint8_t fields[256] = {};
+};
+static_assert(std::size(kLabelRules) <= 8 && std::size(kFieldRules) <= 8, "one byte of gates");
+
+constexpr RuleGates makeRuleGates() {
+    RuleGates gates;
+    for (int i = 0; i < 256; ++i) {
+        const char c = static_cast<char>(i);
+        for (std::size_t r = 0; r < std::size(kLabelRules); ++r)
+            if (kLabelRules[r].mayStartWith(c))
+                gates.labels[i] |= static_cast<std::uint8_t>(1u << r);
+        for (std::size_t r = 0; r < std::size(kFieldRules); ++r)
+            if (kFieldRules[r].mayStartWith(c))
+                gates.fields[i] |= static_cast<std::uint8_t>(1u << r);
+    }
+    return gates;
+}
+constexpr RuleGates kRuleGates = makeRuleGates();
+constexpr unsigned kEveryLabel = (1u << std::size(kLabelRules)) - 1;
+constexpr unsigned kEveryField = (1u << std::size(kFieldRules)) - 1;
 
 // "<3>" at the very start: a syslog or kernel priority, 0 to 191.
 bool priorityPrefix(std::string_view line, Level& level) {
@@ -492,26 +592,64 @@ bool priorityPrefix(std::string_view line, Level& level) {
     return level != Level::Unknown;
 }
 
-}  // namespace
+// The collector's own stamp "YYYY/MM/DD hh:mm:ss" at the start of `line` (every stamp the
+// converter rewrote has this form), the time possibly going on in date and time bytes
+// (".123"), then a space or the end: two date and time fields, which no label rule
+// accepts and the time field passes. Returns where the second field ends, 0 when `line`
+// does not start so.
+std::size_t convertedStampEnd(std::string_view line) {
+    constexpr std::size_t kLength = 19;  // "YYYY/MM/DD hh:mm:ss"
+    if (line.size() < kLength) return 0;
+    const char* const p = line.data();
+    const auto digit = [p](std::size_t i) { return static_cast<unsigned char>(p[i] - '0') < 10; };
+    if (p[4] != '/' || p[7] != '/' || p[10] != ' ' || p[13] != ':' || p[16] != ':') return 0;
+    if (!(digit(0) && digit(1) && digit(2) && digit(3) && digit(5) && digit(6) && digit(8) &&
+          digit(9) && digit(11) && digit(12) && digit(14) && digit(15) && digit(17) && digit(18)))
+        return 0;
+    std::size_t end = kLength;
+    while (end < line.size() && is(line[end], kDigit | kTime | kStampLetter)) ++end;
+    return end == line.size() || isSpace(line[end]) ? end : 0;
+}
 
-Level ofLine(std::string_view line) {
+// The level `line` states; with `everyRule`, every rule is tried on every field.
+Level scanLine(std::string_view line, bool everyRule) {
     Level level = Level::Unknown;
     if (priorityPrefix(line, level)) return level;
     Scan s;
     s.line = line;
-    for (int field = 0; field < kMaxFields; ++field) {
+    int field = 0;
+    if (!everyRule) {
+        s.pos = convertedStampEnd(line);
+        if (s.pos != 0) {
+            field = 2;
+            s.sawTime = s.afterTime = true;
+        }
+    }
+    for (; field < kMaxFields; ++field) {
         s.pos = skipSpaces(line, s.pos);
         if (s.pos >= line.size()) break;
-        for (const LabelRule rule : kLabelRules)
-            if (rule(s, level)) return level;
+        std::size_t token = s.pos;  // in locals: s, handed to the rules, lives in memory
+        unsigned bytes = everyRule ? kAnyClass : 0;
+        for (; token < line.size(); ++token) {
+            const unsigned classes = classOf(line[token]);
+            if ((classes & kSpace) != 0) break;
+            bytes |= classes;
+        }
+        s.tokenEnd = token;
+        s.tokenBytes = bytes;
+        const auto first = static_cast<unsigned char>(line[s.pos]);
+        const unsigned labels = everyRule ? kEveryLabel : kRuleGates.labels[first];
+        for (unsigned rules = labels; rules != 0; rules &= rules - 1) {
+            const LabelRule& rule = kLabelRules[__builtin_ctz(rules)];
+            if ((s.tokenBytes & rule.needs) == rule.needs && rule.match(s, level)) return level;
+        }
+        const unsigned fields = everyRule ? kEveryField : kRuleGates.fields[first];
         std::size_t end = npos;
         Field kind = Field::Other;
-        for (const FieldRule& rule : kFieldRules) {
+        for (unsigned rules = fields; rules != 0 && end == npos; rules &= rules - 1) {
+            const FieldRule& rule = kFieldRules[__builtin_ctz(rules)];
             end = rule.pass(s);
-            if (end != npos) {
-                kind = rule.kind;
-                break;
-            }
+            kind = rule.kind;
         }
         if (end == npos) break;
         s.pos = end;
@@ -522,6 +660,12 @@ Level ofLine(std::string_view line) {
     }
     return Level::Unknown;
 }
+
+}  // namespace
+
+Level ofLine(std::string_view line) { return scanLine(line, false); }
+
+Level ofLineTryingEveryRule(std::string_view line) { return scanLine(line, true); }
 
 std::uint16_t maskOf(std::string_view text) {
     std::uint16_t mask = 0;

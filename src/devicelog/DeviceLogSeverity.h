@@ -32,6 +32,10 @@ enum class Level : std::uint8_t {
 // when it states none.
 Level ofLine(std::string_view line);
 
+// The same level found the long way, every label and header-field rule tried on every
+// field without the shortcuts ofLine takes: the reference that ofLine is checked against.
+Level ofLineTryingEveryRule(std::string_view line);
+
 // One bit per level (bit 1 << level) for every line of `text`: lines end at '\n' and a
 // last line without one counts too, so "" has no line and gives 0. A blank line states
 // no level and sets the Unknown bit.

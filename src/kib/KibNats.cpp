@@ -82,9 +82,10 @@ int KibNats::toStatus(natsStatus status) {
         case NATS_MAX_PAYLOAD:
             return KIB_E_TOO_LARGE;
         case NATS_NO_SERVER:
+            return KIB_E_CONNECT_FAILED;
         case NATS_NOT_PERMITTED:
         case NATS_CONNECTION_AUTH_FAILED:
-            return KIB_E_CONNECT_FAILED;
+            return KIB_E_NOT_PERMITTED;
         case NATS_CONNECTION_CLOSED:
         case NATS_CONNECTION_DISCONNECTED:
             return KIB_E_NOT_CONNECTED;

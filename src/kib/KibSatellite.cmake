@@ -23,6 +23,8 @@ set(NIMB_KIB_SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/KibLog.h
     ${CMAKE_CURRENT_LIST_DIR}/KibNats.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibNats.h
+    ${CMAKE_CURRENT_LIST_DIR}/KibRefusals.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/KibRefusals.h
     ${CMAKE_CURRENT_LIST_DIR}/KibReplyChannel.cpp
     ${CMAKE_CURRENT_LIST_DIR}/KibReplyChannel.h
     ${CMAKE_CURRENT_LIST_DIR}/KibReplyLink.cpp

@@ -27,6 +27,8 @@ void KibSatellite::setConnectOptions(const KibConnectOptions& options) {
 
 std::string KibSatellite::lastConnectError() const { return impl_->lastError(); }
 
+std::string KibSatellite::credentialsRefusal() const { return impl_->credentialsRefusal(); }
+
 int KibSatellite::Disconnect() { return impl_->disconnect(); }
 
 int KibSatellite::Request(const char* satelliteName, const char* serviceName, const tagVARIANT& in,

@@ -61,16 +61,24 @@ void onDisconnectedThunk(natsConnection*, void* closure) {
 
 void onReconnectedThunk(natsConnection*, void* closure) {
     KibConnectionLink& link = linkOf(closure);
+    link.refusals.clearCredentials();
     const std::lock_guard<std::mutex> lock(link.mutex);
     if (link.owner != nullptr) link.owner->onReconnected();
 }
 
-// The last callback of a connection: releases the closure.
-void onClosedThunk(natsConnection*, void* closure) {
+// The last callback of a connection: releases the closure. With the owner still set the
+// close was not asked for: the client gave up (the server refused the credentials).
+void onClosedThunk(natsConnection* nc, void* closure) {
     auto* holder = static_cast<std::shared_ptr<KibConnectionLink>*>(closure);
     {
         KibConnectionLink& link = **holder;
         const std::lock_guard<std::mutex> lock(link.mutex);
+        if (link.owner != nullptr) {
+            const char* detail = nullptr;
+            natsConnection_GetLastError(nc, &detail);
+            link.owner->onClosedByServer(detail != nullptr ? detail : "",
+                                         !link.refusals.credentials().empty());
+        }
         link.closed = true;
         link.closedSignal.notify_all();
     }
@@ -106,16 +114,18 @@ std::string failureText(natsStatus status) {
 }
 
 // Errors the server reports on a working connection (a refused subscription or
-// publication, a failed reconnection). Each distinct text is logged once in a row, so a
+// publication, a failed reconnection). With a connection link as `closure` they are
+// recorded in its refusals first. Each distinct text is logged once in a row, so a
 // server that keeps refusing does not fill the log.
-void onAsyncErrorThunk(natsConnection* nc, natsSubscription*, natsStatus status, void*) {
+void onAsyncErrorThunk(natsConnection* nc, natsSubscription*, natsStatus status, void* closure) {
     static std::mutex mutex;
     static std::string last;
     const char* detail = nullptr;
     natsConnection_GetLastError(nc, &detail);
-    const std::string text =
-        std::string(natsStatus_GetText(status)) +
-        (detail != nullptr && *detail != '\0' ? std::string(": ") + detail : std::string());
+    const std::string server = detail != nullptr ? detail : "";
+    if (closure != nullptr) linkOf(closure).refusals.record(status, server);
+    const std::string text = std::string(natsStatus_GetText(status)) +
+                             (!server.empty() ? std::string(": ") + server : std::string());
     const std::lock_guard<std::mutex> lock(mutex);
     if (text == last) return;
     last = text;
@@ -236,11 +246,13 @@ int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
     natsOptions_SetDisconnectedCB(raw, &onDisconnectedThunk, holder);
     natsOptions_SetReconnectedCB(raw, &onReconnectedThunk, holder);
     natsOptions_SetClosedCB(raw, &onClosedThunk, holder);
+    natsOptions_SetErrorHandler(raw, &onAsyncErrorThunk, holder);
 
     natsConnection* connection = nullptr;
-    if (open(&connection, raw, where) != NATS_OK) {
+    const natsStatus opened = open(&connection, raw, where);
+    if (opened != NATS_OK) {
         delete holder;  // no connection, so no callback will ever see it
-        return KIB_E_CONNECT_FAILED;
+        return opened == NATS_CONNECTION_AUTH_FAILED ? KIB_E_NOT_PERMITTED : KIB_E_CONNECT_FAILED;
     }
     connection_.reset(connection);
     link_ = link;

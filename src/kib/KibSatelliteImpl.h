@@ -28,6 +28,7 @@
 #include "KibDropReport.h"
 #include "KibLog.h"
 #include "KibNats.h"
+#include "KibRefusals.h"
 #include "KibReply.h"
 #include "KibReplyChannel.h"
 #include "KibReplyLink.h"
@@ -70,6 +71,7 @@ struct KibConnectionLink {
     std::condition_variable closedSignal;
     KibSatelliteImpl* owner = nullptr;  // guarded by mutex
     bool closed = false;                // guarded by mutex
+    KibRefusals refusals;               // its own lock
 };
 
 class KibSatelliteImpl {
@@ -122,6 +124,11 @@ public:
     void reportDrops(KibSubscription& s, natsSubscription* sub, bool final);
     void onDisconnected();
     void onReconnected();
+    // The client gave up the connection (the server refused the credentials twice in a
+    // row, after they were revoked): no more reconnection attempts.
+    void onClosedByServer(const std::string& why, bool credentialsRefused);
+    // See KibSatellite::credentialsRefusal. Management thread.
+    std::string credentialsRefusal() const;
 
 private:
     void serveRequest(KibSubscription& s, natsConnection* nc, natsMsg* msg,
@@ -163,9 +170,12 @@ private:
     void setLastError(const std::string& where, const std::string& text);
     // One request and its reply, received on an inbox under `inboxPrefix`, so that the
     // server can keep other users from reading it.
+    // With `refusals` (those of `nc`; may be null) a request whose subject or reply
+    // inbox the server refuses ends with NATS_NOT_PERMITTED as soon as the refusal
+    // arrives, instead of at the timeout.
     static natsStatus request(natsConnection* nc, const std::string& inboxPrefix,
                               const std::string& subject, const std::string& frame, int timeoutMs,
-                              KibNatsMsg& reply);
+                              KibNatsMsg& reply, const KibRefusals* refusals);
 
     // Immutable after construction.
     KibSatellite& owner_;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // KibSatelliteImpl, second half: requests made, requests served, pings,
 // announcements and connection-state callbacks.
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <memory>
@@ -60,6 +61,13 @@ int KibSatelliteImpl::call(const char* satellite, const char* service, const VAR
         setError(reply, KibErrorKind::Local, KIB_E_NOT_CONNECTED, "not connected to the bus");
         return reply.status;
     }
+    const std::string refused = link_->refusals.credentials();
+    if (!refused.empty() && natsConnection_IsClosed(connection_.get())) {
+        setError(
+            reply, KibErrorKind::Local, KIB_E_NOT_PERMITTED,
+            "not permitted: the bus server refused this satellite's credentials (" + refused + ")");
+        return reply.status;
+    }
     std::string frame;
     std::string error;
     int status = KibCodec::encodeRequest(name_, in, frame, error, limits_);
@@ -81,11 +89,15 @@ int KibSatelliteImpl::call(const char* satellite, const char* service, const VAR
     }
     KibNatsMsg msg;
     const natsStatus sent =
-        request(connection_.get(), inboxPrefix_, subject, frame, timeoutMs, msg);
+        request(connection_.get(), inboxPrefix_, subject, frame, timeoutMs, msg, &link_->refusals);
     if (sent != NATS_OK) {
         status = KibNats::toStatus(sent);
         std::string text = natsStatus_GetText(sent);
-        if (status == KIB_E_NO_RESPONDERS) {
+        if (status == KIB_E_NOT_PERMITTED) {
+            text = "not permitted: the bus server does not let this account call " +
+                   std::string(satellite) + "." + service + " (Permissions Violation for " +
+                   subject + ")";
+        } else if (status == KIB_E_NO_RESPONDERS) {
             text = "no responders: no satellite " + std::string(satellite) + " offers service " +
                    service;
         } else if (status == KIB_E_TIMEOUT) {
@@ -107,6 +119,7 @@ int KibSatelliteImpl::ping(const char* host, const char* satellite, unsigned sho
     if (status != nullptr) *status = KIBSTATUS_DISCONNECTED;
     if (!KibNats::isValidName(satellite)) return KIB_E_INVALID_ARGUMENT;
     natsConnection* connection = connection_.get();
+    const KibRefusals* refusals = link_ ? &link_->refusals : nullptr;
     std::string inboxPrefix = inboxPrefix_;
     KibNatsConnection temporary;
     if (host != nullptr && *host != '\0') {
@@ -119,9 +132,13 @@ int KibSatelliteImpl::ping(const char* host, const char* satellite, unsigned sho
         natsOptions_SetTimeout(options, timeoutMs > 0 ? timeoutMs : 2000);
         natsOptions_SetAllowReconnect(options, false);
         if (!configure(options, urls, inboxPrefix)) return KIB_E_CONNECT_FAILED;
-        if (open(&connection, options, KibNats::redacted(urls)) != NATS_OK)
-            return KIB_E_CONNECT_FAILED;
+        const natsStatus opened = open(&connection, options, KibNats::redacted(urls));
+        if (opened != NATS_OK) {
+            return opened == NATS_CONNECTION_AUTH_FAILED ? KIB_E_NOT_PERMITTED
+                                                         : KIB_E_CONNECT_FAILED;
+        }
         temporary.reset(connection);
+        refusals = nullptr;
     }
     if (connection == nullptr) return KIB_E_NOT_CONNECTED;
     std::string frame;
@@ -131,15 +148,44 @@ int KibSatelliteImpl::ping(const char* host, const char* satellite, unsigned sho
     KibCodec::encodeRequest(name_, empty, frame, error, limits_);
     const std::string subject = KibSubjects::ping(satellite);
     KibNatsMsg msg;
-    const natsStatus sent = request(connection, inboxPrefix, subject, frame, timeoutMs, msg);
+    const natsStatus sent =
+        request(connection, inboxPrefix, subject, frame, timeoutMs, msg, refusals);
     if (sent != NATS_OK) return KibNats::toStatus(sent);
     if (status != nullptr) *status = KIBSTATUS_CONNECTED;
     return KIB_OK;
 }
 
+namespace {
+
+// How often a request waiting for its reply looks whether the server refused it.
+constexpr int kRefusalCheckMs = 20;
+
+// The next message of `sub` within `timeoutMs`; with `refusals`, NATS_NOT_PERMITTED as
+// soon as `subject` or `inbox` has been refused more often than `before` times.
+natsStatus nextReply(natsSubscription* sub, int timeoutMs, const KibRefusals* refusals,
+                     const std::string& subject, const std::string& inbox, unsigned before,
+                     natsMsg** message) {
+    if (refusals == nullptr) return natsSubscription_NextMsg(message, sub, timeoutMs);
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
+    while (true) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              deadline - std::chrono::steady_clock::now())
+                              .count();
+        const int wait = static_cast<int>(std::clamp<long long>(left, 1, kRefusalCheckMs));
+        const natsStatus status = natsSubscription_NextMsg(message, sub, wait);
+        if (status != NATS_TIMEOUT) return status;
+        if (refusals->count(subject) + refusals->count(inbox) != before) return NATS_NOT_PERMITTED;
+        if (left <= wait) return NATS_TIMEOUT;
+    }
+}
+
+}  // namespace
+
 natsStatus KibSatelliteImpl::request(natsConnection* nc, const std::string& inboxPrefix,
                                      const std::string& subject, const std::string& frame,
-                                     int timeoutMs, KibNatsMsg& reply) {
+                                     int timeoutMs, KibNatsMsg& reply,
+                                     const KibRefusals* refusals) {
     natsInbox* unique = nullptr;
     natsStatus status = natsInbox_Create(&unique);
     if (status != NATS_OK) return status;
@@ -147,6 +193,8 @@ natsStatus KibSatelliteImpl::request(natsConnection* nc, const std::string& inbo
     const std::string created(unique);
     natsInbox_Destroy(unique);
     const std::string inbox = inboxPrefix + created.substr(created.find('.'));
+    const unsigned before =
+        refusals != nullptr ? refusals->count(subject) + refusals->count(inbox) : 0;
     natsSubscription* raw = nullptr;
     status = natsConnection_SubscribeSync(&raw, nc, inbox.c_str());
     KibNatsSubscription sub(raw);
@@ -156,7 +204,9 @@ natsStatus KibSatelliteImpl::request(natsConnection* nc, const std::string& inbo
                                                static_cast<int>(frame.size()));
     }
     natsMsg* message = nullptr;
-    if (status == NATS_OK) status = natsSubscription_NextMsg(&message, raw, timeoutMs);
+    if (status == NATS_OK) {
+        status = nextReply(raw, timeoutMs, refusals, subject, inbox, before, &message);
+    }
     reply.reset(message);
     if (status == NATS_OK && natsMsg_IsNoResponders(message)) status = NATS_NO_RESPONDERS;
     if (status != NATS_OK && raw != nullptr) natsSubscription_Unsubscribe(raw);
@@ -396,6 +446,21 @@ void KibSatelliteImpl::onDisconnected() {
     } catch (...) {
         KibLog::error("OnStatusChange threw; ignored");
     }
+}
+
+void KibSatelliteImpl::onClosedByServer(const std::string& why, bool credentialsRefused) {
+    KibLog::error("The bus connection of %s was closed: %s; not reconnecting", name_.c_str(),
+                  why.empty() ? "the server gave no reason" : why.c_str());
+    try {
+        owner_.OnStatusChange(credentialsRefused ? KIB_E_NOT_PERMITTED : KIB_E_CONNECTION_LOST,
+                              KIBSTATUS_DISCONNECTED);
+    } catch (...) {
+        KibLog::error("OnStatusChange threw; ignored");
+    }
+}
+
+std::string KibSatelliteImpl::credentialsRefusal() const {
+    return link_ ? link_->refusals.credentials() : std::string();
 }
 
 // Back on the bus: the client has restored the subscriptions; tell the others what is

@@ -242,6 +242,13 @@ int NimbRemoteLoggerSatellite::connect() {
     const boost::shared_ptr<CRegistry> registry = CRegistry::getInstance();
     assert(registry);
     NimbBusSettings bus = NimbBusSettings::read();
+    // Its own account when it has one: the suite's kibDirectory.credsFile is what the
+    // device tools sharing these settings would connect with.
+    CStdStr ownCreds;
+    if (registry->ReadSettingImpl(kConfigKey, NimbSettings::kCollectorCredsFile, ownCreds) &&
+        !ownCreds.empty()) {
+        bus.connection.credentialsFile = ownCreds;
+    }
     // The writer completes the replies of each round together: on an open bus they leave
     // in one write, over a second connection. A bus with accounts lets a connection answer
     // only the requests it received itself, so there they leave one by one.
@@ -273,7 +280,8 @@ int NimbRemoteLoggerSatellite::connect() {
         return KIB_E_ALREADY_CONNECTED;
     }
     // A server that refused the check's connection refuses the real one too: report it once.
-    const int status = pinged == KIB_E_CONNECT_FAILED ? pinged : bus.connect(*this, kSatelliteName);
+    const bool refused = pinged == KIB_E_CONNECT_FAILED || pinged == KIB_E_NOT_PERMITTED;
+    const int status = refused ? pinged : bus.connect(*this, kSatelliteName);
     if (status != 0) {
         CBBLog::error(boost::format("Failed to register: %1$d (0x%1$x)") % status);
         return status;

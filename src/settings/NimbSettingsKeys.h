@@ -17,6 +17,7 @@ constexpr const char* kWebKey = "Software\\Pellix\\Nimb\\Web";
 constexpr const char* kBusHost = "kibDirectory.host";
 constexpr const char* kBusCaFile = "kibDirectory.caFile";
 constexpr const char* kBusCredsFile = "kibDirectory.credsFile";
+constexpr const char* kCollectorCredsFile = "CollectorCredsFile";
 constexpr const char* kBusBindingsFile = "BusBindingsFile";
 constexpr const char* kMaxLogSources = "MaxLogSources";
 constexpr const char* kMaxLogsPerDevice = "MaxLogsPerDevice";
@@ -46,6 +47,8 @@ constexpr Key kKeys[] = {
      "bus directory: host, host:port or URL; comma-separated: cluster"},
     {kConfigKey, kBusCaFile, "string", "none", "CA file (PEM): connect with TLS"},
     {kConfigKey, kBusCredsFile, "string", "none", "bus credentials file (mode 0600)"},
+    {kConfigKey, kCollectorCredsFile, "string", "kibDirectory.credsFile",
+     "the collector's own bus credentials file"},
     {kConfigKey, kBusBindingsFile, "string", "none",
      "device accounts' bound sources (nimb-bus-setup's bindings.conf)"},
     {kConfigKey, kMaxLogSources, "int", "16384", "device logs the collector keeps announced"},
@@ -75,6 +78,8 @@ constexpr Key kKeys[] = {
     {kSyslogKey, "ClockThreshold", "int", "2", "seconds a sender's clock may be off"},
     {kSyslogKey, "MaxLinesPerSecond", "int", "5000", "per sender address (0: none)"},
     {kSyslogKey, "MaxConnections", "int", "64", "open syslog connections"},
+    {kSyslogKey, "MaxConnectionsPerAddress", "int", "16",
+     "open syslog connections from one address"},
     {kSyslogKey, "MaxSenders", "int", "64", "senders with files"},
     {kSyslogKey, "MaxAppsPerSender", "int", "16", "files per sender"},
     {kWebKey, "Listen", "string", "127.0.0.1:8470", "nimb-web address, ADDR:PORT"},

@@ -10,18 +10,19 @@
 #include <utility>
 
 struct SyslogCounters {
-    std::atomic<std::uint64_t> lines{0};               // messages written to a file
-    std::atomic<std::uint64_t> bytes{0};               // bytes received (decrypted, for TLS)
-    std::atomic<std::uint64_t> truncated{0};           // messages cut at the maximum size
-    std::atomic<std::uint64_t> rateDropped{0};         // datagrams over a sender's rate
-    std::atomic<std::uint64_t> ratePaused{0};          // times a connection was held back
-    std::atomic<std::uint64_t> refusedNames{0};        // host names not usable in a file name
-    std::atomic<std::uint64_t> refusedFiles{0};        // lines whose file is not a plain file
-    std::atomic<std::uint64_t> senderCapDropped{0};    // lines of senders past the cap
-    std::atomic<std::uint64_t> connectionsRefused{0};  // connections past the cap
-    std::atomic<std::uint64_t> badFrames{0};           // connections closed on a bad frame
-    std::atomic<std::uint64_t> handshakeTimeouts{0};   // TLS handshakes not done in time
-    std::atomic<std::uint64_t> idleClosed{0};          // idle connections closed for a new one
+    std::atomic<std::uint64_t> lines{0};                // messages written to a file
+    std::atomic<std::uint64_t> bytes{0};                // bytes received (decrypted, for TLS)
+    std::atomic<std::uint64_t> truncated{0};            // messages cut at the maximum size
+    std::atomic<std::uint64_t> rateDropped{0};          // datagrams over a sender's rate
+    std::atomic<std::uint64_t> ratePaused{0};           // times a connection was held back
+    std::atomic<std::uint64_t> refusedNames{0};         // host names not usable in a file name
+    std::atomic<std::uint64_t> refusedFiles{0};         // lines whose file is not a plain file
+    std::atomic<std::uint64_t> senderCapDropped{0};     // lines of senders past the cap
+    std::atomic<std::uint64_t> connectionsRefused{0};   // connections past the cap
+    std::atomic<std::uint64_t> badFrames{0};            // connections closed on a bad frame
+    std::atomic<std::uint64_t> handshakeTimeouts{0};    // TLS handshakes not done in time
+    std::atomic<std::uint64_t> idleClosed{0};           // idle connections closed for a new one
+    std::atomic<std::uint64_t> refusedCertificates{0};  // TLS client certificates refused
     // Levels, not counts: open TCP and TLS connections, senders with files.
     std::atomic<std::uint64_t> connections{0};
     std::atomic<std::uint64_t> senders{0};
@@ -42,6 +43,7 @@ struct SyslogCounters {
         {"syslog.closed.frame", &SyslogCounters::badFrames},
         {"syslog.closed.handshake", &SyslogCounters::handshakeTimeouts},
         {"syslog.closed.idle", &SyslogCounters::idleClosed},
+        {"syslog.closed.certificate", &SyslogCounters::refusedCertificates},
         {"syslog.senders", &SyslogCounters::senders},
     };
 };

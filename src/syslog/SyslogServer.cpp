@@ -80,20 +80,31 @@ bool SyslogServer::start() {
     }
     listeners_[wake_] = Kind::kWake;
     watch(wake_, EPOLLIN, true);
-    if (settings_.tlsPort > 0) {
-        std::string error;
-        if (!tls_.load(settings_.certFile, settings_.keyFile, error)) {
-            CBBLog::error("Syslog: TLS listener not started: %s", error.c_str());
-            return false;
-        }
-    }
+    if (settings_.tlsPort > 0 && !loadTls()) return false;
     if ((settings_.udpPort > 0 && !openListener(settings_.udpPort, Kind::kUdp)) ||
         (settings_.tcpPort > 0 && !openListener(settings_.tcpPort, Kind::kTcp)) ||
         (settings_.tlsPort > 0 && !openListener(settings_.tlsPort, Kind::kTls)))
         return false;
-    store_ = std::make_unique<SyslogStore>(settings_, counters_, writer_);
+    store_ = std::make_unique<SyslogStore>(settings_, counters_, writer_, tls_.clients());
     thread_ = std::make_unique<PThread>(
         PThreadDelegateMember<SyslogServer>(this, &SyslogServer::run), nullptr, kThreadName);
+    return true;
+}
+
+bool SyslogServer::loadTls() {
+    std::string error;
+    if ((settings_.requireClientCert || !settings_.clientsFile.empty()) &&
+        settings_.clientCaFile.empty()) {
+        error = "RequireClientCert and ClientsFile need ClientCaFile";
+    } else if (tls_.load(settings_.certFile, settings_.keyFile, error) &&
+               !settings_.clientCaFile.empty()) {
+        tls_.verifyClients(settings_.clientCaFile, settings_.requireClientCert,
+                           settings_.clientsFile, error);
+    }
+    if (!error.empty()) {
+        CBBLog::error("Syslog: TLS listener not started: %s", error.c_str());
+        return false;
+    }
     return true;
 }
 
@@ -153,12 +164,13 @@ void SyslogServer::stop() {
     for (auto& entry : connections_) {
         Connection& connection = *entry.second;
         connection.framer.finish([&](std::string_view message, std::size_t cut) {
-            store_->add(message, cut, connection.address, nowMs());
+            store_->add(message, cut, connection.address, nowMs(), connection.certName);
         });
         if (connection.ssl != nullptr) SSL_free(connection.ssl);
         close(connection.fd);
     }
     connections_.clear();
+    perAddress_.clear();
     handshakes_.clear();
     counters_.connections.store(0, std::memory_order_relaxed);
     store_->flush();
@@ -166,7 +178,7 @@ void SyslogServer::stop() {
         "Syslog: stopped; %llu lines written, %llu truncated, %llu dropped over the "
         "rate bound, %llu connections held back, %llu dropped past the sender cap, "
         "%llu refused files, %llu refused connections, %llu TLS handshakes timed out, "
-        "%llu idle connections closed",
+        "%llu idle connections closed, %llu client certificates refused",
         static_cast<unsigned long long>(counters_.lines.load()),
         static_cast<unsigned long long>(counters_.truncated.load()),
         static_cast<unsigned long long>(counters_.rateDropped.load()),
@@ -175,7 +187,8 @@ void SyslogServer::stop() {
         static_cast<unsigned long long>(counters_.refusedFiles.load()),
         static_cast<unsigned long long>(counters_.connectionsRefused.load()),
         static_cast<unsigned long long>(counters_.handshakeTimeouts.load()),
-        static_cast<unsigned long long>(counters_.idleClosed.load()));
+        static_cast<unsigned long long>(counters_.idleClosed.load()),
+        static_cast<unsigned long long>(counters_.refusedCertificates.load()));
     store_.reset();
 }
 
@@ -294,6 +307,7 @@ void SyslogServer::acceptConnections(int fd, Kind kind) {
                                    SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (client == -1) return;  // EAGAIN, or a connection that went away
         const std::string address = addressOf(peer);
+        if (!refuseFromBusyAddress(client, address)) continue;
         if (connections_.size() >= static_cast<std::size_t>(settings_.maxConnections) &&
             !closeIdlest()) {
             ++counters_.connectionsRefused;
@@ -309,7 +323,7 @@ void SyslogServer::acceptConnections(int fd, Kind kind) {
         connection->address = address;
         connection->lastReadMs = roundMs_;
         if (kind == Kind::kTls) {
-            connection->ssl = tls_.newSession(client);
+            connection->ssl = tls_.newSession(client, &connection->certRefusal);
             if (connection->ssl == nullptr) {
                 frameLog_.error("Syslog: cannot start a TLS session for " + address);
                 close(client);
@@ -319,6 +333,7 @@ void SyslogServer::acceptConnections(int fd, Kind kind) {
                 {roundMs_ + settings_.handshakeTimeoutMs, client, connection->serial});
         }
         watch(client, EPOLLIN, true);
+        ++perAddress_[address];
         connections_[client] = std::move(connection);
         counters_.connections.store(connections_.size(), std::memory_order_relaxed);
     }
@@ -329,7 +344,7 @@ void SyslogServer::deliver(Connection& connection, std::string_view data) {
     SyslogRateBucket* bucket = bucketFor(connection.address);
     const bool ok = connection.framer.feed(data, [&](std::string_view message, std::size_t cut) {
         if (bucket != nullptr) bucket->take();
-        store_->add(message, cut, connection.address, arrival);
+        store_->add(message, cut, connection.address, arrival, connection.certName);
     });
     if (!ok) {
         ++counters_.badFrames;
@@ -384,12 +399,24 @@ bool SyslogServer::readTls(Connection& connection) {
             const unsigned long code = ERR_get_error();
             if (code != 0) ERR_error_string_n(code, reason, sizeof(reason));
             ERR_clear_error();
-            frameLog_.error("Syslog: TLS handshake with " + connection.address +
-                            " failed: " + reason);
+            // OpenSSL says only "certificate verify failed"; the checks say why.
+            const long verified = SSL_get_verify_result(ssl);
+            if (!connection.certRefusal.empty() || verified != X509_V_OK) {
+                ++counters_.refusedCertificates;
+                certLog_.error("Syslog: refused the client certificate of " + connection.address +
+                               ": " +
+                               (connection.certRefusal.empty()
+                                    ? std::string(X509_verify_cert_error_string(verified))
+                                    : connection.certRefusal));
+            } else {
+                frameLog_.error("Syslog: TLS handshake with " + connection.address +
+                                " failed: " + reason);
+            }
             closeConnection(connection, nullptr);
             return false;
         }
         connection.handshakeDone = true;
+        connection.certName = SyslogTlsContext::clientName(ssl);
         watch(connection.fd, EPOLLIN, false);
     }
     std::size_t total = 0;
@@ -423,15 +450,34 @@ void SyslogServer::closeConnection(Connection& connection, const char* reason) {
         frameLog_.error("Syslog: closed the connection from " + connection.address + ": " + reason);
     } else {
         connection.framer.finish([&](std::string_view message, std::size_t cut) {
-            store_->add(message, cut, connection.address, nowMs());
+            store_->add(message, cut, connection.address, nowMs(), connection.certName);
         });
     }
     const int fd = connection.fd;
+    const auto sameAddress = perAddress_.find(connection.address);
+    if (sameAddress != perAddress_.end() && --sameAddress->second <= 0)
+        perAddress_.erase(sameAddress);
     epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
     if (connection.ssl != nullptr) SSL_free(connection.ssl);
     close(fd);
     connections_.erase(fd);  // destroys `connection`
     counters_.connections.store(connections_.size(), std::memory_order_relaxed);
+}
+
+int SyslogServer::perAddressCap() const {
+    // Below the total, so that one address can never take every slot.
+    const int total = std::max(1, settings_.maxConnections - 1);
+    return std::max(1, std::min(settings_.maxConnectionsPerAddress, total));
+}
+
+bool SyslogServer::refuseFromBusyAddress(int client, const std::string& address) {
+    const auto found = perAddress_.find(address);
+    if (found == perAddress_.end() || found->second < perAddressCap()) return true;
+    ++counters_.connectionsRefused;
+    connectionLog_.error("Syslog: too many connections from " + address + ": at most " +
+                         std::to_string(perAddressCap()) + " per address; refused one");
+    close(client);
+    return false;
 }
 
 bool SyslogServer::closeIdlest() {

@@ -6,10 +6,13 @@
 // lines go to their loggers when nothing more is ready to read, and at the latest
 // kFlushDelayMs after they were read. A flooding sender therefore delays another's lines
 // by at most that and one round, and its own rate bound holds it back beyond that.
-// Connection slots: a TLS connection must finish its handshake within the settings'
-// handshakeTimeoutMs, and while every slot is taken a new connection takes the slot of
-// the connection idle longest, once that has been idle for idleTimeoutMs. Created,
-// started and stopped by the collector on its main thread.
+// Connection slots: one address holds at most MaxConnectionsPerAddress of them (always
+// fewer than all), so that another sender always finds one; a TLS connection must finish its
+// handshake within the settings' handshakeTimeoutMs, and while every slot is taken a new connection
+// takes the slot of the connection idle longest, once that has been idle for idleTimeoutMs.
+// A TLS sender whose client certificate the handshake verified is filed under the
+// certificate's name.
+// Created, started and stopped by the collector on its main thread.
 #pragma once
 
 #include <cstddef>
@@ -68,10 +71,15 @@ private:
         SyslogFramer framer;
         struct ssl_st* ssl = nullptr;
         bool handshakeDone = false;
+        // The verified client certificate's name, which the sender is filed under ("" when
+        // it showed none), and why a certificate was refused.
+        std::string certName;
+        std::string certRefusal;
         bool paused = false;
     };
 
     bool openListener(int port, Kind kind);
+    bool loadTls();
     void* run(void*);
     void runRound(int timeoutMs);
     void readDatagrams(int fd);
@@ -81,6 +89,12 @@ private:
     void deliver(Connection& connection, std::string_view data);
     void closeConnection(Connection& connection, const char* reason);
     bool closeIdlest();
+    // The connections one address may hold: MaxConnectionsPerAddress, and always fewer
+    // than MaxConnections.
+    int perAddressCap() const;
+    // True when `address` may open one more connection; otherwise closes `client`,
+    // counts and logs it, and returns false.
+    bool refuseFromBusyAddress(int client, const std::string& address);
     void expireHandshakes();
     int waitMs() const;
     void resumePaused();
@@ -102,6 +116,7 @@ private:
     std::unordered_map<int, Kind> listeners_;
     std::unordered_map<int, std::unique_ptr<Connection>> connections_;
     std::unordered_map<std::string, SyslogRateBucket> buckets_;
+    std::unordered_map<std::string, int> perAddress_;  // open connections by address
     std::vector<int> paused_;
     std::vector<int> again_;  // TLS connections with decrypted bytes still buffered
     std::vector<char> buffer_;
@@ -122,6 +137,7 @@ private:
     SyslogThrottledLog connectionLog_;
     SyslogThrottledLog frameLog_;
     SyslogThrottledLog handshakeLog_;
+    SyslogThrottledLog certLog_;
     SyslogThrottledLog idleLog_;
 
     std::unique_ptr<PThread> thread_;

@@ -35,10 +35,14 @@ SyslogSettings SyslogSettings::read() {
     readString(*registry, "Address", settings.address);
     readString(*registry, "CertFile", settings.certFile);
     readString(*registry, "KeyFile", settings.keyFile);
+    readString(*registry, "ClientCaFile", settings.clientCaFile);
+    readString(*registry, "ClientsFile", settings.clientsFile);
+    registry->ReadSettingImpl(kKey, "RequireClientCert", settings.requireClientCert);
     readInt(*registry, "MaxMessageSize", 480, 1048576, settings.maxMessageSize);
     readInt(*registry, "ClockThreshold", 0, 86400, settings.clockThreshold);
     readInt(*registry, "MaxLinesPerSecond", 0, 10000000, settings.maxLinesPerSecond);
     readInt(*registry, "MaxConnections", 1, 4096, settings.maxConnections);
+    readInt(*registry, "MaxConnectionsPerAddress", 1, 4096, settings.maxConnectionsPerAddress);
     readInt(*registry, "MaxSenders", 1, 4096, settings.maxSenders);
     readInt(*registry, "MaxAppsPerSender", 1, 1024, settings.maxAppsPerSender);
     return settings;

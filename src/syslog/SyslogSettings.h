@@ -17,6 +17,12 @@ struct SyslogSettings {
     // PEM files of the TLS listener's certificate (chain) and private key.
     std::string certFile;
     std::string keyFile;
+    // Client certificates on the TLS listener: the PEM CA they must come from (none: no
+    // sender is asked for one), whether a sender without one is refused, and the list of
+    // allowed senders that nimb-bus-setup keeps (none: any name the CA signed).
+    std::string clientCaFile;
+    bool requireClientCert = false;
+    std::string clientsFile;
     // Longer messages are cut to this many bytes.
     int maxMessageSize = 8192;
     // Stamps are rewritten into server time when the sender's clock is off by more.
@@ -25,6 +31,9 @@ struct SyslogSettings {
     int maxLinesPerSecond = 5000;
     // Open TCP and TLS connections at one time.
     int maxConnections = 64;
+    // Open TCP and TLS connections from one address; at most maxConnections - 1 apply,
+    // so that one address never holds every slot.
+    int maxConnectionsPerAddress = 16;
     // Distinct senders (host names, or addresses) with files, over the collector's life.
     int maxSenders = 64;
     // Applications with a file of their own per sender; later ones share "syslog".

@@ -11,6 +11,7 @@
 #include "DeviceLogHeader.h"
 #include "DeviceLogNames.h"
 #include "DeviceLogWriter.h"
+#include "SyslogClientList.h"
 #include "SyslogParser.h"
 
 namespace {
@@ -39,11 +40,12 @@ std::string quoted(const std::string& text) {
 }  // namespace
 
 SyslogStore::SyslogStore(const SyslogSettings& settings, SyslogCounters& counters,
-                         std::shared_ptr<DeviceLogWriter> writer)
+                         std::shared_ptr<DeviceLogWriter> writer, SyslogClientList* clients)
     : settings_(settings),
       logsDir_(CBBLog::getLogsDirectory()),
       counters_(counters),
-      writer_(std::move(writer)) {}
+      writer_(std::move(writer)),
+      clients_(clients) {}
 
 SyslogStore::~SyslogStore() { flush(); }
 
@@ -73,13 +75,13 @@ std::string SyslogStore::fileName(const std::string& sender, const std::string& 
 }
 
 void SyslogStore::add(std::string_view bytes, std::size_t cutBytes, const std::string& address,
-                      long long arrivalMs) {
+                      long long arrivalMs, const std::string& certName) {
     SyslogMessage& message = message_;
     SyslogParser::parseInto(bytes, static_cast<std::size_t>(settings_.maxMessageSize), message);
     arrivalMs_ = arrivalMs;
     message.truncatedBytes += cutBytes;
     if (message.text.empty()) return;  // an empty line between messages
-    const Route* route = findRoute(message, address);
+    const Route* route = findRoute(message, address, certName);
     if (route == nullptr) return;
     if (!route->refusal.empty()) {
         ++counters_.refusedNames;
@@ -98,13 +100,29 @@ void SyslogStore::add(std::string_view bytes, std::size_t cutBytes, const std::s
     if (!log.headerWritten ||
         (known && (!log.headerKnown || std::llabs(sender.clock.offsetSeconds() - log.headerOffset) >
                                            settings_.clockThreshold)))
-        appendHeader(log, sender, route->name, address, arrival);
+        appendHeader(log, sender, *route, address, arrival);
     appendLine(log, sender, message, arrival);
 }
 
+std::string SyslogStore::uncertifiedName(const std::string& hostname, const std::string& address,
+                                         std::string& reason) const {
+    const std::string name = senderName(hostname, address, reason);
+    if (clients_ == nullptr || name == address || !clients_->isListed(name)) return name;
+    reason = "it is the name of a sender with a client certificate";
+    return address;
+}
+
 const SyslogStore::Route* SyslogStore::findRoute(const SyslogMessage& message,
-                                                 const std::string& address) {
-    routeKey_.assign(address);
+                                                 const std::string& address,
+                                                 const std::string& certName) {
+    // Routes of senders without certificate follow the list of certificate holders.
+    if (clients_ != nullptr && clients_->refresh(arrivalMs_) != clientsGeneration_) {
+        clientsGeneration_ = clients_->generation();
+        routes_.clear();
+    }
+    routeKey_.assign(certName);
+    routeKey_ += '\n';
+    routeKey_ += address;
     routeKey_ += '\n';
     routeKey_ += message.hostname;
     routeKey_ += '\n';
@@ -112,7 +130,9 @@ const SyslogStore::Route* SyslogStore::findRoute(const SyslogMessage& message,
     const auto found = routes_.find(routeKey_);
     if (found != routes_.end()) return &found->second;
     Route route;
-    route.name = senderName(message.hostname, address, route.refusal);
+    route.certified = !certName.empty();
+    route.name =
+        route.certified ? certName : uncertifiedName(message.hostname, address, route.refusal);
     route.sender = findSender(route.name, address);
     if (route.sender == nullptr) return nullptr;  // past the cap: looked at again next time
     route.log = findLog(*route.sender, route.name, message);
@@ -171,7 +191,7 @@ SyslogStore::Log* SyslogStore::openLog(const std::string& file) {
     return raw;
 }
 
-void SyslogStore::appendHeader(Log& log, Sender& sender, const std::string& name,
+void SyslogStore::appendHeader(Log& log, Sender& sender, const Route& route,
                                const std::string& address, long long arrivalSeconds) {
     std::string clock = " clock unknown";
     std::string senderTime = localTime(arrivalSeconds);
@@ -186,8 +206,9 @@ void SyslogStore::appendHeader(Log& log, Sender& sender, const std::string& name
         log.headerOffset = offset;
     }
     log.headerWritten = true;
-    writeHeader(log, name, address,
-                DeviceLogHeader::line(name, "syslog " + address + clock, senderTime,
+    const std::string how = route.certified ? " certified" : "";
+    writeHeader(log, route, address,
+                DeviceLogHeader::line(route.name, "syslog " + address + how + clock, senderTime,
                                       localTime(arrivalSeconds)),
                 sender.clock.isKnown(), sender.clock.offsetSeconds());
 }
@@ -239,12 +260,14 @@ void SyslogStore::notePending(Log& log, const SyslogMessage& message, long long 
     }
 }
 
-void SyslogStore::writeHeader(Log& log, const std::string& name, const std::string& address,
+void SyslogStore::writeHeader(Log& log, const Route& route, const std::string& address,
                               std::string header, bool clockKnown, long long offset) {
     flushLog(log);
     DeviceLogIndex::Identity identity;
-    identity.deviceId = name;
-    identity.displayName = name;
+    identity.deviceId = route.name;
+    identity.displayName = route.name;
+    // The name was proven by a certificate, as a bus account proves a device's.
+    if (route.certified) identity.account = "tls:" + route.name;
     identity.peer = address;
     writer_->setIdentity(log.file, identity);
     LogTextInfo info;

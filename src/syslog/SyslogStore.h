@@ -3,8 +3,10 @@
 // in the logs folder, named as the bus devices' files are (the sender in the device
 // id's place, the application in the log name's), each with the header line on
 // creation and whenever the sender's clock estimate moves; stamps rewritten into server
-// time when the sender's clock is off. Lines are gathered per file and handed to the
-// file's logger in one piece by flush(). Owned by the server; listener thread only.
+// time when the sender's clock is off. A sender that showed a client certificate is
+// filed under the certificate's name, and the names of the allowed certificate holders
+// are theirs alone. Lines are gathered per file and handed to the file's logger in one
+// piece by flush(). Owned by the server; listener thread only.
 #pragma once
 
 #include <cstddef>
@@ -25,23 +27,27 @@
 
 class CBBLog;
 class DeviceLogWriter;
+class SyslogClientList;
 
 class SyslogStore {
 public:
     // `counters` is borrowed and must outlive the store; `writer` (shared; not null)
-    // writes the files.
+    // writes the files. `clients` (borrowed, may be null) lists the senders with client
+    // certificates: a sender without one may not use their names.
     SyslogStore(const SyslogSettings& settings, SyslogCounters& counters,
-                std::shared_ptr<DeviceLogWriter> writer);
+                std::shared_ptr<DeviceLogWriter> writer, SyslogClientList* clients = nullptr);
     SyslogStore(const SyslogStore&) = delete;
     SyslogStore& operator=(const SyslogStore&) = delete;
     // Flushes, then releases the loggers (each writes everything queued before closing).
     ~SyslogStore();
 
     // Parses one message from `address` that arrived at `arrivalMs` (ms since 1970 UTC)
-    // and gathers its line for its file; `cutBytes` were cut from it already. Never
-    // fails: a message that cannot be placed is counted and logged (rate-limited).
+    // and gathers its line for its file; `cutBytes` were cut from it already. With a
+    // `certName` (the name of the client certificate the connection verified) the
+    // message is filed under that name, whatever host name it carries. Never fails: a
+    // message that cannot be placed is counted and logged (rate-limited).
     void add(std::string_view bytes, std::size_t cutBytes, const std::string& address,
-             long long arrivalMs);
+             long long arrivalMs, const std::string& certName = std::string());
     // Hands every gathered line to its file's logger.
     void flush();
     // Whether lines are waiting for flush().
@@ -84,21 +90,27 @@ private:
         Sender* sender = nullptr;
         Log* log = nullptr;
         std::string name;
-        std::string refusal;  // why the host name was not used, "" when it was
+        std::string refusal;     // why the host name was not used, "" when it was
+        bool certified = false;  // the name is a client certificate's
     };
     static constexpr std::size_t kMaxRoutes = 4096;
 
-    const Route* findRoute(const SyslogMessage& message, const std::string& address);
+    const Route* findRoute(const SyslogMessage& message, const std::string& address,
+                           const std::string& certName);
+    // The name a sender without certificate is filed under (see senderName()), its
+    // address when it claims the name of a certificate holder.
+    std::string uncertifiedName(const std::string& hostname, const std::string& address,
+                                std::string& reason) const;
     Sender* findSender(const std::string& name, const std::string& address);
     Log* findLog(Sender& sender, const std::string& name, const SyslogMessage& message);
     Log* openLog(const std::string& fileName);
-    void appendHeader(Log& log, Sender& sender, const std::string& name, const std::string& address,
+    void appendHeader(Log& log, Sender& sender, const Route& route, const std::string& address,
                       long long arrivalSeconds);
     void appendLine(Log& log, Sender& sender, SyslogMessage& message, long long arrivalSeconds);
     // Hands the header line `header` to the log's logger as a text of its own, with the
     // sender's identity before it, so that the index knows it for a real header.
-    void writeHeader(Log& log, const std::string& name, const std::string& address,
-                     std::string header, bool clockKnown, long long offset);
+    void writeHeader(Log& log, const Route& route, const std::string& address, std::string header,
+                     bool clockKnown, long long offset);
     void flushLog(Log& log);
     // Gathers `arrivalMs`, the stamp offset and the message's severity for the index.
     void notePending(Log& log, const SyslogMessage& message, long long arrivalMs, long long offset);
@@ -108,6 +120,8 @@ private:
     std::string logsDir_;
     SyslogCounters& counters_;
     const std::shared_ptr<DeviceLogWriter> writer_;
+    SyslogClientList* const clients_;
+    std::uint64_t clientsGeneration_ = 0;  // the list's, when routes_ was last cleared
 
     std::unordered_map<std::string, Sender> senders_;
     std::unordered_map<std::string, std::unique_ptr<Log>> logs_;  // by file name

@@ -26,7 +26,9 @@ std::string addFile(archive* out, const std::string& name, int fd, const struct 
     archive_entry_set_pathname(entry.get(), name.c_str());
     archive_entry_set_size(entry.get(), st.st_size);
     archive_entry_set_filetype(entry.get(), AE_IFREG);
-    archive_entry_set_perm(entry.get(), 0644);
+    // The file's own permission bits (0660 for the collector's files): unpacked, the
+    // logs are no more readable than where they came from.
+    archive_entry_set_perm(entry.get(), st.st_mode & 0777);
     archive_entry_set_mtime(entry.get(), st.st_mtim.tv_sec, 0);
     if (archive_write_header(out, entry.get()) != ARCHIVE_OK) return archive_error_string(out);
     std::string block;

@@ -10,7 +10,8 @@
 namespace DeviceArchive {
 
 // Writes the files (plain names in `folder`; each ".back" before its current file, as
-// given) into `outFd` as .tar.gz. Files that are not plain regular files are skipped.
+// given) into `outFd` as .tar.gz, each member with its file's permission bits and
+// modification time. Files that are not plain regular files are skipped.
 // Returns "" or the reason it failed.
 std::string write(const std::string& folder, const std::vector<std::string>& files, int outFd);
 

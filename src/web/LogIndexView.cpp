@@ -115,6 +115,12 @@ bool LogIndexView::readPath(const std::string& folder, const std::string& path,
     return isHistoryPath(folder, path) && readHistory(path, offset, length, out);
 }
 
+int LogIndexView::openGeneration(const std::string& folder, const std::string& path,
+                                 bool& compressed) {
+    struct stat st {};
+    return isHistoryPath(folder, path) ? openHistory(path, compressed, st) : -1;
+}
+
 bool LogIndexView::mayHold(const std::string& folder, const std::string& path,
                            std::string_view needle) {
     if (needle.size() < 3 || !isHistoryPath(folder, path)) return true;

@@ -63,6 +63,9 @@ public:
     // the path is not one of those or cannot be read.
     static bool readPath(const std::string& folder, const std::string& path, std::uint64_t offset,
                          std::size_t length, std::string& out);
+    // Opens the history generation at `path` (as a piece gives it), compressed (its ".zst",
+    // `compressed` set) or still plain; -1 when it is not one or cannot be opened.
+    static int openGeneration(const std::string& folder, const std::string& path, bool& compressed);
     // Whether the file at `path` (as for readPath) may hold `needle`: false only for a
     // compressed history generation whose filter shows the needle is not in its text.
     static bool mayHold(const std::string& folder, const std::string& path,

@@ -119,14 +119,19 @@ std::vector<std::string> markLine(const Matcher& matcher, std::string_view text,
 // Searches one file's text; false once the search must stop (hits or time).
 bool searchText(const Matcher& matcher, const Query& query, std::string_view text,
                 std::uint64_t base, Clock::time_point deadline, FileHits& out, Result& result,
-                const Accept* accept = nullptr) {
+                const Accept* accept = nullptr, Clock::time_point* countUntil = nullptr) {
     const bool ranged = query.from != std::numeric_limits<std::int64_t>::min() ||
                         query.to != std::numeric_limits<std::int64_t>::max();
     LogText::StampReader stamps;
     std::size_t at = 0;
     while (at < text.size()) {
-        if (Clock::now() > deadline) {
+        const Clock::time_point now = Clock::now();
+        if (now > deadline) {
             result.timedOut = true;
+            return false;
+        }
+        if (result.more && countUntil != nullptr && now > *countUntil) {
+            result.countComplete = false;
             return false;
         }
         const std::size_t sliceEnd = lineEnd(text, std::min(text.size(), at + kSlice));
@@ -144,9 +149,16 @@ bool searchText(const Matcher& matcher, const Query& query, std::string_view tex
                 continue;
             }
             if (result.hitCount == query.maxHits) {
+                if (!query.countPastCap || countUntil == nullptr) {
+                    result.more = true;
+                    return false;
+                }
+                if (!result.more) *countUntil = Clock::now() + query.countBudget;
                 result.more = true;
-                return false;
+                ++result.matchCount;
+                continue;
             }
+            ++result.matchCount;
             Hit hit;
             hit.offset = base + start;
             hit.level = level;
@@ -187,6 +199,7 @@ public:
           deadline(Clock::now() + query.budget) {}
     Matcher matcher;
     Clock::time_point deadline;
+    Clock::time_point countUntil;  // set when the hits reach the cap
 };
 
 Searcher::Searcher(const Query& query) : impl_(std::make_unique<Impl>(query)), query_(query) {
@@ -199,7 +212,8 @@ bool Searcher::search(std::string_view text, std::uint64_t base, const Accept& a
                       FileHits& out) {
     if (!result_.error.empty()) return false;
     result_.bytesScanned += text.size();
-    return searchText(impl_->matcher, query_, text, base, impl_->deadline, out, result_, &accept);
+    return searchText(impl_->matcher, query_, text, base, impl_->deadline, out, result_, &accept,
+                      &impl_->countUntil);
 }
 
 Result run(const std::string& folder, const Query& query) {

@@ -25,6 +25,10 @@ struct Query {
     std::int64_t to = std::numeric_limits<std::int64_t>::max();
     std::size_t maxHits = 200;
     std::chrono::milliseconds budget{5000};
+    // Past maxHits, go on counting matches (not keeping them) for up to countBudget more
+    // (within the budget), for a picture of where they all lie (Searcher only).
+    bool countPastCap = false;
+    std::chrono::milliseconds countBudget{1000};
 };
 
 // One matching line: `parts` alternate plain text and matched text, starting with plain
@@ -48,8 +52,10 @@ struct Result {
     std::string error;  // non-empty: the query was refused, nothing searched
     std::vector<FileHits> files;
     std::size_t hitCount = 0;
-    bool more = false;      // stopped at maxHits
-    bool timedOut = false;  // stopped at the time budget
+    bool more = false;           // stopped at maxHits (or went on only counting)
+    bool timedOut = false;       // stopped at the time budget
+    std::size_t matchCount = 0;  // matching lines found, kept or only counted
+    bool countComplete = true;   // false: counting past maxHits stopped at countBudget
     std::uint64_t bytesScanned = 0;
     std::size_t filesScanned = 0;
     std::size_t filesSkipped = 0;  // history generations whose filter ruled the pattern out

@@ -225,13 +225,53 @@ std::string literalOf(const LogSearch::Query& q) {
     return q.pattern;
 }
 
+// Matching lines per minute (since 1970) and severity class.
+using MatchTimes = std::map<std::int64_t, std::array<std::uint32_t, LogIndexView::kClasses>>;
+
+// Where the matches lie: kHistogramBins bins over the query's range, or around the
+// minutes the matches span when the range is open.
+constexpr int kHistogramBins = 48;
+QJsonObject histogramJson(const MatchTimes& times, const LogSearch::Query& q) {
+    QJsonObject object;
+    if (times.empty()) return object;
+    const bool bounded = q.from != std::numeric_limits<std::int64_t>::min() &&
+                         q.to != std::numeric_limits<std::int64_t>::max();
+    std::int64_t start = bounded ? q.from / 60 * 60 : times.begin()->first * 60;
+    const std::int64_t end = bounded ? q.to + 1 : (times.rbegin()->first + 1) * 60;
+    const std::int64_t span = std::max<std::int64_t>(60, end - start);
+    // Whole minutes, kHistogramBins of them covering the span; matches that span less are
+    // centred.
+    const std::int64_t bin = ((span + kHistogramBins - 1) / kHistogramBins + 59) / 60 * 60;
+    const int bins = kHistogramBins;
+    if (!bounded) start -= (bin * bins - span) / 2 / 60 * 60;
+    std::array<std::vector<std::uint32_t>, LogIndexView::kClasses> counts;
+    for (auto& c : counts) c.assign(static_cast<std::size_t>(bins), 0);
+    for (const auto& [minute, classes] : times) {
+        const std::int64_t i = (minute * 60 - start) / bin;
+        if (i < 0 || i >= bins) continue;
+        for (int c = 0; c < LogIndexView::kClasses; ++c)
+            counts[c][static_cast<std::size_t>(i)] += classes[c];
+    }
+    const auto array = [](const std::vector<std::uint32_t>& values) {
+        QJsonArray out;
+        for (const std::uint32_t v : values) out.append(static_cast<qint64>(v));
+        return out;
+    };
+    object.insert(QStringLiteral("from"), static_cast<qint64>(start));
+    object.insert(QStringLiteral("binSeconds"), static_cast<qint64>(bin));
+    object.insert(QStringLiteral("errors"), array(counts[LogIndexView::kErrors]));
+    object.insert(QStringLiteral("warnings"), array(counts[LogIndexView::kWarnings]));
+    object.insert(QStringLiteral("others"), array(counts[LogIndexView::kOthers]));
+    return object;
+}
+
 // A search through the index: only pieces inside the time range, of the files asked
 // for and holding a line of the level asked for are read; a matching line counts when
 // its own time (its stamp, else when it was received) is in the range and its level
 // (its label, else its piece's only level) is kept. History generations are included.
 LogSearch::Result indexedSearch(LogCatalog& catalog, const LogSearch::Query& q,
                                 const std::string& file, bool oneDevice,
-                                DeviceLogSeverity::Level level) {
+                                DeviceLogSeverity::Level level, MatchTimes& times) {
     LogSearch::Searcher searcher(q);
     if (!searcher.error().empty()) return searcher.result();
     const bool filtered = level != DeviceLogSeverity::Level::Unknown;
@@ -305,7 +345,9 @@ LogSearch::Result indexedSearch(LogCatalog& catalog, const LogSearch::Query& q,
                     if (filtered && own > level) return false;
                     const long long when =
                         DeviceLogLines::lineTime(line, piece->firstReceivedMs / 1000);
-                    return when >= q.from && when <= q.to;
+                    if (when < q.from || when > q.to) return false;
+                    ++times[when / 60][LogIndexView::classOf(own)];
+                    return true;
                 };
                 goOn = searcher.search(text, pieces[k].offset, accept, hits);
             }
@@ -350,8 +392,10 @@ WebReply search(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) {
                                                    "or warning"));
     }
     q.files = searchFiles(catalog, file, device, now);
+    MatchTimes times;
+    q.countPastCap = true;
     LogSearch::Result result = catalog.index().available()
-                                   ? indexedSearch(catalog, q, file, !device.empty(), level)
+                                   ? indexedSearch(catalog, q, file, !device.empty(), level, times)
                                    : LogSearch::run(folder, q);
     if (!result.error.empty()) return WebReply::error(400, text(result.error));
     if (level != DeviceLogSeverity::Level::Unknown && !catalog.index().available()) {
@@ -410,6 +454,9 @@ WebReply search(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) {
     object.insert(QStringLiteral("bytesScanned"), static_cast<qint64>(result.bytesScanned));
     object.insert(QStringLiteral("filesScanned"), static_cast<qint64>(result.filesScanned));
     object.insert(QStringLiteral("filesSkipped"), static_cast<qint64>(result.filesSkipped));
+    object.insert(QStringLiteral("matchCount"), static_cast<qint64>(result.matchCount));
+    object.insert(QStringLiteral("countComplete"), result.countComplete);
+    if (!times.empty()) object.insert(QStringLiteral("histogram"), histogramJson(times, q));
     return WebReply::json(object);
 }
 
@@ -451,14 +498,7 @@ WebReply archive(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) 
         return WebReply::error(500, QStringLiteral("cannot create a temporary file"));
     const std::string error = DeviceArchive::write(catalog.folder(), files, temp->handle());
     if (!error.empty()) return WebReply::error(500, text(error));
-    temp->seek(0);
-    WebReply reply;
-    reply.contentType = "application/gzip";
-    reply.file = temp;
-    reply.headers.emplace_back(
-        "Content-Disposition",
-        "attachment; filename=\"" + QByteArray::fromStdString(device) + ".tar.gz\"");
-    return reply;
+    return WebApiParts::attachment(temp, "application/gzip", device + ".tar.gz");
 }
 
 WebReply crashes(const std::string& dumpFolder) {

@@ -32,6 +32,10 @@ WebReply log(LogCatalog& catalog, const QUrlQuery& query);
 WebReply search(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now);
 // /api/download?file=NAME: its ".back" then the file itself, as one text file.
 WebReply download(const std::string& folder, const QUrlQuery& query);
+// /api/download?file=NAME&history=1: the whole log as one zstd file (`zstdcat` gives its
+// text): its history generations oldest first, its ".back", the file (streamed from a
+// temporary file in /tmp). In WebLogApi.cpp.
+WebReply historyDownload(LogCatalog& catalog, const QUrlQuery& query);
 // /api/archive?device=KEY: the device's files as .tar.gz (streamed from a temporary
 // file in /tmp).
 WebReply archive(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now);

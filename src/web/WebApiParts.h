@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: MIT
 // WebApiParts: small helpers shared by the API's source files (WebApi.cpp, WebLogApi.cpp):
-// bytes as JSON text, the 404 answer, numbers in query values, ".back" names. Internal
+// bytes as JSON text, the 404 answer, numbers in query values, ".back" names,
+// attachments streamed from a file. Internal
 // to nimb_web; stateless, any thread.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <string>
 
+#include <QFile>
 #include <QString>
 
 #include "WebReply.h"
@@ -31,6 +34,18 @@ inline bool number(const std::string& value, std::uint64_t& out) {
     }
     out = std::stoull(value);
     return true;
+}
+
+// A reply that streams `file` (written, not yet rewound) as the attachment `name`.
+inline WebReply attachment(std::shared_ptr<QFile> file, const QByteArray& type,
+                           const std::string& name) {
+    file->seek(0);
+    WebReply reply;
+    reply.contentType = type;
+    reply.file = std::move(file);
+    reply.headers.emplace_back("Content-Disposition",
+                               "attachment; filename=\"" + QByteArray::fromStdString(name) + "\"");
+    return reply;
 }
 
 inline bool isBackName(const std::string& file) {

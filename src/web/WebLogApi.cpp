@@ -5,12 +5,17 @@
 // it and after it continues, across generations: history (oldest first), ".back", the
 // current file, whose end is the live end.
 #include <algorithm>
+#include <cerrno>
 #include <limits>
 #include <map>
 #include <optional>
 
-#include <QJsonArray>
+#include <unistd.h>
 
+#include <QJsonArray>
+#include <QTemporaryFile>
+
+#include "DeviceLogHistoryFrames.h"
 #include "DeviceLogSeverity.h"
 #include "LogCatalog.h"
 #include "LogIndexView.h"
@@ -310,6 +315,69 @@ WebReply log(LogCatalog& catalog, const QUrlQuery& query) {
     if (w->later) object.insert(QStringLiteral("later"), placeJson(*w->later, "after"));
     insertLevels(index, *w, object);
     return WebReply::json(object);
+}
+
+namespace {
+
+// zstd level of the parts a history download compresses itself (fast; the history's
+// own generations are copied at the level they were kept at).
+constexpr int kDownloadLevel = 3;
+
+// Appends what `in` holds to `out`, as it is.
+bool copyAll(int in, int out) {
+    char buffer[64 * 1024];
+    for (;;) {
+        const ssize_t n = ::read(in, buffer, sizeof(buffer));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return n == 0;
+        for (ssize_t done = 0; done < n;) {
+            const ssize_t w = ::write(out, buffer + done, static_cast<std::size_t>(n - done));
+            if (w < 0 && errno == EINTR) continue;
+            if (w <= 0) return false;
+            done += w;
+        }
+    }
+}
+
+// Appends the text of `in` to `out` as zstd frames.
+bool compressInto(int in, int out) {
+    std::uint64_t raw = 0, packed = 0;
+    std::string error;
+    return DeviceLogHistoryFrames::compress(in, out, 128 * 1024, kDownloadLevel, raw, packed,
+                                            error);
+}
+
+}  // namespace
+
+WebReply historyDownload(LogCatalog& catalog, const QUrlQuery& query) {
+    const std::string file = param(query, "file");
+    if (!SafeFolder::isPlainName(file) || isBackName(file)) return notFound();
+    const std::string& folder = catalog.folder();
+    struct stat st {};
+    const UniqueFd current = SafeFolder::openRegular(folder, file, &st);
+    const UniqueFd back = SafeFolder::openRegular(folder, file + kBack, &st);
+    const Generations generations =
+        catalog.index().available() ? generationsOf(catalog.index(), file) : Generations();
+    if (!current.valid() && !back.valid() && generations.empty()) return notFound();
+    // Built in /tmp, as the device archive is, then streamed.
+    auto temp = std::make_shared<QTemporaryFile>(QStringLiteral("/tmp/nimb-web-history-XXXXXX"));
+    if (!temp->open())
+        return WebReply::error(500, QStringLiteral("cannot create a temporary file"));
+    const int out = temp->handle();
+    bool ok = true;
+    // Oldest first: the history (a compressed generation's frames copied as they are),
+    // then the ".back", then the file.
+    for (const auto& [number, generation] : generations) {
+        bool compressed = false;
+        const UniqueFd in(LogIndexView::openGeneration(folder, generation.path, compressed));
+        if (!in.valid()) continue;  // the current file, its ".back", or removed meanwhile
+        ok = ok && (compressed ? copyAll(in.get(), out) : compressInto(in.get(), out));
+    }
+    for (const UniqueFd* plain : {&back, &current}) {
+        if (plain->valid()) ok = ok && compressInto(plain->get(), out);
+    }
+    if (!ok) return WebReply::error(500, QStringLiteral("cannot write the download"));
+    return WebApiParts::attachment(temp, "application/zstd", file + ".zst");
 }
 
 }  // namespace WebApi

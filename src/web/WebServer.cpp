@@ -206,7 +206,12 @@ void WebServer::route(HttpConnection& connection, const HttpRequest& request) {
             return WebApi::search(*catalog, query, QDateTime::currentSecsSinceEpoch());
         });
     } else if (path == QLatin1String("/api/download")) {
-        defer(connection, [logs, query] { return WebApi::download(logs, query); });
+        LogCatalog* catalog = catalog_.get();
+        defer(connection, [logs, catalog, query] {
+            return query.queryItemValue(QStringLiteral("history")) == QLatin1String("1")
+                       ? WebApi::historyDownload(*catalog, query)
+                       : WebApi::download(logs, query);
+        });
     } else if (path == QLatin1String("/api/archive")) {
         LogCatalog* catalog = catalog_.get();
         defer(connection, [catalog, query] {

@@ -6,13 +6,18 @@
 
 #include "DeviceLogIndex.h"
 
+#include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <random>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "DeviceLogConverter.h"
 #include "DeviceLogLines.h"
 #include "DeviceLogSeverity.h"
 #include "DeviceLogWriter.h"
@@ -178,6 +183,63 @@ TEST_F(DeviceLogIndexTest, ReopeningFollowsTheFilesAndAMissingIndexIsRebuilt) {
 }
 
 // The index stays a small fraction of the text it covers.
+TEST_F(DeviceLogIndexTest, ARangeFindsEveryPieceOverlappingItHoweverLongItSpans) {
+    std::string error;
+    const std::unique_ptr<DeviceLogIndex> index = DeviceLogIndex::openForWriting(logs(), error);
+    ASSERT_TRUE(index) << error;
+    const long long t = 1767225600;  // 2026/01/01
+    const long long day = 86400;
+    struct Span {
+        const char* file;
+        long long first, last;
+    };
+    // Short pieces before, inside, across the edges of and after the range [t, t + 1 h),
+    // and long ones that start days before it and end inside it or after it.
+    const Span spans[] = {{"before.log", t - 600, t - 1},
+                          {"inside.log", t + 60, t + 120},
+                          {"acrossStart.log", t - 60, t + 60},
+                          {"acrossEnd.log", t + 3500, t + 4000},
+                          {"after.log", t + 3600, t + 4000},
+                          {"longInto.log", t - 3 * day, t + 10},
+                          {"longOver.log", t - 3 * day, t + 3 * day},
+                          {"longBefore.log", t - 3 * day, t - 2 * day}};
+    std::uint64_t offset = 0;
+    for (const Span& span : spans) {
+        DeviceLogIndex::Text text;
+        text.file = span.file;
+        text.offset = offset;
+        text.length = 10;
+        text.receivedMs = span.last * 1000;
+        text.firstTime = span.first;
+        text.lastTime = span.last;
+        text.lines = 1;
+        index->record(text);
+        index->flush();
+    }
+    DeviceLogIndex::Query q;
+    q.since = t;
+    q.until = t + 3600;
+    std::set<std::string> found;
+    for (const auto order : {DeviceLogIndex::Order::Time, DeviceLogIndex::Order::Place}) {
+        q.order = order;
+        found.clear();
+        for (const DeviceLogIndex::Piece& piece : index->query(q)) found.insert(piece.file);
+        EXPECT_EQ(found, (std::set<std::string>{"inside.log", "acrossStart.log", "acrossEnd.log",
+                                                "longInto.log", "longOver.log"}));
+    }
+    // One-sided ranges.
+    q = DeviceLogIndex::Query();
+    q.since = t + 3600;
+    found.clear();
+    for (const DeviceLogIndex::Piece& piece : index->query(q)) found.insert(piece.file);
+    EXPECT_EQ(found, (std::set<std::string>{"acrossEnd.log", "after.log", "longOver.log"}));
+    q = DeviceLogIndex::Query();
+    q.until = t - 2 * day + 1;
+    found.clear();
+    for (const DeviceLogIndex::Piece& piece : index->query(q)) found.insert(piece.file);
+    EXPECT_EQ(found, (std::set<std::string>{"longInto.log", "longOver.log", "longBefore.log"}));
+}
+
 TEST_F(DeviceLogIndexTest, IsAFewPercentOfTheText) {
     std::vector<std::string> texts{
         "\n===== A - s === 2026/11/24 12:00:00 <-> 2026/11/24 12:00:00 =====\n"};
@@ -216,6 +278,35 @@ TEST(DeviceLogLines, LineTimesComeFromTheStampsTheyStartWith) {
     EXPECT_EQ(summary.lines, 3u);
     EXPECT_EQ(summary.firstTime, kNoon);
     EXPECT_EQ(summary.lastTime, kNoon + 9);
+}
+
+// Each thread keeps the calendar sum of the last day of four consecutive years: stamps in
+// any order of days and years give the time the calendar rule and the zone's offset give.
+TEST(DeviceLogLines, LineTimesOfAnyOrderOfDaysFollowTheCalendar) {
+    nimbtest::ScopedTimeZone zone("Europe/Berlin");
+    std::mt19937 random(20261124);
+    std::uniform_int_distribution<int> year(1971, 2100), month(1, 12), day(1, 31), hour(0, 23),
+        minute(0, 59), second(0, 59);
+    for (int i = 0; i < 20000; ++i) {
+        tm t{};
+        t.tm_year = year(random) - 1900;
+        t.tm_mon = month(random) - 1;
+        t.tm_mday = day(random);  // the 31st of a short month carries into the next one
+        t.tm_hour = hour(random);
+        t.tm_min = minute(random);
+        t.tm_sec = second(random);
+        const long long utc = DeviceLogConverter::utcSeconds(t);
+        const time_t probe = static_cast<time_t>(utc);
+        tm local{};
+        localtime_r(&probe, &local);
+        char line[64];
+        std::snprintf(line, sizeof line, "%04d/%02d/%02d %02d:%02d:%02d x", t.tm_year + 1900,
+                      t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+        ASSERT_EQ(DeviceLogLines::lineTime(line, kNoon), utc - local.tm_gmtoff) << line;
+        std::snprintf(line, sizeof line, "%04d-%02d-%02dT%02d:%02d:%02dZ x", t.tm_year + 1900,
+                      t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+        ASSERT_EQ(DeviceLogLines::lineTime(line, kNoon), utc) << line;
+    }
 }
 
 }  // namespace

@@ -157,6 +157,70 @@ TEST(DeviceLogSeverity, NamesPrioritiesAndSynonyms) {
     EXPECT_EQ(DeviceLogSeverity::fromPriority(-1), Level::Unknown);
 }
 
+// ofLine tries on a field only the rules its first byte allows, and passes the collector's
+// own stamp "YYYY/MM/DD hh:mm:ss" in one step: the same levels as trying every rule, on
+// the lines above and on random lines of stamps, label fragments and any bytes.
+TEST(DeviceLogSeverity, ShortcutsGiveTheLevelOfTryingEveryRule) {
+    for (const Case& c : kLines)
+        EXPECT_EQ(DeviceLogSeverity::ofLine(c.line),
+                  DeviceLogSeverity::ofLineTryingEveryRule(c.line))
+            << c.line;
+    std::mt19937 random(20261126);
+    const std::string pieces[] = {"2026/11/25 10:00:00",
+                                  "2026/11/25 10:00:0",
+                                  "2026-11-25T10:00:00Z",
+                                  "2026/11/25",
+                                  "10:00",
+                                  ".123",
+                                  "Z",
+                                  "T",
+                                  " ",
+                                  "\t",
+                                  "\r",
+                                  "[",
+                                  "<",
+                                  "(",
+                                  "{",
+                                  "\"level\":",
+                                  "ERROR",
+                                  "warn",
+                                  "Info",
+                                  "error:",
+                                  "E",
+                                  "W/",
+                                  "I",
+                                  "1125",
+                                  "1234",
+                                  "level=",
+                                  "lvl=3",
+                                  "UTC",
+                                  "Nov",
+                                  "app[1]:",
+                                  "-",
+                                  "|",
+                                  "nas",
+                                  "[main]",
+                                  "x"};
+    std::uniform_int_distribution<std::size_t> piece(0, std::size(pieces) - 1);
+    std::uniform_int_distribution<int> count(0, 10);
+    std::uniform_int_distribution<int> byte(0, 255);
+    int labelled = 0;
+    for (int i = 0; i < 50000; ++i) {
+        std::string line;
+        for (int n = count(random); n > 0; --n)
+            line += pieces[piece(random)] + (n % 2 == 0 ? " " : "");
+        if (!line.empty() && count(random) < 4)
+            line[std::uniform_int_distribution<std::size_t>(0, line.size() - 1)(random)] =
+                static_cast<char>(byte(random));
+        const std::vector<char> exact(line.begin(), line.end());
+        const std::string_view view(exact.data(), exact.size());
+        const Level level = DeviceLogSeverity::ofLineTryingEveryRule(view);
+        ASSERT_EQ(DeviceLogSeverity::ofLine(view), level) << line;
+        labelled += level != Level::Unknown;
+    }
+    EXPECT_GT(labelled, 2000);  // the lines hold labels, not only text that states none
+}
+
 // Any bytes: random lines made mostly of label fragments, each in a buffer of exactly its
 // size, so that a read past the end shows under the sanitizers; and very long lines.
 TEST(DeviceLogSeverity, AnyBytesGiveALevel) {

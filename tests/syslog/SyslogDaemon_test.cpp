@@ -333,8 +333,8 @@ TEST_F(SyslogDaemonTest, TlsListenerTakesOctetCountedMessages) {
 TEST_F(SyslogDaemonTest, BoundsOnConnectionsAndRateKeepOtherSendersServed) {
     start(", \"MaxConnections\": 2, \"MaxLinesPerSecond\": 20");
     const int first = connectTo(SOCK_STREAM, tcp_);
-    const int second = connectTo(SOCK_STREAM, tcp_);
-    const int third = connectTo(SOCK_STREAM, tcp_);
+    const int second = connectTo(SOCK_STREAM, tcp_, "127.0.0.5");
+    const int third = connectTo(SOCK_STREAM, tcp_, "127.0.0.6");
     char byte = 0;
     EXPECT_EQ(recv(third, &byte, 1, 0), 0);  // refused: closed at once
     for (int fd : {first, second, third}) close(fd);
@@ -368,7 +368,7 @@ TEST_F(SyslogDaemonTest, BoundsOnConnectionsAndRateKeepOtherSendersServed) {
     EXPECT_EQ(counted["syslog.senders"], 3);  // flood, quiet, steady
     EXPECT_EQ(counted["syslog.closed.idle"], 0);
     const std::string log = stop();
-    EXPECT_NE(log.find("Syslog: too many connections: at most 2; refused one from 127.0.0.1"),
+    EXPECT_NE(log.find("Syslog: too many connections: at most 2; refused one from 127.0.0.6"),
               std::string::npos);
     EXPECT_NE(log.find("Syslog: 127.0.0.2 sends more than 20 lines a second; datagrams dropped"),
               std::string::npos);
@@ -490,9 +490,10 @@ TEST_F(SyslogServerTest, IdleConnectionsGiveWayToNewSendersOnlyAtTheCap) {
     settings_.maxConnections = 3;
     settings_.idleTimeoutMs = 1500;
     start();
-    const int silent[2] = {connectTo(SOCK_STREAM, settings_.tcpPort),
-                           connectTo(SOCK_STREAM, settings_.tcpPort)};
-    const int talker = connectTo(SOCK_STREAM, settings_.tcpPort);
+    // Each from an address of its own: one address may not take every slot.
+    const int silent[2] = {connectTo(SOCK_STREAM, settings_.tcpPort, "127.0.0.2"),
+                           connectTo(SOCK_STREAM, settings_.tcpPort, "127.0.0.3")};
+    const int talker = connectTo(SOCK_STREAM, settings_.tcpPort, "127.0.0.4");
     ASSERT_TRUE(holding(3));
     const Clock::time_point full = Clock::now();
     // A sender retries every 100 ms, as a syslog daemon does: refused at first, it gets
@@ -542,6 +543,49 @@ TEST_F(SyslogServerTest, IdleConnectionsGiveWayToNewSendersOnlyAtTheCap) {
     for (int fd : {silent[0], silent[1], talker, sender, second, third}) close(fd);
 }
 
+// One address holding its share of idle connections neither keeps another address out
+// nor gets one more; a share set at or above the total still leaves a slot free.
+TEST_F(SyslogServerTest, OneAddressCannotTakeEverySlot) {
+    const struct {
+        int total;
+        int perAddress;
+        int held;  // what one address may hold
+    } cases[] = {{6, 4, 4}, {3, 100, 2}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.perAddress);
+        settings_.tcpPort = NatsServer::freePort();
+        settings_.maxConnections = c.total;
+        settings_.maxConnectionsPerAddress = c.perAddress;
+        counters_.connectionsRefused = 0;
+        counters_.lines = 0;
+        start();
+        std::vector<int> idle;
+        for (int i = 0; i < c.held; ++i) idle.push_back(connectTo(SOCK_STREAM, settings_.tcpPort));
+        ASSERT_TRUE(holding(static_cast<std::uint64_t>(c.held)));
+        const int extra = connectTo(SOCK_STREAM, settings_.tcpPort, "127.0.0.1");
+        ASSERT_NE(extra, -1);
+        EXPECT_TRUE(closedByServer(extra));
+        EXPECT_EQ(counters_.connectionsRefused.load(), 1u);
+        const int other = connectTo(SOCK_STREAM, settings_.tcpPort, "127.0.0.2");
+        ASSERT_NE(other, -1);
+        sendAll(other, "<13>Nov 24 10:00:00 other app: served\n");
+        EXPECT_TRUE(waitUntil([&] { return counters_.lines.load() == 1; }));
+        EXPECT_TRUE(stillOpen(other));
+        for (const int fd : idle) EXPECT_TRUE(stillOpen(fd));
+        // A slot given back is the address's again.
+        close(idle.back());
+        idle.pop_back();
+        ASSERT_TRUE(holding(static_cast<std::uint64_t>(c.held)));
+        const int again = connectTo(SOCK_STREAM, settings_.tcpPort);
+        ASSERT_TRUE(holding(static_cast<std::uint64_t>(c.held + 1)));
+        EXPECT_TRUE(stillOpen(again));
+        EXPECT_EQ(counters_.connectionsRefused.load(), 1u);
+        server_.reset();
+        for (const int fd : idle) close(fd);
+        for (const int fd : {extra, other, again}) close(fd);
+    }
+}
+
 TEST_F(SyslogServerTest, TlsConnectionsMustFinishTheirHandshakeInTime) {
     TempDir scratch;
     const std::string cert = (fs::path(dir_.path()) / "cert.pem").string();
@@ -559,8 +603,8 @@ TEST_F(SyslogServerTest, TlsConnectionsMustFinishTheirHandshakeInTime) {
     settings_.handshakeTimeoutMs = 400;
     start();
     // One client says nothing, the other stops inside its hello; together they fill the cap.
-    const int silent = connectTo(SOCK_STREAM, settings_.tlsPort);
-    const int halfway = connectTo(SOCK_STREAM, settings_.tlsPort);
+    const int silent = connectTo(SOCK_STREAM, settings_.tlsPort, "127.0.0.2");
+    const int halfway = connectTo(SOCK_STREAM, settings_.tlsPort, "127.0.0.3");
     sendAll(halfway, std::string("\x16\x03\x01\x00", 4));
     ASSERT_TRUE(holding(2));
     const Clock::time_point full = Clock::now();

@@ -17,6 +17,7 @@
 #include <sys/stat.h>
 
 #include <QDateTime>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -193,6 +194,19 @@ TEST_F(WebIndexTest, DevicesSearchAndLogsFollowTheIndex) {
     EXPECT_EQ(hit.value("level").toInt(), 3);
     EXPECT_EQ(search(catalog, "q=sensor&level=warning").value("hitCount").toInt(), 2);
     EXPECT_EQ(search(catalog, "q=sensor").value("hitCount").toInt(), 3);
+    // Where the matches lie, by severity, counted past the cap of hits shown.
+    const QJsonObject capped = search(catalog, "q=sensor&max=1");
+    EXPECT_EQ(capped.value("hitCount").toInt(), 1);
+    EXPECT_TRUE(capped.value("more").toBool());
+    EXPECT_EQ(capped.value("matchCount").toInt(), 3);
+    EXPECT_TRUE(capped.value("countComplete").toBool());
+    const QJsonObject histogram = capped.value("histogram").toObject();
+    EXPECT_EQ(sum(histogram.value("errors").toArray()), 1);
+    EXPECT_EQ(sum(histogram.value("warnings").toArray()), 1);
+    EXPECT_EQ(sum(histogram.value("others").toArray()), 1);
+    EXPECT_LE(histogram.value("from").toInteger(), received_);
+    EXPECT_GE(histogram.value("binSeconds").toInt(), 60);
+    EXPECT_LE(histogram.value("others").toArray().size(), 48);
     EXPECT_EQ(search(catalog, "q=Forged").value("hitCount").toInt(), 1) << "shown as text";
     EXPECT_EQ(WebApi::search(catalog, QUrlQuery("q=x&level=loud"), now_).status, 400);
 
@@ -225,7 +239,8 @@ TEST_F(WebIndexTest, DevicesSearchAndLogsFollowTheIndex) {
     }
 }
 
-TEST_F(WebIndexTest, HistorySearchReadsOnlyGenerationsThatMayHoldTheWord) {
+TEST_F(WebIndexTest, HistorySearchReadsOnlyGenerationsThatMayHoldTheWordAndDownloadsHaveIt) {
+    std::string written;
     {
         std::string error;
         std::shared_ptr<DeviceLogIndex> index = DeviceLogIndex::openForWriting(logs(), error);
@@ -247,6 +262,7 @@ TEST_F(WebIndexTest, HistorySearchReadsOnlyGenerationsThatMayHoldTheWord) {
             info.receivedMs = received_ * 1000;
             std::string piece = text.substr(at, 16 * 1024);
             if (at == 32 * 1024) piece += "kernel: segfault at 0 ip 00007f\n";
+            written += piece;
             ASSERT_TRUE(log->append(piece, nullptr, info));
         }
         writer.drain();
@@ -265,6 +281,30 @@ TEST_F(WebIndexTest, HistorySearchReadsOnlyGenerationsThatMayHoldTheWord) {
     const QJsonObject regex = search(catalog, "q=seg.ault&regex=1");
     EXPECT_EQ(regex.value("hitCount").toInt(), 1);
     EXPECT_EQ(regex.value("filesSkipped").toInt(), 0);
+
+    // The download with history: every generation, the ".back" and the file, in order,
+    // as one zstd file.
+    const WebReply download =
+        WebApi::historyDownload(catalog, QUrlQuery("file=" + QString::fromStdString(kFile)));
+    ASSERT_EQ(download.status, 200);
+    EXPECT_EQ(download.contentType, "application/zstd");
+    ASSERT_TRUE(download.file);
+    const std::string zst = (fs::path(dir_.path()) / "download.zst").string();
+    {
+        std::ofstream out(zst, std::ios::binary);
+        const QByteArray bytes = download.file->readAll();
+        out.write(bytes.constData(), bytes.size());
+    }
+    std::string unpacked;
+    if (FILE* pipe = popen(("zstdcat -q '" + zst + "'").c_str(), "r")) {
+        char buffer[65536];
+        for (std::size_t n; (n = fread(buffer, 1, sizeof(buffer), pipe)) > 0;)
+            unpacked.append(buffer, n);
+        pclose(pipe);
+    }
+    EXPECT_TRUE(unpacked == written) << unpacked.size() << " of " << written.size();
+    EXPECT_EQ(WebApi::historyDownload(catalog, QUrlQuery("file=../x")).status, 404);
+    EXPECT_EQ(WebApi::historyDownload(catalog, QUrlQuery("file=nothing.log")).status, 404);
 
     // The index keeps history places relative to the logs folder: a moved folder still
     // finds its history.

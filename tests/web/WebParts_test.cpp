@@ -1,15 +1,23 @@
 // SPDX-License-Identifier: MIT
 // The console's parts that need no server: reading the collector's text (header
-// lines, stamps, file names and how they group into devices), the listen address and
-// the credential hashes.
+// lines, stamps, file names and how they group into devices), the listen address, the
+// credential hashes and the device archive.
 #include <ctime>
 #include <map>
 #include <string>
 #include <vector>
 
+#include <archive.h>
+#include <archive_entry.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
+#include "DeviceArchive.h"
 #include "LogCatalog.h"
+#include "LogSearch.h"
 #include "LogText.h"
 #include "NimbTestSupport.h"
 #include "WebAuth.h"
@@ -152,6 +160,65 @@ TEST(WebAuthTest, SecretsAreCheckedAgainstSaltedHashes) {
     EXPECT_FALSE(tokenOnly.allows(""));
     EXPECT_FALSE(tokenOnly.allows("Basic " + QByteArray(":open sesame").toBase64()));
     EXPECT_TRUE(tokenOnly.allows("Bearer open sesame"));
+}
+
+// Members keep their files' permission bits: unpacked, a log is no more readable than
+// in the logs folder.
+TEST(DeviceArchiveTest, MembersKeepTheirFilesModes) {
+    nimbtest::TempDir dir;
+    const std::map<std::string, mode_t> modes = {{"dev-system.log.back", 0600},
+                                                 {"dev-system.log", 0660}};
+    for (const auto& [name, mode] : modes) {
+        nimbtest::writeFile(dir.path() + "/" + name, "text of " + name + "\n");
+        ASSERT_EQ(::chmod((dir.path() + "/" + name).c_str(), mode), 0);
+    }
+    const std::string path = dir.path() + "/out.tar.gz";
+    const int out = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    ASSERT_NE(out, -1);
+    EXPECT_EQ(DeviceArchive::write(dir.path(), {"dev-system.log.back", "dev-system.log"}, out), "");
+    ::close(out);
+
+    std::map<std::string, mode_t> listed;
+    archive* in = archive_read_new();
+    archive_read_support_filter_gzip(in);
+    archive_read_support_format_tar(in);
+    ASSERT_EQ(archive_read_open_filename(in, path.c_str(), 16384), ARCHIVE_OK);
+    archive_entry* entry = nullptr;
+    while (archive_read_next_header(in, &entry) == ARCHIVE_OK) {
+        EXPECT_EQ(archive_entry_filetype(entry), static_cast<mode_t>(AE_IFREG));
+        listed[archive_entry_pathname(entry)] = archive_entry_perm(entry);
+    }
+    archive_read_free(in);
+    EXPECT_EQ(listed, modes);
+}
+
+TEST(LogSearchTest, CountingPastTheCapStopsAtItsOwnBudget) {
+    // Three slices of matching lines; one hit kept.
+    std::string text;
+    while (text.size() < 3 * 1024 * 1024) text += "match here\n";
+    const auto count = [&](std::chrono::milliseconds budget, bool pastCap) {
+        LogSearch::Query q;
+        q.pattern = "match";
+        q.maxHits = 1;
+        q.countPastCap = pastCap;
+        q.countBudget = budget;
+        LogSearch::Searcher searcher(q);
+        LogSearch::FileHits hits;
+        const LogSearch::Accept all = [](std::uint64_t, std::string_view, int&) { return true; };
+        searcher.search(text, 0, all, hits);
+        EXPECT_EQ(hits.hits.size(), 1u);
+        EXPECT_TRUE(searcher.result().more);
+        return searcher.result();
+    };
+    const std::size_t lines = text.size() / 11;
+    EXPECT_EQ(count(std::chrono::minutes(1), true).matchCount, lines);
+    EXPECT_TRUE(count(std::chrono::minutes(1), true).countComplete);
+    // A budget already spent: the first slice is counted, then counting stops.
+    const LogSearch::Result cut = count(std::chrono::milliseconds(0), true);
+    EXPECT_FALSE(cut.countComplete);
+    EXPECT_GT(cut.matchCount, 1u);
+    EXPECT_LT(cut.matchCount, lines);
+    EXPECT_EQ(count(std::chrono::minutes(1), false).matchCount, 1u);
 }
 
 }  // namespace

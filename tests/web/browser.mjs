@@ -202,6 +202,14 @@ try {
     fail("warnings and worse found " + JSON.stringify(hitTexts));
   if (!found.hits[0].cls.includes("sev-err") || !found.hits[1].cls.includes("sev-warn"))
     fail("search hits classed " + JSON.stringify(found.hits.map((h) => h.cls)));
+  // Where the matches lie: one error and one warning bar, with the count.
+  const plot = await page.evaluate(() => ({
+    err: document.querySelectorAll("#results .matches .bar-err").length,
+    warn: document.querySelectorAll("#results .matches .bar-warn").length,
+    label: document.querySelector("#results .matches .plotlabel")?.textContent || "",
+  }));
+  if (plot.err !== 1 || plot.warn !== 1 || !plot.label.includes("2 matching lines"))
+    fail("match histogram " + JSON.stringify(plot));
   await shoot(page, "search-severity", 1280, 800, "light");
   await shoot(page, "search-severity", 390, 844, "dark");
   await page.setViewport({ width: 1280, height: 800 });

@@ -50,7 +50,8 @@ public:
     // default; a comma-separated list names several servers of one cluster: any of them
     // is used and the others take over when it fails), announces the satellite as `satelliteName`,
     // calls CreateServices and registers the services. Returns KIB_OK, or a KIB_E_ code
-    // (KIB_E_CONNECT_FAILED when no directory answers) or CreateServices' non-zero status, in which
+    // (KIB_E_CONNECT_FAILED when no directory answers, KIB_E_NOT_PERMITTED when it refuses
+    // the credentials) or CreateServices' non-zero status, in which
     // case the satellite is left disconnected. Blocks for at most a few seconds. Once connected, a
     // lost connection is re-established without end; OnStatusChange reports it.
     virtual int Connect(const char* host, const char* satelliteName);
@@ -63,6 +64,14 @@ public:
     // error, an unreadable credentials file), or "" after a success. Never holds a
     // secret. Management thread.
     std::string lastConnectError() const;
+    // The bus server's refusal of this satellite's credentials on its established
+    // connection (they were revoked or replaced: "Authorization Violation"), or "" while
+    // they are accepted. The client gives up reconnecting after two such refusals in a
+    // row, reports KIB_E_NOT_PERMITTED / KIBSTATUS_DISCONNECTED to OnStatusChange, and
+    // every request fails with KIB_E_NOT_PERMITTED from then on; Connect anew with other
+    // credentials. (A Connect refused from the start returns KIB_E_NOT_PERMITTED and
+    // says why in lastConnectError.) Management thread.
+    std::string credentialsRefusal() const;
     // Unregisters and removes every service, stops listening and closes the connection,
     // waiting (boundedly) for running handlers. Must not be called from a handler.
     virtual int Disconnect();
@@ -71,7 +80,9 @@ public:
     // `out` receives the result value and `error` the error text as a VT_BSTR (VT_EMPTY
     // when there was no error); the caller owns both. Returns the handler's own return value, or
     // KIB_E_SERVICE_EXCEPTION when it threw, or another KIB_E_ code when the call did
-    // not get through. Blocks up to the request timeout (see setRequestTimeout).
+    // not get through (KIB_E_NOT_PERMITTED, as soon as the server says so, when this
+    // account may not call that service). Blocks up to the request timeout (see
+    // setRequestTimeout).
     virtual int Request(const char* satelliteName, const char* serviceName, const tagVARIANT& in,
                         tagVARIANT* out, KIBFLAGS flags, tagVARIANT* error);
     // Asks whether a satellite named `satelliteName` is on the bus. With `host` null or

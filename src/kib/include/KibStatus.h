@@ -40,9 +40,10 @@ constexpr int KIB_E_DUPLICATE_SERVICE = kibErrorCode(0x0B);  // service name alr
 constexpr int KIB_E_NO_SUCH_SERVICE = kibErrorCode(0x0C);    // service name not added here
 constexpr int KIB_E_TRANSPORT = kibErrorCode(0x0D);          // any other transport failure
 constexpr int KIB_E_CONNECTION_LOST = kibErrorCode(0x0E);    // connection to the directory lost
+constexpr int KIB_E_NOT_PERMITTED = kibErrorCode(0x0F);  // the server refused it to this account
 // The highest code number above: a new code takes the next number, raises this and adds
 // its row to kKibStatusTable (the compiler checks that every number has its row).
-constexpr unsigned kKibLastErrorNumber = 0x0E;
+constexpr unsigned kKibLastErrorNumber = 0x0F;
 
 struct KibStatusEntry {
     int code;
@@ -67,6 +68,7 @@ inline constexpr KibStatusEntry kKibStatusTable[] = {
     {KIB_E_NO_SUCH_SERVICE, "no such service"},
     {KIB_E_TRANSPORT, "transport error"},
     {KIB_E_CONNECTION_LOST, "connection lost"},
+    {KIB_E_NOT_PERMITTED, "not permitted"},
 };
 
 constexpr bool kibStatusTableIsComplete() {

@@ -23,6 +23,7 @@ constexpr int kExitOk = 0;
 constexpr int kExitServiceStatus = 1;  // the handler returned a non-zero status
 constexpr int kExitServiceError = 2;   // the handler threw, or the service refused the call
 constexpr int kExitCallFailed = 3;     // no connection, no responders, timeout
+constexpr int kExitNotPermitted = 4;   // the bus refused the credentials or this call
 constexpr int kExitUsage = 64;
 
 int usage(const QString& message) {
@@ -112,13 +113,21 @@ int main(int argc, char** argv) {
                              ? parser.value(QStringLiteral("name"))
                              : QStringLiteral("kib-call-%1").arg(::getpid());
     const NimbBusSettings bus = NimbBusSettings::fromCommandLine(parser);
+    const std::string exposed = bus.credentialsWarning();
+    if (!exposed.empty()) std::fprintf(stderr, "kib-call: warning: %s\n", exposed.c_str());
     KibSatellite satellite;
     const int connected = bus.connect(satellite, name.toUtf8().constData());
     if (connected != KIB_OK) {
         const std::string why = satellite.lastConnectError();
         std::fprintf(stderr, "kib-call: cannot connect to %s: %s\n", bus.displayHost().c_str(),
                      why.empty() ? KibStatusText(connected) : why.c_str());
-        return kExitCallFailed;
+        if (connected != KIB_E_NOT_PERMITTED) return kExitCallFailed;
+        std::fprintf(stderr, "kib-call: %s\n",
+                     bus.connection.credentialsFile.empty()
+                         ? "the server requires credentials: pass a credentials file with "
+                           "--creds FILE (nimb-bus-setup add-device NAME issues one)"
+                         : "the server refused the credentials file; check --creds");
+        return kExitNotPermitted;
     }
     KibReply reply;
     satellite.Call(args[0].toUtf8().constData(), args[1].toUtf8().constData(), argument.get(),
@@ -126,7 +135,7 @@ int main(int argc, char** argv) {
     printReply(reply);
     if (reply.errorKind == KibErrorKind::Local) {
         std::fprintf(stderr, "kib-call: %s\n", reply.errorText.c_str());
-        return kExitCallFailed;
+        return reply.status == KIB_E_NOT_PERMITTED ? kExitNotPermitted : kExitCallFailed;
     }
     if (reply.failed()) {
         std::fprintf(stderr, "kib-call: %s\n", reply.errorText.c_str());

@@ -129,6 +129,9 @@ LogPushClient::Result LogPushClient::deliver(const char* service, const Builder&
             case Attempt::Invalid:
                 error_ = failure;
                 return Result::Invalid;
+            case Attempt::NotPermitted:
+                error_ = failure;
+                return Result::NotPermitted;
             case Attempt::Transient:
             case Attempt::Unannounced:
                 break;
@@ -158,6 +161,12 @@ LogPushClient::Attempt LogPushClient::attempt(const char* service, const Builder
         if (connected != Attempt::Ok) return connected;
     }
     if (!linkUp_) {
+        // Revoked credentials: the client stops reconnecting after the server's refusal.
+        const std::string refusal = credentialsRefusal();
+        if (!refusal.empty()) {
+            failure = credentialsRefused(refusal, true);
+            return Attempt::NotPermitted;
+        }
         failure = "connection lost, reconnecting";
         return Attempt::Transient;
     }
@@ -195,7 +204,27 @@ LogPushClient::Attempt LogPushClient::connectOnce(std::string& failure) {
     }
     failure = lastConnectError();
     if (failure.empty()) failure = KibStatusText(status);
+    if (status == KIB_E_NOT_PERMITTED) {
+        failure = credentialsRefused(failure, false);
+        return Attempt::NotPermitted;
+    }
     return isTransient(status) ? Attempt::Transient : Attempt::Invalid;
+}
+
+std::string LogPushClient::credentialsRefused(const std::string& refusal, bool revoked) const {
+    const std::string& file = settings_.bus.connection.credentialsFile;
+    const std::string server = "the bus server at " + settings_.bus.displayHost();
+    if (file.empty()) {
+        return server + " requires this device's credentials (" + refusal +
+               "): pass its credentials file with --creds FILE, or name it in the setting " +
+               "kibDirectory.credsFile (nimb-bus-setup add-device NAME issues one)";
+    }
+    if (revoked) {
+        return server + " no longer accepts the credentials in " + file + " (" + refusal +
+               "): they were revoked or replaced (nimb-bus-setup add-device issues new ones)";
+    }
+    return server + " refused the credentials in " + file + " (" + refusal +
+           "): unknown, revoked or for another bus";
 }
 
 LogPushClient::Attempt LogPushClient::call(const char* service, const KibVariantHolder& request,
@@ -213,6 +242,10 @@ LogPushClient::Attempt LogPushClient::call(const char* service, const KibVariant
         return Attempt::Refused;
     }
     failure = reply.errorText;
+    if (reply.errorKind == KibErrorKind::Local && reply.status == KIB_E_NOT_PERMITTED) {
+        failure = std::string(service) + ": " + failure;
+        return Attempt::NotPermitted;
+    }
     if (isTransient(reply)) {
         if (reply.errorKind != KibErrorKind::Local && reply.errorKind != KibErrorKind::KibException)
             failure = std::string(service) + ": " + failure;

@@ -40,10 +40,13 @@ public:
     };
 
     enum class Result {
-        Sent,         // the collector replied with success
-        Refused,      // the collector (or the bus) refused the request; error() says why
-        Unreachable,  // no success within the retry budget; error() says why
-        Invalid,      // the host or a name cannot be used; error() says why
+        Sent,          // the collector replied with success
+        Refused,       // the collector (or the bus) refused the request; error() says why
+        Unreachable,   // no success within the retry budget; error() says why
+        Invalid,       // the host or a name cannot be used; error() says why
+        NotPermitted,  // the bus server refused the credentials (at once or revoked later)
+                       // or this account's use of the service; never retried; error() says
+                       // why and what to pass
     };
 
     explicit LogPushClient(Settings settings);
@@ -75,12 +78,15 @@ public:
                                       int available) override;
 
 private:
-    enum class Attempt { Ok, Refused, Transient, Invalid, Unannounced };
+    enum class Attempt { Ok, Refused, Transient, Invalid, Unannounced, NotPermitted };
     using Builder = std::function<KibVariantHolder()>;
 
     Result deliver(const char* service, const Builder& build);
     Attempt attempt(const char* service, const Builder& build, std::string& failure);
     Attempt connectOnce(std::string& failure);
+    // The message for credentials the server refused (`refusal`: its words); `revoked`
+    // when they were accepted before.
+    std::string credentialsRefused(const std::string& refusal, bool revoked) const;
     bool needsAnnouncement() const;
     Attempt call(const char* service, const KibVariantHolder& request, std::string& failure);
     KibVariantHolder announcement() const;

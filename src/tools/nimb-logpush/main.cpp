@@ -23,9 +23,10 @@
 namespace {
 
 constexpr int kExitOk = 0;
-constexpr int kExitRefused = 1;      // the collector refused a request, or an input failed
-constexpr int kExitUsage = 2;        // the command line cannot be used
-constexpr int kExitUnreachable = 3;  // the collector could not be reached in time
+constexpr int kExitRefused = 1;       // the collector refused a request, or an input failed
+constexpr int kExitUsage = 2;         // the command line cannot be used
+constexpr int kExitUnreachable = 3;   // the collector could not be reached in time
+constexpr int kExitNotPermitted = 4;  // the bus refused this device's credentials or request
 
 // How long the loop waits for new text when every input is idle.
 constexpr int kPollIntervalMs = 250;
@@ -64,6 +65,8 @@ int exitStatus(LogPushClient::Result result, const std::string& error) {
             return fail(kExitRefused, error);
         case LogPushClient::Result::Invalid:
             return fail(kExitUsage, error);
+        case LogPushClient::Result::NotPermitted:
+            return fail(kExitNotPermitted, error);
         case LogPushClient::Result::Unreachable:
             break;
     }
@@ -155,6 +158,8 @@ int run(const std::vector<std::string>& arguments) {
         if (!inputs.back()->open(error)) return fail(kExitUsage, error);
     }
     if (options.follow) installStopHandlers();
+    const std::string exposed = options.client.bus.credentialsWarning();
+    if (!exposed.empty()) std::fprintf(stderr, "nimb-logpush: warning: %s\n", exposed.c_str());
 
     LogPushClient client(options.client);
     const LogPushClient::Result announced = client.announce();

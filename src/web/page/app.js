@@ -125,7 +125,7 @@ function activityPlot(counts, binMinutes) {
 }
 
 // The same, stacked: errors at the bottom, then warnings, then the other lines.
-function severityPlot(severity, binMinutes) {
+function severityPlot(severity, binMinutes, span = "in the last 24 h", unit = "line") {
   const ns = "http://www.w3.org/2000/svg";
   const n = severity.others.length;
   const svg = document.createElementNS(ns, "svg");
@@ -146,8 +146,8 @@ function severityPlot(severity, binMinutes) {
   }
   const title = document.createElementNS(ns, "title");
   const sum = (a) => a.reduce((x, y) => x + y, 0);
-  title.textContent = plural(sum(totals), "line") + " in the last 24 h: " + plural(sum(severity.errors), "error") + ", " +
-    plural(sum(severity.warnings), "warning") + "; busiest: " + (peak / binMinutes).toFixed(1) + " lines/min";
+  title.textContent = plural(sum(totals), unit) + " " + span + ": " + plural(sum(severity.errors), "error") + ", " +
+    plural(sum(severity.warnings), "warning") + "; busiest: " + (peak / binMinutes).toFixed(1) + " " + unit + "s/min";
   svg.append(title);
   for (const [cls, d] of Object.entries(paths)) {
     if (!d) continue;
@@ -279,6 +279,7 @@ async function openLog(file, at, generation) {
   lines.replaceChildren();
   $("log-title").textContent = file;
   $("log-download").href = "/api/download?" + query({ file });
+  $("log-download-history").href = "/api/download?" + query({ file, history: 1 });
   const device = state.devices.find((d) => d.logs.some((l) => l.file === file));
   $("log-archive").hidden = !device;
   if (device) $("log-archive").href = "/api/archive?" + query({ device: device.key });
@@ -365,6 +366,7 @@ async function loadLater() {
     log.inode = chunk.inode;
     $("log-title").textContent = log.file;
     $("log-download").href = "/api/download?" + query({ file: log.file });
+    $("log-download-history").href = "/api/download?" + query({ file: log.file, history: 1 });
     $("log-meta").textContent = "showing the text up to the live end";
     if (state.pausedAtHit) {
       $("live").checked = true;
@@ -515,7 +517,11 @@ async function openSearch(params) {
     $("search-status").textContent = plural(data.hitCount, "hit") + " in " + plural(data.files.length, "file") + " \u00b7 " +
       bytes(data.bytesScanned) + " of " + plural(data.filesScanned, "file") + " searched in " + seconds + " s";
     const blocks = [];
-    if (data.more) blocks.push(el("p", "note", "More results exist: only the first " + data.hitCount + " are shown. Narrow the search to a device, a log or a time range."));
+    if (data.histogram) blocks.push(matchHistogram(data));
+    if (data.more) {
+      const of = data.countComplete ? " of " + data.matchCount : " of at least " + data.matchCount;
+      blocks.push(el("p", "note", "More results exist: only the first " + data.hitCount + of + " matching lines are shown. Narrow the search to a device, a log or a time range."));
+    }
     if (data.timedOut) blocks.push(el("p", "note", "The search stopped after its limit of " + data.budgetMs / 1000 + " s; the results are incomplete."));
     // By device (its display name first, the file names as secondary text).
     const groups = new Map();
@@ -559,6 +565,19 @@ async function openSearch(params) {
     $("search-status").textContent = "";
     $("results").replaceChildren(el("p", "note bad", e.message));
   }
+}
+
+// Where the matching lines lie over time, by severity, with the span's ends below.
+function matchHistogram(data) {
+  const h = data.histogram;
+  const bins = h.others.length;
+  const from = h.from, to = h.from + bins * h.binSeconds;
+  const box = el("div", "activity matches");
+  box.append(severityPlot(h, h.binSeconds / 60, "from " + stamp(from) + " to " + stamp(to), "matching line"));
+  const label = el("div", "plotlabel");
+  label.append(el("span", "", stamp(from)), el("span", "", plural(data.matchCount, "matching line") + (data.countComplete ? "" : " (counted in the time allowed)")), el("span", "", stamp(to)));
+  box.append(label);
+  return box;
 }
 
 function initSearch() {

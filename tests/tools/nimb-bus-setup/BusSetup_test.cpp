@@ -17,6 +17,8 @@
 #include <nats/nats.h>
 
 #include "BusTestSupport.h"
+#include "KibReply.h"
+#include "KibVariantHolder.h"
 #include "NatsServer.h"
 #include "WebTestSupport.h"
 
@@ -76,6 +78,8 @@ protected:
         root_ = new TempDir;
         port_ = NatsServer::freePort();
         home_ = new CollectorHome(fs::path(root_->path()) / "collector");
+        // Where earlier versions named the collector's account; init takes it back.
+        home_->setBus("kibDirectory.credsFile", bus("nimb-collector.creds"));
         const ChildResult init = setup({"--listen", "127.0.0.1", "--port", std::to_string(port_),
                                         "--name", "bus.test", "init"});
         ASSERT_EQ(init.exitCode(), 0) << init.output;
@@ -150,8 +154,12 @@ TEST_F(BusSetupTest, SecretsArePrivateAndNamesChecked) {
     for (const std::string& creds : {bus("nimb-collector.creds"), web(), device("kitchen")})
         EXPECT_EQ(outputs_.find(valueOf(creds, "password")), std::string::npos) << outputs_;
 
+    // The collector's account is named under its own setting: the device tools that share
+    // these settings (kibDirectory.credsFile) never connect as the collector.
     const std::string settings = readFile(home_->root() / "cfg/pellix/com.pellix.nimb.config.json");
+    EXPECT_NE(settings.find("\"CollectorCredsFile\""), std::string::npos) << settings;
     EXPECT_NE(settings.find(bus("nimb-collector.creds")), std::string::npos) << settings;
+    EXPECT_EQ(settings.find("kibDirectory.credsFile"), std::string::npos) << settings;
     EXPECT_NE(settings.find(bus("ca.pem")), std::string::npos) << settings;
     // nimb-web shares that home and names its own account under its own key.
     const std::string webSettings = readFile(home_->root() / "cfg/pellix/com.pellix.nimb.web.json");
@@ -178,6 +186,57 @@ TEST_F(BusSetupTest, SecretsArePrivateAndNamesChecked) {
     }
     const ChildResult listed = setup({"list-devices"});
     EXPECT_EQ(listed.output, "garage\nkitchen\n");
+    // The server started with the configuration is the one its pid file names.
+    const ChildResult reloaded = setup({"reload"});
+    EXPECT_EQ(reloaded.exitCode(), 0) << reloaded.output;
+    EXPECT_NE(reloaded.output.find("reloaded"), std::string::npos) << reloaded.output;
+}
+
+// Without a running server: add-device says the change waits for its start, reload fails.
+// A pid file naming a process that is not the bus server is not signalled.
+TEST_F(BusSetupTest, ReloadWithoutARunningServerFailsLoudly) {
+    const fs::path other = fs::path(root_->path()) / "idle-bus";
+    const std::string tools = fs::path(NIMB_DEFAULTS).parent_path().string();
+    const auto run = [&](const std::vector<std::string>& arguments) {
+        std::vector<std::string> argv{NIMB_BUS_SETUP, "--dir", other.string()};
+        argv.insert(argv.end(), arguments.begin(), arguments.end());
+        return runChild(argv,
+                        {{"XDG_CONFIG_HOME", (other / "cfg").string()},
+                         {"PATH", tools + ":" + std::getenv("PATH")}},
+                        fs::path(root_->path()) / "idle.txt");
+    };
+    ASSERT_EQ(run({"--port", std::to_string(NatsServer::freePort()), "init"}).exitCode(), 0);
+    const ChildResult added = run({"add-device", "shed"});
+    EXPECT_EQ(added.exitCode(), 0) << added.output;
+    EXPECT_NE(added.output.find("the change applies when it starts"), std::string::npos)
+        << added.output;
+    for (const std::string& pid : {std::string(), std::to_string(::getpid())}) {
+        if (!pid.empty()) writeFile(other / "nats-server.pid", pid + "\n");
+        const ChildResult reload = run({"reload"});
+        EXPECT_EQ(reload.exitCode(), 1) << reload.output;
+        EXPECT_NE(reload.output.find("no running bus server found"), std::string::npos)
+            << reload.output;
+        EXPECT_NE(reload.output.find("nothing reloaded"), std::string::npos) << reload.output;
+    }
+}
+
+// On a host without systemd, --systemd init stops before it writes anything.
+TEST_F(BusSetupTest, SystemdInitChecksForSystemdFirst) {
+    if (fs::exists("/run/systemd/system")) GTEST_SKIP() << "this host runs systemd";
+    const fs::path fresh = fs::path(root_->path()) / "systemd-bus";
+    const bool dropInBefore = fs::exists("/etc/systemd/system/nats-server.service.d/nimb-bus.conf");
+    const ChildResult run =
+        runChild({NIMB_BUS_SETUP, "--dir", fresh.string(), "--systemd", "init"},
+                 {{"XDG_CONFIG_HOME", (fresh.parent_path() / "systemd-cfg").string()}},
+                 fs::path(root_->path()) / "systemd.txt");
+    EXPECT_EQ(run.exitCode(), 1) << run.output;
+    const bool root = ::geteuid() == 0;
+    EXPECT_NE(run.output.find(root ? "needs a host that runs systemd" : "--systemd needs root"),
+              std::string::npos)
+        << run.output;
+    EXPECT_FALSE(fs::exists(fresh));
+    EXPECT_FALSE(fs::exists(fresh.parent_path() / "systemd-cfg"));
+    EXPECT_EQ(fs::exists("/etc/systemd/system/nats-server.service.d/nimb-bus.conf"), dropInBefore);
 }
 
 TEST_F(BusSetupTest, DevicePushesOverTlsWithItsCredentials) {
@@ -212,30 +271,39 @@ TEST_F(BusSetupTest, RefusedConnectionsSayWhyAndShowNoSecret) {
         const char* what;
         std::vector<std::string> security;
         const char* error;
+        bool retried;  // else refused at once: the credentials are not accepted
     } cases[] = {
         {"wrong password",
          {"--ca", ca, "--creds", (scratch / "wrong.creds").string()},
-         "Authorization Violation"},
+         "refused the credentials in",
+         false},
         {"unknown user",
          {"--ca", ca, "--creds", (scratch / "stranger.creds").string()},
-         "Authorization Violation"},
+         "Authorization Violation",
+         false},
         {"revoked device",
          {"--ca", ca, "--creds", (scratch / "leaving.creds").string()},
-         "Authorization Violation"},
+         "Authorization Violation",
+         false},
+        {"no credentials", {"--ca", ca}, "requires this device's credentials", false},
         {"wrong CA",
          {"--ca", (scratch / "other.pem").string(), "--creds", device("kitchen")},
-         "unable to get local issuer certificate"},
-        {"no TLS", {"--creds", device("kitchen")}, "the server requires TLS"},
+         "unable to get local issuer certificate",
+         true},
+        {"no TLS", {"--creds", device("kitchen")}, "the server requires TLS", true},
         {"no credentials file",
          {"--ca", ca, "--creds", (scratch / "none.creds").string()},
-         "cannot read the credentials file"},
+         "cannot read the credentials file",
+         true},
     };
     for (const auto& c : cases) {
         const ChildResult run = push("refused.log", "never\n", c.security);
-        EXPECT_EQ(run.exitCode(), 3) << c.what;
-        // Retried with back-off for the budget given, then reported with the reason.
+        EXPECT_EQ(run.exitCode(), c.retried ? 3 : 4) << c.what << ": " << run.errors;
         EXPECT_NE(run.errors.find(c.error), std::string::npos) << c.what << ": " << run.errors;
-        EXPECT_NE(run.errors.find("gave up after"), std::string::npos) << c.what;
+        // Retried with back-off for the budget given (600 ms), then reported with the
+        // reason; refused credentials are reported at once, without retrying.
+        EXPECT_EQ(run.errors.find("gave up after") != std::string::npos, c.retried)
+            << c.what << ": " << run.errors;
         for (const std::string& secret : {password, leaving})
             EXPECT_EQ(run.errors.find(secret), std::string::npos) << c.what;
     }
@@ -324,12 +392,74 @@ TEST_F(BusSetupTest, WebAccountReadsTheCountersAndNothingElse) {
           "_INBOX_device-kitchen.>", "kib.avail.>", "kib.ping.RemoteLogger", "_INBOX.>", ">"})
         EXPECT_TRUE(monitor.refusesSubscription(subject)) << subject;
 
-    // Through the bus library as well: a log announced with this account never arrives.
+    // Through the bus library as well: a log announced with this account never arrives,
+    // and the call is refused as soon as the server says so (the timeout is far off).
     Device intruder("66:55:44:33:22:11", "forged.log");
     ASSERT_EQ(intruder.connect(host(), optionsOf(web()), "nimb-web"), KIB_OK);
-    EXPECT_NE(intruder.announce(500), 0);
-    EXPECT_NE(intruder.append("forged", 500), 0);
+    EXPECT_EQ(intruder.announce(60000), KIB_E_NOT_PERMITTED);
+    EXPECT_EQ(intruder.append("forged", 60000), KIB_E_NOT_PERMITTED);
     EXPECT_FALSE(fs::exists(home_->logs() / intruder.fileName()));
+}
+
+// A device account calling a service it may not use is refused with the reason, by the
+// library and by kib-call, instead of waiting for its timeout.
+TEST_F(BusSetupTest, DeviceCallToAForbiddenServiceIsRefused) {
+    Device kitchen(kMac, "stats.log");
+    ASSERT_EQ(kitchen.connect(host(), optionsOf(device("kitchen")), "kitchen"), KIB_OK);
+    KibVariantHolder nothing;
+    KibReply reply;
+    kitchen.satellite().Call("RemoteLogger", "GetStats", nothing.get(), &reply, 60000);
+    EXPECT_EQ(reply.status, KIB_E_NOT_PERMITTED);
+    EXPECT_NE(reply.errorText.find("RemoteLogger.GetStats"), std::string::npos) << reply.errorText;
+    // Allowed services still answer on the same connection.
+    EXPECT_EQ(kitchen.announce(), 0);
+
+    // kib-call, with a copy of the file that its group may read: warned about once.
+    const fs::path copy = fs::path(root_->path()) / "kitchen-shared.creds";
+    fs::copy_file(device("kitchen"), copy, fs::copy_options::overwrite_existing);
+    fs::permissions(copy, fs::perms::group_read, fs::perm_options::add);
+    const ChildResult call =
+        runProgram({KIB_CALL, "--host", host(), "--ca", bus("ca.pem"), "--creds", copy.string(),
+                    "--timeout", "60000", "RemoteLogger", "GetStats"},
+                   *root_);
+    EXPECT_EQ(call.exitCode(), 4) << call.errors;
+    EXPECT_NE(call.errors.find("not permitted"), std::string::npos) << call.errors;
+    const std::string warning =
+        "kib-call: warning: credentials file " + copy.string() + " is readable by group or others";
+    EXPECT_NE(call.errors.find(warning), std::string::npos) << call.errors;
+    EXPECT_EQ(call.errors.find(warning), call.errors.rfind(warning)) << call.errors;
+    const ChildResult anonymous = runProgram(
+        {KIB_CALL, "--host", host(), "--ca", bus("ca.pem"), "RemoteLogger", "GetStats"}, *root_);
+    EXPECT_EQ(anonymous.exitCode(), 4) << anonymous.errors;
+    EXPECT_NE(anonymous.errors.find("--creds FILE"), std::string::npos) << anonymous.errors;
+}
+
+// The push command of the README, run with the collector's settings home: those settings
+// name no credentials a device tool would use, so it says which to pass.
+TEST_F(BusSetupTest, ToolsWithTheCollectorsSettingsAskForDeviceCredentials) {
+    writeFile(fs::path(root_->path()) / "readme.txt", "from the README\n");
+    const ChildResult run = runChild(
+        {NIMB_LOGPUSH, "--log", "demo", "--retry-for", "600", root_->path() + "/readme.txt"},
+        {{"XDG_CONFIG_HOME", (home_->root() / "cfg").string()}},
+        fs::path(root_->path()) / "readme-push.txt");
+    EXPECT_EQ(run.exitCode(), 4) << run.output;
+    EXPECT_NE(run.output.find("requires this device's credentials"), std::string::npos)
+        << run.output;
+    EXPECT_NE(run.output.find("--creds FILE"), std::string::npos) << run.output;
+
+    const fs::path copy = fs::path(root_->path()) / "shared.creds";
+    fs::copy_file(device("kitchen"), copy, fs::copy_options::overwrite_existing);
+    fs::permissions(copy, fs::perms::group_read, fs::perm_options::add);
+    const ChildResult shared =
+        runChild({NIMB_LOGPUSH, "--log", "demo", "--mac", kMac, "--device-id", "dev", "--creds",
+                  copy.string(), root_->path() + "/readme.txt"},
+                 {{"XDG_CONFIG_HOME", (home_->root() / "cfg").string()}},
+                 fs::path(root_->path()) / "shared-push.txt");
+    EXPECT_EQ(shared.exitCode(), 0) << shared.output;
+    const std::string warning = "nimb-logpush: warning: credentials file " + copy.string() +
+                                " is readable by group or others";
+    EXPECT_NE(shared.output.find(warning), std::string::npos) << shared.output;
+    EXPECT_EQ(shared.output.find(warning), shared.output.rfind(warning)) << shared.output;
 }
 
 // Credentials do not expire; revoking them is the way to withdraw them, and a client
@@ -345,6 +475,20 @@ TEST_F(BusSetupTest, RevokedAccountsAreCutOffAtTheReload) {
     const std::string oldWebFile = root_->path() + "/old-web.creds";
     fs::copy_file(web(), oldWebFile, fs::copy_options::overwrite_existing);
 
+    // A follower with the same credentials, pushing a growing file.
+    const fs::path followed = fs::path(root_->path()) / "porch-follow.txt";
+    writeFile(followed, "followed before\n");
+    const fs::path followOutput = fs::path(root_->path()) / "porch-follow-output.txt";
+    const pid_t follower = spawnChild(
+        {NIMB_LOGPUSH, "--host", host(), "--ca", bus("ca.pem"), "--creds", device("porch"), "--mac",
+         "00:11:22:33:44:77", "--device-id", "dev", "-f", followed.string()},
+        {}, followOutput);
+    const fs::path followedFile = home_->logs() / "dev001122334477-porch-follow.txt";
+    EXPECT_TRUE(waitUntil([&] {
+        return fs::exists(followedFile) &&
+               readFile(followedFile).find("followed before\n") != std::string::npos;
+    }));
+
     const ChildResult revoked = setup({"revoke-device", "porch"});
     ASSERT_EQ(revoked.exitCode(), 0) << revoked.output;
     EXPECT_NE(revoked.output.find("reloaded"), std::string::npos) << revoked.output;
@@ -352,7 +496,19 @@ TEST_F(BusSetupTest, RevokedAccountsAreCutOffAtTheReload) {
     // what it sends from then on is not written.
     EXPECT_TRUE(waitUntil([&] { return porch.append("probe") != 0; }, std::chrono::seconds(10),
                           std::chrono::milliseconds(100)));
-    EXPECT_NE(porch.append("after revocation"), 0);
+    // The client gives up once the server refuses the credentials again, and says so.
+    EXPECT_TRUE(waitUntil([&] { return !porch.satellite().credentialsRefusal().empty(); },
+                          std::chrono::seconds(10), std::chrono::milliseconds(50)));
+    EXPECT_EQ(porch.append("after revocation", 60000), KIB_E_NOT_PERMITTED);
+    // The follower stops with the reason instead of retrying without end.
+    writeFile(followed, "followed before\nfollowed after\n");
+    const ChildResult followerEnd = waitChild(follower, followOutput, std::chrono::seconds(30));
+    EXPECT_TRUE(followerEnd.finished);
+    EXPECT_EQ(followerEnd.exitCode(), 4) << followerEnd.output;
+    EXPECT_NE(followerEnd.output.find("no longer accepts the credentials in " + device("porch")),
+              std::string::npos)
+        << followerEnd.output;
+    EXPECT_EQ(readFile(followedFile).find("followed after"), std::string::npos);
 
     const ChildResult reissued = setup({"reissue-web"});
     ASSERT_EQ(reissued.exitCode(), 0) << reissued.output;
