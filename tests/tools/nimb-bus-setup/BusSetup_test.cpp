@@ -475,15 +475,15 @@ TEST_F(BusSetupTest, RevokedAccountsAreCutOffAtTheReload) {
     const std::string oldWebFile = root_->path() + "/old-web.creds";
     fs::copy_file(web(), oldWebFile, fs::copy_options::overwrite_existing);
 
-    // A follower with the same credentials, pushing a growing file.
+    // A follower with the same credentials (and so the same source), pushing a growing file.
     const fs::path followed = fs::path(root_->path()) / "porch-follow.txt";
     writeFile(followed, "followed before\n");
     const fs::path followOutput = fs::path(root_->path()) / "porch-follow-output.txt";
     const pid_t follower = spawnChild(
         {NIMB_LOGPUSH, "--host", host(), "--ca", bus("ca.pem"), "--creds", device("porch"), "--mac",
-         "00:11:22:33:44:77", "--device-id", "dev", "-f", followed.string()},
+         "00:11:22:33:44:66", "--device-id", "porch", "-f", followed.string()},
         {}, followOutput);
-    const fs::path followedFile = home_->logs() / "dev001122334477-porch-follow.txt";
+    const fs::path followedFile = home_->logs() / "porch001122334466-porch-follow.txt";
     EXPECT_TRUE(waitUntil([&] {
         return fs::exists(followedFile) &&
                readFile(followedFile).find("followed before\n") != std::string::npos;
