@@ -113,6 +113,12 @@ int KibSatellite::Call(const char* satelliteName, const char* serviceName, const
 
 KibDeferredReply KibSatellite::DeferReply() { return impl_->deferReply(); }
 
+std::string KibSatellite::CallerUser() const { return impl_->callerUser(); }
+
+std::string KibSatellite::connectedUser() const { return impl_->user(); }
+
+void KibSatellite::OnRequestRefused(const char*, const char*, const char*) {}
+
 void KibSatellite::setRequestTimeout(int timeoutMs) { impl_->setRequestTimeout(timeoutMs); }
 
 void KibSatellite::setReconnectWait(int waitMs) {

@@ -139,7 +139,7 @@ KibSatelliteImpl::KibSatelliteImpl(KibSatellite& owner) : owner_(owner) {}
 KibSatelliteImpl::~KibSatelliteImpl() { disconnect(); }
 
 bool KibSatelliteImpl::configure(natsOptions* raw, const std::vector<std::string>& urls,
-                                 std::string& inboxPrefix) {
+                                 std::string& inboxPrefix, std::string* user) {
     std::vector<const char*> servers;
     for (const std::string& address : urls) servers.push_back(address.c_str());
     natsOptions_SetServers(raw, servers.data(), static_cast<int>(servers.size()));
@@ -173,8 +173,9 @@ bool KibSatelliteImpl::configure(natsOptions* raw, const std::vector<std::string
     } else if (credentials.kind == KibCredentials::Kind::CredsFile) {
         natsOptions_SetUserCredentialsFromFiles(raw, credentials.path.c_str(), nullptr);
     }
-    inboxPrefix = KibNats::isValidName(credentials.user.c_str()) ? credentials.inboxPrefix()
-                                                                 : std::string("_INBOX");
+    const bool named = KibNats::isValidName(credentials.user.c_str());
+    inboxPrefix = named ? credentials.inboxPrefix() : std::string("_INBOX");
+    if (user != nullptr) *user = named ? credentials.user : std::string();
     return true;
 }
 
@@ -238,7 +239,7 @@ int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
     KibNatsOptions options = makeOptions(satelliteName);
     if (!options) return KIB_E_TRANSPORT;
     natsOptions* raw = options.get();
-    if (!configure(raw, urls, inboxPrefix_)) return KIB_E_CONNECT_FAILED;
+    if (!configure(raw, urls, inboxPrefix_, &connectedUser_)) return KIB_E_CONNECT_FAILED;
     setReconnection(raw);
     auto link = std::make_shared<KibConnectionLink>();
     auto* holder = new std::shared_ptr<KibConnectionLink>(link);
@@ -306,6 +307,7 @@ int KibSatelliteImpl::disconnect() {
     natsConnection_FlushTimeout(connection_.get(), kFlushTimeoutMs);
     closeConnection();
     name_.clear();
+    connectedUser_.clear();
     instance_ = 0;
     return KIB_OK;
 }
@@ -375,6 +377,7 @@ void KibSatelliteImpl::reportDrops(KibSubscription& s, natsSubscription* sub, bo
 // If that takes too long (or this runs inside that handler) the subscription object
 // is handed to its completion callback, which deletes it later.
 void KibSatelliteImpl::unsubscribe(std::unique_ptr<KibSubscription> s) {
+    if (s && s->perUser) unsubscribe(std::move(s->perUser));
     if (!s || s->sub == nullptr) return;
     reportDrops(*s, s->sub.get(), true);
     natsSubscription_Unsubscribe(s->sub.get());
@@ -402,6 +405,19 @@ int KibSatelliteImpl::subscribeControl() {
     return KIB_OK;
 }
 
+// The service's own subject, for requests that name no user, and "<subject>.*" for those
+// that do (KibSubjects::service with a user): one queue group, one delegate.
+int KibSatelliteImpl::subscribeService(KibSubscription& s) {
+    const std::string subject = KibSubjects::service(name_, s.name);
+    int status = subscribe(s, subject, true);
+    if (status != KIB_OK) return status;
+    auto perUser = makeSubscription(KibSubscription::Kind::Service, s.name);
+    perUser->isPerUser = true;
+    status = subscribe(*perUser, KibSubjects::service(name_, s.name, "*"), true);
+    if (status == KIB_OK) s.perUser = std::move(perUser);
+    return status;
+}
+
 int KibSatelliteImpl::registerServices() {
     if (connection_ == nullptr) return KIB_E_NOT_CONNECTED;
     int result = KIB_OK;
@@ -409,7 +425,7 @@ int KibSatelliteImpl::registerServices() {
         const PMutexLocker lock(mutex_);
         for (auto& [name, service] : services_) {
             if (service->sub != nullptr) continue;
-            const int status = subscribe(*service, KibSubjects::service(name_, name), true);
+            const int status = subscribeService(*service);
             if (status != KIB_OK && result == KIB_OK) result = status;
         }
         registered_ = true;
@@ -469,6 +485,7 @@ int KibSatelliteImpl::unregisterServices(bool removeServices) {
 // Stops the server's deliveries to `s` while its handler works through what already
 // arrived; without a connection to tell the server, the subscription just ends.
 void KibSatelliteImpl::drain(KibSubscription& s) {
+    if (s.perUser) drain(*s.perUser);
     reportDrops(s, s.sub.get(), true);
     const natsStatus status = natsSubscription_DrainTimeout(
         s.sub.get(), std::chrono::duration_cast<std::chrono::milliseconds>(kTeardownWait).count());
@@ -477,6 +494,7 @@ void KibSatelliteImpl::drain(KibSubscription& s) {
 
 // Waits (boundedly) until the handler of a drained subscription returned for the last time.
 void KibSatelliteImpl::waitForCompletion(KibSubscription& s) {
+    if (s.perUser) waitForCompletion(*s.perUser);
     std::unique_lock<std::mutex> lock(s.mutex);
     s.completed.wait_for(lock, kTeardownWait + std::chrono::seconds(1), [&] { return s.complete; });
 }
@@ -492,7 +510,7 @@ int KibSatelliteImpl::addService(const char* name, const char* description,
         service->description = description != nullptr ? description : "";
         service->delegate = std::move(delegate);
         if (registered_ && connection_ != nullptr) {
-            result = subscribe(*service, KibSubjects::service(name_, name), true);
+            result = subscribeService(*service);
         }
         if (result == KIB_OK) services_.emplace(name, std::move(service));
     }

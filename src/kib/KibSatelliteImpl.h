@@ -54,6 +54,10 @@ struct KibSubscription {
     std::unique_ptr<KibSatelliteDelegateGeneric> delegate;
     KibNatsSubscription sub;
     KibDropReport drops;  // what the client dropped from its full queue
+    // A service's second subscription, to "<subject>.*" (the requests that name their
+    // user), in the same queue group; it shares the service record's delegate by name.
+    std::unique_ptr<KibSubscription> perUser;
+    bool isPerUser = false;  // this is such a subscription
 
     std::mutex mutex;
     std::condition_variable completed;
@@ -102,6 +106,11 @@ public:
     // The reply of the request this thread is serving for this satellite, which is then
     // not answered when its handler returns; empty outside a handler.
     KibDeferredReply deferReply();
+    // The user token of the request this thread is serving for this satellite; "" for
+    // none, or outside a handler.
+    std::string callerUser() const;
+    // The user of connection_ ("" without one). Management thread.
+    const std::string& user() const { return connectedUser_; }
 
     void setRequestTimeout(int timeoutMs) { requestTimeoutMs_ = timeoutMs; }
     void setReconnectWait(int waitMs) { reconnectWaitMs_ = waitMs; }
@@ -122,7 +131,14 @@ public:
     std::string credentialsRefusal() const;
 
 private:
-    void serveRequest(KibSubscription& s, natsConnection* nc, natsMsg* msg);
+    void serveRequest(KibSubscription& s, natsConnection* nc, natsMsg* msg,
+                      const std::string& user);
+    // Whether a request or ping `msg` on `s` may be answered on its reply subject (none:
+    // nothing to answer); logs, reports (OnRequestRefused) and returns false when not.
+    // `user` receives the caller's user token (per-user subjects), else "".
+    bool acceptsReplySubject(KibSubscription& s, natsMsg* msg, std::string& user);
+    // Subscribes service `s` to its subject and to its per-user subjects.
+    int subscribeService(KibSubscription& s);
     void servePing(natsConnection* nc, natsMsg* msg);
     void onAnnouncement(natsMsg* msg);
     void answer(KibReply& reply, const char* subject,
@@ -141,8 +157,8 @@ private:
     // Fills `raw` with the servers, TLS and credentials of a connection and sets
     // `inboxPrefix` to its reply inbox prefix. Returns false, with the reason logged and
     // kept for lastError(), when the options cannot be used.
-    bool configure(natsOptions* raw, const std::vector<std::string>& urls,
-                   std::string& inboxPrefix);
+    bool configure(natsOptions* raw, const std::vector<std::string>& urls, std::string& inboxPrefix,
+                   std::string* user = nullptr);
     // Opens a connection with `raw`; a failure is logged and kept for lastError().
     natsStatus open(natsConnection** connection, natsOptions* raw, const std::string& where);
     // Sets the reconnection and dead-server detection of a connection.
@@ -178,6 +194,8 @@ private:
     KibConnectOptions options_;
     // Reply inboxes of connection_: "<prefix>.<unique>".
     std::string inboxPrefix_ = "_INBOX";
+    // The user of connection_, "" without one; requests then name it in their subject.
+    std::string connectedUser_;
 
     mutable PMutex errorMutex_;
     std::string lastError_ NIMB_GUARDED_BY(errorMutex_);

@@ -6,6 +6,7 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "KibException.h"
 #include "KibLog.h"
@@ -21,6 +22,7 @@ const char* const kUnknownException = "unknown exception";
 struct KibServedRequest {
     const KibSatelliteImpl* impl = nullptr;
     std::string subject;  // where the reply goes; empty for a one-way request
+    std::string user;     // the caller's user token, "" when the subject names none
     std::shared_ptr<KibDeferredReplyState> deferred;
 };
 thread_local KibServedRequest* t_served = nullptr;
@@ -73,7 +75,10 @@ int KibSatelliteImpl::call(const char* satellite, const char* service, const VAR
         setError(reply, KibErrorKind::Local, status, "request cannot be sent: " + error);
         return reply.status;
     }
-    const std::string subject = KibSubjects::service(satellite, service);
+    // A client with a user names it, so that a server with accounts can pin it.
+    const std::string subject = connectedUser_.empty()
+                                    ? KibSubjects::service(satellite, service)
+                                    : KibSubjects::service(satellite, service, connectedUser_);
     if (noReply) {
         const natsStatus sent = natsConnection_Publish(
             connection_.get(), subject.c_str(), frame.data(), static_cast<int>(frame.size()));
@@ -212,17 +217,11 @@ void KibSatelliteImpl::onMessage(KibSubscription& s, natsConnection* nc, natsMsg
     KibNatsMsg owned(msg);
     const bool asksForReply =
         s.kind == KibSubscription::Kind::Service || s.kind == KibSubscription::Kind::Ping;
-    const char* replyTo = natsMsg_GetReply(msg);
-    if (asksForReply && replyTo != nullptr && *replyTo != '\0' &&
-        !KibNats::isInboxSubject(replyTo)) {
-        KibLog::error(refusedRequestLog_,
-                      "Refused a request for %s: its reply subject \"%.128s\" is not an inbox",
-                      s.name.c_str(), replyTo);
-        return;
-    }
+    std::string user;
+    if (asksForReply && !acceptsReplySubject(s, msg, user)) return;
     switch (s.kind) {
         case KibSubscription::Kind::Service:
-            serveRequest(s, nc, msg);
+            serveRequest(s, nc, msg, user);
             break;
         case KibSubscription::Kind::Ping:
             servePing(nc, msg);
@@ -237,15 +236,51 @@ void KibSatelliteImpl::onMessage(KibSubscription& s, natsConnection* nc, natsMsg
     }
 }
 
+// A reply goes to the caller's own inbox only: "_INBOX." or "_INBOX_<user>." on the
+// plain subject, and "_INBOX_<user>." of the very user the subject names on a per-user
+// subject. Anything else would let a requester make this satellite speak on a subject
+// of someone else's (a service, another user's inbox).
+bool KibSatelliteImpl::acceptsReplySubject(KibSubscription& s, natsMsg* msg, std::string& user) {
+    const char* replyTo = natsMsg_GetReply(msg);
+    if (s.isPerUser) {
+        const std::string subject = natsMsg_GetSubject(msg);
+        user = subject.substr(subject.rfind('.') + 1);
+    }
+    if (replyTo == nullptr || *replyTo == '\0') return true;
+    const char* reason = nullptr;
+    if (!KibNats::isInboxSubject(replyTo)) {
+        reason = "is not an inbox";
+    } else if (!user.empty() && std::string_view(replyTo).rfind("_INBOX_" + user + ".", 0) != 0) {
+        reason = "is not the caller's own inbox";
+    }
+    if (reason == nullptr) return true;
+    KibLog::error(refusedRequestLog_,
+                  "Refused a request for %s from \"%.64s\": its reply subject \"%.128s\" %s",
+                  s.name.c_str(), user.c_str(), replyTo, reason);
+    try {
+        owner_.OnRequestRefused(s.name.c_str(), user.c_str(), reason);
+    } catch (...) {
+        KibLog::error("OnRequestRefused threw; ignored");
+    }
+    return false;
+}
+
+std::string KibSatelliteImpl::callerUser() const {
+    if (t_served == nullptr || t_served->impl != this) return {};
+    return t_served->user;
+}
+
 // One request for service `s`: decode, run the handler, answer (unless the handler
 // deferred the reply). Nothing thrown by the handler leaves this function; the service
 // keeps serving.
-void KibSatelliteImpl::serveRequest(KibSubscription& s, natsConnection*, natsMsg* msg) {
+void KibSatelliteImpl::serveRequest(KibSubscription& s, natsConnection*, natsMsg* msg,
+                                    const std::string& user) {
     KibReply reply;
     KibRequestFrame request;
     std::string error;
     KibServedRequest served;
     served.impl = this;
+    served.user = user;
     const char* replyTo = natsMsg_GetReply(msg);
     if (replyTo != nullptr) served.subject = replyTo;
     const int decoded = KibCodec::decodeRequest(

@@ -164,6 +164,8 @@ void NimbRemoteLogger::addLog(QString macAddr, QString deviceId, QString satName
     identity.mac = mac;
     identity.displayName = CStdStr(displayName);
     identity.caller = CStdStr(satName);
+    // On a bus with accounts the MAC address is bound to the account that announced it.
+    if (satellite != nullptr) identity.account = satellite->accountOfMac(mac);
     deviceLogWriter()->setIdentity(fileName, identity);
     LogTextInfo info;
     info.header = true;

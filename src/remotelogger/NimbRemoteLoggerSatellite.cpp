@@ -183,12 +183,10 @@ void checkLogNames(const QString& macAddr, const QString& deviceId,
 
 NimbRemoteLoggerSatellite::NimbRemoteLoggerSatellite(QObject* parent) : QObject(parent) {
     // An announcement's calls are emitted on the main thread, so their room comes back
-    // when the main thread reaches them; an AppendLog's room comes back with its reply.
+    // when the main thread reaches them (the device's share right after the emission, see
+    // KibServiceSetLogSource); an AppendLog's room comes back with its reply.
     QObject::connect(this, &NimbRemoteLoggerSatellite::addLog, this,
-                     [room = backlog, share = quota](const QString& macAddr) {
-                         room->release(0);
-                         share->release(asDelivered(macAddr), 0);
-                     });
+                     [room = backlog] { room->release(0); });
 }
 
 NimbRemoteLoggerSatellite::~NimbRemoteLoggerSatellite() {
@@ -261,6 +259,7 @@ int NimbRemoteLoggerSatellite::connect() {
     registry->ReadSettingImpl(kConfigKey, NimbSettings::kMaxLogSources, maxSources);
     registry->ReadSettingImpl(kConfigKey, NimbSettings::kMaxLogsPerDevice, perDevice);
     setMaxLogSources(maxSources, perDevice);
+    registry->ReadSettingImpl(kConfigKey, NimbSettings::kBusBindingsFile, bindingsFile);
 
     const std::string shown = bus.displayHost();
     CBBLog::info("Connecting to %s", shown.c_str());
@@ -294,6 +293,15 @@ int NimbRemoteLoggerSatellite::connect() {
 }
 
 int NimbRemoteLoggerSatellite::CreateServices() {
+    // Connected with an account: each request's account decides what it may write. Made
+    // here, on the connecting thread, before the services take requests; kept across
+    // reconnections.
+    if (!connectedUser().empty() && !bindings) {
+        bindings = std::make_unique<RemoteLogBindings>(
+            bindingsFile, CBBLog::getLogsDirectory() + "/.bus-bindings-learned");
+        CBBLog::info("Device accounts: bound sources from %s",
+                     bindingsFile.empty() ? "first announcements only" : bindingsFile.c_str());
+    }
     using Delegate = KibSatelliteDelegateMember<NimbRemoteLoggerSatellite>;
     AddService("GetStats", "", new Delegate(this, &NimbRemoteLoggerSatellite::KibServiceGetStats));
     AddService("SetLogSource", "",
@@ -337,11 +345,21 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
     // Everything is checked before the first signal, so a request is taken whole or not
     // at all.
     checkLogNames(macAddr, deviceId, logNames);
+    const std::string account = callerAccount("SetLogSource");
+    if (!account.empty()) {
+        // The device id of the short form is everyone's "puck": only the MAC tells apart.
+        const std::string id = asDelivered(deviceId);
+        const RemoteLogBindings::Check check =
+            bindings->announce(account, asDelivered(macAddr), next == 2 ? &id : nullptr);
+        if (!check.allowed()) refuse("SetLogSource", account, check);
+    }
+    // The device whose bounds the request counts against: its account when known.
+    const CStdStr owner = account.empty() ? asDelivered(macAddr) : CStdStr(account);
     std::set<CStdStr> ids;
     for (const QString& logName : logNames)
         ids.insert(DeviceLogNames::logId(asDelivered(macAddr), asDelivered(logName)));
-    admitLogIds(asDelivered(macAddr), ids, logNames.size());
-    reserveBacklog("SetLogSource", asDelivered(macAddr), logNames.size(), 0);
+    admitLogIds(owner, ids, logNames.size());
+    reserveBacklog("SetLogSource", owner, logNames.size(), 0);
     if (logNames.empty()) {
         CollectorStats::global().countRequest();  // answered at once: nothing to write
         return 0;
@@ -353,8 +371,9 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
     for (const QString& logName : logNames) {
         queueReplyLocked(reply);
         queueCallLocked(DeviceLogNames::logId(asDelivered(macAddr), asDelivered(logName)),
-                        [this, macAddr, deviceId, satName, displayName, puckTime, logName] {
+                        [this, macAddr, deviceId, satName, displayName, puckTime, logName, owner] {
                             emit addLog(macAddr, deviceId, satName, displayName, puckTime, logName);
+                            quota->release(owner, 0);
                         });
     }
     return 0;
@@ -364,6 +383,7 @@ int NimbRemoteLoggerSatellite::KibServiceSetLogSource(const char* caller, const 
 // from the request to the file: decoded and encoded again only when it is not
 // well-formed UTF-8 (or holds a NUL), and converted in one pass when stamps move.
 int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char*, const tagVARIANT& in, tagVARIANT*) {
+    const std::string account = callerAccount("AppendLog");
     VUtil::CheckArrayType(in, VT_VARIANT, 3, true, "AppendLog: invalid parameter");
     CStdStr macAddr = stringElement(in, 0, "AppendLog: invalid addr");
     CStdStr logName = stringElement(in, 1, "AppendLog: invalid log");
@@ -383,15 +403,24 @@ int NimbRemoteLoggerSatellite::KibServiceAppendLog(const char*, const tagVARIANT
     }
     const CStdStr mac = asDelivered(macAddr);
     const CStdStr id = DeviceLogNames::logId(mac, asDelivered(logName));
-    if (sources.touch(id) == RemoteLogSources::State::Closed) {
+    if (!account.empty()) {
+        const RemoteLogBindings::Check check = bindings->append(account, mac);
+        if (!check.allowed()) refuse("AppendLog", account, check);
+    }
+    const CStdStr owner = account.empty() ? mac : CStdStr(account);
+    const RemoteLogSources::State state =
+        account.empty() ? sources.touch(id) : sources.touch(id, owner);
+    if (state == RemoteLogSources::State::Foreign)
+        refuse("AppendLog", account, {RemoteLogBindings::Verdict::OtherAccount, id});
+    if (state == RemoteLogSources::State::Closed) {
         throw KibException("AppendLog: log closed to make room for other logs: announce it again",
                            kLogClosedCode);
     }
     CStdStr text = deliveredBytes(std::move(content));
-    reserveBacklog("AppendLog", mac, 1, text.size());
+    reserveBacklog("AppendLog", owner, 1, text.size());
     const auto reply = std::make_shared<RemoteLogReply>(DeferReply(), "AppendLog", 1);
     // The room is given back once the text is written (or refused).
-    reply->holdRoom(backlog, quota, mac, text.size());
+    reply->holdRoom(backlog, quota, owner, text.size());
     const PMutexLocker lock(emitLock);
     if (directAppend && waitingCalls.find(id) == waitingCalls.end()) {
         directAppend(id, std::move(text), reply, info);
@@ -433,7 +462,13 @@ void NimbRemoteLoggerSatellite::admitLogIds(const CStdStr& mac, const std::set<C
                                             size_t listLength) {
     std::vector<CStdStr> closed;
     std::string error;
-    if (!sources.admit(mac, ids, listLength, closed, error)) {
+    CStdStr foreign;
+    // A log open for an account that has nothing bound any more (revoked) may be taken.
+    const auto isGone = [this](const CStdStr& account) { return !bindings->hasSources(account); };
+    if (!sources.admit(mac, ids, listLength, closed, error, hasAccounts() ? &foreign : nullptr,
+                       hasAccounts() ? std::function<bool(const CStdStr&)>(isGone) : nullptr)) {
+        if (!foreign.empty())
+            refuse("SetLogSource", mac, {RemoteLogBindings::Verdict::OtherAccount, foreign});
         throw KibInvalidParameterException(("SetLogSource: " + error).c_str());
     }
     if (closed.empty()) return;
@@ -458,4 +493,42 @@ void NimbRemoteLoggerSatellite::reserveBacklog(const char* service, const CStdSt
     throw KibException(
         (CStdStr(service) + ": busy: too much is waiting to be written, try again").c_str(),
         kBusyCode);
+}
+
+std::string NimbRemoteLoggerSatellite::callerAccount(const char* service) {
+    if (!hasAccounts()) return {};
+    std::string account = CallerUser();
+    if (account.empty()) {
+        // Only an account the server lets publish on the plain subject can send this.
+        refusals.record(RemoteLogRefusals::Kind::Identity,
+                        {0, "", "", service, "the request names no account"});
+        throw KibException(
+            (CStdStr(service) +
+             ": the request names no device account: send it on "
+             "kib.svc.RemoteLogger." +
+             service + ".<user>")
+                .c_str(),
+            std::string(service) == "AppendLog" ? kAppendRefusedCode : kSourceRefusedCode);
+    }
+    return account;
+}
+
+void NimbRemoteLoggerSatellite::refuse(const char* service, const std::string& account,
+                                       const RemoteLogBindings::Check& check) {
+    const bool other = check.verdict == RemoteLogBindings::Verdict::OtherAccount;
+    // The device's own text goes back to it: cut, with its control characters replaced.
+    std::string source = check.source.substr(0, 64);
+    for (char& c : source) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    }
+    const std::string reason =
+        other ? "belongs to another device account" : "is not bound to this device account";
+    refusals.record(RemoteLogRefusals::Kind::Identity, {0, account, check.source, service, reason});
+    throw KibException(
+        (std::string(service) + ": source " + source + " " + reason).c_str(),
+        std::string(service) == "AppendLog" ? kAppendRefusedCode : kSourceRefusedCode);
+}
+
+std::string NimbRemoteLoggerSatellite::accountOfMac(const CStdStr& mac) const {
+    return bindings ? bindings->accountOf(mac) : std::string();
 }

@@ -27,7 +27,9 @@
 #include "KibSatellite.h"
 #include "PMutex.h"
 #include "RemoteLogBacklog.h"
+#include "RemoteLogBindings.h"
 #include "RemoteLogDeviceQuota.h"
+#include "RemoteLogRefusals.h"
 #include "RemoteLogReply.h"
 #include "RemoteLogSources.h"
 #include "StdString.h"
@@ -58,6 +60,10 @@ public:
     // Exception code of AppendLog for a log that gave up its slot to another: the device
     // announces it again with SetLogSource and resends.
     static constexpr std::int32_t kLogClosedCode = 4;
+    // Exception codes of a request refused for the caller's identity (bus with accounts):
+    // the source is bound to another device account, or not to this one.
+    static constexpr std::int32_t kSourceRefusedCode = 5;  // SetLogSource
+    static constexpr std::int32_t kAppendRefusedCode = 6;  // AppendLog
 
     // Where AppendLog hands a text whose log has no call waiting for the main thread:
     // the log's id, the text as it is written (UTF-8, NUL bytes replaced), the request's
@@ -142,6 +148,16 @@ public:
                            tagVARIANT* out, int* result) override;
     // Keeps the "connected" counter current. Bus thread.
     void OnStatusChange(int reason, KIBSTATUS status) override;
+    // Counts and keeps a request left unanswered for its reply subject. Bus thread.
+    void OnRequestRefused(const char* service, const char* user, const char* reason) override;
+    // Whether the collector connected with an account, so that each request's account
+    // (the server-pinned last token of its subject) decides what it may write. Set while
+    // connecting (CreateServices), before any request arrives.
+    bool hasAccounts() const { return bindings != nullptr; }
+    // The device account `mac` is bound to ("" on an open bus, or for none). Any thread.
+    std::string accountOfMac(const CStdStr& mac) const;
+    // The requests refused for identity, for GetStats.
+    const RemoteLogRefusals& identityRefusals() const { return refusals; }
 
     // Timestamp rewriting of device log text; see DeviceLogConverter. Any thread.
     CStdStr convertLog(const CStdStr& content, long deviceTime, long serverTime);
@@ -160,10 +176,18 @@ signals:
     void closeLog(QString logId);
 
 private:
+    // The account of the request being served on a bus with accounts; "" on an open bus.
+    // Throws (refused) when a bus with accounts brings a request without one.
+    std::string callerAccount(const char* service);
+    // Counts, logs and keeps the refusal, then throws it with the service's code.
+    [[noreturn]] void refuse(const char* service, const std::string& account,
+                             const RemoteLogBindings::Check& check);
     // Admits the log ids of device `mac` against the bounds and queues closeLog for the
     // logs that gave up their slot. Throws, admitting none, when they cannot all be open,
     // or when the request's list (`listLength` names, repeats included) is itself longer
     // than the bound.
+    // On a bus with accounts `mac` is the account, and a log id that another account has
+    // open is refused (its log id names it).
     void admitLogIds(const CStdStr& mac, const std::set<CStdStr>& ids, size_t listLength);
     // Takes the device's share, then waits for room in the backlog, for `calls` calls
     // with `bytes` of text; throws "<service>: busy".
@@ -202,4 +226,9 @@ private:
     // Set before connect(); read by the handlers.
     DirectAppend directAppend NIMB_GUARDED_BY(emitLock);
     Stores stores;  // set before connect(), read-only afterwards
+    // Read from the settings by connect(); the bindings exist (CreateServices) only when
+    // the collector connected with an account, and live until destruction.
+    CStdStr bindingsFile;
+    std::unique_ptr<RemoteLogBindings> bindings;
+    RemoteLogRefusals refusals;
 };

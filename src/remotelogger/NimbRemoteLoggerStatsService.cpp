@@ -32,6 +32,27 @@ CollectorStats::ErrorKind kindOf(const KibException& e) {
     return CollectorStats::ErrorKind::Other;
 }
 
+// ["refusals", [[time ms, account, source, request, reason], ...]]: the identity and
+// inbox refusals kept, oldest first.
+void putRefusals(tagVARIANT& list, int index,
+                 const std::vector<RemoteLogRefusals::Refusal>& refusals) {
+    KibVariantHolder all;
+    VUtil::CreateArray(all.edit(), VT_VARIANT, refusals.size());
+    for (std::size_t i = 0; i < refusals.size(); ++i) {
+        const RemoteLogRefusals::Refusal& r = refusals[i];
+        KibVariantHolder entry;
+        VUtil::CreateArray(entry.edit(), VT_VARIANT, 5);
+        KibVariantHolder time;
+        time.edit().vt = VT_I8;
+        time.edit().llVal = r.timeMs;
+        VUtil::PutElement(entry.edit(), 0, time.get());
+        const std::string* texts[] = {&r.account, &r.source, &r.request, &r.reason};
+        for (int t = 0; t < 4; ++t) VUtil::PutElement(entry.edit(), t + 1, CStdStr(*texts[t]));
+        VUtil::PutElement(all.edit(), static_cast<int>(i), entry.get());
+    }
+    VUtil::PutPair(list, index, "refusals", all.get());
+}
+
 }  // namespace
 
 int NimbRemoteLoggerSatellite::KibServiceGetStats(const char*, const tagVARIANT&, tagVARIANT* out) {
@@ -57,10 +78,13 @@ int NimbRemoteLoggerSatellite::KibServiceGetStats(const char*, const tagVARIANT&
                      {"history.files", history.files},
                      {"history.removedFiles", history.removedFiles},
                      {"history.removedBytes", history.removedBytes},
-                     {"index.bytes", stores.index ? stores.index->sizeBytes() : 0}});
-    VUtil::CreateArray(*out, VT_VARIANT, counters.size());
+                     {"index.bytes", stores.index ? stores.index->sizeBytes() : 0},
+                     {"refused.identity", refusals.count(RemoteLogRefusals::Kind::Identity)},
+                     {"refused.inbox", refusals.count(RemoteLogRefusals::Kind::Inbox)}});
+    VUtil::CreateArray(*out, VT_VARIANT, counters.size() + 1);
     for (std::size_t i = 0; i < counters.size(); ++i)
         putCounter(*out, static_cast<int>(i), counters[i].first.c_str(), counters[i].second);
+    putRefusals(*out, static_cast<int>(counters.size()), refusals.recent());
     return 0;
 }
 
@@ -74,12 +98,21 @@ int NimbRemoteLoggerSatellite::OnServiceRequested(int requestId, const char* cal
     try {
         return KibSatellite::OnServiceRequested(requestId, caller, service, in, out, result);
     } catch (const KibException& e) {
-        if (counted) stats.countError(kindOf(e));
+        // Identity refusals are counted apart (refused.identity).
+        const bool identity = e.code() == kSourceRefusedCode || e.code() == kAppendRefusedCode;
+        if (counted && !identity) stats.countError(kindOf(e));
         throw;
     } catch (...) {
         if (counted) stats.countError(CollectorStats::ErrorKind::Other);
         throw;
     }
+}
+
+void NimbRemoteLoggerSatellite::OnRequestRefused(const char* service, const char* user,
+                                                 const char* reason) {
+    refusals.record(RemoteLogRefusals::Kind::Inbox,
+                    {0, user != nullptr ? user : "", "", service != nullptr ? service : "",
+                     std::string("reply subject ") + (reason != nullptr ? reason : "")});
 }
 
 void NimbRemoteLoggerSatellite::OnStatusChange(int reason, KIBSTATUS status) {

@@ -17,8 +17,25 @@ void RemoteLogSources::setLimits(std::size_t maxLogs, std::size_t maxPerDevice) 
 
 bool RemoteLogSources::admit(const CStdStr& mac, const std::set<CStdStr>& ids,
                              std::size_t listLength, std::vector<CStdStr>& closed,
-                             std::string& error) {
+                             std::string& error, CStdStr* foreign,
+                             const std::function<bool(const CStdStr&)>& isGone) {
     const PMutexLocker lock(mutex_);
+    if (foreign != nullptr) {
+        for (const CStdStr& id : ids) {
+            const auto found = open_.find(id);
+            if (found != open_.end() && found->second.mac != mac &&
+                !(isGone && isGone(found->second.mac))) {
+                *foreign = id;
+                return false;
+            }
+        }
+        for (const CStdStr& id : ids) {
+            const auto found = open_.find(id);
+            if (found == open_.end() || found->second.mac == mac) continue;
+            closed.push_back(id);
+            closeLocked(found);
+        }
+    }
     if (std::max(ids.size(), listLength) > maxLogs_) {
         error = boost::str(boost::format("too many log sources: at most %1%") % maxLogs_);
         return false;
@@ -58,6 +75,17 @@ RemoteLogSources::State RemoteLogSources::touch(const CStdStr& id) {
     const PMutexLocker lock(mutex_);
     const auto found = open_.find(id);
     if (found != open_.end()) {
+        useLocked(found);
+        return State::Open;
+    }
+    return closed_.count(id) != 0 ? State::Closed : State::Unknown;
+}
+
+RemoteLogSources::State RemoteLogSources::touch(const CStdStr& id, const CStdStr& owner) {
+    const PMutexLocker lock(mutex_);
+    const auto found = open_.find(id);
+    if (found != open_.end()) {
+        if (found->second.mac != owner) return State::Foreign;
         useLocked(found);
         return State::Open;
     }

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <list>
 #include <map>
 #include <set>
@@ -29,7 +30,8 @@ public:
     // How many closed logs are remembered as closed (older ones read as never announced).
     static constexpr std::size_t kRememberedClosed = 4096;
 
-    enum class State { Open, Closed, Unknown };
+    // Foreign: open, but by another device (touch with an owner).
+    enum class State { Open, Closed, Unknown, Foreign };
 
     RemoteLogSources(std::size_t maxLogs, std::size_t maxPerDevice);
     RemoteLogSources(const RemoteLogSources&) = delete;
@@ -43,11 +45,18 @@ public:
     // either bound) or the list itself is longer than the total bound. Otherwise
     // `closed` receives the logs that gave up their slot for them, idle longest first:
     // first the device's own past its bound, then anyone's past the total bound.
+    // With `foreign` given, an id open by another device refuses them all (false, with
+    // `*foreign` set to that id and `error` empty), unless `isGone` says that device is
+    // gone (a revoked account): its log is then closed and taken over.
     bool admit(const CStdStr& mac, const std::set<CStdStr>& ids, std::size_t listLength,
-               std::vector<CStdStr>& closed, std::string& error);
+               std::vector<CStdStr>& closed, std::string& error, CStdStr* foreign = nullptr,
+               const std::function<bool(const CStdStr&)>& isGone = nullptr);
     // Marks `id` as used now when it is open; says whether it is open, gave up its slot,
     // or was never announced (or closed too long ago to be remembered).
     State touch(const CStdStr& id);
+    // The same for a text of device `owner`: Foreign, touching nothing, when another
+    // device opened the log.
+    State touch(const CStdStr& id, const CStdStr& owner);
     std::size_t openCount() const;
 
 private:

@@ -18,6 +18,7 @@ constexpr const char* kBusHost = "kibDirectory.host";
 constexpr const char* kBusCaFile = "kibDirectory.caFile";
 constexpr const char* kBusCredsFile = "kibDirectory.credsFile";
 constexpr const char* kCollectorCredsFile = "CollectorCredsFile";
+constexpr const char* kBusBindingsFile = "BusBindingsFile";
 constexpr const char* kMaxLogSources = "MaxLogSources";
 constexpr const char* kMaxLogsPerDevice = "MaxLogsPerDevice";
 constexpr const char* kWriterThreads = "WriterThreads";
@@ -48,6 +49,8 @@ constexpr Key kKeys[] = {
     {kConfigKey, kBusCredsFile, "string", "none", "bus credentials file (mode 0600)"},
     {kConfigKey, kCollectorCredsFile, "string", "kibDirectory.credsFile",
      "the collector's own bus credentials file"},
+    {kConfigKey, kBusBindingsFile, "string", "none",
+     "device accounts' bound sources (nimb-bus-setup's bindings.conf)"},
     {kConfigKey, kMaxLogSources, "int", "16384", "device logs the collector keeps announced"},
     {kConfigKey, kMaxLogsPerDevice, "int", "1024", "announced logs of one device"},
     {kConfigKey, kWriterThreads, "int", "0",

@@ -45,6 +45,45 @@ void readPairs(const tagVARIANT& list, std::map<std::string, std::int64_t>& valu
     }
 }
 
+// Reads the "refusals" pair: arrays of [time, account, source, request, reason].
+void readRefusals(const tagVARIANT& list, std::vector<StatsClient::Stats::Refusal>& refusals) {
+    if (list.vt != (VT_ARRAY | VT_VARIANT)) return;
+    for (int i = 0; i < VUtil::GetArrayLength(list); ++i) {
+        KibVariantHolder pair, name, value;
+        VUtil::GetElement(list, i, pair.edit());
+        if (pair.get().vt != (VT_ARRAY | VT_VARIANT) || VUtil::GetArrayLength(pair.get()) != 2)
+            continue;
+        VUtil::GetElement(pair.get(), 0, name.edit());
+        VUtil::GetElement(pair.get(), 1, value.edit());
+        if (name.get().vt != VT_BSTR || name.get().bstrVal == nullptr ||
+            std::string(name.get().bstrVal) != "refusals" ||
+            value.get().vt != (VT_ARRAY | VT_VARIANT))
+            continue;
+        for (int r = 0; r < VUtil::GetArrayLength(value.get()); ++r) {
+            KibVariantHolder entry;
+            VUtil::GetElement(value.get(), r, entry.edit());
+            if (entry.get().vt != (VT_ARRAY | VT_VARIANT) ||
+                VUtil::GetArrayLength(entry.get()) != 5)
+                continue;
+            KibVariantHolder time;
+            VUtil::GetElement(entry.get(), 0, time.edit());
+            StatsClient::Stats::Refusal refusal;
+            refusal.timeMs = time.get().vt == VT_I8 ? time.get().llVal : 0;
+            std::string* texts[] = {&refusal.account, &refusal.source, &refusal.request,
+                                    &refusal.reason};
+            bool good = true;
+            for (int t = 0; t < 4 && good; ++t) {
+                KibVariantHolder part;
+                VUtil::GetElement(entry.get(), t + 1, part.edit());
+                good = part.get().vt == VT_BSTR;
+                if (good && part.get().bstrVal != nullptr)
+                    texts[t]->assign(part.get().bstrVal, SysStringLen(part.get().bstrVal));
+            }
+            if (good) refusals.push_back(std::move(refusal));
+        }
+    }
+}
+
 }  // namespace
 
 StatsClient::StatsClient(NimbBusSettings bus) : bus_(std::move(bus)) {}
@@ -82,6 +121,7 @@ StatsClient::Stats StatsClient::fetch() {
     stats.reachable = true;
     try {
         readPairs(reply.value.get(), stats.values);
+        readRefusals(reply.value.get(), stats.refusals);
     } catch (const std::exception& e) {
         // A malformed reply: report what was read so far, with the reason.
         stats.error = QStringLiteral("unreadable counters: %1").arg(QString::fromUtf8(e.what()));

@@ -24,6 +24,13 @@ public:
         bool reachable = false;  // the collector answered
         QString error;           // why not, when it did not
         std::map<std::string, std::int64_t> values;
+        // The collector's recent refusals for identity (GetStats "refusals"), oldest
+        // first; the texts are the devices', to be escaped where shown.
+        struct Refusal {
+            std::int64_t timeMs = 0;
+            std::string account, source, request, reason;
+        };
+        std::vector<Refusal> refusals;
     };
 
     explicit StatsClient(NimbBusSettings bus);

@@ -561,6 +561,17 @@ WebReply stats(const StatsClient::Stats& stats, std::size_t tailClients) {
         counters.insert(text(name), static_cast<qint64>(value));
     }
     object.insert(QStringLiteral("counters"), counters);
+    QJsonArray refusals;
+    for (const StatsClient::Stats::Refusal& r : stats.refusals) {
+        QJsonObject refusal;
+        refusal.insert(QStringLiteral("time"), static_cast<qint64>(r.timeMs));
+        refusal.insert(QStringLiteral("account"), text(r.account));
+        refusal.insert(QStringLiteral("source"), text(r.source));
+        refusal.insert(QStringLiteral("request"), text(r.request));
+        refusal.insert(QStringLiteral("reason"), text(r.reason));
+        refusals.append(refusal);
+    }
+    object.insert(QStringLiteral("refusals"), refusals);
     object.insert(QStringLiteral("tailClients"), static_cast<qint64>(tailClients));
     return WebReply::json(object);
 }
@@ -625,6 +636,8 @@ WebReply metrics(const StatsClient::Stats& stats, std::size_t tailClients) {
          "Syslog messages dropped, by reason."},
         {"syslog.closed.", "nimb_syslog_connections_closed_total", "reason",
          "Syslog connections refused or closed by the collector, by reason."},
+        {"refused.", "nimb_collector_refused_total", "reason",
+         "Requests refused for the caller's device account (identity) or reply inbox (inbox)."},
     };
     QByteArray out;
     const auto line = [&out](const char* name, const char* type, const char* help) {

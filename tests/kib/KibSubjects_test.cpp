@@ -57,10 +57,12 @@ std::regex patternRegex(const std::string& pattern) {
 }  // namespace
 
 TEST(KibSubjectsTest, BuildersGiveTheListedShapes) {
-    const std::set<std::string> built = {
-        KibSubjects::service("<satellite>", "<service>"), KibSubjects::ping("<satellite>"),
-        KibSubjects::avail("<satellite>"), KibSubjects::discover("<satellite>"),
-        KibSubjects::discover("*")};
+    const std::set<std::string> built = {KibSubjects::service("<satellite>", "<service>"),
+                                         KibSubjects::service("<satellite>", "<service>", "<user>"),
+                                         KibSubjects::ping("<satellite>"),
+                                         KibSubjects::avail("<satellite>"),
+                                         KibSubjects::discover("<satellite>"),
+                                         KibSubjects::discover("*")};
     EXPECT_EQ(built, patterns());
     EXPECT_EQ(KibSubjects::avail("*"), "kib.avail.*");
 }

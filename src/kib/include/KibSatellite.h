@@ -137,6 +137,19 @@ public:
     // that throws after deferring is answered with its exception as usual. Taken twice,
     // it is the same reply. Outside a handler of this satellite: an empty handle.
     KibDeferredReply DeferReply();
+    // Called by a service handler while it serves a request: the bus user the request
+    // came from, as the last token of its subject ("kib.svc.<satellite>.<service>.<user>")
+    // says, or "" for a request sent without one (an open bus). Only a server whose
+    // permissions pin that token (nimb-bus-setup's) makes it proof of anything; the
+    // handler decides whether to trust it. Outside a handler of this satellite: "".
+    std::string CallerUser() const;
+    // The bus user this satellite connected as (from its credentials file or
+    // ConnectUser), "" without one or with a NATS credentials file. Management thread.
+    std::string connectedUser() const;
+    // A request was dropped unserved because its reply subject lies outside the caller's
+    // own inbox (`reason` says how); `user` is the caller's user token ("" without one).
+    // Library thread; the library's version does nothing (it logs the refusal itself).
+    virtual void OnRequestRefused(const char* service, const char* user, const char* reason);
     // Timeout of Request and of the ping without explicit timeout; 5000 ms by default.
     void setRequestTimeout(int timeoutMs);
     // Time between two reconnection attempts after a lost connection, used by the next

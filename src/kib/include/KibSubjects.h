@@ -26,6 +26,14 @@ inline std::string service(std::string_view satellite, std::string_view service)
     return subject;
 }
 
+// Requests to `service` of `satellite` from the bus user `user`, shared by its instances
+// (the same queue group). A server with accounts lets each user publish only on its own
+// name here, so the last token tells the serving satellite who is asking.
+inline std::string service(std::string_view satellite, std::string_view service,
+                           std::string_view user) {
+    return KibSubjects::service(satellite, service).append(".").append(user);
+}
+
 // Pings of `satellite`'s instances (queue group).
 inline std::string ping(std::string_view satellite) {
     return std::string(kPingPrefix).append(satellite);
@@ -46,7 +54,8 @@ inline std::string discover(std::string_view satellite) {
 
 // Every subject shape on the bus, as the docs write them ("<satellite>" and
 // "<service>" stand for names). A new subject adds its row here and in the docs.
-constexpr std::array<std::string_view, 5> kKibSubjectPatterns = {
-    "kib.svc.<satellite>.<service>", "kib.ping.<satellite>", "kib.avail.<satellite>",
+constexpr std::array<std::string_view, 6> kKibSubjectPatterns = {
+    "kib.svc.<satellite>.<service>", "kib.svc.<satellite>.<service>.<user>",
+    "kib.ping.<satellite>",          "kib.avail.<satellite>",
     "kib.discover.<satellite>",      "kib.discover",
 };

@@ -658,12 +658,22 @@ async function loadHealth() {
       cards.push(card("Queue depth", (c.queueDepth || 0).toLocaleString()));
       for (const [k, v] of Object.entries(c)) {
         if (k.startsWith("errors.")) cards.push(card("Errors: " + k.slice(7), v.toLocaleString(), v > 0));
+        if (k.startsWith("refused.")) cards.push(card("Refused: " + k.slice(8), v.toLocaleString(), v > 0));
       }
     } else {
       cards.push(card("Collector", "no answer", true));
     }
     cards.push(card("Live tails open", String(s.tailClients)));
     $("counters").replaceChildren(...cards);
+    // Device text: el() sets textContent only.
+    const refusals = (s.refusals || []).slice().reverse();
+    $("refusals").replaceChildren(...(refusals.length ? refusals.map((r) => {
+      const row = el("div", "l");
+      row.append(el("span", "muted", stamp(r.time / 1000) + " "), el("strong", "", r.request + " "),
+        el("span", "", (r.account || "(no account)") + (r.source ? " \u2192 " + r.source : "") + ": "),
+        el("span", "muted", r.reason));
+      return row;
+    }) : [el("p", "muted", "No refused requests.")]));
   } catch (e) {
     $("counters").replaceChildren(card("Counters", e.message, true));
   }

@@ -29,79 +29,11 @@ using namespace bustest;
 
 const char* const kMac = "00:11:22:33:44:55";
 
-std::string valueOf(const std::string& credsFile, const std::string& key) {
-    for (const std::string& line : linesOf(readFile(credsFile))) {
-        if (line.rfind(key + "=", 0) == 0) return line.substr(key.size() + 1);
-    }
-    return {};
-}
-
 unsigned modeOf(const fs::path& path) {
     struct stat info {};
     ::stat(path.c_str(), &info);
     return info.st_mode & 0777;
 }
-
-// A raw client of the bus with one account's user name and password, to try what the
-// server lets that account do. Does not reconnect.
-class RawClient {
-public:
-    RawClient(const std::string& url, const std::string& caFile, const std::string& credsFile) {
-        natsOptions_Create(&options_);
-        natsOptions_SetURL(options_, url.c_str());
-        natsOptions_SetSecure(options_, true);
-        natsOptions_LoadCATrustedCertificates(options_, caFile.c_str());
-        natsOptions_SetUserInfo(options_, valueOf(credsFile, "user").c_str(),
-                                valueOf(credsFile, "password").c_str());
-        natsOptions_SetAllowReconnect(options_, false);
-        status_ = natsConnection_Connect(&nc_, options_);
-        if (status_ != NATS_OK) error_ = nats_GetLastError(nullptr);
-    }
-    RawClient(const RawClient&) = delete;
-    RawClient& operator=(const RawClient&) = delete;
-    ~RawClient() {
-        natsConnection_Destroy(nc_);
-        natsOptions_Destroy(options_);
-    }
-
-    bool connected() const { return status_ == NATS_OK; }
-    // Why the connection was refused.
-    const std::string& error() const { return error_; }
-    bool closed() const { return nc_ == nullptr || natsConnection_IsClosed(nc_); }
-
-    // Whether the server answers a subscription to `subject` with its refusal within 2 s.
-    bool refusesSubscription(const char* subject) {
-        natsSubscription* sub = nullptr;
-        natsConnection_SubscribeSync(&sub, nc_, subject);
-        const bool refused = refusal(std::string("Subscription to \"") + subject + "\"");
-        natsSubscription_Destroy(sub);
-        return refused;
-    }
-    // The same for a publication to `subject`.
-    bool refusesPublication(const char* subject) {
-        natsConnection_PublishString(nc_, subject, "refused");
-        return refusal(std::string("Publish to \"") + subject + "\"");
-    }
-
-private:
-    bool refusal(const std::string& what) {
-        natsConnection_FlushTimeout(nc_, 2000);
-        const std::string expected = "Permissions Violation for " + what;
-        // The server's refusal arrives asynchronously after the flush's round trip.
-        return waitUntil(
-            [&] {
-                const char* text = nullptr;
-                natsConnection_GetLastError(nc_, &text);
-                return text != nullptr && std::string(text).find(expected) != std::string::npos;
-            },
-            std::chrono::seconds(2));
-    }
-
-    natsOptions* options_ = nullptr;
-    natsConnection* nc_ = nullptr;
-    natsStatus status_ = NATS_ERR;
-    std::string error_;
-};
 
 // nimb-web as a child process serving on a free loopback port; killed on destruction.
 class WebConsole {
@@ -217,6 +149,8 @@ TEST_F(BusSetupTest, SecretsArePrivateAndNamesChecked) {
         EXPECT_EQ(modeOf(file), 0600u) << file;
     for (const std::string& file : {bus("server.key"), bus("accounts.conf")})
         EXPECT_EQ(modeOf(file) & 0037u, 0u) << file;  // the server's group may read, no more
+    // The bindings are not secret: beside the folder, readable by the collector's user.
+    EXPECT_EQ(modeOf(root_->path() + "/bus-bindings.conf"), 0644u);
     for (const std::string& creds : {bus("nimb-collector.creds"), web(), device("kitchen")})
         EXPECT_EQ(outputs_.find(valueOf(creds, "password")), std::string::npos) << outputs_;
 
@@ -241,6 +175,9 @@ TEST_F(BusSetupTest, SecretsArePrivateAndNamesChecked) {
         {{"revoke-device", "attic"}, "no device attic"},
         {{"reissue-web", "now"}, "reissue-web takes no argument"},
         {{"frobnicate"}, "unknown command frobnicate"},
+        {{"add-device", "porch2", "--mac", "00 11"}, "--mac and --device-id take 1 to 64"},
+        {{"add-device", "porch2", "--device-id", "a/b"}, "--mac and --device-id take 1 to 64"},
+        {{"list-devices", "--mac", "00:11"}, "--mac and --device-id are for add-device"},
     };
     for (const auto& c : refused) {
         const ChildResult run = setup(c.arguments);
@@ -407,7 +344,8 @@ TEST_F(BusSetupTest, DeviceCannotImpersonateTheCollector) {
     impostor.setConnectOptions(optionsOf(device("kitchen")));
     ASSERT_EQ(impostor.Connect(host().c_str(), "RemoteLogger"), KIB_OK);
 
-    Device garage(kMac, "garage.log");
+    // Its own source: kMac and "dev" are bound to kitchen, which announced them first.
+    Device garage("00:11:22:33:44:77", "garage.log", "garage");
     ASSERT_EQ(garage.connect(host(), optionsOf(device("garage")), "garage"), KIB_OK);
     ASSERT_EQ(garage.announce(), 0);
     constexpr int kLines = 40;
@@ -528,7 +466,7 @@ TEST_F(BusSetupTest, ToolsWithTheCollectorsSettingsAskForDeviceCredentials) {
 // connected with them at that moment is cut off when the server reloads its accounts.
 TEST_F(BusSetupTest, RevokedAccountsAreCutOffAtTheReload) {
     ASSERT_EQ(setup({"add-device", "porch"}).exitCode(), 0);
-    Device porch("00:11:22:33:44:66", "porch.log");
+    Device porch("00:11:22:33:44:66", "porch.log", "porch");
     ASSERT_EQ(porch.connect(host(), optionsOf(device("porch")), "porch"), KIB_OK);
     ASSERT_EQ(porch.announce(), 0);
     ASSERT_EQ(porch.append("before"), 0);
@@ -537,15 +475,15 @@ TEST_F(BusSetupTest, RevokedAccountsAreCutOffAtTheReload) {
     const std::string oldWebFile = root_->path() + "/old-web.creds";
     fs::copy_file(web(), oldWebFile, fs::copy_options::overwrite_existing);
 
-    // A follower with the same credentials, pushing a growing file.
+    // A follower with the same credentials (and so the same source), pushing a growing file.
     const fs::path followed = fs::path(root_->path()) / "porch-follow.txt";
     writeFile(followed, "followed before\n");
     const fs::path followOutput = fs::path(root_->path()) / "porch-follow-output.txt";
     const pid_t follower = spawnChild(
         {NIMB_LOGPUSH, "--host", host(), "--ca", bus("ca.pem"), "--creds", device("porch"), "--mac",
-         "00:11:22:33:44:77", "--device-id", "dev", "-f", followed.string()},
+         "00:11:22:33:44:66", "--device-id", "porch", "-f", followed.string()},
         {}, followOutput);
-    const fs::path followedFile = home_->logs() / "dev001122334477-porch-follow.txt";
+    const fs::path followedFile = home_->logs() / "porch001122334466-porch-follow.txt";
     EXPECT_TRUE(waitUntil([&] {
         return fs::exists(followedFile) &&
                readFile(followedFile).find("followed before\n") != std::string::npos;

@@ -77,8 +77,8 @@ std::string Collector::output() const {
     return fs::exists(file) ? nimbtest::readFile(file) : std::string();
 }
 
-Device::Device(std::string mac, std::string logName)
-    : mac_(std::move(mac)), logName_(std::move(logName)) {}
+Device::Device(std::string mac, std::string logName, std::string deviceId)
+    : mac_(std::move(mac)), logName_(std::move(logName)), deviceId_(std::move(deviceId)) {}
 
 int Device::connect(const std::string& hosts, const KibConnectOptions& options, const char* name) {
     satellite_.setConnectOptions(options);
@@ -88,7 +88,7 @@ int Device::connect(const std::string& hosts, const KibConnectOptions& options, 
 int Device::announce(int timeoutMs) {
     KibReply reply;
     return satellite_.Call("RemoteLogger", "SetLogSource",
-                           variants(str(mac_), str("dev"), str("Test device"),
+                           variants(str(mac_), str(deviceId_), str("Test device"),
                                     r8(VT_DATE, 46348.41667), strings({logName_.c_str()}))
                                .get(),
                            &reply, timeoutMs);
@@ -106,7 +106,73 @@ std::string Device::fileName() const {
     for (const char c : mac_) {
         if (c != ':') digits += c;
     }
-    return "dev" + digits + "-" + logName_;
+    return deviceId_ + digits + "-" + logName_;
+}
+
+std::string valueOf(const std::string& credsFile, const std::string& key) {
+    for (const std::string& line : nimbtest::linesOf(nimbtest::readFile(credsFile))) {
+        if (line.rfind(key + "=", 0) == 0) return line.substr(key.size() + 1);
+    }
+    return {};
+}
+
+RawClient::RawClient(const std::string& url, const std::string& caFile,
+                     const std::string& credsFile) {
+    natsOptions_Create(&options_);
+    natsOptions_SetURL(options_, url.c_str());
+    natsOptions_SetSecure(options_, true);
+    natsOptions_LoadCATrustedCertificates(options_, caFile.c_str());
+    natsOptions_SetUserInfo(options_, valueOf(credsFile, "user").c_str(),
+                            valueOf(credsFile, "password").c_str());
+    natsOptions_SetAllowReconnect(options_, false);
+    status_ = natsConnection_Connect(&nc_, options_);
+    if (status_ != NATS_OK) error_ = nats_GetLastError(nullptr);
+}
+
+RawClient::~RawClient() {
+    natsConnection_Destroy(nc_);
+    natsOptions_Destroy(options_);
+}
+
+bool RawClient::refusesSubscription(const char* subject) {
+    natsSubscription* sub = nullptr;
+    natsConnection_SubscribeSync(&sub, nc_, subject);
+    const bool refused = refusal(std::string("Subscription to \"") + subject + "\"");
+    natsSubscription_Destroy(sub);
+    return refused;
+}
+
+bool RawClient::refusesPublication(const char* subject) {
+    natsConnection_PublishString(nc_, subject, "refused");
+    return refusal(std::string("Publish to \"") + subject + "\"");
+}
+
+std::string RawClient::request(const std::string& subject, const std::string& replyTo,
+                               const std::string& frame, std::chrono::milliseconds wait) {
+    natsSubscription* sub = nullptr;
+    if (natsConnection_SubscribeSync(&sub, nc_, replyTo.c_str()) != NATS_OK) return {};
+    natsConnection_PublishRequest(nc_, subject.c_str(), replyTo.c_str(), frame.data(),
+                                  static_cast<int>(frame.size()));
+    natsMsg* msg = nullptr;
+    std::string reply;
+    if (natsSubscription_NextMsg(&msg, sub, static_cast<std::int64_t>(wait.count())) == NATS_OK)
+        reply.assign(natsMsg_GetData(msg), static_cast<std::size_t>(natsMsg_GetDataLength(msg)));
+    natsMsg_Destroy(msg);
+    natsSubscription_Destroy(sub);
+    return reply;
+}
+
+bool RawClient::refusal(const std::string& what) {
+    natsConnection_FlushTimeout(nc_, 2000);
+    const std::string expected = "Permissions Violation for " + what;
+    // The server's refusal arrives asynchronously after the flush's round trip.
+    return nimbtest::waitUntil(
+        [&] {
+            const char* text = nullptr;
+            natsConnection_GetLastError(nc_, &text);
+            return text != nullptr && std::string(text).find(expected) != std::string::npos;
+        },
+        std::chrono::seconds(2));
 }
 
 }  // namespace bustest

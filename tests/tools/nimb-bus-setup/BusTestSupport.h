@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <nats/nats.h>
+
 #include "KibSatellite.h"
 #include "NimbTestSupport.h"
 
@@ -54,10 +56,10 @@ private:
     pid_t pid_ = -1;
 };
 
-// One device: announces "MAC" / `logName` and appends lines "<tag> <n>".
+// One device: announces "MAC" / `logName` (as device id `deviceId`) and appends lines.
 class Device {
 public:
-    Device(std::string mac, std::string logName);
+    Device(std::string mac, std::string logName, std::string deviceId = "dev");
 
     KibSatellite& satellite() { return satellite_; }
     // Connects as satellite `name` with `options` to `hosts`; KIB_ status.
@@ -66,13 +68,51 @@ public:
     int announce(int timeoutMs = 2000);
     // AppendLog of one line; the call's status.
     int append(const std::string& line, int timeoutMs = 2000);
-    // The file name the collector gives the log ("dev" + MAC digits + "-" + log name).
+    // The file name the collector gives the log (device id + MAC digits + "-" + log name).
     std::string fileName() const;
 
 private:
     KibSatellite satellite_;
     std::string mac_;
     std::string logName_;
+    std::string deviceId_;
+};
+
+// The value of a "key=value" line of a credentials file.
+std::string valueOf(const std::string& credsFile, const std::string& key);
+
+// A raw client of the bus with one account's user name and password, to try what the
+// server lets that account do. Does not reconnect.
+class RawClient {
+public:
+    RawClient(const std::string& url, const std::string& caFile, const std::string& credsFile);
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+    ~RawClient();
+
+    bool connected() const { return status_ == NATS_OK; }
+    // Why the connection was refused.
+    const std::string& error() const { return error_; }
+    bool closed() const { return nc_ == nullptr || natsConnection_IsClosed(nc_); }
+    natsConnection* connection() const { return nc_; }
+
+    // Whether the server answers a subscription to `subject` with its refusal within 2 s.
+    bool refusesSubscription(const char* subject);
+    // The same for a publication to `subject`.
+    bool refusesPublication(const char* subject);
+    // Publishes the request frame `frame` on `subject` asking for the reply on `replyTo`,
+    // which this client listens to; the reply frame, or "" when none came within `wait`.
+    std::string request(const std::string& subject, const std::string& replyTo,
+                        const std::string& frame,
+                        std::chrono::milliseconds wait = std::chrono::milliseconds(2000));
+
+private:
+    bool refusal(const std::string& what);
+
+    natsOptions* options_ = nullptr;
+    natsConnection* nc_ = nullptr;
+    natsStatus status_ = NATS_ERR;
+    std::string error_;
 };
 
 }  // namespace bustest
