@@ -69,6 +69,7 @@ const hostile = [
   "</textarea><img src=x onerror=\"window.__pwned = 2\">",
   "<a href=\"javascript:window.__pwned = 3\">click</a>",
   "\u001b[31mred text\u001b[0m after an escape",
+  "invoice_\u202egnp.exe and a\u200bhidden\u2066 isolate\u2069",
 ].join("\n");
 let seed = "";
 for (let i = 40; i > 0; i--) seed += stamp(new Date(now - i * 60000)) + " service heartbeat " + i + "\n";
@@ -107,11 +108,16 @@ try {
     markup: document.querySelectorAll("#log-lines script, #log-lines img, #log-lines a, #log-lines textarea").length,
     script: [...document.querySelectorAll("#log-lines .l")].some((l) => l.textContent === "<script>window.__pwned = 1</script>"),
     escape: [...document.querySelectorAll("#log-lines .l")].some((l) => l.textContent.startsWith("\u241b[31mred")),
+    bidi: [...document.querySelectorAll("#log-lines .l")].map((l) => l.textContent).filter((t) => t.startsWith("invoice_")),
   }));
   if (check.pwned !== undefined) fail("device text ran as script: " + check.pwned);
   if (check.markup !== 0) fail("device text became markup");
   if (!check.script) fail("the <script> line is not shown as text");
   if (!check.escape) fail("the escape character is not shown as a visible symbol");
+  // Bidirectional controls and zero-width characters show by name; none reaches the page raw.
+  if (check.bidi.length !== 1 ||
+      check.bidi[0] !== "invoice_\u27e8RLO\u27e9gnp.exe and a\u27e8ZWSP\u27e9hidden\u27e8LRI\u27e9 isolate\u27e8PDI\u27e9")
+    fail("format characters shown as " + JSON.stringify(check.bidi));
   if (check.headers < 1) fail("no header line is marked");
 
   // Lines pushed now appear live, each within 2 s of the collector's reply.

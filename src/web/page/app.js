@@ -15,10 +15,25 @@ function el(tag, className, text) {
   return node;
 }
 
-// Control characters (escape sequences, NUL, ...) as their visible symbols.
+// Invisible format characters by their short names: bidirectional embeddings,
+// overrides, isolates and marks (which can make text read backwards, "exe.txt" for
+// "txt.exe"), zero-width characters, the byte order mark, the soft hyphen.
+const formatNames = {
+  "\u202a": "LRE", "\u202b": "RLE", "\u202c": "PDF", "\u202d": "LRO", "\u202e": "RLO",
+  "\u2066": "LRI", "\u2067": "RLI", "\u2068": "FSI", "\u2069": "PDI",
+  "\u200e": "LRM", "\u200f": "RLM", "\u061c": "ALM",
+  "\u200b": "ZWSP", "\u200c": "ZWNJ", "\u200d": "ZWJ", "\u2060": "WJ",
+  "\u2061": "FA", "\u2062": "IT", "\u2063": "IS", "\u2064": "IP", "\ufeff": "BOM", "\u00ad": "SHY",
+};
+
+// Control characters (escape sequences, NUL, ...) as their visible symbols, invisible
+// format characters as their names in angle brackets.
 function visible(text) {
-  return text.replace(/[\u0000-\u0008\u000b-\u001f\u007f]/g,
-    (c) => String.fromCharCode(c === "\u007f" ? 0x2421 : 0x2400 + c.charCodeAt(0)));
+  return text
+    .replace(/[\u0000-\u0008\u000b-\u001f\u007f]/g,
+      (c) => String.fromCharCode(c === "\u007f" ? 0x2421 : 0x2400 + c.charCodeAt(0)))
+    .replace(/[\u202a-\u202e\u2066-\u2069\u200b-\u200f\u061c\u2060-\u2064\ufeff\u00ad]/g,
+      (c) => "\u27e8" + formatNames[c] + "\u27e9");
 }
 
 function bytes(n) {
@@ -172,7 +187,7 @@ function deviceCard(device, binMinutes) {
   info.append(el("div", "ids", [device.deviceId, device.mac].filter(Boolean).join(" \u00b7 ")));
   if (device.serverTime) {
     const tie = el("div", "tie", "device " + device.deviceTime + " UTC \u2194 server " + device.serverTime);
-    tie.title = "Clock tie of the newest announcement" + (device.satellite ? " (via " + device.satellite + ")" : "");
+    tie.title = "Clock tie of the newest announcement" + (device.satellite ? " (via " + visible(device.satellite) + ")" : "");
     info.append(tie);
   }
   const logs = el("div", "logs");
@@ -180,7 +195,7 @@ function deviceCard(device, binMinutes) {
     const chip = el("a", "chip");
     chip.href = "#/log?" + query({ file: log.file });
     chip.append(el("span", "", log.log || log.file), el("span", "size", bytes(log.size)));
-    chip.title = log.file + " \u00b7 last write " + stamp(log.lastWrite);
+    chip.title = visible(log.file) + " \u00b7 last write " + stamp(log.lastWrite);
     logs.append(chip);
   }
   const numbers = el("div", "numbers");
@@ -277,7 +292,7 @@ function prependText(container, text, info) {
 async function openLog(file, at, generation) {
   const lines = $("log-lines");
   lines.replaceChildren();
-  $("log-title").textContent = file;
+  $("log-title").textContent = visible(file);
   $("log-download").href = "/api/download?" + query({ file });
   $("log-download-history").href = "/api/download?" + query({ file, history: 1 });
   const device = state.devices.find((d) => d.logs.some((l) => l.file === file));
@@ -318,7 +333,7 @@ async function openLog(file, at, generation) {
     if (state.pausedAtHit) { $("live").checked = true; state.pausedAtHit = false; }
     if ($("live").checked) startLive();
   } catch (e) {
-    $("log-meta").textContent = "cannot open " + file + ": " + e.message;
+    $("log-meta").textContent = "cannot open " + visible(file) + ": " + e.message;
     $("load-earlier").hidden = true;
     $("load-later").hidden = true;
   }
@@ -364,7 +379,7 @@ async function loadLater() {
     log.file = chunk.file;
     log.end = chunk.end;
     log.inode = chunk.inode;
-    $("log-title").textContent = log.file;
+    $("log-title").textContent = visible(log.file);
     $("log-download").href = "/api/download?" + query({ file: log.file });
     $("log-download-history").href = "/api/download?" + query({ file: log.file, history: 1 });
     $("log-meta").textContent = "showing the text up to the live end";
@@ -477,13 +492,13 @@ function fillScope(selected) {
   const scope = $("scope");
   const options = [new Option("every log", "")];
   for (const d of state.devices) {
-    options.push(new Option("device: " + d.name + " (" + d.key + ")", "device:" + d.key));
-    for (const l of d.logs) options.push(new Option("\u00a0\u00a0log: " + l.file, "file:" + l.file));
+    options.push(new Option("device: " + visible(d.name) + " (" + visible(d.key) + ")", "device:" + d.key));
+    for (const l of d.logs) options.push(new Option("\u00a0\u00a0log: " + visible(l.file), "file:" + l.file));
   }
   scope.replaceChildren(...options);
   scope.value = selected;
   if (scope.value !== selected && selected) {
-    scope.append(new Option(selected, selected));
+    scope.append(new Option(visible(selected), selected));
     scope.value = selected;
   }
 }
