@@ -339,6 +339,30 @@ try {
   if (!more.same) fail("the 1 MiB line is not shown whole as one line: lengths " + JSON.stringify(more.long) + ", first difference at " + more.differs);
   if (!/^invalid UTF-8: \ufffd+\(\ufffd+ end$/.test(more.invalid || "")) fail("invalid UTF-8 shown as " + JSON.stringify(more.invalid));
   await shoot(page, "hostile", 1280, 800, "light");
+
+  // The live tail while the reader is scrolled up: new lines are counted, not scrolled
+  // to, and past 5 000 live lines the oldest leave the view.
+  await page.evaluate(() => { $("log-lines").scrollTop = 0; });
+  let burst = "";
+  for (let i = 0; i < 6000; i++) burst += stamp(now) + " burst line " + i + "\n";
+  appendFileSync(hostilePath, burst);
+  await until(page, () => $("new-lines").textContent.startsWith("6000 new lines"), 10000, "6000 new lines to be counted");
+  const tail = await page.evaluate(() => {
+    const lines = $("log-lines");
+    return {
+      count: lines.querySelectorAll(".l").length,
+      trimmed: lines.querySelectorAll(".l.trimmed").length,
+      atBottom: lines.scrollHeight - lines.scrollTop - lines.clientHeight < 40,
+      last: lines.lastElementChild.textContent,
+    };
+  });
+  if (tail.count > 5010 || tail.trimmed !== 1) fail("live view not bounded: " + JSON.stringify(tail));
+  if (tail.atBottom) fail("the live view scrolled while the reader was reading above");
+  if (!tail.last.endsWith("burst line 5999")) fail("the last burst line is missing: " + tail.last);
+  await shoot(page, "new-lines", 1280, 800, "light");
+  await page.click("#new-lines");
+  await until(page, () => $("new-lines").hidden && $("log-lines").scrollHeight - $("log-lines").scrollTop - $("log-lines").clientHeight < 40,
+    5000, "the view to reach the newest line");
   await page.click('.tabs a[data-view="devices"]');
   await page.waitForFunction(() => !$("view-devices").hidden &&
     [...document.querySelectorAll("#devices .chip")].some((c) => c.textContent.includes("hostile.log")), { timeout: 5000 });

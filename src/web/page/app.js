@@ -299,6 +299,7 @@ async function openLog(file, at, generation) {
   $("log-archive").hidden = !device;
   if (device) $("log-archive").href = "/api/archive?" + query({ device: device.key });
   state.log = { file, end: 0, inode: "", earlier: null, later: null, open: false };
+  showUnseen(0);
   $("load-later").hidden = true;
   try {
     const around = at !== null && at !== undefined && at !== "";
@@ -419,6 +420,44 @@ function applyLevelFilter() {
 
 function setLiveLabel(text) { $("live-label").textContent = text; }
 
+// Lines a live view takes in before the oldest ones leave it from the top.
+const maxLiveLines = 5000;
+
+function atLinesBottom(lines) { return lines.scrollHeight - lines.scrollTop - lines.clientHeight < 40; }
+
+// Lines that arrived while the reader was scrolled up: counted, not scrolled to.
+function showUnseen(count) {
+  state.unseen = count;
+  const button = $("new-lines");
+  button.hidden = count === 0;
+  button.textContent = plural(count, "new line") + " \u2193";
+}
+
+// Once more than maxLiveLines lines have arrived live, drops as many of the oldest lines
+// as arrived past that (so the view holds at most what the reader loaded plus
+// maxLiveLines), keeping what the reader sees where it is; "Load earlier" then no
+// longer joins up, so it goes, and a note says why.
+function trimLive(lines, log, added) {
+  log.live = (log.live || 0) + added;
+  const excess = log.live - maxLiveLines;
+  if (excess <= 0) return;
+  log.live = maxLiveLines;
+  const before = lines.scrollHeight;
+  let first = lines.firstElementChild;
+  if (first && first.classList.contains("trimmed")) first = first.nextElementSibling;
+  for (let i = 0; i < excess && first; i++) {
+    const next = first.nextElementSibling;
+    first.remove();
+    first = next;
+  }
+  if (!lines.firstElementChild || !lines.firstElementChild.classList.contains("trimmed")) {
+    lines.prepend(el("div", "l sep trimmed", "older lines left this view to keep it light; open the log again to read them"));
+  }
+  log.earlier = null;
+  $("load-earlier").hidden = true;
+  lines.scrollTop -= before - lines.scrollHeight;
+}
+
 function startLive() {
   stopLive();
   const log = state.log;
@@ -429,14 +468,16 @@ function startLive() {
   source.addEventListener("text", (event) => {
     const data = JSON.parse(event.data);
     const lines = $("log-lines");
-    const atBottom = lines.scrollHeight - lines.scrollTop - lines.clientHeight < 40;
+    const atBottom = atLinesBottom(lines);
     // With the index, a line is a header only once the index says the collector wrote it.
     const added = appendText(lines, data.text, true, log.indexed ? { headers: [] } : undefined);
     levelLive(log, added, log.end, data.end, data.inode, 0);
     log.end = data.end;
     log.inode = data.inode;
     state.retry = 0;
+    trimLive(lines, log, added.length);
     if (atBottom) lines.scrollTop = lines.scrollHeight;
+    else showUnseen((state.unseen || 0) + added.length);
   });
   source.addEventListener("rotated", (event) => {
     const data = JSON.parse(event.data);
@@ -704,6 +745,12 @@ document.addEventListener("DOMContentLoaded", () => {
   initSort();
   initSearch();
   $("load-earlier").addEventListener("click", loadEarlier);
+  $("new-lines").addEventListener("click", () => {
+    const lines = $("log-lines");
+    lines.scrollTop = lines.scrollHeight;
+    showUnseen(0);
+  });
+  $("log-lines").addEventListener("scroll", () => { if (state.unseen && atLinesBottom($("log-lines"))) showUnseen(0); });
   $("load-later").addEventListener("click", loadLater);
   $("log-level").addEventListener("change", applyLevelFilter);
   $("live").addEventListener("change", toggleLive);
