@@ -3,6 +3,8 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string>
+#include <string_view>
 
 namespace {
 
@@ -65,6 +67,23 @@ bool isWellFormed(const char* text, std::size_t size) {
         p += length;
     }
     return true;
+}
+
+std::string escapeControls(std::string_view text, bool keepTabs) {
+    static const char kHex[] = "0123456789abcdef";
+    std::string result;
+    result.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if ((byte < 0x20 && !(keepTabs && c == '\t')) || byte == 0x7f) {
+            result += "\\x";
+            result += kHex[byte >> 4];
+            result += kHex[byte & 15];
+        } else {
+            result += c;
+        }
+    }
+    return result;
 }
 
 }  // namespace Utf8Text

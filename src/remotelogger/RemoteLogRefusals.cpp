@@ -4,24 +4,13 @@
 #include <QDateTime>
 
 #include "CBBLog.h"
+#include "Utf8Text.h"
 
 namespace {
 
 // `text` cut to the kept length, its control characters as "\xHH", for the log line.
 std::string shown(const std::string& text) {
-    std::string result;
-    for (const char c : text.substr(0, RemoteLogRefusals::kMaxText)) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7f) {
-            static const char kHex[] = "0123456789abcdef";
-            result += "\\x";
-            result += kHex[byte >> 4];
-            result += kHex[byte & 15];
-        } else {
-            result += c;
-        }
-    }
-    return result;
+    return Utf8Text::escapeControls(std::string_view(text).substr(0, RemoteLogRefusals::kMaxText));
 }
 
 }  // namespace

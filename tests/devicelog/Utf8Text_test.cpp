@@ -82,4 +82,10 @@ TEST(Utf8Text, RandomBytesItAcceptsSurviveTheRoundTrip) {
     EXPECT_GT(accepted, 5000);
 }
 
+TEST(Utf8Text, ControlCharactersAreEscapedForOneLine) {
+    EXPECT_EQ(Utf8Text::escapeControls(std::string("a\tb\nc\x1b[0m\x7f\0\xc3\xa9", 13)),
+              "a\\x09b\\x0ac\\x1b[0m\\x7f\\x00\xc3\xa9");
+    EXPECT_EQ(Utf8Text::escapeControls("a\tb\n", true), "a\tb\\x0a");
+}
+
 }  // namespace

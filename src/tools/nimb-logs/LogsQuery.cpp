@@ -20,6 +20,7 @@
 #include "LogsHistory.h"
 #include "LogsIndex.h"
 #include "LogsTime.h"
+#include "Utf8Text.h"
 
 namespace {
 
@@ -95,22 +96,7 @@ bool readAt(int fd, std::uint64_t offset, std::size_t length, std::string& out) 
     return true;
 }
 
-std::string escaped(std::string_view text) {
-    std::string result;
-    result.reserve(text.size());
-    static const char kHex[] = "0123456789abcdef";
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if ((byte < 0x20 && c != '\t') || byte == 0x7f) {
-            result += "\\x";
-            result += kHex[byte >> 4];
-            result += kHex[byte & 15];
-        } else {
-            result += c;
-        }
-    }
-    return result;
-}
+std::string escaped(std::string_view text) { return Utf8Text::escapeControls(text, true); }
 
 std::string deviceOf(const Piece& piece) {
     const DeviceLogIndex::Identity& source = piece.source;
