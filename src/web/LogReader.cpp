@@ -41,24 +41,34 @@ void setLater(std::uint64_t size, Chunk& chunk) {
     }
 }
 
+// Opens the log file `file` for a chunk into `fd` and `st`. Nothing when it cannot be
+// read; when only its ".back" exists (between a rotation and the next write), a chunk
+// without text that continues earlier, with `fd` left closed.
+std::optional<Chunk> openFile(const std::string& folder, const std::string& file, UniqueFd& fd,
+                              struct stat& st) {
+    if (!SafeFolder::isPlainName(file)) return std::nullopt;
+    Chunk chunk;
+    chunk.file = file;
+    fd = SafeFolder::openRegular(folder, file, &st);
+    if (!fd.valid()) {
+        if (isBack(file) || !SafeFolder::openRegular(folder, file + kBack, nullptr).valid()) {
+            return std::nullopt;
+        }
+        setEarlier(folder, chunk);  // its live end: nothing later
+    }
+    return chunk;
+}
+
 }  // namespace
 
 std::optional<Chunk> read(const std::string& folder, const std::string& file,
                           std::optional<std::uint64_t> before, std::size_t limit) {
-    if (!SafeFolder::isPlainName(file)) return std::nullopt;
     limit = std::clamp<std::size_t>(limit, 1, kMaxChunk);
-    Chunk chunk;
-    chunk.file = file;
+    UniqueFd fd;
     struct stat st {};
-    const UniqueFd fd = SafeFolder::openRegular(folder, file, &st);
-    if (!fd.valid()) {
-        // Between a rotation and the next write only the ".back" exists.
-        if (isBack(file) || !SafeFolder::openRegular(folder, file + kBack, nullptr).valid()) {
-            return std::nullopt;
-        }
-        setEarlier(folder, chunk);
-        return chunk;
-    }
+    std::optional<Chunk> opened = openFile(folder, file, fd, st);
+    if (!opened || !fd.valid()) return opened;
+    Chunk& chunk = *opened;
     const auto size = static_cast<std::uint64_t>(st.st_size);
     chunk.inode = static_cast<std::uint64_t>(st.st_ino);
     chunk.end = std::min(before.value_or(size), size);
@@ -77,24 +87,17 @@ std::optional<Chunk> read(const std::string& folder, const std::string& file,
     }
     setEarlier(folder, chunk);
     setLater(size, chunk);
-    return chunk;
+    return opened;
 }
 
 std::optional<Chunk> readAfter(const std::string& folder, const std::string& file,
                                std::uint64_t after, std::size_t limit) {
-    if (!SafeFolder::isPlainName(file)) return std::nullopt;
     limit = std::clamp<std::size_t>(limit, 1, kMaxChunk);
-    Chunk chunk;
-    chunk.file = file;
+    UniqueFd fd;
     struct stat st {};
-    const UniqueFd fd = SafeFolder::openRegular(folder, file, &st);
-    if (!fd.valid()) {
-        if (isBack(file) || !SafeFolder::openRegular(folder, file + kBack, nullptr).valid()) {
-            return std::nullopt;
-        }
-        setEarlier(folder, chunk);  // its live end: nothing later
-        return chunk;
-    }
+    std::optional<Chunk> opened = openFile(folder, file, fd, st);
+    if (!opened || !fd.valid()) return opened;
+    Chunk& chunk = *opened;
     const auto size = static_cast<std::uint64_t>(st.st_size);
     chunk.inode = static_cast<std::uint64_t>(st.st_ino);
     chunk.start = std::min(after, size);
@@ -111,7 +114,7 @@ std::optional<Chunk> readAfter(const std::string& folder, const std::string& fil
     }
     setEarlier(folder, chunk);
     setLater(size, chunk);
-    return chunk;
+    return opened;
 }
 
 }  // namespace LogReader
