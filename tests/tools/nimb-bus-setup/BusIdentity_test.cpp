@@ -348,20 +348,33 @@ TEST_F(BusIdentityTest, FloodSpreadOverMacsIsAnsweredBusy) {
               NATS_OK);
     constexpr int kRounds = 4;
     constexpr int kPerRound = 160;  // 40 per MAC address: under its own bound of 64
-    const std::string chunk(32 * 1024, 'f');
+    // Each text is 32 KiB of short stamped lines, which cost the collector far more to take
+    // in than a sender to publish; every frame is encoded before the flood starts, so that a
+    // burst is publishing only and outpaces the collector even in a slow (sanitized) build.
+    std::string chunk;
+    for (int line = 0; chunk.size() < 32 * 1024 - 64; ++line)
+        chunk += "2026-01-01 00:00:0" + std::to_string(line % 10) + " E flood " +
+                 std::to_string(line) + "\n";
+    std::vector<std::string> frames(kRounds * kPerRound);
+    for (int round = 0; round < kRounds; ++round) {
+        for (int n = 0; n < kPerRound; ++n) {
+            const std::string mac = gammaMac(kGammaMacs - 1 - n % kMaxLogsPerDevice);
+            std::string error;
+            ASSERT_EQ(KibCodec::encodeRequest(
+                          "gamma",
+                          round % 2 == 1 ? variants(str(mac), str("flood.log"), str(chunk)).get()
+                                         : announcement(mac, "gamma", "flood.log").get(),
+                          frames[round * kPerRound + n], error),
+                      KIB_OK)
+                << error;
+        }
+    }
     std::atomic<bool> flooding{true};
     std::thread flooder([&] {
         for (int round = 0; round < kRounds; ++round) {
             const bool texts = round % 2 == 1;
             for (int n = 0; n < kPerRound; ++n) {
-                std::string frame;
-                std::string error;
-                const std::string mac = gammaMac(kGammaMacs - 1 - n % kMaxLogsPerDevice);
-                KibCodec::encodeRequest("gamma",
-                                        texts
-                                            ? variants(str(mac), str("flood.log"), str(chunk)).get()
-                                            : announcement(mac, "gamma", "flood.log").get(),
-                                        frame, error);
+                const std::string& frame = frames[round * kPerRound + n];
                 natsConnection_PublishRequest(
                     flood.connection(),
                     texts ? "kib.svc.RemoteLogger.AppendLog.device-gamma"
