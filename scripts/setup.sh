@@ -14,6 +14,9 @@ packages=(
     clang-format
     clang
     libarchive-dev libre2-dev libsqlite3-dev
+    # Alert notifications (web hooks, ntfy-style HTTP, SMTP with STARTTLS) go through
+    # libcurl; the tests receive the mail with a real SMTP server on loopback.
+    libcurl4-openssl-dev python3-aiosmtpd
     chromium
     # The page shows control characters in device text as Control Pictures (U+2400),
     # which only this font covers on Debian; without it screenshots show boxes.
