@@ -21,9 +21,9 @@ if [ "$what" = all ] || [ "$what" = analysis ]; then
     # NIMB_TSAN leaves Breakpad out, which this build does not need.
     CC=clang CXX=clang++ cmake -S . -B build-tsa -DCMAKE_BUILD_TYPE=Debug -DNIMB_THREAD_SAFETY=ON \
         -DNIMB_TSAN=ON -DNIMB_BUILD_TESTS=OFF -DNIMB_BUILD_BENCH=OFF "${launcher[@]}" >/dev/null
-    cmake --build build-tsa -j "$jobs" --target nimb_thread nimb_settings nimb_log nimb_devicelog \
-        nimb_filetools nimb_kib nimb_variant nimb_crash nimb_modulebase nimb_remotelogger \
-        nimb_syslog nimb_web
+    cmake --build build-tsa -j "$jobs" --target nimb_thread nimb_settings nimb_alerts nimb_log \
+        nimb_devicelog nimb_filetools nimb_kib nimb_variant nimb_crash nimb_modulebase \
+        nimb_remotelogger nimb_syslog nimb_web
 fi
 
 if [ "$what" = all ] || [ "$what" = tsan ]; then

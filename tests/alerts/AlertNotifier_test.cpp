@@ -3,6 +3,9 @@
 // ntfy-style headers, mail over STARTTLS and TLS with a login, and the failures.
 #include "AlertNotifier.h"
 
+#include <atomic>
+#include <thread>
+
 #include <QByteArray>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -95,6 +98,17 @@ TEST(AlertNotifierHttp, WebhookSendsTheFieldsAndHostileTextIntact) {
     ASSERT_EQ(json["lines"].toArray().size(), 3);
     EXPECT_EQ(json["lines"].toArray()[2].toString(), hostile);
     EXPECT_TRUE(json["test"].toBool());
+
+    // One notifier, several senders at once.
+    const AlertNotifier shared;
+    std::vector<std::thread> senders;
+    std::atomic<int> delivered{0};
+    for (int i = 0; i < 4; ++i) {
+        senders.emplace_back([&] { delivered += shared.send(channel, sampleMessage()).ok; });
+    }
+    for (std::thread& sender : senders) sender.join();
+    EXPECT_EQ(delivered.load(), 4);
+    EXPECT_TRUE(receivers.waitForRequests(5));
 }
 
 TEST(AlertNotifierHttp, NtfyHeadersStayOnOneLine) {
