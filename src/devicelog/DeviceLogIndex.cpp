@@ -27,6 +27,7 @@
 #include "PThread.h"
 #include "PThreadDelegate.h"
 #include "RotatingLogFile.h"
+#include "SqliteStatement.h"
 
 namespace {
 
@@ -72,45 +73,7 @@ long long nowMs() {
         .count();
 }
 
-// A prepared statement, finalized on destruction.
-class Statement {
-public:
-    Statement(sqlite3* db, const char* sql) {
-        sqlite3_prepare_v2(db, sql, -1, &statement_, nullptr);
-    }
-    Statement(const Statement&) = delete;
-    Statement& operator=(const Statement&) = delete;
-    ~Statement() { sqlite3_finalize(statement_); }
-    bool ok() const { return statement_ != nullptr; }
-    Statement& bind(int index, long long value) {
-        sqlite3_bind_int64(statement_, index, value);
-        return *this;
-    }
-    Statement& bind(int index, const std::string& value) {
-        sqlite3_bind_text(statement_, index, value.data(), static_cast<int>(value.size()),
-                          SQLITE_TRANSIENT);
-        return *this;
-    }
-    Statement& bindNull(int index) {
-        sqlite3_bind_null(statement_, index);
-        return *this;
-    }
-    // SQLITE_ROW while rows come, SQLITE_DONE at the end, else an error.
-    int step() { return statement_ != nullptr ? sqlite3_step(statement_) : SQLITE_ERROR; }
-    void reset() {
-        sqlite3_reset(statement_);
-        sqlite3_clear_bindings(statement_);
-    }
-    long long integer(int column) const { return sqlite3_column_int64(statement_, column); }
-    bool isNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
-    std::string text(int column) const {
-        const auto* value = sqlite3_column_text(statement_, column);
-        return value != nullptr ? reinterpret_cast<const char*>(value) : "";
-    }
-
-private:
-    sqlite3_stmt* statement_ = nullptr;
-};
+using Statement = SqliteStatement;
 
 // Whether the file at `path` holds a device log rather than a program's own log: it
 // starts with a header line (as every device log the collector creates does), or, for a
@@ -785,14 +748,20 @@ std::vector<DeviceLogIndex::Piece> DeviceLogIndex::query(const Query& q) const {
             "substr(l.file, 1, length(?5)) = ?5)";
     }
     if (q.headersOnly) sql += " AND p.header = 1";
+    if (q.minId != 0)
+        sql += " AND p.id >= ?" + std::to_string(7 + (someFiles ? q.files.size() : 0));
     // With a filter an index serves (time, file, headers), the few pieces it finds are
     // sorted afterwards: "+" keeps SQLite from scanning a whole index for its order instead.
     const bool selective =
         q.since != 0 || q.until != 0 || q.headersOnly || !q.file.empty() || someFiles;
     const char* const plus = selective ? "+" : "";
-    sql += q.order == Order::Time
-               ? std::string(" ORDER BY ") + plus + "p.first_time, p.id"
-               : std::string(" ORDER BY ") + plus + "p.log, p.generation, p.offset";
+    if (q.order == Order::Id) {
+        sql += " ORDER BY p.id";
+    } else {
+        sql += q.order == Order::Time
+                   ? std::string(" ORDER BY ") + plus + "p.first_time, p.id"
+                   : std::string(" ORDER BY ") + plus + "p.log, p.generation, p.offset";
+    }
     sql += " LIMIT ?6";
     Statement select(db_, sql.c_str());
     if (q.since != 0) select.bind(1, q.since);
@@ -805,6 +774,9 @@ std::vector<DeviceLogIndex::Piece> DeviceLogIndex::query(const Query& q) const {
         for (std::size_t i = 0; i < q.files.size(); ++i)
             select.bind(static_cast<int>(7 + i), q.files[i]);
     }
+    if (q.minId != 0)
+        select.bind(static_cast<int>(7 + (someFiles ? q.files.size() : 0)),
+                    static_cast<long long>(q.minId));
     std::vector<Piece> pieces;
     while (select.step() == SQLITE_ROW) {
         Piece p;

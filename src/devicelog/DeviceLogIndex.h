@@ -80,9 +80,10 @@ public:
         bool header = false;
         Identity source;
     };
-    // The order of the pieces a query gives: by their first line time, or by place (log,
-    // generation, offset: the order of the index itself, the cheapest for many pieces).
-    enum class Order { Time, Place };
+    // The order of the pieces a query gives: by their first line time, by place (log,
+    // generation, offset: the order of the index itself, the cheapest for many pieces), or
+    // by id (the order pieces were started in, which a follower of every log reads in).
+    enum class Order { Time, Place, Id };
     // What a reader asks for; empty fields do not filter.
     struct Query {
         long long since = 0;             // line times at or after (s since 1970 UTC); 0: any
@@ -93,6 +94,7 @@ public:
         std::vector<std::string> files;  // any of these log files (more than
                                          // kMaxQueryFiles: any file)
         bool headersOnly = false;
+        std::int64_t minId = 0;  // pieces with this id or a later one (0: any)
         std::size_t limit = 100000;
         Order order = Order::Time;
         bool withSource = true;  // false: Piece::source stays empty (cheaper)

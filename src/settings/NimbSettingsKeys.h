@@ -12,6 +12,7 @@ constexpr const char* kSuiteKey = "Software\\Pellix\\Nimb";
 constexpr const char* kConfigKey = "Software\\Pellix\\Nimb\\Config";
 constexpr const char* kSyslogKey = "Software\\Pellix\\Nimb\\Syslog";
 constexpr const char* kWebKey = "Software\\Pellix\\Nimb\\Web";
+constexpr const char* kAlertsKey = "Software\\Pellix\\Nimb\\Alerts";
 
 // Value names under kConfigKey.
 constexpr const char* kBusHost = "kibDirectory.host";
@@ -98,6 +99,14 @@ constexpr Key kKeys[] = {
     {kWebKey, "MaxConnectionsPerAddress", "int", "64", "open nimb-web connections per address"},
     {kWebKey, "LoginDelay", "int", "1000", "ms an address waits after a failed login"},
     {kWebKey, "LoginDelayMax", "int", "30000", "ms, the longest such wait (doubling)"},
+    {kAlertsKey, "Rules", "string", "[]", "alert rules (JSON; edited in the console)"},
+    {kAlertsKey, "Channels", "string", "[]", "where alerts go (JSON; edited in the console)"},
+    {kAlertsKey, "ConsoleUrl", "string", "http://<Listen>/",
+     "the console's address as links in notifications give it"},
+    {kAlertsKey, "SecretsFile", "string", "<config>/pellix/alert-secrets",
+     "channel tokens and passwords (mode 0600)"},
+    {kAlertsKey, "StateFile", "string", "<state>/pellix/nimb-web-alerts.sqlite",
+     "what alerts have read, fired and sent"},
 };
 
 }  // namespace NimbSettings

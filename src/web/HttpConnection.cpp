@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "HttpConnection.h"
 
+#include <algorithm>
 #include <limits>
 
 #include <sys/socket.h>
@@ -31,11 +32,13 @@ constexpr qint64 kFileWindow = 256 * 1024;
 // and dropped this long, so that it sees the answer instead of a reset.
 constexpr int kLingerMs = 2000;
 
-// A request body that is counted and dropped: nimb-web serves GET only, so a body is
-// never used, and none is ever kept in memory.
-struct DiscardBody {
+// A request body that is counted, and kept only up to the bound the handler asked for
+// (0 for the requests that use no body): what is past it is dropped.
+struct BoundedBody {
     struct value_type {
         std::uint64_t size = 0;
+        std::size_t keep = 0;
+        std::string kept;
     };
     class reader {
     public:
@@ -46,6 +49,13 @@ struct DiscardBody {
         std::size_t put(const Buffers& buffers, error_code& ec) {
             ec = {};
             const std::size_t size = boost::beast::buffer_bytes(buffers);
+            for (auto it = boost::asio::buffer_sequence_begin(buffers);
+                 it != boost::asio::buffer_sequence_end(buffers) && body_.kept.size() < body_.keep;
+                 ++it) {
+                const boost::asio::const_buffer piece(*it);
+                const std::size_t take = std::min(piece.size(), body_.keep - body_.kept.size());
+                body_.kept.append(static_cast<const char*>(piece.data()), take);
+            }
             body_.size += size;
             return size;
         }
@@ -114,7 +124,7 @@ QUrl targetUrl(const QByteArray& target) {
 }  // namespace
 
 struct HttpConnection::Parser {
-    http::request_parser<DiscardBody> parser;
+    http::request_parser<BoundedBody> parser;
     Parser() {
         parser.header_limit(HttpLimits::kMaxHeadBytes);
         parser.body_limit(std::numeric_limits<std::uint64_t>::max());  // checked here
@@ -243,12 +253,13 @@ void HttpConnection::onHeadComplete() {
     handler_(*this, request);
 }
 
-void HttpConnection::readBody(std::function<void()> then) {
+void HttpConnection::readBody(std::function<void()> then, std::size_t keep) {
     if (state_ != State::AwaitingAnswer) return;
     if (bodyRead_) {
         then();
         return;
     }
+    parser_->parser.get().body().keep = keep;
     afterBody_ = std::move(then);
     parser_->parser.eager(true);
     state_ = State::ReadingBody;
@@ -283,6 +294,14 @@ bool HttpConnection::parseBody() {
     afterBody_ = nullptr;
     then();
     return true;
+}
+
+std::optional<std::string> HttpConnection::body() const {
+    if (!parser_) return std::string();
+    if (!parser_->parser.is_done()) return std::nullopt;
+    const BoundedBody::value_type& body = parser_->parser.get().body();
+    if (body.size > body.kept.size()) return std::nullopt;
+    return body.kept;
 }
 
 void HttpConnection::writeHead(int status, const HttpHeaders& headers,

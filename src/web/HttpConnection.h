@@ -12,6 +12,8 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -59,10 +61,14 @@ public:
 
     QHostAddress peer() const { return peer_; }
 
-    // Reads the current request's body (counted, dropped; the body timeout and limit
-    // apply), then calls `then`. Calls it at once when there is no body. On a body that
-    // is too long or too slow the connection answers 413/408 and closes instead.
-    void readBody(std::function<void()> then);
+    // Reads the current request's body (counted; its first `keep` bytes kept, the rest
+    // dropped; the body timeout and limit apply), then calls `then`. Calls it at once when
+    // there is no body. On a body that is too long or too slow the connection answers
+    // 413/408 and closes instead.
+    void readBody(std::function<void()> then, std::size_t keep = 0);
+    // The body read for the current request: "" when there was none, nothing when it was
+    // longer than what readBody() kept.
+    std::optional<std::string> body() const;
 
     // Answers the current request with `body` (Content-Length added). The connection
     // closes after it when the request asked to, or when its body was not read.

@@ -1,11 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "WebServer.h"
 
+#include <cstdio>
+#include <optional>
+
 #include <QDateTime>
 #include <QFile>
 #include <QPointer>
 #include <QUrlQuery>
 
+#include "AlertConsole.h"
 #include "HttpConnection.h"
 #include "HttpListener.h"
 #include "LogCatalog.h"
@@ -29,6 +33,7 @@ struct StaticFile {
 const StaticFile kStaticFiles[] = {
     {"/", ":/web/index.html", "text/html; charset=utf-8"},
     {"/app.js", ":/web/app.js", "text/javascript; charset=utf-8"},
+    {"/alerts.js", ":/web/alerts.js", "text/javascript; charset=utf-8"},
     {"/app.css", ":/web/app.css", "text/css; charset=utf-8"},
     {"/icon.svg", ":/web/icon.svg", "image/svg+xml"},
 };
@@ -66,6 +71,8 @@ WebServer::WebServer(const WebSettings& settings, QObject* parent)
           },
           this)) {
     pool_.setMaxThreadCount(kWorkers);
+    alerts_ = std::make_unique<AlertConsole>(
+        AlertConsole::Options{settings.logsDir, {}, settings.listen.toStdString(), {}, {}, 500});
 }
 
 WebServer::~WebServer() {
@@ -76,7 +83,10 @@ WebServer::~WebServer() {
 }
 
 quint16 WebServer::start() {
-    return listener_->listen(settings_.host, settings_.port) ? listener_->serverPort() : 0;
+    if (!listener_->listen(settings_.host, settings_.port)) return 0;
+    std::string error;
+    if (!alerts_->start(error)) std::fprintf(stderr, "nimb-web: alerts: %s\n", error.c_str());
+    return listener_->serverPort();
 }
 
 void WebServer::send(HttpConnection& connection, const WebReply& reply) {
@@ -162,12 +172,47 @@ void WebServer::refuseCredentials(HttpConnection& connection) {
 
 void WebServer::admit(HttpConnection& connection, const HttpRequest& request) {
     QPointer<HttpConnection> target = &connection;
-    connection.readBody([this, target, request] {
-        if (target) route(*target, request);
+    // Only the requests that change something carry a body worth keeping.
+    const std::size_t keep =
+        request.method == "POST" ? static_cast<std::size_t>(settings_.limits.maxBodyBytes) : 0;
+    connection.readBody(
+        [this, target, request] {
+            if (target) route(*target, request);
+        },
+        keep);
+}
+
+bool WebServer::routeChange(HttpConnection& connection, const HttpRequest& request) {
+    const QString path = request.url.path();
+    const QString prefix = QStringLiteral("/api/alerts/");
+    if (request.method != "POST" || !path.startsWith(prefix)) return false;
+    // A page of another site can send a form to this one with the browser's stored
+    // credentials, but neither a JSON type nor a foreign origin gets through here.
+    const QByteArray type = request.value("Content-Type");
+    if (!type.startsWith("application/json")) {
+        send(connection, WebReply::error(415, QStringLiteral("send JSON (application/json)")));
+        return true;
+    }
+    const QByteArray origin = request.value("Origin");
+    if (!origin.isEmpty() && QUrl(QString::fromLatin1(origin)).authority() !=
+                                 QString::fromLatin1(request.value("Host"))) {
+        send(connection, WebReply::error(403, QStringLiteral("a request from another site")));
+        return true;
+    }
+    const std::optional<std::string> body = connection.body();
+    if (!body) {
+        send(connection, WebReply::error(413, QStringLiteral("request body too large")));
+        return true;
+    }
+    AlertConsole* alerts = alerts_.get();
+    defer(connection, [alerts, what = path.mid(prefix.size()), body = *body] {
+        return alerts->post(what, body);
     });
+    return true;
 }
 
 void WebServer::route(HttpConnection& connection, const HttpRequest& request) {
+    if (routeChange(connection, request)) return;
     if (request.method != "GET") {
         WebReply reply = WebReply::error(405, QStringLiteral("only GET is served"));
         reply.headers.emplace_back("Allow", "GET");
@@ -217,6 +262,9 @@ void WebServer::route(HttpConnection& connection, const HttpRequest& request) {
         defer(connection, [catalog, query] {
             return WebApi::archive(*catalog, query, QDateTime::currentSecsSinceEpoch());
         });
+    } else if (path == QLatin1String("/api/alerts")) {
+        AlertConsole* alerts = alerts_.get();
+        defer(connection, [alerts] { return alerts->get(); });
     } else if (path == QLatin1String("/api/crashes")) {
         defer(connection, [dumps] { return WebApi::crashes(dumps); });
     } else if (path == QLatin1String("/api/crash")) {

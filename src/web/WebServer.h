@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // WebServer: nimb-web's HTTP server. Serves the page from the program's resources, the
-// JSON API under /api/, live tails as server-sent events and /metrics. It only reads:
-// the logs folder and the dump folder, each file through SafeFolder. Every answer
+// JSON API under /api/, live tails as server-sent events and /metrics. It only reads
+// the logs folder and the dump folder, each file through SafeFolder; the one thing it
+// changes is the alerts (POST /api/alerts/..., JSON only, from its own pages). Every answer
 // carries a Content-Security-Policy that forbids inline script. Connections are taken
 // and held to their bounds by HttpListener/HttpConnection, credentials are checked by
 // LoginGate on its own thread; requests are routed on the main thread, file and bus
@@ -18,6 +19,7 @@
 #include "WebReply.h"
 #include "WebSettings.h"
 
+class AlertConsole;
 class HttpConnection;
 class HttpListener;
 class LogCatalog;
@@ -47,6 +49,9 @@ private:
     // Credentials passed: the body (if any) is read and dropped, then the request routed.
     void admit(HttpConnection& connection, const HttpRequest& request);
     void route(HttpConnection& connection, const HttpRequest& request);
+    // A request that changes something (POST /api/alerts/...): checked and handed to the
+    // alerts. False for any other request.
+    bool routeChange(HttpConnection& connection, const HttpRequest& request);
     void refuseCredentials(HttpConnection& connection);
     // Runs `work` on the pool and sends its reply on the main thread, if the client is
     // still there.
@@ -58,6 +63,7 @@ private:
     const WebSettings settings_;
     std::unique_ptr<LogCatalog> catalog_;
     std::unique_ptr<StatsClient> stats_;
+    std::unique_ptr<AlertConsole> alerts_;
     LoginGate* gate_ = nullptr;         // child of this
     TailHub* tails_ = nullptr;          // child of this
     HttpListener* listener_ = nullptr;  // child of this

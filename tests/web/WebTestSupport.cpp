@@ -115,13 +115,15 @@ std::string HttpResponse::header(const std::string& name) const {
 
 HttpResponse request(int port, const std::string& target,
                      const std::vector<std::string>& extraHeaders, const std::string& method,
-                     std::chrono::milliseconds timeout, const std::string& from) {
+                     std::chrono::milliseconds timeout, const std::string& from,
+                     const std::string& body) {
     HttpResponse response;
     const int fd = connectTo(port, from);
     if (fd < 0) return response;
     std::string out = method + " " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n";
     for (const std::string& h : extraHeaders) out += h + "\r\n";
-    out += "\r\n";
+    if (!body.empty()) out += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+    out += "\r\n" + body;
     if (::write(fd, out.data(), out.size()) != static_cast<ssize_t>(out.size())) {
         ::close(fd);
         return response;
@@ -207,6 +209,7 @@ void WebFixture::TearDown() {
 
 std::map<std::string, std::string> WebFixture::environment() const {
     std::map<std::string, std::string> env = {{"XDG_CONFIG_HOME", (root() / "cfg").string()},
+                                              {"XDG_STATE_HOME", (root() / "state").string()},
                                               {"TMPDIR", (root() / "tmp").string()}};
     for (const auto& [name, value] : extraEnvironment_) env[name] = value;
     return env;

@@ -28,13 +28,14 @@ struct HttpResponse {
 };
 
 // Sends "GET <target> HTTP/1.1" (or another method) with `extraHeaders` ("Name: value"
-// lines) and reads one response with a Content-Length body. Bounded by `timeout`. From
-// the loopback address `from` when given (e.g. "127.0.0.2", to stand for another host).
+// lines) and `body` (with its Content-Length, when not empty), and reads one response
+// with a Content-Length body. Bounded by `timeout`. From the loopback address `from`
+// when given (e.g. "127.0.0.2", to stand for another host).
 HttpResponse request(int port, const std::string& target,
                      const std::vector<std::string>& extraHeaders = {},
                      const std::string& method = "GET",
                      std::chrono::milliseconds timeout = std::chrono::seconds(10),
-                     const std::string& from = "");
+                     const std::string& from = "", const std::string& body = "");
 
 // A connected TCP socket to 127.0.0.1:`port` from `from` (default 127.0.0.1); -1 on failure.
 int connectTo(int port, const std::string& from = "");

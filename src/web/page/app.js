@@ -99,7 +99,7 @@ function route() {
   const hash = location.hash.replace(/^#\/?/, "") || "devices";
   const [name, search] = hash.split("?");
   const params = new URLSearchParams(search || "");
-  const view = ["devices", "log", "search", "health"].includes(name) ? name : "devices";
+  const view = ["devices", "log", "search", "alerts", "health"].includes(name) ? name : "devices";
   stopLive();
   clearInterval(state.timer);
   state.view = view;
@@ -108,6 +108,7 @@ function route() {
   if (view === "devices") { loadDevices(); state.timer = setInterval(loadDevices, 10000); }
   if (view === "log") openLog(params.get("file") || "", params.get("at"), params.get("generation"));
   if (view === "search") openSearch(params);
+  if (view === "alerts") { loadAlerts(); state.timer = setInterval(loadAlerts, 5000); }
   if (view === "health") { loadHealth(); state.timer = setInterval(loadHealth, 5000); }
 }
 
