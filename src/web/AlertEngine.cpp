@@ -82,6 +82,15 @@ std::string deviceName(const DeviceLogIndex::Piece& piece) {
     return DeviceLogNames::deviceOfFile(piece.file);
 }
 
+// The log's own name: its file name without the device part ("system.log").
+std::string logName(const std::string& file) {
+    const std::string device = DeviceLogNames::deviceOfFile(file);
+    if (device.size() + 1 < file.size() && file.compare(0, device.size(), device) == 0 &&
+        file[device.size()] == '-')
+        return file.substr(device.size() + 1);
+    return file;
+}
+
 }  // namespace
 
 // A rule made ready for matching.
@@ -506,7 +515,7 @@ void AlertEngine::matchLine(Round& round, const DeviceLogIndex::Piece& piece, st
                       (rule.count > 1 ? plural(fired.matches, "match") + " within " +
                                             plural(rule.minutes, "minute") + " on "
                                       : "") +
-                      noticeLine(deviceName(piece)) + " " + piece.file;
+                      noticeLine(deviceName(piece)) + " \u00b7 " + noticeLine(logName(piece.file));
         fired.severity = r.windowSeverity;
         fired.lines = r.windowLines;
         fired.place = r.windowPlace;
