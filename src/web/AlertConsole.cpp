@@ -94,8 +94,7 @@ bool AlertConsole::start(std::string& error) {
     return started;
 }
 
-AlertEngine::Outcome AlertConsole::send(const AlertChannelConfig& config,
-                                        const AlertEngine::Notice& notice) {
+AlertChannel AlertConsole::channelOf(const AlertChannelConfig& config, std::string secret) {
     AlertChannel channel;
     channel.kind = config.kind == AlertChannelConfig::Kind::Email  ? AlertChannel::Kind::Email
                    : config.kind == AlertChannelConfig::Kind::Ntfy ? AlertChannel::Kind::Ntfy
@@ -106,10 +105,11 @@ AlertEngine::Outcome AlertConsole::send(const AlertChannelConfig& config,
     channel.to = config.to;
     channel.priority = config.priority;
     channel.caFile = config.caFile;
-    std::string error;
-    const std::optional<std::string> secret = secrets_->get(secretName(config.id), error);
-    if (!error.empty()) return {false, error};
-    if (secret) channel.secret = *secret;
+    channel.secret = std::move(secret);
+    return channel;
+}
+
+AlertMessage AlertConsole::messageOf(const AlertEngine::Notice& notice) {
     AlertMessage message;
     message.rule = notice.ruleName;
     message.title = notice.title;
@@ -121,7 +121,16 @@ AlertEngine::Outcome AlertConsole::send(const AlertChannelConfig& config,
     message.lastTime = notice.lastMs / 1000;
     message.lines = notice.lines;
     message.test = notice.test;
-    const AlertSendResult result = notifier_->send(channel, message);
+    return message;
+}
+
+AlertEngine::Outcome AlertConsole::send(const AlertChannelConfig& config,
+                                        const AlertEngine::Notice& notice) {
+    std::string error;
+    const std::optional<std::string> secret = secrets_->get(secretName(config.id), error);
+    if (!error.empty()) return {false, error};
+    const AlertSendResult result =
+        notifier_->send(channelOf(config, secret.value_or("")), messageOf(notice));
     return {result.ok, result.error};
 }
 

@@ -24,6 +24,8 @@
 
 class AlertNotifier;
 class AlertSecrets;
+struct AlertChannel;
+struct AlertMessage;
 
 class AlertConsole {
 public:
@@ -48,6 +50,10 @@ public:
     WebReply get();
     // `path` below /api/alerts/, `body` the request's JSON.
     WebReply post(const QString& path, const std::string& body);
+
+    // A channel and a notice as the notifier takes them.
+    static AlertChannel channelOf(const AlertChannelConfig& config, std::string secret);
+    static AlertMessage messageOf(const AlertEngine::Notice& notice);
 
     // The default places of the secrets and of the state.
     static std::string defaultSecretsPath();
