@@ -23,9 +23,7 @@
 
 #include "AlertConsole.h"
 #include "AlertNotifier.h"
-#include "DeviceLogHistory.h"
-#include "DeviceLogIndex.h"
-#include "DeviceLogWriter.h"
+#include "IndexedLogWriter.h"
 #include "LogIndexView.h"
 #include "NimbTestSupport.h"
 #include "NotifyReceivers.h"
@@ -45,46 +43,20 @@ protected:
     void TearDown() override {
         engine_.reset();
         writer_.reset();
-        index_.reset();
     }
     std::string logs() const { return (fs::path(dir_.path()) / "logs").string(); }
 
     // The collector's side: a writer with its index (and a history when it rotates).
     void openWriter(long long rotateSize = 0) {
-        std::string error;
-        index_ = DeviceLogIndex::openForWriting(logs(), error);
-        ASSERT_TRUE(index_) << error;
-        DeviceLogWriter::Options options;
-        options.logsDir = logs();
-        options.index = index_;
-        if (rotateSize > 0) {
-            DeviceLogHistory::Options historyOptions;
-            historyOptions.logsDir = logs();
-            historyOptions.maxAgeDays = 0;
-            historyOptions.minFreePercent = 0;
-            history_ = std::make_shared<DeviceLogHistory>(historyOptions);
-            options.rotateSize = rotateSize;
-            options.history = history_;
-        }
-        writer_ = std::make_unique<DeviceLogWriter>(options);
-        DeviceLogIndex::Identity identity;
-        identity.deviceId = "puck-7";
-        identity.mac = "00:11:22:33:44:55";
-        identity.displayName = "Kitchen Camera";
-        writer_->setIdentity(kFile, identity);
+        writer_ = std::make_unique<IndexedLogWriter>(logs(), kFile, rotateSize);
+        ASSERT_TRUE(writer_->ok());
         write(
             "\n===== Kitchen Camera - sat1 === 2026/11/24 12:00:00 <-> 2026/11/24 12:00:00 "
             "=====\n",
             true);
     }
     void write(const std::string& text, bool header = false) {
-        LogTextInfo info;
-        info.header = header;
-        info.receivedMs = QDateTime::currentMSecsSinceEpoch();
-        ASSERT_TRUE(writer_->open(kFile)->append(text, nullptr, info));
-        writer_->drain();
-        if (history_) history_->drain();
-        index_->flush();
+        writer_->append(text, header, QDateTime::currentMSecsSinceEpoch());
     }
     static std::string lines(int first, int count, const std::string& what) {
         std::string text;
@@ -154,9 +126,7 @@ protected:
     }
 
     TempDir dir_;
-    std::shared_ptr<DeviceLogIndex> index_;
-    std::shared_ptr<DeviceLogHistory> history_;
-    std::unique_ptr<DeviceLogWriter> writer_;
+    std::unique_ptr<IndexedLogWriter> writer_;
     std::unique_ptr<AlertEngine> engine_;
     std::mutex mutex_;
     std::vector<AlertEngine::Notice> notices_;
@@ -258,7 +228,7 @@ TEST_F(AlertEngineTest, ThresholdCountsAcrossRotationsAndLinksToTheFirstLine) {
         }
     }
     EXPECT_EQ(text.substr(0, 40), "2026-11-25 10:00:00 E/app: disk full 0\n2");
-    EXPECT_FALSE(history_->list(kFile).empty());
+    EXPECT_FALSE(writer_->history()->list(kFile).empty());
 }
 
 TEST_F(AlertEngineTest, SilentDeviceFiresOnceAndAgainWhenItComesBack) {

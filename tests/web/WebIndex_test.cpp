@@ -28,6 +28,7 @@
 #include "DeviceLogHistory.h"
 #include "DeviceLogIndex.h"
 #include "DeviceLogWriter.h"
+#include "IndexedLogWriter.h"
 #include "LogCatalog.h"
 #include "LogCorpus.h"
 #include "LogIndexView.h"
@@ -52,42 +53,11 @@ protected:
     // Writes `texts` (the first is the header) as one write each. With `rotateSize` the
     // log rotates as it fills and its older generations go to a history, compressed.
     void writeLog(const std::vector<std::string>& texts, long long rotateSize = 0) {
-        std::string error;
-        std::shared_ptr<DeviceLogIndex> index = DeviceLogIndex::openForWriting(logs(), error);
-        ASSERT_TRUE(index) << error;
-        DeviceLogWriter::Options options;
-        options.logsDir = logs();
-        options.index = index;
-        std::shared_ptr<DeviceLogHistory> history;
-        if (rotateSize > 0) {
-            DeviceLogHistory::Options historyOptions;
-            historyOptions.logsDir = logs();
-            historyOptions.maxAgeDays = 0;
-            historyOptions.minFreePercent = 0;
-            history = std::make_shared<DeviceLogHistory>(historyOptions);
-            options.rotateSize = rotateSize;
-            options.history = history;
-        }
-        DeviceLogWriter writer(options);
-        DeviceLogIndex::Identity identity;
-        identity.deviceId = "puck-7";
-        identity.mac = "00:11:22:33:44:55";
-        identity.displayName = "Kitchen Camera";
-        identity.caller = "sat1";
-        writer.setIdentity(kFile, identity);
-        const auto log = writer.open(kFile);
-        for (std::size_t i = 0; i < texts.size(); ++i) {
-            LogTextInfo info;
-            info.header = i == 0;
-            info.receivedMs = (received_ + static_cast<long long>(i)) * 1000;
-            ASSERT_TRUE(log->append(texts[i], nullptr, info));
-            writer.drain();  // one write per text, so that the file rotates as it fills
-        }
-        index->flush();
-        if (history) {
-            history->drain();
-            generations_ = history->list(kFile);
-        }
+        IndexedLogWriter log(logs(), kFile, rotateSize);
+        ASSERT_TRUE(log.ok());
+        for (std::size_t i = 0; i < texts.size(); ++i)
+            log.append(texts[i], i == 0, (received_ + static_cast<long long>(i)) * 1000);
+        if (log.history() != nullptr) generations_ = log.history()->list(kFile);
     }
 
     // Leaves the compressed history generation `entry` as the plain file it was before
