@@ -8,6 +8,7 @@
 #   nimb_breakpad                  static library (include directories come with it)
 #   NIMB_MINIDUMP_STACKWALK        path of the prebuilt minidump_stackwalk
 #   NIMB_MINIDUMP_DUMP             path of the prebuilt minidump_dump
+#   nimb_dump_syms                 host tool that writes a program's Breakpad symbol file
 #
 # Cache:
 #   NIMB_MINIDUMP_CACHE_DIR        where the extracted package is kept (default <source>/.cache)
@@ -111,3 +112,38 @@ target_include_directories(nimb_breakpad SYSTEM PUBLIC "${_bp}" "${_md_package}/
 target_compile_options(nimb_breakpad PRIVATE -w $<$<COMPILE_LANGUAGE:ASM>:-Wa,--noexecstack>)
 target_link_libraries(nimb_breakpad PUBLIC Threads::Threads)
 set_target_properties(nimb_breakpad PROPERTIES POSITION_INDEPENDENT_CODE ON CXX_STANDARD 17)
+
+# dump_syms, built from the same sources as a host tool: it reads a program's debug
+# information and writes the text symbol file that minidump_stackwalk uses to name
+# functions and source lines (cmake/NimbSymbols.cmake runs it for every installed program).
+# Only what the Linux tool needs: DWARF and ELF symbol readers; no Rust demangling and no
+# STABS (a debug format the compilers here do not write).
+find_package(ZLIB REQUIRED)
+set(_dump_syms_sources
+    common/dwarf_cfi_to_module.cc
+    common/dwarf_cu_to_module.cc
+    common/dwarf_line_to_module.cc
+    common/dwarf_range_list_handler.cc
+    common/language.cc
+    common/module.cc
+    common/path_helper.cc
+    common/dwarf/bytereader.cc
+    common/dwarf/dwarf2diehandler.cc
+    common/dwarf/dwarf2reader.cc
+    common/dwarf/elf_reader.cc
+    common/linux/crc32.cc
+    common/linux/dump_symbols.cc
+    common/linux/elf_symbols_to_module.cc
+    common/linux/elfutils.cc
+    common/linux/file_id.cc
+    common/linux/linux_libc_support.cc
+    common/linux/memory_mapped_file.cc
+    common/linux/safe_readlink.cc
+    tools/linux/dump_syms/dump_syms.cc)
+list(TRANSFORM _dump_syms_sources PREPEND "${_bp}/")
+add_executable(nimb_dump_syms ${_dump_syms_sources})
+target_include_directories(nimb_dump_syms SYSTEM PRIVATE "${_bp}" "${_md_package}/deps")
+target_compile_definitions(nimb_dump_syms PRIVATE NO_STABS_SUPPORT)
+target_compile_options(nimb_dump_syms PRIVATE -w)
+target_link_libraries(nimb_dump_syms PRIVATE ZLIB::ZLIB)
+set_target_properties(nimb_dump_syms PROPERTIES OUTPUT_NAME dump_syms CXX_STANDARD 17)

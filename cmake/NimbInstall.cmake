@@ -3,6 +3,8 @@
 #   P/bin/            every program of the suite and the "NimbLauncher" marker, so that
 #                     the programs find their own install folder and each other (the
 #                     daemon starts NimbCrashReporter from here)
+#   P/bin/symbols/    the programs' Breakpad symbol files, which the crash reporter
+#                     beside them uses to name functions (cmake/NimbSymbols.cmake)
 #   P/share/nimb/     the systemd unit and the bus directory's (nats-server) settings
 #   P/share/nimb/doc/ the pages an operator needs (operations, collector, settings, ...)
 #
@@ -30,10 +32,22 @@ endforeach()
 # Every installed program, for builds that want the programs without the tests
 # (scripts/run.sh builds this target, then installs). A program added to the install
 # belongs in this list too.
-add_custom_target(nimb_programs)
+set(_nimb_programs)
 foreach(program IN ITEMS NimbRemoteLogger NimbCrashReporter nimb-logpush kib-call nimb-defaults
                         nimb-logs nimb-web)
     if(TARGET ${program})
-        add_dependencies(nimb_programs ${program})
+        list(APPEND _nimb_programs ${program})
     endif()
 endforeach()
+add_custom_target(nimb_programs)
+add_dependencies(nimb_programs ${_nimb_programs})
+
+# Their symbol files, written after each link and installed with the programs.
+nimb_add_symbols(nimb_symbols ALL PROGRAMS ${_nimb_programs})
+add_dependencies(nimb_programs nimb_symbols)
+if(TARGET nimb_dump_syms)
+    foreach(program IN LISTS _nimb_programs)
+        install(DIRECTORY ${NIMB_SYMBOL_STORE}/${program}
+                DESTINATION ${CMAKE_INSTALL_BINDIR}/symbols)
+    endforeach()
+endif()

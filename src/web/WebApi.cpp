@@ -29,6 +29,10 @@ namespace {
 constexpr std::size_t kMaxSearchHits = 1000;
 constexpr std::size_t kMaxCrashes = 100;
 constexpr std::size_t kMaxReportBytes = 1024 * 1024;
+// The crash list shows the innermost frames of the crashing thread, read from the head
+// of each report.
+constexpr std::size_t kListedFrames = 4;
+constexpr std::size_t kReportHeadBytes = 16 * 1024;
 const char* const kArchiveTemplate = "/tmp/nimb-web-archive-XXXXXX";
 
 using WebApiParts::isBackName;
@@ -180,6 +184,39 @@ std::uint16_t maskUpTo(DeviceLogSeverity::Level level) {
 bool isCrashName(const QString& id) {
     static const QRegularExpression pattern(QStringLiteral("^[0-9A-Fa-f][0-9A-Fa-f-]{7,63}$"));
     return pattern.match(id).hasMatch();
+}
+
+// The innermost frames of the crashing thread as the reporter wrote them ("   0  module!
+// function [/src/file.cpp:12]"), without the frame numbers and with the source file's
+// folders left out: "module!function [file.cpp:12]". Empty for a report without a stack.
+QJsonArray topFrames(const std::string& dumpFolder, const QString& id) {
+    static const std::string kStack = "Stack of the crashing thread:\n";
+    QJsonArray frames;
+    const UniqueFd fd = SafeFolder::openRegular(dumpFolder, id.toStdString() + ".txt", nullptr);
+    std::string head;
+    if (!fd.valid() || !SafeFolder::readAt(fd.get(), 0, kReportHeadBytes, head)) return frames;
+    std::size_t at = head.find(kStack);
+    if (at == std::string::npos) return frames;
+    at += kStack.size();
+    while (static_cast<std::size_t>(frames.size()) < kListedFrames) {
+        const std::size_t end = head.find('\n', at);
+        if (end == std::string::npos || head.compare(at, 2, "  ") != 0) break;
+        std::string frame = head.substr(at, end - at);
+        at = end + 1;
+        std::size_t start = frame.find_first_not_of(' ');
+        start = frame.find_first_not_of("0123456789", start);
+        start = frame.find_first_not_of(' ', start);
+        if (start == std::string::npos) continue;
+        frame.erase(0, start);
+        const std::size_t open = frame.rfind(" [");
+        const std::size_t slash = frame.rfind('/');
+        if (open != std::string::npos && frame.back() == ']' && slash != std::string::npos &&
+            slash > open) {
+            frame.erase(open + 2, slash - open - 1);
+        }
+        frames.append(text(frame));
+    }
+    return frames;
 }
 
 }  // namespace
@@ -530,6 +567,9 @@ WebReply crashes(const std::string& dumpFolder) {
         item.insert(QStringLiteral("dumpSize"), static_cast<qint64>(list[i].second.dumpSize));
         item.insert(QStringLiteral("hasDump"), list[i].second.hasDump);
         item.insert(QStringLiteral("hasReport"), list[i].second.hasReport);
+        if (list[i].second.hasReport) {
+            item.insert(QStringLiteral("frames"), topFrames(dumpFolder, list[i].first));
+        }
         items.append(item);
     }
     QJsonObject object;

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Crashes a child process in each way the dump manager handles and checks what is left:
 // exit status 0, one dump that minidump_stackwalk reads with the expected crash, the
-// reporter started with the expected arguments, and the FATAL line in the logs.
+// reporter started with the expected arguments, and the FATAL line in the logs; and, with
+// the real reporter, a report that names the crashing function from the symbol store.
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -127,6 +128,25 @@ TEST_F(MiniDumperCrashTest, EmptyNameAndAppDataReachTheReporter) {
     const fs::path dump = expectHandled(child, "Unknown");
     EXPECT_EQ(reporterArgs(),
               (std::vector<std::string>{dump.string(), "Unknown", "-appData", "build  42  beta"}));
+}
+
+// The real reporter (linked into the install folder, so that it still finds
+// minidump_stackwalk and the build's symbol store beside its own file) names the function
+// that crashed and its source file, which only the symbol files can tell.
+TEST_F(MiniDumperCrashTest, ReportNamesTheCrashingFunction) {
+    fs::remove(bin_ / "NimbCrashReporter");
+    fs::create_symlink(NIMB_CRASH_REPORTER, bin_ / "NimbCrashReporter");
+    const ChildResult child = crash("writer-null");
+    ASSERT_TRUE(child.finished);
+    const fs::path dump = onlyDump();
+    ASSERT_FALSE(dump.empty());
+    const std::string report = readFile(dump.parent_path() / (dump.stem().string() + ".txt"));
+    EXPECT_NE(report.find("/symbols\nCrash reason: SIGSEGV"), std::string::npos) << report;
+    const std::size_t stack = report.find("Stack of the crashing thread:\n   0  crash_child!");
+    ASSERT_NE(stack, std::string::npos) << report;
+    const std::string top = report.substr(stack, report.find('\n', stack + 40) - stack);
+    EXPECT_NE(top.find("FaultingLog::logLineToFile"), std::string::npos) << report;
+    EXPECT_NE(top.find("crash_child.cpp:"), std::string::npos) << report;
 }
 
 enum class CrashingThread { Main, Other, Any };

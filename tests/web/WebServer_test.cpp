@@ -369,7 +369,15 @@ TEST_F(WebServerTest, CrashReportsAreListedNewestFirstWithTheirText) {
     const std::string older = "11111111-2222-3333-44444444-55555555";
     const std::string newer = "aaaaaaaa-2222-3333-44444444-55555555";
     writeFile(dumps() / (older + ".dmp"), std::string(2048, 'd'));
-    writeFile(dumps() / (older + ".txt"), "Crash reason: SIGSEGV\n");
+    const std::string report =
+        "Crash reason: SIGSEGV\n"
+        "Stack of the crashing thread:\n"
+        "   0  app!crash(int) [/src/deep/crash.cpp:12]\n"
+        "   1  app!run() [run.cpp:3]\n"
+        "   2  libc.so.6 + 0x29d90\n"
+        "   3  0x7f00\n"
+        "   4  app!main\n";
+    writeFile(dumps() / (older + ".txt"), report);
     writeFile(dumps() / (newer + ".dmp"), "d");
     writeFile(dumps() / "notes.txt", "not a crash\n");
     const auto past = fs::file_time_type::clock::now() - std::chrono::hours(2);
@@ -382,8 +390,12 @@ TEST_F(WebServerTest, CrashReportsAreListedNewestFirstWithTheirText) {
     EXPECT_EQ(crashes[0].toObject().value(QStringLiteral("id")).toString().toStdString(), newer);
     EXPECT_FALSE(crashes[0].toObject().value(QStringLiteral("hasReport")).toBool());
     EXPECT_EQ(crashes[1].toObject().value(QStringLiteral("dumpSize")).toInt(), 2048);
+    // The innermost frames of the crashing thread, numbers and source folders left out.
+    EXPECT_EQ(crashes[1].toObject().value(QStringLiteral("frames")).toArray(),
+              QJsonArray({"app!crash(int) [crash.cpp:12]", "app!run() [run.cpp:3]",
+                          "libc.so.6 + 0x29d90", "0x7f00"}));
     EXPECT_EQ(json(get("/api/crash?id=" + older)).value(QStringLiteral("text")).toString(),
-              QStringLiteral("Crash reason: SIGSEGV\n"));
+              QString::fromStdString(report));
     EXPECT_EQ(get("/api/crash?id=" + newer).status, 404);
     EXPECT_EQ(get("/api/crash?id=notes").status, 404);
 }

@@ -158,7 +158,8 @@ std::optional<StackwalkSummary> parseStackwalkOutput(const std::string& output) 
     return summary;
 }
 
-std::optional<std::string> runStackwalk(const std::string& stackwalk, const std::string& dumpPath) {
+std::optional<std::string> runStackwalk(const std::string& stackwalk, const std::string& dumpPath,
+                                        const std::string& symbols) {
     if (stackwalk.empty() || access(stackwalk.c_str(), X_OK) != 0) return std::nullopt;
     int pipeFds[2];
     if (pipe2(pipeFds, O_CLOEXEC) != 0) return std::nullopt;
@@ -166,7 +167,8 @@ std::optional<std::string> runStackwalk(const std::string& stackwalk, const std:
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    const char* argv[] = {stackwalk.c_str(), "-m", dumpPath.c_str(), nullptr};
+    const char* argv[] = {stackwalk.c_str(), "-m", dumpPath.c_str(),
+                          symbols.empty() ? nullptr : symbols.c_str(), nullptr};
     pid_t pid = -1;
     const int rc = posix_spawn(&pid, stackwalk.c_str(), &actions, nullptr,
                                const_cast<char* const*>(argv), environ);
@@ -192,7 +194,7 @@ std::optional<std::string> runStackwalk(const std::string& stackwalk, const std:
 
 std::string buildCrashReport(const CrashReportRequest& request,
                              const std::optional<StackwalkSummary>& summary,
-                             const std::string& stackwalkNote) {
+                             const std::string& stackwalkNote, const std::string& symbols) {
     std::ostringstream text;
     std::error_code ec;
     const auto size = fs::file_size(request.dumpPath, ec);
@@ -211,6 +213,7 @@ std::string buildCrashReport(const CrashReportRequest& request,
         text << "Stack: not available (" << stackwalkNote << ")\n";
         return text.str();
     }
+    text << "Symbols: " << (symbols.empty() ? std::string("none") : symbols) << "\n";
     text << "Crash reason: " << summary->reason << "\n";
     text << "Crash address: " << summary->address << "\n";
     text << "Crashing thread: " << summary->crashingThread << " (of " << summary->threadCount
@@ -221,12 +224,12 @@ std::string buildCrashReport(const CrashReportRequest& request,
 }
 
 bool writeCrashReport(const CrashReportRequest& request, const std::string& stackwalk,
-                      std::string* error) {
+                      const std::string& symbols, std::string* error) {
     std::optional<StackwalkSummary> summary;
     std::string note;
     if (stackwalk.empty()) {
         note = "minidump_stackwalk not found";
-    } else if (const auto output = runStackwalk(stackwalk, request.dumpPath)) {
+    } else if (const auto output = runStackwalk(stackwalk, request.dumpPath, symbols)) {
         summary = parseStackwalkOutput(*output);
         if (!summary) note = "minidump_stackwalk found no crash in the dump";
     } else {
@@ -244,7 +247,7 @@ bool writeCrashReport(const CrashReportRequest& request, const std::string& stac
         ::close(fd);
     }
     std::ofstream out(path, std::ios::trunc);
-    out << buildCrashReport(request, summary, note);
+    out << buildCrashReport(request, summary, note, symbols);
     out.close();
     if (!out) {
         *error = "cannot write " + path;

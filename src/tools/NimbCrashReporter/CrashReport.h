@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // CrashReport: what the crash reporter does with one dump. Parses the reporter's two
 // command-line forms, writes a readable report beside the dump (crash reason and the
-// crashing thread's stack when minidump_stackwalk can read the dump, else the basic
+// crashing thread's stack when minidump_stackwalk can read the dump, with function names
+// and source lines where a symbol store has the modules' symbol files, else the basic
 // facts) and keeps the dump folder from filling up. Plain functions over files; used by
 // the reporter's main() on its only thread.
 #pragma once
@@ -41,20 +42,23 @@ struct StackwalkSummary {
 // Parses `minidump_stackwalk -m` output; nothing when it names no crash.
 std::optional<StackwalkSummary> parseStackwalkOutput(const std::string& output);
 
-// Runs `stackwalk -m dump` (bounded in time) and returns its standard output; nothing
-// when the program is missing, fails or overruns.
-std::optional<std::string> runStackwalk(const std::string& stackwalk, const std::string& dumpPath);
+// Runs `stackwalk -m dump [symbols]` (bounded in time) and returns its standard output;
+// nothing when the program is missing, fails or overruns. `symbols` is a symbol store
+// (<store>/<module>/<id>/<module>.sym) or empty for none.
+std::optional<std::string> runStackwalk(const std::string& stackwalk, const std::string& dumpPath,
+                                        const std::string& symbols = {});
 
 // The report's text. `summary` may be empty (stackwalk not at hand or unreadable dump);
-// `stackwalkNote` then says why.
+// `stackwalkNote` then says why. `symbols` is the store the stack was read with, if any.
 std::string buildCrashReport(const CrashReportRequest& request,
                              const std::optional<StackwalkSummary>& summary,
-                             const std::string& stackwalkNote);
+                             const std::string& stackwalkNote, const std::string& symbols = {});
 
-// Writes the report for `request` beside its dump. Returns false with `error` set when
-// the report file cannot be written.
+// Writes the report for `request` beside its dump, reading the stack with `stackwalk`
+// and the symbol store `symbols` (either may be empty). Returns false with `error` set
+// when the report file cannot be written.
 bool writeCrashReport(const CrashReportRequest& request, const std::string& stackwalk,
-                      std::string* error);
+                      const std::string& symbols, std::string* error);
 
 // Removes the oldest dumps (names "<id>.dmp" as the dump handler makes them) beyond
 // `keep`, and the oldest reports ("<id>.txt") beyond `keep`, in `folder`; other files

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 // NimbCrashReporter: started by a crashed module's dump handler on its fresh minidump.
 // Writes a readable report beside the dump and prunes old dumps and reports from the
-// dump folder. Exit status: 0 done, 1 the report could not be written, 2 bad usage.
+// dump folder. The stack is read with minidump_stackwalk and the symbol store "symbols",
+// both found beside this program (as the install and the build lay them out). Exit status: 0 done,
+// 1 the report could not be written, 2 bad usage.
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -18,13 +20,19 @@
 namespace {
 
 constexpr const char* kStackwalkName = "minidump_stackwalk";
+constexpr const char* kSymbolsName = "symbols";
+
+// The folder that holds this program; empty when unknown.
+std::filesystem::path ownFolder() {
+    std::error_code ec;
+    const auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
+    return ec ? std::filesystem::path() : self.parent_path();
+}
 
 // minidump_stackwalk beside this program, else the first one on PATH; empty when none.
 std::string findStackwalk() {
-    std::error_code ec;
-    const auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
-    if (!ec) {
-        const auto beside = self.parent_path() / kStackwalkName;
+    if (const auto folder = ownFolder(); !folder.empty()) {
+        const auto beside = folder / kStackwalkName;
         if (access(beside.c_str(), X_OK) == 0) return beside.string();
     }
     const char* path = std::getenv("PATH");
@@ -40,6 +48,14 @@ std::string findStackwalk() {
         start = colon + 1;
     }
     return {};
+}
+
+// The symbol store beside this program; empty when there is none.
+std::string findSymbols() {
+    const auto folder = ownFolder();
+    std::error_code ec;
+    if (folder.empty() || !std::filesystem::is_directory(folder / kSymbolsName, ec)) return {};
+    return (folder / kSymbolsName).string();
 }
 
 // The "CrashDumpsKept" setting under "Software\Pellix\Nimb", else the default.
@@ -61,7 +77,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s\n", error.c_str());
         return 2;
     }
-    const bool written = writeCrashReport(*request, findStackwalk(), &error);
+    const bool written = writeCrashReport(*request, findStackwalk(), findSymbols(), &error);
     if (written) {
         std::printf("crash report for %s written to %s\n", request->appName.c_str(),
                     reportPathFor(request->dumpPath).c_str());

@@ -683,6 +683,12 @@ async function loadCrashes() {
       const summary = el("summary");
       summary.append(el("strong", "", stamp(c.time)), el("span", "ids muted", c.id),
         el("span", "muted", c.hasDump ? "dump " + bytes(c.dumpSize) : "no dump"));
+      if (c.frames && c.frames.length) {
+        const frames = el("ol", "frames");
+        frames.start = 0;
+        frames.append(...c.frames.map((f) => el("li", "", f)));
+        summary.append(frames);
+      }
       const body = el("pre", "", c.hasReport ? "Loading\u2026" : "No readable report yet.");
       details.append(summary, body);
       details.addEventListener("toggle", async () => {

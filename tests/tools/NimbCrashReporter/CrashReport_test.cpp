@@ -82,7 +82,7 @@ TEST(CrashReporterReport, WithoutStackwalkGivesTheBasicFacts) {
     fs::permissions(dump, fs::perms::owner_read | fs::perms::owner_write);
     CrashReportRequest request{dump.string(), "NimbRemoteLogger", "build 42", {}};
     std::string error;
-    ASSERT_TRUE(writeCrashReport(request, "", &error)) << error;
+    ASSERT_TRUE(writeCrashReport(request, "", "", &error)) << error;
     const std::string report = readFile(reportPathFor(dump.string()));
     // As private as the dump.
     EXPECT_EQ(fs::status(reportPathFor(dump.string())).permissions(),
@@ -95,7 +95,7 @@ TEST(CrashReporterReport, WithoutStackwalkGivesTheBasicFacts) {
               std::string::npos);
 
     // A program that is there but cannot read the dump leads to the same facts.
-    ASSERT_TRUE(writeCrashReport(request, "/bin/false", &error));
+    ASSERT_TRUE(writeCrashReport(request, "/bin/false", "", &error));
     EXPECT_NE(readFile(reportPathFor(dump.string())).find("could not read the dump"),
               std::string::npos);
 }

@@ -2,7 +2,8 @@
 // The installed suite: `cmake --install` into a temporary prefix lays out the programs,
 // the launcher marker and the service files, and the installed collector finds its own
 // install folder without any setting (its crash reporter, started from there on request,
-// writes a report with the stack, read by the minidump_stackwalk installed beside it).
+// writes a report with the stack, read by the minidump_stackwalk installed beside it and
+// named by the symbol files installed there).
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -74,6 +75,24 @@ TEST_F(InstallTest, LaysOutProgramsMarkerAndServiceFiles) {
         EXPECT_EQ(::access((bin / program).c_str(), X_OK), 0) << program;
     }
     EXPECT_TRUE(fs::is_regular_file(bin / "NimbLauncher"));
+
+    // One symbol file per built program, where minidump_stackwalk looks for it:
+    // symbols/<program>/<id>/<program>.sym, its first line naming that id and program.
+    for (const std::string& program : programs) {
+        if (!NIMB_HAVE_BREAKPAD || program == "nimb-bus-setup" || program == "minidump_stackwalk")
+            continue;
+        std::vector<fs::path> ids;
+        std::error_code ec;
+        for (fs::directory_iterator it(bin / "symbols" / program, ec), end; !ec && it != end;
+             it.increment(ec)) {
+            ids.push_back(it->path());
+        }
+        ASSERT_EQ(ids.size(), 1u) << program;
+        const std::string head = readFile(ids[0] / (program + ".sym")).substr(0, 200);
+        const std::string first = head.substr(0, head.find('\n'));
+        EXPECT_EQ(first.rfind("MODULE Linux ", 0), 0u) << program << ": " << first;
+        EXPECT_TRUE(first.ends_with(" " + ids[0].filename().string() + " " + program)) << first;
+    }
 
     // The unit starts the collector where the default install puts it, and keeps its
     // logs where the collector writes them without a LogsDir setting.
@@ -165,8 +184,11 @@ TEST_F(InstallTest, InstalledCollectorFindsItsFolderAndReporter) {
     EXPECT_EQ(dumpCount, 1);
     ASSERT_FALSE(report.empty()) << "no crash report: the collector did not find "
                                     "NimbCrashReporter in its install folder";
-    EXPECT_NE(readFile(report).find("Stack of the crashing thread:"), std::string::npos)
-        << readFile(report);
+    const std::string text = readFile(report);
+    EXPECT_NE(text.find("Stack of the crashing thread:"), std::string::npos) << text;
+    EXPECT_NE(text.find("Symbols: " + (prefix_ / "bin/symbols").string() + "\n"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("  NimbRemoteLogger!generateCrash ["), std::string::npos) << text;
 }
 
 }  // namespace
