@@ -23,10 +23,13 @@
 
 #include "CBBLog.h"
 #include "DeviceLogHistoryFrames.h"
+#include "DeviceLogIndexSql.h"
 #include "DeviceLogLines.h"
 #include "PThread.h"
 #include "PThreadDelegate.h"
 #include "RotatingLogFile.h"
+
+using DeviceLogIndexSql::Statement;
 
 namespace {
 
@@ -54,6 +57,8 @@ CREATE INDEX IF NOT EXISTS pieces_by_time ON pieces(last_time);
 CREATE INDEX IF NOT EXISTS pieces_headers ON pieces(log) WHERE header = 1;
 CREATE INDEX IF NOT EXISTS pieces_by_first ON pieces(first_time);
 CREATE INDEX IF NOT EXISTS pieces_by_span ON pieces(last_time - first_time);
+CREATE TABLE IF NOT EXISTS series(minute INTEGER PRIMARY KEY);
+CREATE TABLE IF NOT EXISTS series_names(name TEXT PRIMARY KEY, gauge INTEGER NOT NULL);
 )";
 
 // WAL, so that readers never wait for the writer; the write-ahead log is folded back into
@@ -71,46 +76,6 @@ long long nowMs() {
                std::chrono::system_clock::now().time_since_epoch())
         .count();
 }
-
-// A prepared statement, finalized on destruction.
-class Statement {
-public:
-    Statement(sqlite3* db, const char* sql) {
-        sqlite3_prepare_v2(db, sql, -1, &statement_, nullptr);
-    }
-    Statement(const Statement&) = delete;
-    Statement& operator=(const Statement&) = delete;
-    ~Statement() { sqlite3_finalize(statement_); }
-    bool ok() const { return statement_ != nullptr; }
-    Statement& bind(int index, long long value) {
-        sqlite3_bind_int64(statement_, index, value);
-        return *this;
-    }
-    Statement& bind(int index, const std::string& value) {
-        sqlite3_bind_text(statement_, index, value.data(), static_cast<int>(value.size()),
-                          SQLITE_TRANSIENT);
-        return *this;
-    }
-    Statement& bindNull(int index) {
-        sqlite3_bind_null(statement_, index);
-        return *this;
-    }
-    // SQLITE_ROW while rows come, SQLITE_DONE at the end, else an error.
-    int step() { return statement_ != nullptr ? sqlite3_step(statement_) : SQLITE_ERROR; }
-    void reset() {
-        sqlite3_reset(statement_);
-        sqlite3_clear_bindings(statement_);
-    }
-    long long integer(int column) const { return sqlite3_column_int64(statement_, column); }
-    bool isNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
-    std::string text(int column) const {
-        const auto* value = sqlite3_column_text(statement_, column);
-        return value != nullptr ? reinterpret_cast<const char*>(value) : "";
-    }
-
-private:
-    sqlite3_stmt* statement_ = nullptr;
-};
 
 // Whether the file at `path` holds a device log rather than a program's own log: it
 // starts with a header line (as every device log the collector creates does), or, for a
@@ -323,6 +288,7 @@ void DeviceLogIndex::flush() {
 void* DeviceLogIndex::run(void*) {
     for (;;) {
         std::vector<Snapshot> batch;
+        std::vector<SeriesSample> samples;
         std::uint64_t flushing = 0;
         bool stopping = false;
         {
@@ -336,8 +302,9 @@ void* DeviceLogIndex::run(void*) {
             stopping = stop_;
             flushing = flushRequested_;
             takeSnapshotLocked(batch);
+            samples.swap(samples_);
         }
-        if (!batch.empty()) commit(batch);
+        if (!batch.empty() || !samples.empty()) commit(batch, samples);
         PMutexLocker lock(mutex_);
         flushDone_ = flushing;
         mutex_.broadcast();
@@ -374,7 +341,8 @@ void DeviceLogIndex::takeSnapshotLocked(std::vector<Snapshot>& batch) {
     dirty_ = false;
 }
 
-void DeviceLogIndex::commit(const std::vector<Snapshot>& batch) {
+void DeviceLogIndex::commit(const std::vector<Snapshot>& batch,
+                            const std::vector<SeriesSample>& samples) {
     PMutexLocker lock(dbMutex_);
     bool ok = exec("BEGIN");
     Statement log(db_, "UPDATE logs SET generation = ?2, file_id = ?3 WHERE id = ?1");
@@ -425,9 +393,13 @@ void DeviceLogIndex::commit(const std::vector<Snapshot>& batch) {
             piece.reset();
         }
     }
+    if (!samples.empty()) ok = writeSamples(samples) && ok;
     ok = exec("COMMIT") && ok;
     if (!ok) {
         exec("ROLLBACK");
+        // Columns added in the transaction went with it.
+        seriesColumnsRead_ = false;
+        seriesColumns_.clear();
         report(std::string("cannot write the index: ") + sqlite3_errmsg(db_));
     }
 }
@@ -724,7 +696,7 @@ void DeviceLogIndex::flushNow() {
         PMutexLocker lock(mutex_);
         takeSnapshotLocked(batch);
     }
-    if (!batch.empty()) commit(batch);
+    if (!batch.empty()) commit(batch, {});
 }
 
 // ---- Reader side ----

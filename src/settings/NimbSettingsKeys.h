@@ -27,6 +27,7 @@ constexpr const char* kIndexEnabled = "IndexEnabled";
 constexpr const char* kHistoryMaxMiB = "HistoryMaxMiB";
 constexpr const char* kHistoryMaxAgeDays = "HistoryMaxAgeDays";
 constexpr const char* kHistoryMinFreePercent = "HistoryMinFreePercent";
+constexpr const char* kHealthSampleSeconds = "HealthSampleSeconds";
 // Value names under kSuiteKey.
 constexpr const char* kLogLevel = "LogLevel";
 constexpr const char* kLogsDir = "LogsDir";
@@ -63,6 +64,8 @@ constexpr Key kKeys[] = {
      "device-log history kept this many days (0: no limit)"},
     {kConfigKey, kHistoryMinFreePercent, "int", "5",
      "device-log history is trimmed while less of its file system is free"},
+    {kConfigKey, kHealthSampleSeconds, "int", "60",
+     "seconds between the collector's readings of its counters for the Health series"},
     {kSuiteKey, kLogLevel, "int", "1", "own log level: 0 FATAL, 1 ERROR ... 4 DEBUG"},
     {kSuiteKey, kLogsDir, "string", "/var/log/pellix", "logs folder"},
     {kSuiteKey, kDataDir, "string", "/var/lib/pellix", "data folder"},
@@ -98,6 +101,8 @@ constexpr Key kKeys[] = {
     {kWebKey, "MaxConnectionsPerAddress", "int", "64", "open nimb-web connections per address"},
     {kWebKey, "LoginDelay", "int", "1000", "ms an address waits after a failed login"},
     {kWebKey, "LoginDelayMax", "int", "30000", "ms, the longest such wait (doubling)"},
+    {kWebKey, "SilentAfterMinutes", "int", "60",
+     "a device quiet this long is listed as gone silent on the Health page"},
 };
 
 }  // namespace NimbSettings
