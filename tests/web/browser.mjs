@@ -8,6 +8,7 @@ import { execFileSync } from "node:child_process";
 import { appendFileSync, mkdtempSync, mkdirSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
+import healthMemory from "./browser-health.mjs";
 
 const require = createRequire(process.env.NODE_MODULES + "/");
 const puppeteer = require("puppeteer-core");
@@ -382,6 +383,8 @@ try {
   await page.waitForSelector("#counters .card", { timeout: 5000 });
   await page.waitForFunction(() => document.querySelector("#stats-state").textContent.includes("connected"), { timeout: 5000 });
   await allShots(page, "health");
+  // ---- Health over time: browser-health.mjs ----
+  await healthMemory(page, { url, fail, until, shoot });
 
   // Opening a 1 MiB log: from the navigation to its last line on screen.
   let big = "";

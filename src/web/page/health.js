@@ -48,13 +48,15 @@ function seriesChart(chart, data) {
       ? columns.reduce((sum, c) => sum + (c[i] || 0), 0) : null);
   });
   const format = chart.format || ((v) => v.toLocaleString());
-  const peak = Math.max(1, ...values.flat().filter((v) => v !== null));
+  const highest = Math.max(0, ...values.flat().filter((v) => v !== null));
+  const peak = Math.max(1, highest);
   const x = (i) => ((i + 0.5) * W) / n;
   const y = (v) => H - 3 - (v / peak) * (H - 8);
 
   const box = el("figure", "chart");
   const head = el("figcaption");
-  head.append(el("strong", "", chart.title), el("span", "muted small", "peak " + format(peak) + " per " + stepText(data.step)));
+  head.append(el("strong", "", chart.title),
+    el("span", "muted small", highest ? "peak " + format(highest) + " per " + stepText(data.step) : "none in this range"));
   const legend = el("div", "legend small");
   chart.lines.forEach((line, k) => {
     const item = el("span", "key");
@@ -63,13 +65,23 @@ function seriesChart(chart, data) {
   });
   const svg = svgEl("svg", { class: "series", viewBox: "0 0 " + W + " " + H, preserveAspectRatio: "none", role: "img" });
   svg.append(svgEl("line", { class: "base", x1: 0, x2: W, y1: H - 3, y2: H - 3 }));
+  // Steps: each bucket a level across its width, so that a lone busy minute shows; a run
+  // of buckets without readings is a gap. The first line has its area shaded.
   values.forEach((list, k) => {
-    let d = "", open = false;
+    let d = "", area = "", start = -1;
+    const close = (end) => {
+      if (start >= 0) area += " L" + ((end * W) / n).toFixed(1) + " " + (H - 3) + " L" + ((start * W) / n).toFixed(1) + " " + (H - 3) + " Z";
+      start = -1;
+    };
     list.forEach((v, i) => {
-      if (v === null) { open = false; return; }
-      d += (open ? " L" : " M") + x(i).toFixed(1) + " " + y(v).toFixed(2) + (open ? "" : " h0.01");
-      open = true;
+      if (v === null) { close(i); return; }
+      const x0 = ((i * W) / n).toFixed(1), x1 = (((i + 1) * W) / n).toFixed(1), yv = y(v).toFixed(2);
+      d += (start < 0 ? " M" : " L") + x0 + " " + yv + " L" + x1 + " " + yv;
+      area += (start < 0 ? " M" : " L") + x0 + " " + yv + " L" + x1 + " " + yv;
+      if (start < 0) start = i;
     });
+    close(n);
+    if (k === 0 && area) svg.append(svgEl("path", { class: "area s0", d: area.trim() }));
     if (d) svg.append(svgEl("path", { class: "s" + k, d: d.trim() }));
   });
   const cursor = svgEl("line", { class: "cursor", y1: 0, y2: H, visibility: "hidden" });
@@ -146,14 +158,17 @@ async function loadSilent() {
   }
 }
 
-// A bar: `part` of `whole`, the text beside it.
-function useBar(part, whole, text, cls) {
+// A bar of `part` out of `whole` under its label and figures; every bar's track is the
+// panel's width, so that bars compare.
+function useBar(label, part, whole, text, cls) {
   const row = el("div", "userow" + (cls ? " " + cls : ""));
+  const head = el("div", "usehead");
+  head.append(label, el("span", "small muted", text));
   const track = el("div", "track");
   const fill = el("div", "fill" + (part > whole * 0.9 ? " full" : ""));
   fill.style.width = Math.min(100, (part / Math.max(1, whole)) * 100).toFixed(1) + "%";
   track.append(fill);
-  row.append(track, el("span", "small", text));
+  row.append(head, track);
   return row;
 }
 
@@ -165,11 +180,12 @@ async function loadHistoryUse() {
     const share = h.budget ? Math.round((h.bytes / h.budget) * 100) : 0;
     $("history-rule").textContent = (h.budgetSet ? "budget " : "default budget ") + bytes(h.budget) +
       (h.maxAgeDays ? ", up to " + plural(h.maxAgeDays, "day") : "");
-    const rows = [useBar(h.bytes, h.budget, bytes(h.bytes) + " of " + bytes(h.budget) + " (" + share + " %), " + plural(h.generations, "generation"), "total")];
+    const rows = [useBar(el("strong", "", "All devices"), h.bytes, h.budget,
+      bytes(h.bytes) + " of " + bytes(h.budget) + " (" + share + " %), " + plural(h.generations, "generation"), "total")];
     for (const d of h.devices.slice(0, historyRows)) {
-      const name = el("div", "usename truncate", d.name);
+      const name = el("span", "truncate", d.name);
       name.title = visible(d.key) + " \u00b7 " + plural(d.logs, "log");
-      rows.push(name, useBar(d.bytes, h.budget, bytes(d.bytes) + " \u00b7 " + plural(d.generations, "generation")));
+      rows.push(useBar(name, d.bytes, h.budget, bytes(d.bytes) + " \u00b7 " + plural(d.generations, "generation")));
     }
     if (h.devices.length > historyRows) rows.push(el("p", "muted small", plural(h.devices.length - historyRows, "more device") + " with less."));
     if (!h.devices.length) rows.push(el("p", "muted", "No rotated generations kept yet."));
