@@ -47,21 +47,20 @@ bool DeviceLogIndex::addSeriesColumns(const SeriesSample& sample) {
             seriesColumns_[columns.text(0)] = columns.integer(1) != 0;
         seriesColumnsRead_ = true;
     }
-    bool ok = true;
-    const auto add = [&](const std::string& name, bool gauge) {
-        if (!isSeriesName(name) || seriesColumns_.count(name) != 0) return;
+    std::vector<std::pair<std::string, bool>> names;  // name, gauge
+    for (const auto& [name, value] : sample.increases) names.emplace_back(name, false);
+    for (const auto& [name, value] : sample.gauges) names.emplace_back(name, true);
+    for (const auto& [name, gauge] : names) {
+        if (!isSeriesName(name) || seriesColumns_.count(name) != 0) continue;
         const std::string alter = "ALTER TABLE series ADD COLUMN " + quoted(name) + " INTEGER";
         Statement kind(db_, "INSERT OR REPLACE INTO series_names(name, gauge) VALUES(?1, ?2)");
         if (!exec(alter.c_str()) ||
             kind.bind(1, name).bind(2, gauge ? 1 : 0).step() != SQLITE_DONE) {
-            ok = false;
-            return;
+            return false;
         }
         seriesColumns_[name] = gauge;
-    };
-    for (const auto& [name, value] : sample.increases) add(name, false);
-    for (const auto& [name, value] : sample.gauges) add(name, true);
-    return ok;
+    }
+    return true;
 }
 
 bool DeviceLogIndex::writeSamples(const std::vector<SeriesSample>& samples) {

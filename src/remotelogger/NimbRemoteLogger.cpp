@@ -121,7 +121,9 @@ void NimbRemoteLogger::startSeries() {
 
 void NimbRemoteLogger::scheduleSeries() {
     const long long now = QDateTime::currentMSecsSinceEpoch();
-    if (seriesDueMs == 0) seriesDueMs = CollectorSeries::nextReading(now, seriesSeconds);
+    // Again from now when none is due, or when the clock was set back past an interval.
+    if (seriesDueMs == 0 || seriesDueMs - now > seriesSeconds * 1000LL)
+        seriesDueMs = CollectorSeries::nextReading(now, seriesSeconds);
     seriesTimer->start(static_cast<int>(std::max(0LL, seriesDueMs - now)));
 }
 
