@@ -33,12 +33,11 @@ protected:
         return index ? index->series(since * 60, until * 60, step, 500, names)
                      : DeviceLogIndex::Series();
     }
-    static const std::vector<std::int64_t>& column(const DeviceLogIndex::Series& series,
-                                                   const std::string& name) {
+    static std::vector<std::int64_t> column(const DeviceLogIndex::Series& series,
+                                            const std::string& name) {
         for (const auto& c : series.columns)
             if (c.name == name) return c.values;
-        static const std::vector<std::int64_t> none;
-        return none;
+        return {};
     }
 
     nimbtest::TempDir dir_;
@@ -65,25 +64,17 @@ TEST_F(CollectorSeriesTest, MinutesHoldIncreasesAcrossARestartAndGaugesAsRead) {
         index->flush();
     }
     const DeviceLogIndex::Series s = read(kMinute, kMinute + 5, 60);
-    EXPECT_EQ(s.since, kMinute * 60);
-    EXPECT_EQ(s.step, 60);
     EXPECT_EQ(s.present, (std::vector<bool>{true, true, true, false, true}));
     EXPECT_EQ(column(s, "linesWritten"), (std::vector<std::int64_t>{15, 9, 2, 0, 1}));
     EXPECT_EQ(column(s, "queueDepth"), (std::vector<std::int64_t>{5, 2, 0, 0, 0}));
     // A name that came later: nothing before it.
     EXPECT_EQ(column(s, "syslog.messages"), (std::vector<std::int64_t>{0, 0, 7, 0, 0}));
-    const auto names = read(kMinute, kMinute + 5, 60, {"queueDepth"}).columns;
-    ASSERT_EQ(names.size(), 1u);
-    EXPECT_TRUE(names[0].gauge);
-
+    EXPECT_TRUE(read(kMinute, kMinute + 5, 60, {"queueDepth"}).columns.at(0).gauge);
     // Readings close the interval that ends at their time, a divisor of a minute.
     EXPECT_EQ(CollectorSeries::interval(7), 6);
-    EXPECT_EQ(CollectorSeries::interval(0), 1);
-    EXPECT_EQ(CollectorSeries::interval(600), 60);
     const long long due = CollectorSeries::nextReading(kMinute * 60000 + 59500, 60);
     EXPECT_EQ(due, (kMinute + 1) * 60000);
     EXPECT_EQ(CollectorSeries::minuteClosedBy(due), kMinute);
-    EXPECT_EQ(CollectorSeries::nextReading(kMinute * 60000, 15), kMinute * 60000 + 15000);
 }
 
 TEST_F(CollectorSeriesTest, KeepsAWeekAndReadsLongRangesInBoundedWholeBuckets) {
@@ -112,8 +103,8 @@ TEST_F(CollectorSeriesTest, KeepsAWeekAndReadsLongRangesInBoundedWholeBuckets) {
     const DeviceLogIndex::Series day = read(kMinute - 1440, kMinute, 60);
     EXPECT_EQ(day.step, 300);
     ASSERT_EQ(day.present.size(), 288u);
-    const auto& lines = column(day, "linesWritten");
-    const auto& depth = column(day, "queueDepth");
+    const auto lines = column(day, "linesWritten");
+    const auto depth = column(day, "queueDepth");
     EXPECT_EQ(std::accumulate(lines.begin(), lines.end(), 0LL), 1440);
     EXPECT_EQ(lines[17], 5);
     EXPECT_EQ(depth[0], 5);  // a gauge's greatest value in its bucket

@@ -34,14 +34,13 @@ export default async function healthMemory(page, { url, fail, until, shoot }) {
       when: row.lastElementChild.textContent,
       names: [...document.querySelectorAll("#history-use .userow:not(.total) .usehead > span:first-child")].map((n) => n.textContent),
       width: fill ? fill.getBoundingClientRect().width : -1,
-      rule: document.querySelector("#history-rule").textContent,
     };
   });
   if (!page1.name.startsWith("<img src=x") || page1.markup || page1.pwned !== undefined)
     fail("a silent device's name became markup: " + JSON.stringify(page1));
   const expectedWhen = await page.evaluate((t) => stamp(t), Math.floor(then.getTime() / 1000));
   if (page1.when !== expectedWhen) fail("silent device heard at " + page1.when + ", expected " + expectedWhen);
-  if (!page1.names.includes("Living room") || !(page1.width > 0) || !page1.rule.includes("budget"))
+  if (!page1.names.includes("Living room") || !(page1.width > 0))
     fail("history bars: " + JSON.stringify(page1));
 
   // Hover at the busiest bucket: its time and a count; at the first: the range's start.
@@ -59,8 +58,8 @@ export default async function healthMemory(page, { url, fail, until, shoot }) {
   if (tip.hidden || !/bus: [1-9]/.test(tip.text)) fail("hover on the busiest bucket shows " + JSON.stringify(tip));
   await shoot(page, "health-hover", 1280, 800, "light");
   await page.mouse.move(rect.x + 1, rect.y + rect.height / 2);
-  const first = await page.$eval("#charts .chart:first-child", (c) => [c.querySelector(".tip .when").textContent, c.querySelector(".plotlabel span").textContent]);
-  if (first[0] !== first[1]) fail("the first bucket's time " + first[0] + " is not the range's start " + first[1]);
+  const [first, start] = await page.$eval("#charts .chart:first-child", (c) => [c.querySelector(".tip .when"), c.querySelector(".plotlabel span")].map((e) => e.textContent));
+  if (first !== start) fail("the first bucket's time " + first + " is not the range's start " + start);
   await page.mouse.move(0, 0);
 
   // The range picker: a day in 5-minute buckets, a week in half hours.
@@ -70,12 +69,10 @@ export default async function healthMemory(page, { url, fail, until, shoot }) {
       5000, "charts " + step);
   }
   // The charts' panel at the top, below the bar, at each width and theme.
-  for (const theme of ["light", "dark"]) {
-    for (const [width, height] of [[1280, 800], [390, 844]]) {
-      await page.setViewport({ width, height });
-      await page.evaluate(() => window.scrollTo(0, $("charts").closest(".panel").getBoundingClientRect().top + window.scrollY - 64));
-      await shoot(page, "health-charts", width, height, theme);
-    }
+  for (const [theme, width, height] of [["light", 1280, 800], ["dark", 1280, 800], ["light", 390, 844], ["dark", 390, 844]]) {
+    await page.setViewport({ width, height });
+    await page.evaluate(() => window.scrollTo(0, $("charts").closest(".panel").getBoundingClientRect().top + window.scrollY - 64));
+    await shoot(page, "health-charts", width, height, theme);
   }
   await page.setViewport({ width: 1280, height: 800 });
 }
