@@ -118,6 +118,10 @@ public:
     // under the collector's key); the defaults for those that are missing.
     static Options optionsFromSettings(const std::string& logsDir);
 
+    // The byte budget `options` give: their maxBytes, else the default share of the file
+    // system holding the history folder (the whole cap when it cannot be measured).
+    static std::uint64_t budgetOf(const Options& options);
+
     // The name of a generation moved at `movedAt` (UTC seconds) with sequence `seq`.
     static std::string generationName(long long movedAt, std::uint64_t seq);
 

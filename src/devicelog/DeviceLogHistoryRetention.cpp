@@ -24,11 +24,15 @@ struct DeviceLogHistory::Removal {
     const char* reason = "";
 };
 
-std::uint64_t DeviceLogHistory::budget() const {
-    if (options_.maxBytes > 0) return static_cast<std::uint64_t>(options_.maxBytes);
+std::uint64_t DeviceLogHistory::budget() const { return budgetOf(options_); }
+
+std::uint64_t DeviceLogHistory::budgetOf(const Options& options) {
+    if (options.maxBytes > 0) return static_cast<std::uint64_t>(options.maxBytes);
     struct statvfs fs {};
     const auto cap = static_cast<std::uint64_t>(kDefaultMaxBytes);
-    if (statvfs(historyDir_.c_str(), &fs) != 0) return cap;
+    const std::string folder = options.logsDir + "/" + kFolderName;
+    // Before the history folder exists, the logs folder's file system.
+    if (statvfs(folder.c_str(), &fs) != 0 && statvfs(options.logsDir.c_str(), &fs) != 0) return cap;
     const std::uint64_t size = static_cast<std::uint64_t>(fs.f_blocks) * fs.f_frsize;
     return std::min(cap, size / 100 * kDefaultBudgetPercent);
 }

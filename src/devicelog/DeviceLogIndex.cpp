@@ -55,6 +55,8 @@ CREATE INDEX IF NOT EXISTS pieces_by_time ON pieces(last_time);
 CREATE INDEX IF NOT EXISTS pieces_headers ON pieces(log) WHERE header = 1;
 CREATE INDEX IF NOT EXISTS pieces_by_first ON pieces(first_time);
 CREATE INDEX IF NOT EXISTS pieces_by_span ON pieces(last_time - first_time);
+CREATE TABLE IF NOT EXISTS series(minute INTEGER PRIMARY KEY);
+CREATE TABLE IF NOT EXISTS series_names(name TEXT PRIMARY KEY, gauge INTEGER NOT NULL);
 )";
 
 // WAL, so that readers never wait for the writer; the write-ahead log is folded back into
@@ -286,6 +288,7 @@ void DeviceLogIndex::flush() {
 void* DeviceLogIndex::run(void*) {
     for (;;) {
         std::vector<Snapshot> batch;
+        std::vector<SeriesSample> samples;
         std::uint64_t flushing = 0;
         bool stopping = false;
         {
@@ -299,8 +302,9 @@ void* DeviceLogIndex::run(void*) {
             stopping = stop_;
             flushing = flushRequested_;
             takeSnapshotLocked(batch);
+            samples.swap(samples_);
         }
-        if (!batch.empty()) commit(batch);
+        if (!batch.empty() || !samples.empty()) commit(batch, samples);
         PMutexLocker lock(mutex_);
         flushDone_ = flushing;
         mutex_.broadcast();
@@ -337,7 +341,8 @@ void DeviceLogIndex::takeSnapshotLocked(std::vector<Snapshot>& batch) {
     dirty_ = false;
 }
 
-void DeviceLogIndex::commit(const std::vector<Snapshot>& batch) {
+void DeviceLogIndex::commit(const std::vector<Snapshot>& batch,
+                            const std::vector<SeriesSample>& samples) {
     PMutexLocker lock(dbMutex_);
     bool ok = exec("BEGIN");
     Statement log(db_, "UPDATE logs SET generation = ?2, file_id = ?3 WHERE id = ?1");
@@ -388,9 +393,13 @@ void DeviceLogIndex::commit(const std::vector<Snapshot>& batch) {
             piece.reset();
         }
     }
+    if (!samples.empty()) ok = writeSamples(samples) && ok;
     ok = exec("COMMIT") && ok;
     if (!ok) {
         exec("ROLLBACK");
+        // Columns added in the transaction went with it.
+        seriesColumnsRead_ = false;
+        seriesColumns_.clear();
         report(std::string("cannot write the index: ") + sqlite3_errmsg(db_));
     }
 }
@@ -687,7 +696,7 @@ void DeviceLogIndex::flushNow() {
         PMutexLocker lock(mutex_);
         takeSnapshotLocked(batch);
     }
-    if (!batch.empty()) commit(batch);
+    if (!batch.empty()) commit(batch, {});
 }
 
 // ---- Reader side ----

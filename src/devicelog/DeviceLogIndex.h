@@ -13,6 +13,9 @@
 // bytes were written, so it never points at bytes that are not in the file; what a crash
 // kept from the index is completed from the files when the index is opened again
 // (reconcile()), and the whole index can be rebuilt from the files (rebuild()).
+// Beside it, the collector's counters over time: one row per minute (counters as their
+// increase over the minute, gauges as their value), kSeriesMinutes kept; read back in
+// buckets of whole minutes (series()).
 // One writer per database (the collector); writer side: any thread records, one thread of
 // its own commits. Readers open their own instance read-only.
 // Errors: nothing throws after open(); a failed database write is reported at a bounded
@@ -163,6 +166,46 @@ public:
     // The database's size in bytes (main file and write-ahead log).
     std::uint64_t sizeBytes() const;
 
+    // ---- The collector's counters over time ----
+    // What one reading of the counters adds to the minute `minute` (minutes since 1970
+    // UTC): each counter's increase since the reading before, each gauge's value. Names
+    // are letters, digits, ".", "_" and "-" (at most kMaxSeriesName bytes); others are
+    // left out.
+    struct SeriesSample {
+        long long minute = 0;
+        std::vector<std::pair<std::string, std::int64_t>> increases;
+        std::vector<std::pair<std::string, std::int64_t>> gauges;
+    };
+    // The rows kept: a week of minutes before the newest.
+    static constexpr long long kSeriesMinutes = 7 * 24 * 60;
+    static constexpr std::size_t kMaxSeriesName = 64;
+    // Writer side, any thread: the next commit adds the sample to its minute's row
+    // (increases add up, a gauge takes the newest value) and removes the rows more than
+    // kSeriesMinutes before it.
+    void recordSample(SeriesSample sample);
+
+    // The series in buckets: bucket i covers [since + i * step, since + (i + 1) * step).
+    struct Series {
+        long long since = 0, until = 0, step = 0;  // seconds since 1970 UTC, seconds
+        std::vector<bool> present;                 // per bucket: some minute of it has a row
+        struct Column {
+            std::string name;
+            bool gauge = false;
+            std::vector<std::int64_t> values;  // per bucket: the increases' sum, the
+                                               // gauge's greatest value; 0 without rows
+        };
+        std::vector<Column> columns;  // by name
+    };
+    // Reader side: the rows from `since` to `until` (seconds; widened to whole buckets)
+    // in buckets of `step` seconds (whole minutes, at least one), or of the least of 2, 5,
+    // 10, 15, 30 minutes, 1, 2, 3, 6, 12 hours, a day (or a longer step) that gives at
+    // most `maxPoints` buckets. Only the columns `names` when given.
+    Series series(long long since, long long until, long long step, std::size_t maxPoints,
+                  const std::vector<std::string>& names = {}) const;
+    // The step series() takes for these bounds (minutes), and the bounds widened to it.
+    static long long seriesStep(long long& sinceMinute, long long& untilMinute,
+                                long long stepMinutes, std::size_t maxPoints);
+
 private:
     // The piece a log is growing, as it will be stored (its file and path unused).
     using OpenPiece = Piece;
@@ -175,8 +218,12 @@ private:
     void finishPieceLocked(const std::string& file, LogState& log) NIMB_REQUIRES(mutex_);
     void takeSnapshotLocked(std::vector<Snapshot>& batch) NIMB_REQUIRES(mutex_);
     void* run(void*);
-    // Writes one batch in one transaction (dbMutex_ taken inside).
-    void commit(const std::vector<Snapshot>& batch);
+    // Writes one batch and the samples in one transaction (dbMutex_ taken inside).
+    void commit(const std::vector<Snapshot>& batch, const std::vector<SeriesSample>& samples);
+    // Adds the samples to their rows and prunes the old ones; false on a failed write.
+    bool writeSamples(const std::vector<SeriesSample>& samples) NIMB_REQUIRES(dbMutex_);
+    // Adds the columns of `sample` the series table lacks.
+    bool addSeriesColumns(const SeriesSample& sample) NIMB_REQUIRES(dbMutex_);
     void flushNow();
     std::int64_t logIdOf(const std::string& file) NIMB_REQUIRES(dbMutex_);
     std::int64_t sourceIdOf(const Identity& source) NIMB_REQUIRES(dbMutex_);
@@ -207,6 +254,7 @@ private:
     std::int64_t nextPieceId_ NIMB_GUARDED_BY(mutex_) = 1;
     bool dirty_ NIMB_GUARDED_BY(mutex_) = false;
     bool stop_ NIMB_GUARDED_BY(mutex_) = false;
+    std::vector<SeriesSample> samples_ NIMB_GUARDED_BY(mutex_);
     std::uint64_t flushRequested_ NIMB_GUARDED_BY(mutex_) = 0;
     std::uint64_t flushDone_ NIMB_GUARDED_BY(mutex_) = 0;
     std::unique_ptr<PThread> thread_;  // the commit thread; set by openForWriting()
@@ -215,5 +263,8 @@ private:
     mutable PMutex dbMutex_;
     std::map<std::string, std::int64_t> logIds_ NIMB_GUARDED_BY(dbMutex_);
     std::map<std::string, std::int64_t> sourceIds_ NIMB_GUARDED_BY(dbMutex_);
+    // The series table's columns (besides the minute), once read.
+    bool seriesColumnsRead_ NIMB_GUARDED_BY(dbMutex_) = false;
+    std::map<std::string, bool> seriesColumns_ NIMB_GUARDED_BY(dbMutex_);  // name: gauge
     long long reportAt_ NIMB_GUARDED_BY(dbMutex_) = 0;
 };

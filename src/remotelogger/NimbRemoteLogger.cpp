@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include <QCoreApplication>
+#include <QTimer>
 
 #include "CRegistry.h"
 #include "CollectorStats.h"
@@ -89,7 +90,46 @@ bool NimbRemoteLogger::init(const std::vector<CStdStr>&) {
     }
     CBBLog::debug("Registered");
     startSyslog();
+    startSeries();
     return true;
+}
+
+void NimbRemoteLogger::startSeries() {
+    if (!index) return;
+    int seconds = 60;
+    if (const boost::shared_ptr<CRegistry> registry = CRegistry::getInstance())
+        registry->ReadSettingImpl(NimbSettings::kConfigKey, NimbSettings::kHealthSampleSeconds,
+                                  seconds);
+    seriesSeconds = CollectorSeries::interval(seconds);
+    seriesTimer = new QTimer(this);
+    seriesTimer->setSingleShot(true);
+    seriesTimer->setTimerType(Qt::PreciseTimer);
+    connect(seriesTimer, &QTimer::timeout, this, [this] {
+        const long long due = seriesDueMs;
+        // Not before its time (a timer may fire a little early): the reading closes the
+        // interval that ends at `due`.
+        if (QDateTime::currentMSecsSinceEpoch() < due) {
+            scheduleSeries();
+            return;
+        }
+        sampleSeries(CollectorSeries::minuteClosedBy(due));
+        seriesDueMs = 0;
+        scheduleSeries();
+    });
+    scheduleSeries();
+}
+
+void NimbRemoteLogger::scheduleSeries() {
+    const long long now = QDateTime::currentMSecsSinceEpoch();
+    // Again from now when none is due, or when the clock was set back past an interval.
+    if (seriesDueMs == 0 || seriesDueMs - now > seriesSeconds * 1000LL)
+        seriesDueMs = CollectorSeries::nextReading(now, seriesSeconds);
+    seriesTimer->start(static_cast<int>(std::max(0LL, seriesDueMs - now)));
+}
+
+void NimbRemoteLogger::sampleSeries(long long minute) {
+    if (!index || satellite == nullptr) return;
+    index->recordSample(series.sample(minute, satellite->counters()));
 }
 
 void NimbRemoteLogger::startSyslog() {
@@ -113,6 +153,11 @@ void NimbRemoteLogger::close() {
     QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
     releaseLogs();
     if (writer) writer->drain();
+    if (seriesTimer != nullptr) {
+        // What was counted since the last reading, in the minute under way.
+        seriesTimer->stop();
+        sampleSeries(QDateTime::currentMSecsSinceEpoch() / 60000);
+    }
     delete satellite;
     satellite = nullptr;
 }

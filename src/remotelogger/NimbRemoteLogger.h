@@ -24,6 +24,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include "CBBLog.h"
+#include "CollectorSeries.h"
 #include "DeviceLogHistory.h"
 #include "DeviceLogIndex.h"
 #include "DeviceLogWriter.h"
@@ -32,6 +33,7 @@
 #include "StdString.h"
 
 class NimbRemoteLoggerSatellite;
+class QTimer;
 class RemoteLogReply;
 class SyslogServer;
 
@@ -51,13 +53,14 @@ public:
     // Starts the device-log writer (the "WriterThreads" and "MaxOpenLogFiles" settings),
     // creates the satellite, connects its signals to the slots below and joins the bus;
     // then starts the syslog listeners when the settings enable them (a listener that
-    // cannot start is logged and the bus path runs on). False (logged) when the
-    // satellite could not register. Main thread.
+    // cannot start is logged and the bus path runs on), and the readings of the counters
+    // into the index's series. False (logged) when the satellite could not register.
+    // Main thread.
     bool init(const std::vector<CStdStr>& args) override;
     // Leaves the bus (serving every request already received), delivers every addLog /
     // appendLog already emitted, releases the loggers and waits until the writer wrote
-    // everything it was given and completed those requests' replies, then disconnects.
-    // Harmless twice. Main thread.
+    // everything it was given and completed those requests' replies, takes a last reading
+    // of the counters for the series, then disconnects. Harmless twice. Main thread.
     void close() override;
 
     // The MAC address without ":", "-", and the log name's last path component.
@@ -78,6 +81,12 @@ public slots:
 private:
     // Starts the syslog listeners when the settings enable them.
     void startSyslog();
+    // Reads the counters into the index's series every HealthSampleSeconds (with the
+    // index only). Main thread.
+    void startSeries();
+    void scheduleSeries();
+    // Hands the index the sample of the counters now, for `minute`.
+    void sampleSeries(long long minute);
     // The reply that came with the call being delivered, when it came from the satellite.
     std::shared_ptr<RemoteLogReply> replyOfCall();
     // Queues `text` for the log `id`; `reply` (may be null) learns how it went. Any thread.
@@ -92,6 +101,12 @@ private:
     // The syslog listeners, when enabled; started once the satellite registered, stopped
     // by close() before the satellite leaves.
     std::unique_ptr<SyslogServer> syslog;
+    // The counters' readings for the series: their timer (a Qt child), their interval,
+    // the time the next reading is due (ms since 1970 UTC).
+    CollectorSeries series;
+    QTimer* seriesTimer = nullptr;
+    int seriesSeconds = 60;
+    long long seriesDueMs = 0;
     // Where the writer records what it wrote (null when it cannot be opened), and where
     // rotated backups go; both outlive the writer.
     std::shared_ptr<DeviceLogIndex> index;

@@ -16,7 +16,9 @@
 #include <functional>
 #include <memory>
 #include <set>
+#include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include <QDateTime>
@@ -140,6 +142,8 @@ public:
     // requests, linesWritten, bytesWritten, errors.<kind>, queueDepth, queueBytes,
     // connected. Bus thread.
     int KibServiceGetStats(const char* caller, const tagVARIANT& in, tagVARIANT* out);
+    // The counters GetStats answers with (the refusals apart), by name. Any thread.
+    std::vector<std::pair<std::string, std::uint64_t>> counters() const;
 
     // Counts each SetLogSource / AppendLog request refused by an exception (by kind),
     // then lets the exception through; answered requests are counted by their

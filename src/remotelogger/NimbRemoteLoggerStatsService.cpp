@@ -55,7 +55,7 @@ void putRefusals(tagVARIANT& list, int index,
 
 }  // namespace
 
-int NimbRemoteLoggerSatellite::KibServiceGetStats(const char*, const tagVARIANT&, tagVARIANT* out) {
+std::vector<std::pair<std::string, std::uint64_t>> NimbRemoteLoggerSatellite::counters() const {
     const CollectorStats& stats = CollectorStats::global();
     const SyslogCounters& syslog = stats.syslog();
     using Kind = CollectorStats::ErrorKind;
@@ -81,6 +81,11 @@ int NimbRemoteLoggerSatellite::KibServiceGetStats(const char*, const tagVARIANT&
                      {"index.bytes", stores.index ? stores.index->sizeBytes() : 0},
                      {"refused.identity", refusals.count(RemoteLogRefusals::Kind::Identity)},
                      {"refused.inbox", refusals.count(RemoteLogRefusals::Kind::Inbox)}});
+    return counters;
+}
+
+int NimbRemoteLoggerSatellite::KibServiceGetStats(const char*, const tagVARIANT&, tagVARIANT* out) {
+    const std::vector<std::pair<std::string, std::uint64_t>> counters = this->counters();
     VUtil::CreateArray(*out, VT_VARIANT, counters.size() + 1);
     for (std::size_t i = 0; i < counters.size(); ++i)
         putCounter(*out, static_cast<int>(i), counters[i].first.c_str(), counters[i].second);

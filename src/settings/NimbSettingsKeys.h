@@ -28,6 +28,7 @@ constexpr const char* kIndexEnabled = "IndexEnabled";
 constexpr const char* kHistoryMaxMiB = "HistoryMaxMiB";
 constexpr const char* kHistoryMaxAgeDays = "HistoryMaxAgeDays";
 constexpr const char* kHistoryMinFreePercent = "HistoryMinFreePercent";
+constexpr const char* kHealthSampleSeconds = "HealthSampleSeconds";
 // Value names under kSuiteKey.
 constexpr const char* kLogLevel = "LogLevel";
 constexpr const char* kLogsDir = "LogsDir";
@@ -64,6 +65,8 @@ constexpr Key kKeys[] = {
      "device-log history kept this many days (0: no limit)"},
     {kConfigKey, kHistoryMinFreePercent, "int", "5",
      "device-log history is trimmed while less of its file system is free"},
+    {kConfigKey, kHealthSampleSeconds, "int", "60",
+     "seconds between the collector's readings of its counters for the Health series"},
     {kSuiteKey, kLogLevel, "int", "1", "own log level: 0 FATAL, 1 ERROR ... 4 DEBUG"},
     {kSuiteKey, kLogsDir, "string", "/var/log/pellix", "logs folder"},
     {kSuiteKey, kDataDir, "string", "/var/lib/pellix", "data folder"},
@@ -107,6 +110,8 @@ constexpr Key kKeys[] = {
      "channel tokens and passwords (mode 0600)"},
     {kAlertsKey, "StateFile", "string", "<state>/pellix/nimb-web-alerts.sqlite",
      "what alerts have read, fired and sent"},
+    {kWebKey, "SilentAfterMinutes", "int", "60",
+     "a device quiet this long is listed as gone silent on the Health page"},
 };
 
 }  // namespace NimbSettings

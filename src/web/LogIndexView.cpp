@@ -157,6 +157,14 @@ std::vector<DeviceLogIndex::Piece> LogIndexView::query(const DeviceLogIndex::Que
     return index_->query(query);
 }
 
+DeviceLogIndex::Series LogIndexView::series(long long since, long long until, long long step,
+                                            std::size_t maxPoints,
+                                            const std::vector<std::string>& names) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!openLocked()) return {};
+    return index_->series(since, until, step, maxPoints, names);
+}
+
 void LogIndexView::count(const DeviceLogIndex::Piece& piece, std::uint64_t& budget,
                          Counted& counted) const {
     counted.bins.clear();

@@ -48,6 +48,10 @@ public:
     bool available();
     // Pieces as DeviceLogIndex::query gives them; empty without an index.
     std::vector<DeviceLogIndex::Piece> query(const DeviceLogIndex::Query& query);
+    // The collector's counters over time (DeviceLogIndex::series); no columns without an
+    // index.
+    DeviceLogIndex::Series series(long long since, long long until, long long step,
+                                  std::size_t maxPoints, const std::vector<std::string>& names);
     // Facts of every log the index knows, by log file name; the window ends at `end`.
     std::map<std::string, LogFacts> facts(std::int64_t end);
     // The level of each line of `text`, which is the bytes of `file` (a log file or its

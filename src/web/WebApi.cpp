@@ -35,6 +35,7 @@ constexpr std::size_t kListedFrames = 4;
 constexpr std::size_t kReportHeadBytes = 16 * 1024;
 const char* const kArchiveTemplate = "/tmp/nimb-web-archive-XXXXXX";
 
+using WebApiParts::displayName;
 using WebApiParts::isBackName;
 using WebApiParts::kBack;
 using WebApiParts::notFound;
@@ -50,11 +51,6 @@ QString macText(const std::string& mac) {
         out += text(mac.substr(i, 2));
     }
     return out;
-}
-
-std::string displayName(const LogCatalog::Device& device) {
-    if (device.hasHeader && !device.header.displayName.empty()) return device.header.displayName;
-    return device.sourceName.empty() ? device.key : device.sourceName;
 }
 
 QJsonArray countsJson(const std::array<std::uint32_t, LogCatalog::kBins>& counts) {

@@ -48,6 +48,21 @@ WebReply stats(const StatsClient::Stats& stats, std::size_t tailClients);
 // /metrics: the same in the Prometheus text format.
 WebReply metrics(const StatsClient::Stats& stats, std::size_t tailClients);
 
+// The most points /api/health/series answers with.
+constexpr std::size_t kMaxSeriesPoints = 500;
+// /api/health/series[?since=S][&until=U][&step=SECONDS][&names=A,B]: the collector's
+// counters over time (seconds since 1970; the last hour by default), in buckets of whole
+// minutes, step raised until at most kMaxSeriesPoints: per name one value per bucket (a
+// counter's increase over it, a gauge's greatest value; null where no minute has a
+// row). In WebHealthApi.cpp.
+WebReply healthSeries(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now);
+// /api/health/silent: the devices heard from in the last week but not for `silentAfter`
+// seconds, most recently heard first. In WebHealthApi.cpp.
+WebReply silentDevices(LogCatalog& catalog, std::int64_t now, std::int64_t silentAfter);
+// /api/health/history: the history's bytes in all and per device, against its budget
+// (from the same settings and file system as the collector's). In WebHealthApi.cpp.
+WebReply historyUse(LogCatalog& catalog, std::int64_t now);
+
 // A query value, fully decoded, as UTF-8 bytes (NULs kept, so that checks see them).
 std::string param(const QUrlQuery& query, const char* name);
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // WebApiParts: small helpers shared by the API's source files (WebApi.cpp, WebLogApi.cpp):
 // bytes as JSON text, the 404 answer, numbers in query values, ".back" names,
-// attachments streamed from a file. Internal
+// attachments streamed from a file, a device's name. Internal
 // to nimb_web; stateless, any thread.
 #pragma once
 
@@ -13,6 +13,7 @@
 #include <QFile>
 #include <QString>
 
+#include "LogCatalog.h"
 #include "WebReply.h"
 
 namespace WebApiParts {
@@ -51,6 +52,13 @@ inline WebReply attachment(std::shared_ptr<QFile> file, const QByteArray& type,
 inline bool isBackName(const std::string& file) {
     return file.size() > kBack.size() &&
            file.compare(file.size() - kBack.size(), kBack.size(), kBack) == 0;
+}
+
+// The name a device is shown under: its announced display name, else the name the index
+// knows (a syslog sender's), else its key.
+inline std::string displayName(const LogCatalog::Device& device) {
+    if (device.hasHeader && !device.header.displayName.empty()) return device.header.displayName;
+    return device.sourceName.empty() ? device.key : device.sourceName;
 }
 
 }  // namespace WebApiParts

@@ -34,6 +34,7 @@ const StaticFile kStaticFiles[] = {
     {"/", ":/web/index.html", "text/html; charset=utf-8"},
     {"/app.js", ":/web/app.js", "text/javascript; charset=utf-8"},
     {"/alerts.js", ":/web/alerts.js", "text/javascript; charset=utf-8"},
+    {"/health.js", ":/web/health.js", "text/javascript; charset=utf-8"},
     {"/app.css", ":/web/app.css", "text/css; charset=utf-8"},
     {"/icon.svg", ":/web/icon.svg", "image/svg+xml"},
 };
@@ -269,6 +270,22 @@ void WebServer::route(HttpConnection& connection, const HttpRequest& request) {
         defer(connection, [dumps] { return WebApi::crashes(dumps); });
     } else if (path == QLatin1String("/api/crash")) {
         defer(connection, [dumps, query] { return WebApi::crash(dumps, query); });
+    } else if (path == QLatin1String("/api/health/series")) {
+        LogCatalog* catalog = catalog_.get();
+        defer(connection, [catalog, query] {
+            return WebApi::healthSeries(*catalog, query, QDateTime::currentSecsSinceEpoch());
+        });
+    } else if (path == QLatin1String("/api/health/silent")) {
+        LogCatalog* catalog = catalog_.get();
+        const std::int64_t silentAfter = std::int64_t{settings_.silentAfterMinutes} * 60;
+        defer(connection, [catalog, silentAfter] {
+            return WebApi::silentDevices(*catalog, QDateTime::currentSecsSinceEpoch(), silentAfter);
+        });
+    } else if (path == QLatin1String("/api/health/history")) {
+        LogCatalog* catalog = catalog_.get();
+        defer(connection, [catalog] {
+            return WebApi::historyUse(*catalog, QDateTime::currentSecsSinceEpoch());
+        });
     } else if (path == QLatin1String("/api/stats") || path == QLatin1String("/metrics")) {
         StatsClient* stats = stats_.get();
         const std::size_t tails = tails_->clientCount();

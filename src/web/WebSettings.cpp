@@ -51,6 +51,7 @@ WebSettings WebSettings::load() {
     settings.user = readString(kKey, "User", {});
     settings.passwordHash = readString(kKey, "PasswordHash", {});
     readLimits(settings.limits);
+    readInt("SilentAfterMinutes", 1, 7 * 24 * 60, settings.silentAfterMinutes);
     settings.bus = NimbBusSettings::read();
     // Its own bus account when it has one: the suite's credentials file is the
     // collector's where both read the same settings home (the packaged services).

@@ -30,13 +30,16 @@ struct WebSettings {
     NimbBusSettings bus;
     // Timeouts, body size, connection caps and the slowdown after failed logins.
     HttpLimits limits;
+    // A device quiet this long (after sending within the last week) is listed as gone
+    // silent on the Health page.
+    int silentAfterMinutes = 60;
     // Why a stored setting could not be used (the program refuses to start); "" if none.
     QString problem;
 
     // Reads the stored settings: Listen, TokenHash, User, PasswordHash, BusCredsFile
     // and the bounds (HeaderTimeout, BodyTimeout, MaxBodySize, MaxConnections,
-    // MaxConnectionsPerAddress, LoginDelay, LoginDelayMax; a value out of its range is
-    // taken as the nearest end) under kKey; the logs folder (CFileTools); the bus
+    // MaxConnectionsPerAddress, LoginDelay, LoginDelayMax, SilentAfterMinutes; a value out
+    // of its range is taken as the nearest end) under kKey; the logs folder (CFileTools); the bus
     // settings; the dump folder ($TMPDIR, else /tmp).
     static WebSettings load();
 

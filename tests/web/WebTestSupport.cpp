@@ -199,12 +199,17 @@ void WebFixture::TearDown() {
         EXPECT_EQ(web.output.find("Sanitizer"), std::string::npos) << web.output;
         EXPECT_EQ(web.output.find("runtime error"), std::string::npos) << web.output;
     }
-    if (collector_ > 0) {
-        ::kill(collector_, SIGTERM);
-        nimbtest::waitChild(collector_, root() / "collector.txt", std::chrono::seconds(10));
-        collector_ = -1;
-    }
+    stopCollector();
     nats_.reset();
+}
+
+void WebFixture::stopCollector() {
+    if (collector_ <= 0) return;
+    ::kill(collector_, SIGTERM);
+    nimbtest::waitChild(collector_, root() / "collector.txt", std::chrono::seconds(10));
+    collector_ = -1;
+    // Kept apart, so that a start afterwards waits for its own "connected".
+    fs::rename(root() / "collector.txt", root() / "collector.stopped.txt");
 }
 
 std::map<std::string, std::string> WebFixture::environment() const {
@@ -233,8 +238,11 @@ void WebFixture::setWebSetting(const std::string& name, int value) {
 
 void WebFixture::startCollector() {
     nats_ = std::make_unique<NatsServer>();
-    nimbtest::writeFile(root() / "cfg/pellix/com.pellix.nimb.config.json",
-                        R"({"kibDirectory.host": ")" + nats_->host() + "\"}");
+    // Counters read into the Health series every second, so that pages and tests see
+    // them without waiting for a minute.
+    nimbtest::writeFile(
+        root() / "cfg/pellix/com.pellix.nimb.config.json",
+        R"({"HealthSampleSeconds": 1, "kibDirectory.host": ")" + nats_->host() + "\"}");
     collector_ =
         nimbtest::spawnChild({NIMB_REMOTE_LOGGER}, environment(), root() / "collector.txt");
     const bool connected = nimbtest::waitUntil(

@@ -78,8 +78,11 @@ protected:
     void setWebSetting(const std::string& name, const std::string& value);
     void setWebSetting(const std::string& name, int value);
 
-    // Starts nats-server and the collector; waits until the collector is on the bus.
+    // Starts nats-server and the collector; waits until the collector is on the bus. The
+    // collector reads its counters into the Health series every second.
     void startCollector();
+    // Stops the collector (SIGTERM) and waits for its end; nats-server runs on.
+    void stopCollector();
     // Starts nimb-web on a free port of `address` with `args` added; waits until it serves.
     void startWeb(const std::vector<std::string>& args = {},
                   const std::string& address = "127.0.0.1");

@@ -9,6 +9,7 @@ import { appendFileSync, mkdtempSync, mkdirSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { alertSteps } from "./browser-alerts.mjs";
+import healthMemory from "./browser-health.mjs";
 
 const require = createRequire(process.env.NODE_MODULES + "/");
 const puppeteer = require("puppeteer-core");
@@ -385,6 +386,8 @@ try {
   await page.waitForSelector("#counters .card", { timeout: 5000 });
   await page.waitForFunction(() => document.querySelector("#stats-state").textContent.includes("connected"), { timeout: 5000 });
   await allShots(page, "health");
+  // ---- Health over time: browser-health.mjs ----
+  await healthMemory(page, { url, fail, until, shoot });
 
   // Opening a 1 MiB log: from the navigation to its last line on screen.
   let big = "";

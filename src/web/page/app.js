@@ -743,6 +743,7 @@ async function loadHealth() {
   fillTail("own-log", "NimbRemoteLogger.log");
   fillTail("errors-log", "errors.log");
   loadCrashes();
+  loadHealthMemory();
 }
 
 // ---- start ----
