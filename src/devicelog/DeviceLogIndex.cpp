@@ -785,10 +785,11 @@ std::vector<DeviceLogIndex::Piece> DeviceLogIndex::query(const Query& q) const {
             "substr(l.file, 1, length(?5)) = ?5)";
     }
     if (q.headersOnly) sql += " AND p.header = 1";
+    if (q.fromId > 0) sql += " AND p.id >= " + std::to_string(q.fromId);
     // With a filter an index serves (time, file, headers), the few pieces it finds are
     // sorted afterwards: "+" keeps SQLite from scanning a whole index for its order instead.
-    const bool selective =
-        q.since != 0 || q.until != 0 || q.headersOnly || !q.file.empty() || someFiles;
+    const bool selective = q.since != 0 || q.until != 0 || q.headersOnly || !q.file.empty() ||
+                           someFiles || q.fromId > 0;
     const char* const plus = selective ? "+" : "";
     sql += q.order == Order::Time
                ? std::string(" ORDER BY ") + plus + "p.first_time, p.id"
@@ -864,6 +865,12 @@ std::vector<DeviceLogIndex::LogInfo> DeviceLogIndex::logs(bool totals) const {
         result.push_back(std::move(info));
     }
     return result;
+}
+
+std::int64_t DeviceLogIndex::lastPieceId() const {
+    PMutexLocker lock(dbMutex_);
+    Statement maxId(db_, "SELECT COALESCE(MAX(id), 0) FROM pieces");
+    return maxId.step() == SQLITE_ROW ? maxId.integer(0) : 0;
 }
 
 std::uint64_t DeviceLogIndex::sizeBytes() const {

@@ -157,6 +157,11 @@ std::vector<DeviceLogIndex::Piece> LogIndexView::query(const DeviceLogIndex::Que
     return index_->query(query);
 }
 
+std::int64_t LogIndexView::lastPieceId() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return openLocked() ? index_->lastPieceId() : 0;
+}
+
 void LogIndexView::count(const DeviceLogIndex::Piece& piece, std::uint64_t& budget,
                          Counted& counted) const {
     counted.bins.clear();

@@ -48,6 +48,8 @@ public:
     bool available();
     // Pieces as DeviceLogIndex::query gives them; empty without an index.
     std::vector<DeviceLogIndex::Piece> query(const DeviceLogIndex::Query& query);
+    // The newest piece's id (DeviceLogIndex::lastPieceId); 0 without an index.
+    std::int64_t lastPieceId();
     // Facts of every log the index knows, by log file name; the window ends at `end`.
     std::map<std::string, LogFacts> facts(std::int64_t end);
     // The level of each line of `text`, which is the bytes of `file` (a log file or its
