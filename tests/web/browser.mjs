@@ -8,6 +8,7 @@ import { execFileSync } from "node:child_process";
 import { appendFileSync, mkdtempSync, mkdirSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
+import { timelineSteps } from "./browser-timeline.mjs";
 
 const require = createRequire(process.env.NODE_MODULES + "/");
 const puppeteer = require("puppeteer-core");
@@ -377,6 +378,9 @@ try {
   const marked = await page.$$eval("#results mark", (all) => all.map((e) => e.textContent));
   if (marked.length === 0 || marked.some((m) => m !== "needle")) fail("search marked " + JSON.stringify(marked));
   await allShots(page, "search");
+
+  // ---- other views' steps (each in a module of its own) ----
+  await timelineSteps({ page, url, fail, until, shoot, allShots, stamp });
 
   await page.goto(url + "#/health", { waitUntil: "domcontentloaded" });
   await page.waitForSelector("#counters .card", { timeout: 5000 });
