@@ -757,12 +757,11 @@ std::vector<DeviceLogIndex::Piece> DeviceLogIndex::query(const Query& q) const {
             "substr(l.file, 1, length(?5)) = ?5)";
     }
     if (q.headersOnly) sql += " AND p.header = 1";
-    if (q.minId != 0)
-        sql += " AND p.id >= ?" + std::to_string(7 + (someFiles ? q.files.size() : 0));
+    if (q.fromId > 0) sql += " AND p.id >= " + std::to_string(q.fromId);
     // With a filter an index serves (time, file, headers), the few pieces it finds are
     // sorted afterwards: "+" keeps SQLite from scanning a whole index for its order instead.
-    const bool selective =
-        q.since != 0 || q.until != 0 || q.headersOnly || !q.file.empty() || someFiles;
+    const bool selective = q.since != 0 || q.until != 0 || q.headersOnly || !q.file.empty() ||
+                           someFiles || q.fromId > 0;
     const char* const plus = selective ? "+" : "";
     if (q.order == Order::Id) {
         sql += " ORDER BY p.id";
@@ -783,9 +782,6 @@ std::vector<DeviceLogIndex::Piece> DeviceLogIndex::query(const Query& q) const {
         for (std::size_t i = 0; i < q.files.size(); ++i)
             select.bind(static_cast<int>(7 + i), q.files[i]);
     }
-    if (q.minId != 0)
-        select.bind(static_cast<int>(7 + (someFiles ? q.files.size() : 0)),
-                    static_cast<long long>(q.minId));
     std::vector<Piece> pieces;
     while (select.step() == SQLITE_ROW) {
         Piece p;
@@ -845,6 +841,12 @@ std::vector<DeviceLogIndex::LogInfo> DeviceLogIndex::logs(bool totals) const {
         result.push_back(std::move(info));
     }
     return result;
+}
+
+std::int64_t DeviceLogIndex::lastPieceId() const {
+    PMutexLocker lock(dbMutex_);
+    Statement maxId(db_, "SELECT COALESCE(MAX(id), 0) FROM pieces");
+    return maxId.step() == SQLITE_ROW ? maxId.integer(0) : 0;
 }
 
 std::uint64_t DeviceLogIndex::sizeBytes() const {

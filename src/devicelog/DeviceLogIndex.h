@@ -97,7 +97,8 @@ public:
         std::vector<std::string> files;  // any of these log files (more than
                                          // kMaxQueryFiles: any file)
         bool headersOnly = false;
-        std::int64_t minId = 0;  // pieces with this id or a later one (0: any)
+        std::int64_t fromId = 0;  // pieces with this id or a greater one (0: any); ids grow
+                                  // with each new piece
         std::size_t limit = 100000;
         Order order = Order::Time;
         bool withSource = true;  // false: Piece::source stays empty (cheaper)
@@ -163,6 +164,8 @@ public:
         long long firstTime = 0, lastTime = 0;
     };
     std::vector<LogInfo> logs(bool totals = true) const;
+    // The id of the newest piece (0 when there is none): pieces with greater ids are newer.
+    std::int64_t lastPieceId() const;
     // The database's size in bytes (main file and write-ahead log).
     std::uint64_t sizeBytes() const;
 

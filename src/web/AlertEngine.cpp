@@ -345,7 +345,7 @@ bool AlertEngine::readRound(Round& round) {
     while (round.bytes < kBytesPerRound) {
         DeviceLogIndex::Query query;
         query.order = DeviceLogIndex::Order::Id;
-        query.minId = std::max<std::int64_t>(from, 1);
+        query.fromId = std::max<std::int64_t>(from, 1);
         query.limit = kPiecesPerQuery;
         const std::vector<DeviceLogIndex::Piece> pieces = index_->query(query);
         for (const DeviceLogIndex::Piece& piece : pieces) {
@@ -376,7 +376,7 @@ void AlertEngine::initialize(Round& round) {
     std::int64_t next = 1;
     std::map<std::string, DeviceLogIndex::Piece> newest;
     for (std::int64_t from = 1;; from = next) {
-        query.minId = from;
+        query.fromId = from;
         const std::vector<DeviceLogIndex::Piece> pieces = index_->query(query);
         for (const DeviceLogIndex::Piece& piece : pieces) {
             newest[piece.file] = piece;

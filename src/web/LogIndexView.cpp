@@ -165,6 +165,11 @@ DeviceLogIndex::Series LogIndexView::series(long long since, long long until, lo
     return index_->series(since, until, step, maxPoints, names);
 }
 
+std::int64_t LogIndexView::lastPieceId() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return openLocked() ? index_->lastPieceId() : 0;
+}
+
 void LogIndexView::count(const DeviceLogIndex::Piece& piece, std::uint64_t& budget,
                          Counted& counted) const {
     counted.bins.clear();

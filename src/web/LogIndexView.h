@@ -52,6 +52,8 @@ public:
     // index.
     DeviceLogIndex::Series series(long long since, long long until, long long step,
                                   std::size_t maxPoints, const std::vector<std::string>& names);
+    // The newest piece's id (DeviceLogIndex::lastPieceId); 0 without an index.
+    std::int64_t lastPieceId();
     // Facts of every log the index knows, by log file name; the window ends at `end`.
     std::map<std::string, LogFacts> facts(std::int64_t end);
     // The level of each line of `text`, which is the bytes of `file` (a log file or its

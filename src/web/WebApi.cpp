@@ -12,6 +12,7 @@
 #include <QJsonArray>
 #include <QRegularExpression>
 #include <QTemporaryFile>
+#include <QTimeZone>
 
 #include "DeviceArchive.h"
 #include "DeviceLogLines.h"
@@ -19,6 +20,7 @@
 #include "LogCatalog.h"
 #include "LogIndexView.h"
 #include "LogSearch.h"
+#include "LogText.h"
 #include "SafeFolder.h"
 #include "WebApiParts.h"
 
@@ -38,8 +40,11 @@ const char* const kArchiveTemplate = "/tmp/nimb-web-archive-XXXXXX";
 using WebApiParts::displayName;
 using WebApiParts::isBackName;
 using WebApiParts::kBack;
+using WebApiParts::maskUpTo;
 using WebApiParts::notFound;
 using WebApiParts::number;
+using WebApiParts::parseLevel;
+using WebApiParts::parseTime;
 using WebApiParts::text;
 
 // "12:34:56:78:9a:bc" for twelve hex digits, else the text as it is.
@@ -69,6 +74,18 @@ QJsonObject deviceJson(const LogCatalog::Device& device) {
         object.insert(QStringLiteral("satellite"), text(device.header.satellite));
         object.insert(QStringLiteral("deviceTime"), text(device.header.deviceTime));
         object.insert(QStringLiteral("serverTime"), text(device.header.serverTime));
+        // The clock tie as two instants, so that the page shows both in the zone chosen.
+        std::int64_t deviceAt = 0, serverAt = 0;
+        const QDateTime deviceUtc = QDateTime::fromString(text(device.header.deviceTime),
+                                                          QStringLiteral("yyyy/MM/dd hh:mm:ss"));
+        if (deviceUtc.isValid() && LogText::parseLocalTime(device.header.serverTime, serverAt)) {
+            deviceAt =
+                QDateTime(deviceUtc.date(), deviceUtc.time(), QTimeZone::utc()).toSecsSinceEpoch();
+            QJsonObject tie;
+            tie.insert(QStringLiteral("device"), static_cast<qint64>(deviceAt));
+            tie.insert(QStringLiteral("server"), static_cast<qint64>(serverAt));
+            object.insert(QStringLiteral("tie"), tie);
+        }
     }
     object.insert(QStringLiteral("size"), static_cast<qint64>(device.size));
     object.insert(QStringLiteral("lastWrite"), static_cast<qint64>(device.lastWrite));
@@ -147,14 +164,6 @@ std::vector<std::string> searchFiles(LogCatalog& catalog, const std::string& fil
     return names;
 }
 
-// "2026-11-22T10:00" or with seconds, server local time; false when malformed.
-bool parseTime(const std::string& value, std::int64_t& seconds) {
-    QDateTime when = QDateTime::fromString(text(value), Qt::ISODate);
-    if (!when.isValid()) return false;
-    seconds = when.toSecsSinceEpoch();
-    return true;
-}
-
 QJsonObject hitJson(const LogSearch::Hit& hit) {
     QJsonObject object;
     object.insert(QStringLiteral("offset"), static_cast<qint64>(hit.offset));
@@ -165,16 +174,6 @@ QJsonObject hitJson(const LogSearch::Hit& hit) {
     object.insert(QStringLiteral("parts"), parts);
     if (hit.level >= 0) object.insert(QStringLiteral("level"), hit.level);
     return object;
-}
-
-// "warning" and the like: the least severe level a filter keeps; false when unknown.
-bool parseLevel(const std::string& value, DeviceLogSeverity::Level& level) {
-    return DeviceLogSeverity::parse(value, level) && level != DeviceLogSeverity::Level::Unknown;
-}
-
-// Lines of levels 0 to `level` (the more severe ones), as index severity bits.
-std::uint16_t maskUpTo(DeviceLogSeverity::Level level) {
-    return static_cast<std::uint16_t>((2u << static_cast<unsigned>(level)) - 1);
 }
 
 bool isCrashName(const QString& id) {
@@ -448,9 +447,13 @@ WebReply search(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) {
     }
     // Devices by their names: which device each searched file belongs to.
     std::map<std::string, const LogCatalog::Device*> deviceOf;
+    std::map<std::string, std::string> logNameOf;
     const std::vector<LogCatalog::Device> known = catalog.devices(now);
     for (const LogCatalog::Device& d : known) {
-        for (const LogCatalog::LogInfo& l : d.logs) deviceOf[l.file] = &d;
+        for (const LogCatalog::LogInfo& l : d.logs) {
+            deviceOf[l.file] = &d;
+            logNameOf[l.file] = l.logName;
+        }
     }
     QJsonArray files;
     std::size_t hitCount = 0;
@@ -473,6 +476,7 @@ WebReply search(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now) {
         if (owner != deviceOf.end()) {
             entry.insert(QStringLiteral("device"), text(owner->second->key));
             entry.insert(QStringLiteral("name"), text(displayName(*owner->second)));
+            entry.insert(QStringLiteral("logName"), text(logNameOf[log]));
         }
         entry.insert(QStringLiteral("hits"), items);
         files.append(entry);

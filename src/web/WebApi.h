@@ -30,6 +30,14 @@ WebReply log(LogCatalog& catalog, const QUrlQuery& query);
 // /api/search?q=TEXT[&regex=1][&file=NAME | &device=KEY][&from=TIME][&to=TIME][&max=N]
 //   [&level=LEVEL]: with the index, only the pieces it names are read.
 WebReply search(LogCatalog& catalog, const QUrlQuery& query, std::int64_t now);
+// /api/timeline?[device=KEY...][file=NAME...][q=TEXT[&regex=1]][&level=LEVEL][&from=TIME]
+//   [&to=TIME][&before=CURSOR | &after=CURSOR | &live=TOKEN][&limit=N]: the lines of the
+// chosen logs (every indexed log when none is chosen) merged in time order, from the
+// index; a page before or after a cursor, or the lines that arrived since a live token.
+// `nowMs` is the server's clock. In WebTimelineApi.cpp.
+WebReply timeline(LogCatalog& catalog, const QUrlQuery& query, std::int64_t nowMs);
+// /api/time: the server's clock and time zone. In WebTimelineApi.cpp.
+WebReply serverTime(std::int64_t nowMs);
 // /api/download?file=NAME: its ".back" then the file itself, as one text file.
 WebReply download(const std::string& folder, const QUrlQuery& query);
 // /api/download?file=NAME&history=1: the whole log as one zstd file (`zstdcat` gives its

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // WebApiParts: small helpers shared by the API's source files (WebApi.cpp, WebLogApi.cpp):
-// bytes as JSON text, the 404 answer, numbers in query values, ".back" names,
-// attachments streamed from a file, a device's name. Internal
+// bytes as JSON text, the 404 answer, numbers, times and severities in query values,
+// ".back" names, devices' display names, attachments streamed from a file. Internal
 // to nimb_web; stateless, any thread.
 #pragma once
 
@@ -10,9 +10,11 @@
 #include <memory>
 #include <string>
 
+#include <QDateTime>
 #include <QFile>
 #include <QString>
 
+#include "DeviceLogSeverity.h"
 #include "LogCatalog.h"
 #include "WebReply.h"
 
@@ -49,16 +51,35 @@ inline WebReply attachment(std::shared_ptr<QFile> file, const QByteArray& type,
     return reply;
 }
 
-inline bool isBackName(const std::string& file) {
-    return file.size() > kBack.size() &&
-           file.compare(file.size() - kBack.size(), kBack.size(), kBack) == 0;
+// "2026-11-22T10:00" or with seconds: server local time, or the zone it names
+// ("2026-11-22T09:00:00Z", "...+01:00"); false when malformed.
+inline bool parseTime(const std::string& value, std::int64_t& seconds) {
+    const QDateTime when = QDateTime::fromString(text(value), Qt::ISODate);
+    if (!when.isValid()) return false;
+    seconds = when.toSecsSinceEpoch();
+    return true;
 }
 
-// The name a device is shown under: its announced display name, else the name the index
+// "warning" and the like: the least severe level a filter keeps; false when unknown.
+inline bool parseLevel(const std::string& value, DeviceLogSeverity::Level& level) {
+    return DeviceLogSeverity::parse(value, level) && level != DeviceLogSeverity::Level::Unknown;
+}
+
+// Lines of levels 0 to `level` (the more severe ones), as index severity bits.
+inline std::uint16_t maskUpTo(DeviceLogSeverity::Level level) {
+    return static_cast<std::uint16_t>((2u << static_cast<unsigned>(level)) - 1);
+}
+
+// The name a device is shown by: its announced display name, else the one the index
 // knows (a syslog sender's), else its key.
 inline std::string displayName(const LogCatalog::Device& device) {
     if (device.hasHeader && !device.header.displayName.empty()) return device.header.displayName;
     return device.sourceName.empty() ? device.key : device.sourceName;
+}
+
+inline bool isBackName(const std::string& file) {
+    return file.size() > kBack.size() &&
+           file.compare(file.size() - kBack.size(), kBack.size(), kBack) == 0;
 }
 
 }  // namespace WebApiParts

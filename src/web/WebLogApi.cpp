@@ -185,11 +185,11 @@ std::optional<Window> readFile(const std::string& folder, LogIndexView& index, c
     return w;
 }
 
-// A window of the file or generation asked for. A generation read forwards that is a
-// file of the folder now (the ".back" or the current file) is read by its name, so that
-// its size is the file's own and what follows it is the file's.
+// A window of the file or generation asked for. A generation that is a file of the
+// folder now (the ".back" or the current file) is read by its name, so that its size is
+// the file's own and what comes before and after it is the file's.
 std::optional<Window> readWindow(const std::string& folder, LogIndexView& index, Request r) {
-    if (r.generation >= 0 && r.after) {
+    if (r.generation >= 0) {
         const Generations generations = generationsOf(index, r.file);
         const auto held = generations.find(r.generation);
         const std::string name =

@@ -35,6 +35,7 @@ const StaticFile kStaticFiles[] = {
     {"/app.js", ":/web/app.js", "text/javascript; charset=utf-8"},
     {"/alerts.js", ":/web/alerts.js", "text/javascript; charset=utf-8"},
     {"/health.js", ":/web/health.js", "text/javascript; charset=utf-8"},
+    {"/timeline.js", ":/web/timeline.js", "text/javascript; charset=utf-8"},
     {"/app.css", ":/web/app.css", "text/css; charset=utf-8"},
     {"/icon.svg", ":/web/icon.svg", "image/svg+xml"},
 };
@@ -251,6 +252,13 @@ void WebServer::route(HttpConnection& connection, const HttpRequest& request) {
         defer(connection, [catalog, query] {
             return WebApi::search(*catalog, query, QDateTime::currentSecsSinceEpoch());
         });
+    } else if (path == QLatin1String("/api/timeline")) {
+        LogCatalog* catalog = catalog_.get();
+        defer(connection, [catalog, query] {
+            return WebApi::timeline(*catalog, query, QDateTime::currentMSecsSinceEpoch());
+        });
+    } else if (path == QLatin1String("/api/time")) {
+        send(connection, WebApi::serverTime(QDateTime::currentMSecsSinceEpoch()));
     } else if (path == QLatin1String("/api/download")) {
         LogCatalog* catalog = catalog_.get();
         defer(connection, [logs, catalog, query] {

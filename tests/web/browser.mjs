@@ -10,6 +10,7 @@ import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { alertSteps } from "./browser-alerts.mjs";
 import healthMemory from "./browser-health.mjs";
+import { timelineSteps } from "./browser-timeline.mjs";
 
 const require = createRequire(process.env.NODE_MODULES + "/");
 const puppeteer = require("puppeteer-core");
@@ -381,6 +382,8 @@ try {
   await allShots(page, "search");
 
   await alertSteps(page, { url, push, until, shoot, allShots, fail });
+  // ---- other views' steps (each in a module of its own) ----
+  await timelineSteps({ page, url, fail, until, shoot, allShots, stamp });
 
   await page.goto(url + "#/health", { waitUntil: "domcontentloaded" });
   await page.waitForSelector("#counters .card", { timeout: 5000 });

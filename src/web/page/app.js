@@ -4,7 +4,8 @@
 "use strict";
 
 const $ = (id) => document.getElementById(id);
-const state = { view: "", sort: "title:asc", devices: [], timer: 0, log: null, source: null, retry: 0 };
+const state = { view: "", sort: "title:asc", devices: [], timer: 0, log: null, source: null, retry: 0,
+  zone: localStorage.getItem("zone") || "server", serverZone: null, leave: null };
 
 // ---- small helpers ----
 
@@ -57,8 +58,121 @@ function ago(seconds) {
   return Math.floor(d / 86400) + " d ago";
 }
 
-function stamp(seconds) {
-  return new Date(seconds * 1000).toLocaleString();
+// ---- times: every time shown goes through stamp(), in the zone chosen (server, browser
+// or UTC) and naming it ----
+
+const formatters = new Map();
+
+// The IANA zone to format in; undefined for the browser's own; null when the server's zone
+// is not one the browser knows (its fixed offset is used then).
+function zoneId() {
+  if (state.zone === "utc") return "UTC";
+  if (state.zone === "browser" || !state.serverZone) return undefined;
+  return state.serverZone.known ? state.serverZone.id : null;
+}
+
+function formatter(id) {
+  const key = id === undefined ? "" : id;
+  if (!formatters.has(key)) {
+    formatters.set(key, new Intl.DateTimeFormat("en-GB", { timeZone: id, hourCycle: "h23", year: "numeric", month: "2-digit",
+      day: "2-digit", hour: "2-digit", minute: "2-digit", second: "2-digit", timeZoneName: "short" }));
+  }
+  return formatters.get(key);
+}
+
+// The wall clock of the chosen zone at `seconds`: {year, month, day, hour, minute, second, zone}.
+function wallClock(seconds) {
+  const id = zoneId();
+  if (id === null) {
+    const z = state.serverZone;
+    const d = new Date((seconds + z.offset) * 1000);
+    return { year: d.getUTCFullYear(), month: d.getUTCMonth() + 1, day: d.getUTCDate(), hour: d.getUTCHours(),
+      minute: d.getUTCMinutes(), second: d.getUTCSeconds(), zone: z.abbreviation || z.id };
+  }
+  const parts = {};
+  for (const p of formatter(id).formatToParts(new Date(seconds * 1000))) parts[p.type] = p.value;
+  return { year: Number(parts.year), month: Number(parts.month), day: Number(parts.day), hour: Number(parts.hour) % 24,
+    minute: Number(parts.minute), second: Number(parts.second), zone: id === "UTC" ? "UTC" : parts.timeZoneName };
+}
+
+const pad2 = (n) => String(n).padStart(2, "0");
+
+// "2026-11-24 12:00:05 CET"; `bare`: without the zone (where the view states it once).
+function stamp(seconds, bare) {
+  const w = wallClock(seconds);
+  const text = w.year + "-" + pad2(w.month) + "-" + pad2(w.day) + " " + pad2(w.hour) + ":" + pad2(w.minute) + ":" + pad2(w.second);
+  return bare ? text : text + " " + w.zone;
+}
+
+// The zone's name now, e.g. "CET", "UTC".
+function zoneLabel() { return wallClock(Date.now() / 1000).zone; }
+
+// A time as a datetime-local field shows it, in the chosen zone.
+function fieldValue(seconds) {
+  return stamp(seconds, true).replace(" ", "T");
+}
+
+// A datetime-local field's value, read in the chosen zone, as seconds since 1970; NaN when empty.
+function fieldSeconds(value) {
+  const m = /^(\d{4})-(\d\d)-(\d\d)T(\d\d):(\d\d)(?::(\d\d))?/.exec(value || "");
+  if (!m) return NaN;
+  const asUtc = Date.UTC(+m[1], +m[2] - 1, +m[3], +m[4], +m[5], +(m[6] || 0)) / 1000;
+  // The zone's offset at the guess, then at the result (which differs across a change of
+  // daylight saving time).
+  const offsetAt = (t) => {
+    const w = wallClock(t);
+    return Date.UTC(w.year, w.month - 1, w.day, w.hour, w.minute, w.second) / 1000 - Math.floor(t);
+  };
+  let t = asUtc - offsetAt(asUtc);
+  t = asUtc - offsetAt(t);
+  return t;
+}
+
+// Seconds as the API takes a time: ISO 8601 in UTC.
+function isoUtc(seconds) { return new Date(seconds * 1000).toISOString().replace(/\.\d{3}Z$/, "Z"); }
+
+// A time parameter of a link: ISO 8601 with its zone ("Z"), or (older links) server local time.
+function paramSeconds(value) {
+  if (!value) return NaN;
+  if (/(Z|[+-]\d\d:?\d\d)$/.test(value)) return Date.parse(value) / 1000;
+  const keep = state.zone;
+  state.zone = "server";
+  try { return fieldSeconds(value); } finally { state.zone = keep; }
+}
+
+// Relative ranges: "15m", "1h", "24h", "7d" as seconds.
+const relativeRanges = { "15m": 900, "1h": 3600, "24h": 86400, "7d": 604800 };
+
+async function initZone() {
+  const select = $("zone");
+  select.value = state.zone;
+  select.addEventListener("change", () => {
+    state.zone = select.value;
+    localStorage.setItem("zone", state.zone);
+    labelZones();
+    document.dispatchEvent(new Event("zonechange"));
+  });
+  try {
+    const data = await api("/api/time");
+    const zone = data.zone;
+    try { new Intl.DateTimeFormat("en", { timeZone: zone.id }); zone.known = true; } catch (e) { zone.known = false; }
+    state.serverZone = zone;
+  } catch (e) { /* the browser's zone stands in */ }
+  labelZones();
+  document.dispatchEvent(new Event("zonechange"));
+}
+
+// The switch's options name their zones.
+function labelZones() {
+  const keep = state.zone;
+  for (const option of $("zone").options) {
+    state.zone = option.value;
+    const name = option.value === "utc" ? "UTC" : zoneLabel();
+    option.textContent = (option.value === "server" ? "Server" : option.value === "browser" ? "Browser" : "UTC") +
+      (option.value === "utc" ? "" : " (" + name + ")");
+  }
+  state.zone = keep;
+  for (const node of document.querySelectorAll(".zone-now")) node.textContent = zoneLabel();
 }
 
 async function api(path) {
@@ -99,8 +213,9 @@ function route() {
   const hash = location.hash.replace(/^#\/?/, "") || "devices";
   const [name, search] = hash.split("?");
   const params = new URLSearchParams(search || "");
-  const view = ["devices", "log", "search", "alerts", "health"].includes(name) ? name : "devices";
+  const view = ["devices", "log", "search", "timeline", "alerts", "health"].includes(name) ? name : "devices";
   stopLive();
+  if (state.leave) { state.leave(); state.leave = null; }
   clearInterval(state.timer);
   state.view = view;
   for (const section of document.querySelectorAll(".view")) section.hidden = section.id !== "view-" + view;
@@ -108,6 +223,7 @@ function route() {
   if (view === "devices") { loadDevices(); state.timer = setInterval(loadDevices, 10000); }
   if (view === "log") openLog(params.get("file") || "", params.get("at"), params.get("generation"));
   if (view === "search") openSearch(params);
+  if (view === "timeline") openTimeline(params);
   if (view === "alerts") { loadAlerts(); state.timer = setInterval(loadAlerts, 5000); }
   if (view === "health") { loadHealth(); state.timer = setInterval(loadHealth, 5000); }
 }
@@ -186,7 +302,12 @@ function deviceCard(device, binMinutes) {
   const info = el("div", "info");
   info.append(el("div", "name", device.name));
   info.append(el("div", "ids", [device.deviceId, device.mac].filter(Boolean).join(" \u00b7 ")));
-  if (device.serverTime) {
+  if (device.tie) {
+    const tie = el("div", "tie", "device " + stamp(device.tie.device, true) + " \u2194 server " + stamp(device.tie.server));
+    tie.title = "Clock tie of the newest announcement" + (device.satellite ? " (via " + visible(device.satellite) + ")" : "") +
+      ": the device's clock said " + device.deviceTime + " UTC when the server's said " + device.serverTime;
+    info.append(tie);
+  } else if (device.serverTime) {
     const tie = el("div", "tie", "device " + device.deviceTime + " UTC \u2194 server " + device.serverTime);
     tie.title = "Clock tie of the newest announcement" + (device.satellite ? " (via " + visible(device.satellite) + ")" : "");
     info.append(tie);
@@ -290,17 +411,31 @@ function prependText(container, text, info) {
   container.prepend(fragment);
 }
 
+// The log's title: its device's display name and the log's name, the file name beside.
+function setLogTitle(file) {
+  const base = file.replace(/\.back$/, "");
+  const device = state.devices.find((d) => d.logs.some((l) => l.file === base));
+  const log = device && device.logs.find((l) => l.file === base);
+  const title = $("log-title");
+  title.replaceChildren();
+  if (device) title.append(el("span", "", device.name + " \u00b7 " + (log.log || base)), " ", el("span", "muted small", file));
+  else title.textContent = visible(file);
+}
+
 async function openLog(file, at, generation) {
+  if (!state.devices.length) {
+    try { state.devices = (await api("/api/devices")).devices; } catch (e) { /* the file name stands alone */ }
+  }
   const lines = $("log-lines");
   lines.replaceChildren();
-  $("log-title").textContent = visible(file);
+  setLogTitle(file);
   $("log-download").href = "/api/download?" + query({ file });
   $("log-download-history").href = "/api/download?" + query({ file, history: 1 });
   const device = state.devices.find((d) => d.logs.some((l) => l.file === file));
   $("log-archive").hidden = !device;
   if (device) $("log-archive").href = "/api/archive?" + query({ device: device.key });
   state.log = { file, end: 0, inode: "", earlier: null, later: null, open: false };
-  showUnseen(0);
+  resetLive(state.logLive);
   $("load-later").hidden = true;
   try {
     const around = at !== null && at !== undefined && at !== "";
@@ -320,7 +455,7 @@ async function openLog(file, at, generation) {
       const before = new TextEncoder().encode(chunk.text).subarray(0, Math.max(0, Number(at) - chunk.start));
       const index = new TextDecoder().decode(before).split("\n").length - 1;
       const line = lines.children[index];
-      const where = around ? "showing the text around the hit at byte " + at + (generation ? " of an earlier generation" : "")
+      const where = around ? "showing the text around the hit at byte " + at + (chunk.generation !== undefined ? " of an earlier generation" : "")
         : "showing an earlier part of the log";
       $("log-meta").textContent = where + (state.log.later ? "; \u201cLoad later\u201d continues towards the live end" : "");
       $("live").checked = false;
@@ -381,7 +516,7 @@ async function loadLater() {
     log.file = chunk.file;
     log.end = chunk.end;
     log.inode = chunk.inode;
-    $("log-title").textContent = visible(log.file);
+    setLogTitle(log.file);
     $("log-download").href = "/api/download?" + query({ file: log.file });
     $("log-download-history").href = "/api/download?" + query({ file: log.file, history: 1 });
     $("log-meta").textContent = "showing the text up to the live end";
@@ -426,23 +561,50 @@ const maxLiveLines = 5000;
 
 function atLinesBottom(lines) { return lines.scrollHeight - lines.scrollTop - lines.clientHeight < 40; }
 
+// A list of lines that grows live (the log view's, the timeline's): its container, its
+// "N new lines" button, the note shown once the oldest lines left it, and what else
+// happens then (`onTrim`).
+function liveList(lines, button, note, onTrim) {
+  const list = { lines, button, note, onTrim, unseen: 0, live: 0 };
+  button.addEventListener("click", () => {
+    lines.scrollTop = lines.scrollHeight;
+    showUnseen(list, 0);
+  });
+  lines.addEventListener("scroll", () => { if (list.unseen && atLinesBottom(lines)) showUnseen(list, 0); });
+  return list;
+}
+
+// A new start: nothing counted, nothing arrived live yet.
+function resetLive(list) {
+  list.live = 0;
+  showUnseen(list, 0);
+}
+
 // Lines that arrived while the reader was scrolled up: counted, not scrolled to.
-function showUnseen(count) {
-  state.unseen = count;
-  const button = $("new-lines");
-  button.hidden = count === 0;
-  button.textContent = plural(count, "new line") + " \u2193";
+function showUnseen(list, count) {
+  list.unseen = count;
+  list.button.hidden = count === 0;
+  list.button.textContent = plural(count, "new line") + " \u2193";
+}
+
+// `added` lines were appended live; `atBottom`: the reader was at the newest line before.
+// The view follows them there, else counts them and stays put; either way it stays bounded.
+function arrived(list, added, atBottom) {
+  trimLive(list, added);
+  if (atBottom) list.lines.scrollTop = list.lines.scrollHeight;
+  else showUnseen(list, list.unseen + added);
 }
 
 // Once more than maxLiveLines lines have arrived live, drops as many of the oldest lines
 // as arrived past that (so the view holds at most what the reader loaded plus
 // maxLiveLines), keeping what the reader sees where it is; "Load earlier" then no
-// longer joins up, so it goes, and a note says why.
-function trimLive(lines, log, added) {
-  log.live = (log.live || 0) + added;
-  const excess = log.live - maxLiveLines;
+// longer joins up, so the owner's onTrim takes it away, and a note says why.
+function trimLive(list, added) {
+  const lines = list.lines;
+  list.live += added;
+  const excess = list.live - maxLiveLines;
   if (excess <= 0) return;
-  log.live = maxLiveLines;
+  list.live = maxLiveLines;
   const before = lines.scrollHeight;
   let first = lines.firstElementChild;
   if (first && first.classList.contains("trimmed")) first = first.nextElementSibling;
@@ -452,10 +614,9 @@ function trimLive(lines, log, added) {
     first = next;
   }
   if (!lines.firstElementChild || !lines.firstElementChild.classList.contains("trimmed")) {
-    lines.prepend(el("div", "l sep trimmed", "older lines left this view to keep it light; open the log again to read them"));
+    lines.prepend(el("div", "l sep trimmed", list.note));
   }
-  log.earlier = null;
-  $("load-earlier").hidden = true;
+  if (list.onTrim) list.onTrim();
   lines.scrollTop -= before - lines.scrollHeight;
 }
 
@@ -476,9 +637,7 @@ function startLive() {
     log.end = data.end;
     log.inode = data.inode;
     state.retry = 0;
-    trimLive(lines, log, added.length);
-    if (atBottom) lines.scrollTop = lines.scrollHeight;
-    else showUnseen((state.unseen || 0) + added.length);
+    arrived(state.logLive, added.length, atBottom);
   });
   source.addEventListener("rotated", (event) => {
     const data = JSON.parse(event.data);
@@ -560,8 +719,10 @@ async function openSearch(params) {
   }
   $("q").value = params.get("q") || "";
   $("regex").checked = params.get("regex") === "1";
-  $("from").value = params.get("from") || "";
-  $("to").value = params.get("to") || "";
+  const range = timeRange(params);
+  $("from").value = isNaN(range.from) ? "" : fieldValue(range.from);
+  $("to").value = isNaN(range.to) ? "" : fieldValue(range.to);
+  markRelative($("search-form"), params.get("last"));
   $("level").value = params.get("level") || "";
   const scope = params.get("file") ? "file:" + params.get("file") : params.get("device") ? "device:" + params.get("device") : "";
   fillScope(scope);
@@ -569,7 +730,13 @@ async function openSearch(params) {
   $("search-status").textContent = "Searching\u2026";
   const started = performance.now();
   try {
-    const data = await api("/api/search?" + params.toString());
+    const asked = new URLSearchParams(params);
+    asked.delete("last");
+    asked.delete("from");
+    asked.delete("to");
+    if (!isNaN(range.from)) asked.set("from", isoUtc(range.from));
+    if (!isNaN(range.to)) asked.set("to", isoUtc(range.to));
+    const data = await api("/api/search?" + asked.toString());
     const seconds = ((performance.now() - started) / 1000).toFixed(2);
     $("search-status").textContent = plural(data.hitCount, "hit") + " in " + plural(data.files.length, "file") + " \u00b7 " +
       bytes(data.bytesScanned) + " of " + plural(data.filesScanned, "file") + " searched in " + seconds + " s";
@@ -580,6 +747,13 @@ async function openSearch(params) {
       blocks.push(el("p", "note", "More results exist: only the first " + data.hitCount + of + " matching lines are shown. Narrow the search to a device, a log or a time range."));
     }
     if (data.timedOut) blocks.push(el("p", "note", "The search stopped after its limit of " + data.budgetMs / 1000 + " s; the results are incomplete."));
+    if (data.files.length) {
+      const merged = new URLSearchParams(params);
+      const toTimeline = el("a", "button ghost small", "Show these lines in one timeline");
+      toTimeline.id = "search-timeline";
+      toTimeline.href = "#/timeline?" + merged.toString();
+      blocks.push(toTimeline);
+    }
     // By device (its display name first, the file names as secondary text).
     const groups = new Map();
     for (const f of data.files) {
@@ -596,9 +770,11 @@ async function openSearch(params) {
     for (const f of group.files) {
       const box = el("section", "filehits");
       const title = el("h3");
-      const link = el("a", "", f.file);
+      const link = el("a", "", f.logName || f.file);
       link.href = "#/log?" + query({ file: f.log || f.file.replace(/\.back$/, "") });
-      title.append(link, el("span", "muted", plural(f.hits.length, "hit")));
+      title.append(link);
+      if (f.logName) title.append(el("span", "muted file", f.file));
+      title.append(el("span", "muted", plural(f.hits.length, "hit")));
       const lines = el("div", "lines");
       for (const hit of f.hits) {
         const item = el("div", "hit");
@@ -637,11 +813,45 @@ function matchHistogram(data) {
   return box;
 }
 
+// The time range a view's parameters give: `last` (relative to now), else `from`/`to`.
+function timeRange(params) {
+  const last = relativeRanges[params.get("last")];
+  if (last) return { from: Date.now() / 1000 - last, to: NaN };
+  return { from: paramSeconds(params.get("from")), to: paramSeconds(params.get("to")) };
+}
+
+// The range a form's fields and relative buttons state, as link parameters.
+function rangeParams(form) {
+  const active = form.querySelector(".relative button.active");
+  if (active) return { last: active.dataset.last };
+  const from = fieldSeconds(form.querySelector("input.from").value), to = fieldSeconds(form.querySelector("input.to").value);
+  return { from: isNaN(from) ? "" : isoUtc(from), to: isNaN(to) ? "" : isoUtc(to) };
+}
+
+function markRelative(form, last) {
+  for (const b of form.querySelectorAll(".relative button")) b.classList.toggle("active", b.dataset.last === last);
+}
+
+// The relative buttons beside a form's From/To: one press fills From and empties To;
+// editing the fields ends the relative range.
+function initRange(form, submit) {
+  for (const b of form.querySelectorAll(".relative button")) {
+    b.addEventListener("click", () => {
+      markRelative(form, b.dataset.last);
+      form.querySelector("input.from").value = fieldValue(Date.now() / 1000 - relativeRanges[b.dataset.last]);
+      form.querySelector("input.to").value = "";
+      submit();
+    });
+  }
+  for (const input of form.querySelectorAll("input.from, input.to")) input.addEventListener("input", () => markRelative(form, null));
+}
+
 function initSearch() {
+  initRange($("search-form"), () => $("search-form").requestSubmit());
   $("search-form").addEventListener("submit", (event) => {
     event.preventDefault();
     const [kind, value] = ($("scope").value || ":").split(/:(.*)/s);
-    const params = { q: $("q").value, regex: $("regex").checked ? "1" : "", level: $("level").value, from: $("from").value, to: $("to").value };
+    const params = { q: $("q").value, regex: $("regex").checked ? "1" : "", level: $("level").value, ...rangeParams($("search-form")) };
     if (kind === "file") params.file = value;
     if (kind === "device") params.device = value;
     const target = "#/search?" + query(params);
@@ -750,18 +960,24 @@ async function loadHealth() {
 
 document.addEventListener("DOMContentLoaded", () => {
   initTheme();
+  initZone();
   initSort();
   initSearch();
   $("load-earlier").addEventListener("click", loadEarlier);
-  $("new-lines").addEventListener("click", () => {
-    const lines = $("log-lines");
-    lines.scrollTop = lines.scrollHeight;
-    showUnseen(0);
-  });
-  $("log-lines").addEventListener("scroll", () => { if (state.unseen && atLinesBottom($("log-lines"))) showUnseen(0); });
+  state.logLive = liveList($("log-lines"), $("new-lines"), "older lines left this view to keep it light; open the log again to read them",
+    () => {
+      if (state.log) state.log.earlier = null;
+      $("load-earlier").hidden = true;
+    });
   $("load-later").addEventListener("click", loadLater);
   $("log-level").addEventListener("change", applyLevelFilter);
   $("live").addEventListener("change", toggleLive);
+  // Times shown again in the zone chosen.
+  document.addEventListener("zonechange", () => {
+    if (state.view === "devices") loadDevices();
+    if (state.view === "search") route();
+    if (state.view === "health") loadHealth();
+  });
   window.addEventListener("hashchange", route);
   route();
 });
