@@ -721,7 +721,7 @@ std::vector<DeviceLogIndex::Piece> DeviceLogIndex::query(const Query& q) const {
     std::string sql =
         "SELECT p.id, l.file, p.generation, l.generation, p.offset, p.length, p.first_received, "
         "p.last_received, p.device_time, p.clock_offset, p.first_time, p.last_time, "
-        "p.severities, p.lines, p.header, COALESCE(h.path, ''), ";
+        "p.severities, p.lines, p.header, COALESCE(h.path, ''), l.file_id, ";
     sql += q.withSource ? "s.device_id, s.mac, s.display_name, s.caller, s.account, s.peer "
                           "FROM pieces p JOIN logs l ON l.id = p.log "
                           "LEFT JOIN sources s ON s.id = p.source "
@@ -801,9 +801,11 @@ std::vector<DeviceLogIndex::Piece> DeviceLogIndex::query(const Query& q) const {
         p.severities = static_cast<std::uint16_t>(select.integer(12));
         p.lines = static_cast<std::uint32_t>(select.integer(13));
         p.header = select.integer(14) != 0;
+        if (p.generation == select.integer(3))
+            p.currentFileId = static_cast<std::uint64_t>(select.integer(16));
         if (q.withSource) {
-            p.source = {select.text(16), select.text(17), select.text(18),
-                        select.text(19), select.text(20), select.text(21)};
+            p.source = {select.text(17), select.text(18), select.text(19),
+                        select.text(20), select.text(21), select.text(22)};
         }
         pieces.push_back(std::move(p));
     }

@@ -69,6 +69,10 @@ public:
         std::string file;
         std::int64_t generation = 0;
         std::string path;  // the file holding the generation now ("" when gone)
+        // For a piece of the log's current generation: the identity of its file (device
+        // and inode) as last committed; 0 otherwise. A log file found with another one was
+        // rotated after that commit.
+        std::uint64_t currentFileId = 0;
         std::uint64_t offset = 0;
         std::uint64_t length = 0;
         long long firstReceivedMs = 0;

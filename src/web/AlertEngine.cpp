@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <set>
 
+#include <sys/stat.h>
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -18,6 +20,7 @@
 
 #include "DeviceLogNames.h"
 #include "LogIndexView.h"
+#include "RotatingLogFile.h"
 #include "Utf8Text.h"
 
 namespace {
@@ -342,6 +345,7 @@ bool AlertEngine::readRound(Round& round) {
     std::int64_t from = read_.scanFrom;
     std::int64_t stillOpen = 0;  // the first piece that may still grow or was not read whole
     std::int64_t last = from - 1;
+    std::set<std::string> blocked;
     while (round.bytes < kBytesPerRound) {
         DeviceLogIndex::Query query;
         query.order = DeviceLogIndex::Order::Id;
@@ -350,10 +354,16 @@ bool AlertEngine::readRound(Round& round) {
         const std::vector<DeviceLogIndex::Piece> pieces = index_->query(query);
         for (const DeviceLogIndex::Piece& piece : pieces) {
             const bool growing = piece.firstReceivedMs > round.now - kGrowingMs;
-            if (round.bytes < kBytesPerRound) readPiece(round, piece, growing);
+            // A log whose files moved on since the index last said where they are waits
+            // for the index, with every piece of it after that one.
+            bool postponed = blocked.count(piece.file) != 0;
+            if (!postponed && round.bytes < kBytesPerRound && !readPiece(round, piece, growing)) {
+                blocked.insert(piece.file);
+                postponed = true;
+            }
             const AlertState::Cursor& cursor = read_.cursors[piece.file];
-            const bool unread = cursor.generation == piece.generation &&
-                                cursor.offset < piece.offset + piece.length;
+            const bool unread = postponed || (cursor.generation <= piece.generation &&
+                                              cursor.offset < piece.offset + piece.length);
             if ((growing || unread) && stillOpen == 0) stillOpen = piece.id;
             last = piece.id;
         }
@@ -409,14 +419,14 @@ void AlertEngine::initialize(Round& round) {
     round.batch.scanFrom = read_.scanFrom;
 }
 
-void AlertEngine::readPiece(Round& round, const DeviceLogIndex::Piece& piece, bool growing) {
+bool AlertEngine::readPiece(Round& round, const DeviceLogIndex::Piece& piece, bool growing) {
     const auto known = read_.cursors.find(piece.file);
     // A log first seen after alerts started is read from its start.
     AlertState::Cursor cursor = known != read_.cursors.end()
                                     ? known->second
                                     : AlertState::Cursor{piece.generation, piece.offset};
     const std::uint64_t end = piece.offset + piece.length;
-    if (piece.generation < cursor.generation) return;
+    if (piece.generation < cursor.generation) return true;
     if (piece.generation > cursor.generation) cursor = {piece.generation, piece.offset};
     const std::uint64_t start = std::max(cursor.offset, piece.offset);
     const std::string device = DeviceLogNames::deviceOfFile(piece.file);
@@ -432,17 +442,30 @@ void AlertEngine::readPiece(Round& round, const DeviceLogIndex::Piece& piece, bo
             read_.cursors[piece.file] = cursor;
             round.batch.cursors[piece.file] = cursor;
         }
-        return;
+        return true;
+    }
+    // The log file and its ".back" are only what the index says while the current file is
+    // the one it last committed: a rotation since then renamed them underneath.
+    const std::string current = options_.logsDir + "/" + piece.file;
+    const bool live =
+        piece.path == current || piece.path == current + RotatingLogFile::kBackupSuffix;
+    if (live) {
+        struct stat info {};
+        const std::uint64_t onDisk = ::stat(current.c_str(), &info) == 0 ? logFileIdOf(info) : 0;
+        if (piece.currentFileId != 0 && onDisk != piece.currentFileId) return false;
     }
     std::string text;
     if (piece.path.empty() ||
         !LogIndexView::readPath(options_.logsDir, piece.path, start,
                                 static_cast<std::size_t>(end - start), text)) {
-        // The bytes are gone (history removed): nothing to alert on there.
+        // A live file that cannot be read now is being rotated: read it when the index
+        // says where it went. History that is gone (retention removed it) holds nothing
+        // to alert on.
+        if (live) return false;
         cursor.offset = end;
         read_.cursors[piece.file] = cursor;
         round.batch.cursors[piece.file] = cursor;
-        return;
+        return true;
     }
     round.bytes += text.size();
     // A piece that may still grow is read to its last whole line; the rest waits.
@@ -452,7 +475,13 @@ void AlertEngine::readPiece(Round& round, const DeviceLogIndex::Piece& piece, bo
         usable = nl == std::string::npos ? 0 : nl + 1;
     }
     if (!piece.header) {
-        const DeviceLogSeverity::Level sole = LogIndexView::soleLevel(piece.severities);
+        // A line without a label of its own takes its piece's level only when every line
+        // of the piece has that level (a syslog message's priority), never from a labelled
+        // line beside it.
+        const DeviceLogSeverity::Level sole =
+            (piece.severities & DeviceLogSeverity::bit(DeviceLogSeverity::Level::Unknown)) != 0
+                ? DeviceLogSeverity::Level::Unknown
+                : LogIndexView::soleLevel(piece.severities);
         std::size_t at = 0;
         while (at < usable) {
             std::size_t nl = text.find('\n', at);
@@ -469,6 +498,7 @@ void AlertEngine::readPiece(Round& round, const DeviceLogIndex::Piece& piece, bo
     cursor.offset = start + usable;
     read_.cursors[piece.file] = cursor;
     round.batch.cursors[piece.file] = cursor;
+    return true;
 }
 
 void AlertEngine::matchLine(Round& round, const DeviceLogIndex::Piece& piece, std::string_view line,

@@ -113,7 +113,9 @@ private:
     // read (no index yet).
     bool readRound(Round& round);
     void initialize(Round& round);
-    void readPiece(Round& round, const DeviceLogIndex::Piece& piece, bool growing);
+    // Reads what `piece` holds past the log's cursor and tries its lines. False when it
+    // cannot be read yet (its log rotated since the index's last commit).
+    bool readPiece(Round& round, const DeviceLogIndex::Piece& piece, bool growing);
     void matchLine(Round& round, const DeviceLogIndex::Piece& piece, std::string_view line,
                    std::uint64_t offset, DeviceLogSeverity::Level level);
     void endQuietPeriods(Round& round);

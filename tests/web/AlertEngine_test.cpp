@@ -266,10 +266,12 @@ TEST_F(AlertEngineTest, FailedDeliveriesAreRetriedAndARemovedChannelIsGivenUp) {
     failures_ = 2;
     AlertRule rule;
     rule.text = "panic";
+    rule.level = DeviceLogSeverity::Level::Error;
     rule.quietMinutes = 0;
     AlertConfig cfg = config(rule);
     startEngine(cfg);
-    write(lines(0, 1, "kernel panic"));
+    // A line without a label is not an error for standing beside one.
+    write(lines(0, 1, "kernel panic") + "panic handler installed\n");
     ASSERT_TRUE(waitUntil([&] { return notices().size() == 1; }, 10s));
     std::vector<AlertState::Fired> fired = engine_->fired(1);
     ASSERT_TRUE(waitUntil(
@@ -279,6 +281,8 @@ TEST_F(AlertEngineTest, FailedDeliveriesAreRetriedAndARemovedChannelIsGivenUp) {
         },
         5s));
     EXPECT_EQ(fired.at(0).deliveries.at(0).attempts, 3);
+    EXPECT_EQ(fired.at(0).matches, 1);
+    EXPECT_EQ(notices().size(), 1u);
 
     cfg.rules[0].channels = {"gone"};
     engine_->setConfig(cfg);
