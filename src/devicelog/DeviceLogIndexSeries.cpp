@@ -8,8 +8,8 @@
 #include <cctype>
 
 #include "DeviceLogIndex.h"
-#include "SqliteStatement.h"
 #include "PMutex.h"
+#include "SqliteStatement.h"
 
 using Statement = SqliteStatement;
 

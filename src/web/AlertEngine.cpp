@@ -634,7 +634,11 @@ void AlertEngine::fire(Round& round, const AlertRule& rule, AlertState::Fired fi
     fired.rule = rule.id;
     fired.ruleName = rule.name;
     fired.createdMs = round.now;
-    for (const std::string& channel : rule.channels) fired.deliveries.push_back({channel});
+    for (const std::string& channel : rule.channels) {
+        AlertState::Delivery delivery;
+        delivery.channel = channel;
+        fired.deliveries.push_back(std::move(delivery));
+    }
     round.batch.fired.push_back(std::move(fired));
 }
 
