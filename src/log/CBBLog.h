@@ -149,7 +149,7 @@ public:
     static constexpr const char* kFileGroup = RotatingLogFile::kFileGroup;
     // Mode of the logs folder when the logger has to create it.
     static constexpr mode_t kFolderMode = ErrorLogFile::kFolderMode;
-    // Opens `path` through `io` as openFile() does; for a writer outside the logger that
+    // Opens `path` through `io` as the logger opens its files; for a writer outside it that
     // must append to the same files, such as the crash path, which opens them
     // beforehand. Runs in: normal context.
     static bool openLogFile(LogFileIo& io, int& fd, const CStdStr& path, bool truncate);
