@@ -1,23 +1,16 @@
 // SPDX-License-Identifier: MIT
-// CBBLog class side: the default logger and the static message functions. Each takes a
-// strong reference to its logger for the length of the call, lets the message through
-// when the logger's level is unset or enabled (the final test, after the level has been
-// read, is made again inside _AddLog), and does nothing when there is no logger.
+// CBBLog class side: the static message functions, to the default logger (DefaultLogger)
+// or to a given one. Each takes a strong reference to its logger for the length of the
+// call, lets the message through when the logger's level is unset or enabled (the final
+// test, after the level has been read, is made again inside _AddLog), and does nothing
+// when there is no logger.
 #include <type_traits>
 
 #include "CBBLog.h"
+#include "DefaultLogger.h"
 #include "VaListEnd.h"
 
-boost::weak_ptr<CBBLog> CBBLog::s_instance;
-
 namespace {
-
-// Guards CBBLog::s_instance. Created on first use, so that logging from another
-// translation unit's static initialisation finds it constructed.
-PMutex& instanceMutex() {
-    static PMutex mutex;
-    return mutex;
-}
 
 template <class T>
 bool isNullVaList(T args) {
@@ -28,53 +21,45 @@ bool isNullVaList(T args) {
     }
 }
 
-}  // namespace
-
-void CBBLog::setLogger(boost::shared_ptr<CBBLog> logger) {
-    PMutexLocker lock(instanceMutex());
-    s_instance = logger;
-}
-
-boost::shared_ptr<CBBLog> CBBLog::getLogger() {
-    PMutexLocker lock(instanceMutex());
-    // An expired reference (the default logger was destroyed) yields null.
-    return s_instance.lock();
-}
-
-bool CBBLog::isEnabled(LOGLEVEL messageLevel) {
-    const boost::shared_ptr<CBBLog> log = getLogger();
+bool isEnabled(LOGLEVEL messageLevel) {
+    const boost::shared_ptr<CBBLog> log = DefaultLogger::get();
     if (!log) return false;
     const LOGLEVEL current = log->getLogLevel();
-    return current == kLevelUnset || current >= messageLevel;
+    return current == CBBLog::kLevelUnset || current >= messageLevel;
 }
 
-bool CBBLog::isWarnEnabled() { return isEnabled(WARN); }
-bool CBBLog::isInfoEnabled() { return isEnabled(INFO); }
-bool CBBLog::isDebugEnabled() { return isEnabled(DEBUG); }
-
-void CBBLog::dispatch(const boost::shared_ptr<CBBLog>& log, LOGLEVEL messageLevel,
-                      const char* format, va_list args) {
+void dispatch(const boost::shared_ptr<CBBLog>& log, LOGLEVEL messageLevel, const char* format,
+              va_list args) {
     if (!log) return;
     const LOGLEVEL current = log->getLogLevel();
-    if (current != kLevelUnset && current < messageLevel) return;
+    if (current != CBBLog::kLevelUnset && current < messageLevel) return;
     log->_AddLog(format, args, messageLevel);
 }
 
-void CBBLog::dispatch(const boost::shared_ptr<CBBLog>& log, LOGLEVEL messageLevel,
-                      const boost::format& format) {
+void dispatch(const boost::shared_ptr<CBBLog>& log, LOGLEVEL messageLevel,
+              const boost::format& format) {
     if (!log) return;
     const LOGLEVEL current = log->getLogLevel();
-    if (current != kLevelUnset && current < messageLevel) return;
+    if (current != CBBLog::kLevelUnset && current < messageLevel) return;
     log->_AddLog(format, messageLevel);
 }
 
-void CBBLog::forward(const boost::shared_ptr<CBBLog>& log, LOGLEVEL messageLevel,
-                     const char* format, ...) {
+void forward(const boost::shared_ptr<CBBLog>& log, LOGLEVEL messageLevel, const char* format, ...) {
     va_list args;
     va_start(args, format);
     VaListEnd end(args);
     dispatch(log, messageLevel, format, args);
 }
+
+}  // namespace
+
+void CBBLog::setLogger(boost::shared_ptr<CBBLog> logger) { DefaultLogger::set(logger); }
+
+boost::shared_ptr<CBBLog> CBBLog::getLogger() { return DefaultLogger::get(); }
+
+bool CBBLog::isWarnEnabled() { return isEnabled(WARN); }
+bool CBBLog::isInfoEnabled() { return isEnabled(INFO); }
+bool CBBLog::isDebugEnabled() { return isEnabled(DEBUG); }
 
 // ---- printf-style, to the default logger ----
 

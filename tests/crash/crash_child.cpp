@@ -38,6 +38,7 @@ public:
     ~FaultingLog() override { stopWriter(); }
 
 protected:
+    bool writesLineByLine() const override { return true; }
     void logLineToFile(const CStdStr& line) override {
         if (line.find(kWriterCrashMarker) != CStdStr::npos) *g_null = 0;
         CBBLog::logLineToFile(line);

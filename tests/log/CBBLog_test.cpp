@@ -61,6 +61,7 @@ public:
     }
 
 protected:
+    bool writesLineByLine() const override { return true; }
     void logLineToFile(const CStdStr& line) override {
         stack_t stack{};
         altStack_ = sigaltstack(nullptr, &stack) == 0 && (stack.ss_flags & SS_DISABLE) == 0;
@@ -225,6 +226,7 @@ public:
     ~PerLineLog() override { stopWriter(); }
 
 protected:
+    bool writesLineByLine() const override { return true; }
     void logLineToFile(const CStdStr& line) override { CBBLog::logLineToFile(line); }
 };
 
@@ -347,43 +349,3 @@ TEST_F(LogTest, OpenFailuresAreReportedAndAnErrorLogFailureLeavesTheMainLogWorki
 }
 
 }  // namespace
-
-namespace {
-
-// A logger whose writer stops inside the first line until released.
-class HeldLog : public CBBLog {
-public:
-    HeldLog() : CBBLog("held.log", false, kSystemLimit) {}
-    ~HeldLog() override {
-        release = true;
-        stopWriter();
-    }
-    std::atomic<bool> entered{false};
-    std::atomic<bool> release{false};
-
-protected:
-    void logLineToFile(const CStdStr& line) override {
-        entered = true;
-        for (int i = 0; i < 5000 && !release; ++i) std::this_thread::sleep_for(1ms);
-        CBBLog::logLineToFile(line);
-    }
-};
-
-}  // namespace
-
-// getLogs() shows the lines queued and not yet taken by the writer, in order, whole.
-TEST_F(LogTest, GetLogsShowsWhatIsQueuedButNotYetTaken) {
-    HeldLog log;
-    log.setLogLevel(DEBUG);
-    EXPECT_EQ(log.getLogs(), "");
-    log.AddLog(INFO, "taken");
-    ASSERT_TRUE(waitUntil([&] { return log.entered.load(); }));
-    log.AddLog(INFO, "second");
-    log.AddRawLog("raw\n");
-    const std::vector<std::string> queued = linesOf(log.getLogs());
-    ASSERT_EQ(queued.size(), 2u);
-    EXPECT_TRUE(headed(queued[0], R"(\[INFO \] - second)"));
-    EXPECT_EQ(queued[1], "raw");
-    log.release = true;
-    EXPECT_TRUE(waitUntil([&] { return log.getLogs().empty(); }));
-}
