@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "SyslogParser.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace SyslogParser {
@@ -131,6 +132,104 @@ bool isTagWord(std::string_view word) {
     return !word.empty() && (word.back() == ':' || word.find('[') != std::string_view::npos);
 }
 
+// A word that names a host: letters, digits, "-" and "_" in dot-separated labels
+// ("nas", "cam-01.lan", "192.168.1.1"), or an IPv6 address ("fe80::1").
+bool isHostName(std::string_view word) {
+    if (word.empty() || word.size() > 253) return false;
+    if (std::count(word.begin(), word.end(), ':') >= 2) {
+        for (const char c : word) {
+            if (!isDigit(c) && c != ':' && c != '.' && !((c | 0x20) >= 'a' && (c | 0x20) <= 'f'))
+                return false;
+        }
+        return true;
+    }
+    bool labelStart = true;
+    for (const char c : word) {
+        if (c == '.') {
+            if (labelStart) return false;  // an empty label
+            labelStart = true;
+            continue;
+        }
+        const bool letter = (c | 0x20) >= 'a' && (c | 0x20) <= 'z';
+        if (!letter && !isDigit(c) && !(c == '-' && !labelStart) && c != '_') return false;
+        labelStart = false;
+    }
+    return !labelStart;
+}
+
+// The length of "WORD: " at the start of `text` when `accept(WORD)`, 0 if not.
+template <typename Accept>
+std::size_t labelLength(std::string_view text, Accept accept) {
+    const std::string_view word = token(text);
+    return word.size() >= 2 && word.size() < text.size() && word.back() == ':' &&
+                   accept(word.substr(0, word.size() - 1))
+               ? word.size() + 1
+               : 0;
+}
+
+bool isCounter(std::string_view word) {
+    return word.size() <= 10 && word.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+// A zone name written after the time and before a colon (" UTC:", " CET:"): its length
+// with the blank before it, 0 if there is none. Only the common names, so that a tag
+// such as "CRON:" stays a tag.
+std::size_t zoneNameLength(std::string_view text) {
+    static constexpr std::string_view kZones[] = {
+        "UTC",  "GMT", "WET", "WEST", "CET",  "CEST", "EET",  "EEST", "BST", "IST",
+        "MSK",  "EST", "EDT", "CST",  "CDT",  "MST",  "MDT",  "PST",  "PDT", "AKST",
+        "AKDT", "HST", "JST", "KST",  "AEST", "AEDT", "AWST", "NZST", "NZDT"};
+    if (text.size() < 5 || text[0] != ' ') return 0;
+    const std::size_t colon = text.find(':');
+    if (colon == std::string_view::npos || colon > 5) return 0;
+    for (const std::string_view zone : kZones) {
+        if (text.substr(1, colon - 1) == zone) return colon;
+    }
+    return 0;
+}
+
+// The looser forms some senders use around the stamp: blanks after the priority, a
+// message counter ("32: "), with the sender's name after it ("32: router1: "), a mark
+// before the month saying whether the clock is set ("*Mar  1", ".Mar  1"), a zone name
+// after the time ("10:00:00.123 UTC") and a colon after the stamp ("10:00:00: host").
+// The text starts at the stamp; what came before it is not kept (the counter, the mark)
+// or is the sender's name. Here only a word that is a host name names the sender.
+// False (nothing set) when `rest` does not have such a form.
+bool parseLoose(std::string_view rest, SyslogMessage& message) {
+    std::size_t pos = rest.find_first_not_of(' ');
+    if (pos == std::string_view::npos) return false;
+    std::string_view origin;
+    if (const std::size_t counter = labelLength(rest.substr(pos), isCounter); counter != 0) {
+        pos += counter;
+        if (const std::size_t name = labelLength(rest.substr(pos), isHostName); name != 0) {
+            origin = rest.substr(pos, name - 2);
+            pos += name;
+        }
+    }
+    if (pos < rest.size() && (rest[pos] == '*' || rest[pos] == '.')) ++pos;
+    SyslogStamp stamp;
+    const std::string_view from = rest.substr(pos);
+    std::size_t length = readBsdStamp(from, stamp);
+    if (length == 0) length = readIsoStamp(from, stamp);
+    if (length == 0) return false;
+    length += zoneNameLength(from.substr(length));
+    std::string_view after = from.substr(length);
+    if (!after.empty() && after[0] == ':') after.remove_prefix(1);
+    if (!after.empty() && after[0] != ' ') return false;
+    message.stamp = stamp;
+    message.stampLength = length;
+    message.hostname = origin;
+    after = afterBlank(after);
+    const std::string_view word = token(after);
+    if (origin.empty() && !isTagWord(word) && isHostName(word)) {
+        message.hostname = word;
+        after = afterBlank(after.substr(word.size()));
+    }
+    message.appName = tagOf(token(after));
+    appendInert(message.text, from);
+    return true;
+}
+
 void parseTraditional(std::string_view rest, SyslogMessage& message) {
     std::size_t stampLength = readBsdStamp(rest, message.stamp);
     if (stampLength == 0) stampLength = readIsoStamp(rest, message.stamp);
@@ -138,6 +237,7 @@ void parseTraditional(std::string_view rest, SyslogMessage& message) {
         message.stamp = SyslogStamp();  // "Jan 12 10:00:00x": not a stamp after all
         stampLength = 0;
     }
+    if (stampLength == 0 && parseLoose(rest, message)) return;
     message.stampLength = stampLength;
     std::string_view after = rest.substr(stampLength);
     if (stampLength != 0) {

@@ -2,7 +2,9 @@
 // SyslogParser: reads one syslog message in either of the two formats devices send: the
 // structured one ("<PRI>1 TIMESTAMP HOST APP PROCID MSGID SD MSG") and the traditional
 // one ("<PRI>Mmm dd hh:mm:ss HOST TAG: MSG"), with every part optional as real senders
-// leave them out. Never fails: whatever cannot be read as a field stays in the text.
+// leave them out, and the looser traditional forms network devices send (a counter before
+// the stamp, a colon after it). Never fails: whatever cannot be read as a field stays in
+// the text.
 // Pure functions, any thread.
 #pragma once
 

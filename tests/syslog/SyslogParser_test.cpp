@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include "SyslogStore.h"
+
 namespace {
 
 struct Shape {
@@ -81,6 +83,40 @@ TEST(SyslogParserTest, CorpusShapesGiveTheirFields) {
             EXPECT_GT(message.stampLength, 0u);
         }
         EXPECT_LE(message.stampLength, message.text.size());
+    }
+}
+
+// Looser traditional forms as routers, switches and appliances send them: the name each
+// is filed under (PEER: the sender's address), the application, and the stamp the text
+// starts at ("": none, the text is everything after the priority).
+TEST(SyslogParserTest, LooseTraditionalFormsNameTheirSender) {
+    const std::vector<std::vector<std::string>> cases = {
+        {"<13> Nov 25 10:00:00 host app: msg", "host", "app", "Nov 25 10:00:00"},
+        {"<13>  2026-11-25T10:00:00Z nas.lan cron[7]: x", "nas.lan", "cron",
+         "2026-11-25T10:00:00Z"},
+        {"<13>Nov 25 10:00:00.250: -x.lan app: m", "PEER", "", "Nov 25 10:00:00.250"},
+        {"<13>Nov 25 10:00:00: 10.0.0.2 app: m", "10.0.0.2", "app", "Nov 25 10:00:00"},
+        {"<13>Nov 25 2026 10:00:00: fe80::1 app: m", "fe80::1", "app", "Nov 25 2026 10:00:00"},
+        {"<13> Nov 5 2026 10:00:00: sw_2 app[1]: m", "sw_2", "app", "Nov 5 2026 10:00:00"},
+        {"<189>32: *Mar  1 00:04:36.127: %SYS-5-CONFIG_I: Configured", "PEER", "%SYS-5-CONFIG_I",
+         "Mar  1 00:04:36.127"},
+        {"<187>1204: core-sw: .Nov 25 10:00:00.5 CET: %LINK-3-UPDOWN: up", "core-sw",
+         "%LINK-3-UPDOWN", "Nov 25 10:00:00.5 CET"},
+        {"<13>4: Nov 25 10:00:00 CRON: x", "PEER", "CRON", "Nov 25 10:00:00"},
+        {"<13> Nov 25 10:00:00 ../etc app: x", "PEER", "", "Nov 25 10:00:00"},
+        {"<13>Nov 25 10:00:00: host: x", "PEER", "host", "Nov 25 10:00:00"},
+        {"<13>9: ../up: Nov 25 10:00:00: app: x", "PEER", "9", ""},
+        {"<13>Nov 25 10:00:00:host app: x", "PEER", "", ""},
+    };
+    for (const std::vector<std::string>& c : cases) {
+        SCOPED_TRACE(c[0]);
+        const SyslogMessage message = SyslogParser::parse(c[0], 8192);
+        std::string why;
+        EXPECT_EQ(SyslogStore::senderName(message.hostname, "PEER", why), c[1]);
+        EXPECT_EQ(message.appName, c[2]);
+        EXPECT_EQ(message.stamp.present, !c[3].empty());
+        EXPECT_EQ(message.text.substr(0, message.stampLength), c[3]);
+        EXPECT_EQ(message.text, c[0].substr(c[3].empty() ? c[0].find('>') + 1 : c[0].find(c[3])));
     }
 }
 
