@@ -277,7 +277,7 @@ int KibSatelliteImpl::connect(const char* host, const char* satelliteName) {
         disconnect();
         return result;
     }
-    natsConnection_FlushTimeout(connection_.get(), kFlushTimeoutMs);
+    flush();
     return KIB_OK;
 }
 
@@ -304,7 +304,7 @@ int KibSatelliteImpl::disconnect() {
     for (auto& [name, listener] : listeners) unsubscribe(std::move(listener));
     for (auto& control : control_) unsubscribe(std::move(control));
     control_.clear();
-    natsConnection_FlushTimeout(connection_.get(), kFlushTimeoutMs);
+    flush();
     closeConnection();
     name_.clear();
     connectedUser_.clear();
@@ -431,7 +431,7 @@ int KibSatelliteImpl::registerServices() {
         registered_ = true;
     }
     announce(false);
-    natsConnection_FlushTimeout(connection_.get(), kFlushTimeoutMs);
+    flush();
     return result;
 }
 
@@ -449,6 +449,14 @@ int KibSatelliteImpl::unregisterServices(bool removeServices) {
         for (auto& [name, service] : services_) {
             if (service->sub != nullptr) active.push_back(service.get());
         }
+    }
+    if (!active.empty() && connection_ != nullptr && !connectionUp()) {
+        // The client keeps the connection to itself while it tries a server, so the
+        // calls below may wait for that attempt to give up.
+        KibLog::info(
+            "Leaving the bus without a connection: the services stop at once, "
+            "after a reconnection attempt under way (at most %d ms)",
+            kConnectTimeoutMs);
     }
     if (wasRegistered && connection_ != nullptr) announce(true);
     // Only this (management) thread changes the service table, so the records stay put.
@@ -475,18 +483,32 @@ int KibSatelliteImpl::unregisterServices(bool removeServices) {
     for (auto& s : stopped) unsubscribe(std::move(s));
     // As in removeService: the server must have seen the unsubscriptions before the
     // caller goes on, or a request sent right afterwards may still be routed here.
-    if (anyStopped && connection_ != nullptr &&
-        natsConnection_Status(connection_.get()) == NATS_CONN_STATUS_CONNECTED) {
-        natsConnection_FlushTimeout(connection_.get(), kFlushTimeoutMs);
-    }
+    if (anyStopped && connection_ != nullptr) flush();
     return KIB_OK;
 }
 
+bool KibSatelliteImpl::connectionUp() const {
+    return connection_ != nullptr &&
+           natsConnection_Status(connection_.get()) == NATS_CONN_STATUS_CONNECTED;
+}
+
+// A flush needs the server's answer: while the connection is lost it would only wait
+// out its timeout, and nothing sent meanwhile reaches a server anyway.
+void KibSatelliteImpl::flush() {
+    if (connectionUp()) natsConnection_FlushTimeout(connection_.get(), kFlushTimeoutMs);
+}
+
 // Stops the server's deliveries to `s` while its handler works through what already
-// arrived; without a connection to tell the server, the subscription just ends.
+// arrived; without a connection to tell the server, the subscription just ends: a drain
+// would wait out its whole timeout for the server's answer, and the requests not yet
+// handled could not be answered anyway (their senders send them again).
 void KibSatelliteImpl::drain(KibSubscription& s) {
     if (s.perUser) drain(*s.perUser);
     reportDrops(s, s.sub.get(), true);
+    if (!connectionUp()) {
+        natsSubscription_Unsubscribe(s.sub.get());
+        return;
+    }
     const natsStatus status = natsSubscription_DrainTimeout(
         s.sub.get(), std::chrono::duration_cast<std::chrono::milliseconds>(kTeardownWait).count());
     if (status != NATS_OK) natsSubscription_Unsubscribe(s.sub.get());
@@ -516,7 +538,7 @@ int KibSatelliteImpl::addService(const char* name, const char* description,
     }
     if (result == KIB_OK && isRegistered() && connection_ != nullptr) {
         announce(false);
-        natsConnection_FlushTimeout(connection_.get(), kFlushTimeoutMs);
+        flush();
     }
     return result;
 }
@@ -534,7 +556,7 @@ int KibSatelliteImpl::removeService(const char* name) {
     if (isRegistered() && connection_ != nullptr) announce(false);
     if (service->sub != nullptr) {
         unsubscribe(std::move(service));
-        natsConnection_FlushTimeout(connection_.get(), kFlushTimeoutMs);
+        flush();
     }
     return KIB_OK;
 }

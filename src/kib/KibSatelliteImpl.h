@@ -144,6 +144,10 @@ private:
     void answer(KibReply& reply, const char* subject,
                 const std::shared_ptr<KibDeferredReplyState>& deferred);
     void drain(KibSubscription& s);
+    // Whether the connection is up right now (not lost and reconnecting, not closed).
+    bool connectionUp() const;
+    // Waits (boundedly) until the server has seen what was sent; at once without a server.
+    void flush();
     void waitForCompletion(KibSubscription& s);
     int subscribe(KibSubscription& s, const std::string& subject, bool queue);
     bool isRegistered();

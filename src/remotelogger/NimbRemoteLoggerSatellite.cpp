@@ -449,10 +449,6 @@ CStdStr NimbRemoteLoggerSatellite::convertLog(const CStdStr& content, long devic
     return DeviceLogConverter::convertLog(content, deviceTime, serverTime);
 }
 
-CStdStr NimbRemoteLoggerSatellite::convertDate(const tm& t, long deviceTime, long serverTime) {
-    return DeviceLogConverter::convertDate(t, deviceTime, serverTime);
-}
-
 void NimbRemoteLoggerSatellite::setMaxLogSources(int limit, int perDevice) {
     sources.setLimits(static_cast<std::size_t>(std::max(limit, 0)),
                       static_cast<std::size_t>(std::max(perDevice, 0)));

@@ -11,7 +11,6 @@
 // it returns.
 #pragma once
 
-#include <ctime>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -165,7 +164,6 @@ public:
 
     // Timestamp rewriting of device log text; see DeviceLogConverter. Any thread.
     CStdStr convertLog(const CStdStr& content, long deviceTime, long serverTime);
-    CStdStr convertDate(const tm& t, long deviceTime, long serverTime);
 
     // The bounds on open logs, in all and per device; connect() sets them from the
     // settings. Any thread.

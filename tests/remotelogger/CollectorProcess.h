@@ -61,10 +61,11 @@ public:
                << "collector did not connect: " << nimbtest::readFile(output());
     }
 
-    // Sends `signalNumber` and returns the exit status (-1 if it did not exit normally).
-    int stop(int signalNumber = SIGTERM) {
+    // Sends `signalNumber` and returns the exit status (-1 if it did not exit normally,
+    // or not within `limit`: it is killed then).
+    int stop(int signalNumber = SIGTERM, std::chrono::seconds limit = std::chrono::seconds(60)) {
         ::kill(pid_, signalNumber);
-        const nimbtest::ChildResult child = nimbtest::waitChild(pid_, output());
+        const nimbtest::ChildResult child = nimbtest::waitChild(pid_, output(), limit);
         pid_ = -1;
         return child.finished && WIFEXITED(child.status) ? WEXITSTATUS(child.status) : -1;
     }

@@ -4,6 +4,8 @@
 // for the burst, a satellite in this process) plays the device.
 
 #include <atomic>
+#include <chrono>
+#include <cstdio>
 #include <regex>
 #include <set>
 #include <string>
@@ -119,6 +121,24 @@ TEST_F(RemoteLoggerDaemonTest, UnreachableBusEndsTheProgramWithZeroAndTheReason)
     const std::string log = readFile(logs() / "NimbRemoteLogger.log");
     EXPECT_NE(log.find("Failed to register: -2147202300 (0x80044b04)"), std::string::npos) << log;
     EXPECT_NE(log.find("Failed to register 0x80044b04"), std::string::npos) << log;
+}
+
+// With the bus gone a stop has no server to wait for: the collector ends about as
+// promptly as with the bus up, and says why it did not leave the bus in order.
+TEST_F(RemoteLoggerDaemonTest, StopsPromptlyWithTheBusGone) {
+    start();
+    server_.stop();
+    const fs::path log = logs() / "NimbRemoteLogger.log";
+    ASSERT_TRUE(waitUntil([&] { return readFile(log).find("Lost the bus") != std::string::npos; }))
+        << readFile(log);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(collector_.stop(SIGTERM, std::chrono::seconds(3)), 0) << readFile(log);
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          std::chrono::steady_clock::now() - begin)
+                          .count();
+    RecordProperty("stop_ms", static_cast<int>(took));
+    std::printf("stop with the bus gone: %lld ms\n", static_cast<long long>(took));
+    EXPECT_NE(readFile(log).find("Leaving the bus without a connection"), std::string::npos);
 }
 
 TEST_F(RemoteLoggerDaemonTest, RefusesNamesReachingOutsideTheLogsFolder) {

@@ -6,6 +6,7 @@
 // 1 the report could not be written, 2 bad usage.
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -21,6 +22,18 @@ namespace {
 
 constexpr const char* kStackwalkName = "minidump_stackwalk";
 constexpr const char* kSymbolsName = "symbols";
+
+const char kHelp[] =
+    "Usage: NimbCrashReporter <dump> <application> [-appData <data> | <argument> <argument>]\n"
+    "       NimbCrashReporter --help | --version\n"
+    "\n"
+    "Started by a crashed program's dump handler on its fresh minidump: writes a readable\n"
+    "report beside the dump (<dump without .dmp>.txt), with the stack read by\n"
+    "minidump_stackwalk and the symbol store \"symbols\" found beside this program, then\n"
+    "keeps the newest dumps and reports of the dump folder (setting CrashDumpsKept under\n"
+    "Software\\Pellix\\Nimb).\n"
+    "\n"
+    "Exit status: 0 done, 1 the report could not be written, 2 bad usage.\n";
 
 // The folder that holds this program; empty when unknown.
 std::filesystem::path ownFolder() {
@@ -70,6 +83,10 @@ std::size_t keptDumps() {
 
 int main(int argc, char** argv) {
     if (nimbPrintVersionIfAsked(argc, argv, "NimbCrashReporter")) return 0;
+    if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+        std::fputs(kHelp, stdout);
+        return 0;
+    }
     std::string error;
     const auto request =
         parseCrashReporterArguments(std::vector<std::string>(argv + 1, argv + argc), &error);

@@ -12,7 +12,12 @@
 #include <iostream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include <QCommandLineOption>
+#include <QCommandLineParser>
+#include <QStringList>
 
 #include "CFileTools.h"
 #include "LogsHistory.h"
@@ -107,67 +112,82 @@ bool isKnownField(const CStdStr& field) {
     return false;
 }
 
-// Takes the value of an option written "--name VALUE" or "--name=VALUE".
-bool optionValue(int argc, char** argv, int& index, const char* name, CStdStr& value) {
-    const size_t length = std::strlen(name);
-    const char* argument = argv[index];
-    if (std::strncmp(argument, name, length) != 0) return false;
-    if (argument[length] == '=') {
-        value = argument + length + 1;
-        return true;
+// Options that take a value ("--name VALUE" or "--name=VALUE"), and those that stand alone.
+const char* const kValueOptions[] = {"dir",   "sort",  "fields", "device", "since",
+                                     "until", "level", "file",   "limit",  "format"};
+const char* const kFlagOptions[] = {"tsv", "no-header", "history", "reindex", "headers"};
+
+bool isFlagOption(const QString& name) {
+    for (const char* flag : kFlagOptions) {
+        if (name == QLatin1String(flag)) return true;
     }
-    if (argument[length] != '\0') return false;
-    if (index + 1 >= argc) throw std::invalid_argument(CStdStr(name) + " needs a value");
-    value = argv[++index];
-    return true;
+    return false;
 }
 
-// The field a query option with a value fills, null for another argument.
-CStdStr* queryOption(int argc, char** argv, int& index, Options& options, CStdStr& value) {
-    const std::pair<const char*, CStdStr*> known[] = {
-        {"--since", &options.since}, {"--until", &options.until}, {"--level", &options.level},
-        {"--file", &options.file},   {"--limit", &options.limit}, {"--format", &options.format}};
-    for (const auto& [name, target] : known) {
-        if (optionValue(argc, argv, index, name, value)) return target;
+// The usage error for a command line the parser refused: the first argument it could
+// not place (an unknown option as written, a flag given a value, a word no option takes),
+// else the option at the end that lacks its value.
+std::string refusal(const QCommandLineParser& parser, const QStringList& arguments) {
+    const QStringList unknown = parser.unknownOptionNames();
+    const QStringList words = parser.positionalArguments();
+    for (qsizetype i = 1; i < arguments.size(); ++i) {
+        const QString& argument = arguments[i];
+        bool refused = argument == QLatin1String("--") || words.contains(argument);
+        if (argument.startsWith(QLatin1String("--"))) {
+            const QString name = argument.mid(2).section(QLatin1Char('='), 0, 0);
+            refused = refused || unknown.contains(name) ||
+                      (isFlagOption(name) && argument.contains(QLatin1Char('=')));
+        } else if (argument.startsWith(QLatin1Char('-'))) {
+            for (const QChar letter : argument.mid(1))
+                refused = refused || unknown.contains(QString(letter));
+        }
+        if (refused) return "unknown argument \"" + argument.toStdString() + "\"";
     }
-    return nullptr;
+    const QString last = arguments.last();
+    if (last.startsWith(QLatin1String("--"))) return last.toStdString() + " needs a value";
+    return parser.errorText().toStdString();
 }
 
 // Reads the command line into `options`; throws std::invalid_argument with the
 // reason on a usage error.
-void parseArguments(int argc, char** argv, Options& options) {
-    for (int i = 1; i < argc; ++i) {
-        CStdStr value;
-        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
-            options.help = true;
-        } else if (std::strcmp(argv[i], "--tsv") == 0) {
-            options.tsv = options.tableOptionGiven = true;
-        } else if (std::strcmp(argv[i], "--no-header") == 0) {
-            options.header = false;
-            options.tableOptionGiven = true;
-        } else if (std::strcmp(argv[i], "--history") == 0) {
-            options.history = true;
-        } else if (std::strcmp(argv[i], "--reindex") == 0) {
-            options.reindex = true;
-        } else if (std::strcmp(argv[i], "--headers") == 0) {
-            options.query.headers = options.queryGiven = true;
-        } else if (optionValue(argc, argv, i, "--dir", value)) {
-            options.folder = value;
-            options.folderGiven = true;
-        } else if (optionValue(argc, argv, i, "--sort", value)) {
-            options.sortKey = value;
-            options.listingOptionGiven = true;
-        } else if (optionValue(argc, argv, i, "--fields", value)) {
-            options.fields = splitFields(value);
-            options.listingOptionGiven = true;
-        } else if (optionValue(argc, argv, i, "--device", value)) {
-            options.device = value;
-        } else if (CStdStr* target = queryOption(argc, argv, i, options, value)) {
-            *target = value;
-            options.queryGiven = true;
-        } else {
-            throw std::invalid_argument(CStdStr("unknown argument \"") + argv[i] + "\"");
-        }
+void parseArguments(const QStringList& arguments, Options& options) {
+    QCommandLineParser parser;
+    const QCommandLineOption help(QStringList{QStringLiteral("h"), QStringLiteral("help")});
+    parser.addOption(help);
+    for (const char* name : kFlagOptions) parser.addOption(QCommandLineOption(QLatin1String(name)));
+    for (const char* name : kValueOptions)
+        parser.addOption(
+            QCommandLineOption(QLatin1String(name), QString(), QStringLiteral("value")));
+    if (!parser.parse(arguments) || !parser.positionalArguments().isEmpty() ||
+        arguments.contains(QStringLiteral("--")))
+        throw std::invalid_argument(refusal(parser, arguments));
+
+    const auto isSet = [&](const char* name) { return parser.isSet(QLatin1String(name)); };
+    const auto value = [&](const char* name) {
+        return CStdStr(parser.value(QLatin1String(name)).toStdString());
+    };
+    options.help = parser.isSet(help);
+    options.tsv = isSet("tsv");
+    options.header = !isSet("no-header");
+    options.tableOptionGiven = options.tsv || !options.header;
+    options.history = isSet("history");
+    options.reindex = isSet("reindex");
+    options.query.headers = isSet("headers");
+    if (isSet("dir")) {
+        options.folder = value("dir");
+        options.folderGiven = true;
+    }
+    if (isSet("sort")) options.sortKey = value("sort");
+    if (isSet("fields")) options.fields = splitFields(value("fields"));
+    options.listingOptionGiven = isSet("sort") || isSet("fields");
+    options.device = value("device");
+    const std::pair<const char*, CStdStr*> query[] = {
+        {"since", &options.since}, {"until", &options.until}, {"level", &options.level},
+        {"file", &options.file},   {"limit", &options.limit}, {"format", &options.format}};
+    options.queryGiven = options.query.headers;
+    for (const auto& [name, target] : query) {
+        *target = value(name);
+        options.queryGiven = options.queryGiven || isSet(name);
     }
 }
 
@@ -272,7 +292,9 @@ int main(int argc, char** argv) {
     if (nimbPrintVersionIfAsked(argc, argv, "nimb-logs")) return 0;
     Options options;
     try {
-        parseArguments(argc, argv, options);
+        QStringList arguments;
+        for (int i = 0; i < argc; ++i) arguments << QString::fromLocal8Bit(argv[i]);
+        parseArguments(arguments, options);
         if (!options.help) checkOptions(options);
     } catch (const std::invalid_argument& e) {
         std::cerr << "nimb-logs: " << e.what() << " (see nimb-logs --help)\n";

@@ -13,6 +13,7 @@
 #include <QSocketNotifier>
 #include <QTextStream>
 
+#include "NimbVersion.h"
 #include "WebAuth.h"
 #include "WebServer.h"
 #include "WebSettings.h"
@@ -51,10 +52,12 @@ void onSignal(int) {
 int main(int argc, char* argv[]) {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("nimb-web"));
+    QCoreApplication::setApplicationVersion(QString::fromLatin1(kNimbVersion));
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
         "Serves the collected logs to a browser (settings under Software\\Pellix\\Nimb\\Web)."));
     parser.addHelpOption();
+    parser.addVersionOption();
     parser.addOption({QStringLiteral("listen"),
                       QStringLiteral("Address and port to listen on (default: the Listen setting, "
                                      "else 127.0.0.1:8470)."),
@@ -71,6 +74,7 @@ int main(int argc, char* argv[]) {
                                      "standard input, for TokenHash or PasswordHash, and exit.")});
     if (!parser.parse(QCoreApplication::arguments())) return fail(kExitUsage, parser.errorText());
     if (parser.isSet(QStringLiteral("help"))) parser.showHelp(0);
+    if (parser.isSet(QStringLiteral("version"))) parser.showVersion();
     if (!parser.positionalArguments().isEmpty()) {
         return fail(
             kExitUsage,

@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <signal.h>
@@ -21,6 +22,7 @@
 #include <gtest/gtest.h>
 
 #include "NatsServer.h"
+#include "NimbSettingsKeys.h"
 
 namespace fs = std::filesystem;
 
@@ -111,23 +113,40 @@ TEST_F(InstallTest, LaysOutProgramsMarkerAndServiceFiles) {
 }
 
 // Every installed program answers --version with its name and the suite's version, and
-// the collector answers --help with what it reads and where it writes, instead of
-// starting.
-TEST_F(InstallTest, ProgramsAnswerVersionAndTheCollectorHelp) {
+// --help with its usage (its name in it), instead of starting. The collector's help lists
+// each setting of the table under the keys it reads.
+TEST_F(InstallTest, ProgramsAnswerVersionAndHelp) {
     const fs::path bin = prefix_ / "bin";
     std::vector<std::string> programs = {"NimbRemoteLogger", "NimbCrashReporter", "kib-call",
-                                         "nimb-defaults", "nimb-logs"};
+                                         "nimb-defaults",    "nimb-logs",         "nimb-web",
+                                         "nimb-bus-setup"};
     if (NIMB_HAVE_LOGPUSH) programs.push_back("nimb-logpush");
-    const fs::path out = root_ / "version.out";
+    const fs::path out = root_ / "answer.out";
     for (const std::string& program : programs) {
-        EXPECT_EQ(run("'" + (bin / program).string() + "' --version", out), 0) << program;
+        const std::string path = "'" + (bin / program).string() + "'";
+        EXPECT_EQ(run(path + " --version", out), 0) << program;
         EXPECT_EQ(readFile(out), program + " " + NIMB_VERSION + "\n");
+        EXPECT_EQ(run(path + " --help", out), 0) << program;
+        EXPECT_NE(readFile(out).find(program), std::string::npos) << program << "\n"
+                                                                  << readFile(out);
     }
     EXPECT_EQ(run("'" + (bin / "NimbRemoteLogger").string() + "' --help", out), 0);
     const std::string help = readFile(out);
-    for (const char* part : {"Usage: NimbRemoteLogger", "kibDirectory.host", "MaxLogSources",
-                             "LogLevel", "LogsDir", "NimbRemoteLogger.log", "errors.log"}) {
+    for (const char* part : {"Usage: NimbRemoteLogger", "NimbRemoteLogger.log", "errors.log"})
         EXPECT_NE(help.find(part), std::string::npos) << part << "\n" << help;
+    std::vector<std::string> lines;
+    std::istringstream in(help);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    for (const NimbSettings::Key& key : NimbSettings::kKeys) {
+        const std::string path(key.keyPath);
+        const bool read = path == NimbSettings::kSuiteKey || path == NimbSettings::kConfigKey ||
+                          path == NimbSettings::kSyslogKey;
+        bool listed = false;
+        for (const std::string& line : lines) {
+            listed = listed || (line.rfind("  " + path + " ", 0) == 0 &&
+                                line.find(std::string(" ") + key.name + " ") != std::string::npos);
+        }
+        EXPECT_EQ(listed, read) << path << " " << key.name;
     }
 }
 
