@@ -194,7 +194,7 @@ std::vector<LogCatalog::Device> LogCatalog::devices(std::int64_t now) {
     const std::map<std::string, LogIndexView::LogFacts> facts =
         indexed ? index_.facts(end) : std::map<std::string, LogIndexView::LogFacts>{};
     std::set<std::string> counted;  // logs whose index facts were taken
-    const std::lock_guard<std::mutex> lock(mutex_);
+    PMutexLocker lock(mutex_);
     for (const Named& file : classify(end)) {
         const SafeFolder::Entry& entry = file.entry;
         const NameParts& parts = file.parts;
@@ -253,7 +253,7 @@ std::vector<LogCatalog::Device> LogCatalog::devices(std::int64_t now) {
 
 std::vector<std::string> LogCatalog::deviceFiles(const std::string& key, std::int64_t now) {
     std::vector<std::string> names;
-    const std::lock_guard<std::mutex> lock(mutex_);
+    PMutexLocker lock(mutex_);
     for (Named& file : classify(activityEnd(now))) {
         if (file.parts.key == key) names.push_back(std::move(file.entry.name));
     }

@@ -11,13 +11,13 @@
 #include <array>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "LogIndexView.h"
 #include "LogText.h"
+#include "PMutex.h"
 #include "SafeFolder.h"
 
 class LogCatalog {
@@ -105,8 +105,8 @@ private:
 
     // Every device file of the folder, sorted by name, split with the sender names that
     // its own header lines and those of the folder's other files give; brings their
-    // summaries up to date and forgets those of files that went away. mutex_ held.
-    std::vector<Named> classify(std::int64_t end);
+    // summaries up to date and forgets those of files that went away.
+    std::vector<Named> classify(std::int64_t end) NIMB_REQUIRES(mutex_);
     // Brings `summary` up to date with the file (reads only what was added).
     void refresh(const std::string& name, std::uint64_t inode, std::uint64_t size, std::int64_t end,
                  Summary& summary);
@@ -115,6 +115,6 @@ private:
 
     const std::string folder_;
     LogIndexView index_;
-    std::mutex mutex_;
-    std::map<std::string, Summary> summaries_;  // guarded by mutex_, by file name
+    PMutex mutex_;
+    std::map<std::string, Summary> summaries_ NIMB_GUARDED_BY(mutex_);  // by file name
 };

@@ -147,12 +147,12 @@ bool LogIndexView::openLocked() {
 }
 
 bool LogIndexView::available() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    PMutexLocker lock(mutex_);
     return openLocked();
 }
 
 std::vector<DeviceLogIndex::Piece> LogIndexView::query(const DeviceLogIndex::Query& query) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    PMutexLocker lock(mutex_);
     if (!openLocked()) return {};
     return index_->query(query);
 }
@@ -160,13 +160,13 @@ std::vector<DeviceLogIndex::Piece> LogIndexView::query(const DeviceLogIndex::Que
 DeviceLogIndex::Series LogIndexView::series(long long since, long long until, long long step,
                                             std::size_t maxPoints,
                                             const std::vector<std::string>& names) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    PMutexLocker lock(mutex_);
     if (!openLocked()) return {};
     return index_->series(since, until, step, maxPoints, names);
 }
 
 std::int64_t LogIndexView::lastPieceId() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    PMutexLocker lock(mutex_);
     return openLocked() ? index_->lastPieceId() : 0;
 }
 
@@ -206,7 +206,7 @@ void LogIndexView::count(const DeviceLogIndex::Piece& piece, std::uint64_t& budg
 
 std::map<std::string, LogIndexView::LogFacts> LogIndexView::facts(std::int64_t end) {
     std::map<std::string, LogFacts> result;
-    const std::lock_guard<std::mutex> lock(mutex_);
+    PMutexLocker lock(mutex_);
     if (!openLocked()) return result;
     for (const DeviceLogIndex::LogInfo& log : index_->logs(false))
         result[log.file].source = log.source;

@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,6 +21,7 @@
 #include "DeviceLogIndex.h"
 #include "DeviceLogSeverity.h"
 #include "LogText.h"
+#include "PMutex.h"
 
 class LogIndexView {
 public:
@@ -87,12 +87,12 @@ private:
         std::uint64_t length = 0;
         std::vector<std::pair<std::int64_t, std::array<std::uint32_t, kClasses>>> bins;
     };
-    bool openLocked();
+    bool openLocked() NIMB_REQUIRES(mutex_);
     void count(const DeviceLogIndex::Piece& piece, std::uint64_t& budget, Counted& counted) const;
 
     const std::string folder_;
-    std::mutex mutex_;
-    std::unique_ptr<DeviceLogIndex> index_;            // guarded by mutex_
-    std::map<std::int64_t, Counted> counted_;          // guarded by mutex_, by piece id
-    std::map<std::int64_t, LogText::Header> headers_;  // guarded by mutex_, by piece id
+    PMutex mutex_;
+    std::unique_ptr<DeviceLogIndex> index_ NIMB_GUARDED_BY(mutex_);
+    std::map<std::int64_t, Counted> counted_ NIMB_GUARDED_BY(mutex_);          // by piece id
+    std::map<std::int64_t, LogText::Header> headers_ NIMB_GUARDED_BY(mutex_);  // by piece id
 };

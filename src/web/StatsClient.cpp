@@ -104,7 +104,7 @@ bool StatsClient::connectLocked() {
 
 StatsClient::Stats StatsClient::fetch() {
     Stats stats;
-    const std::lock_guard<std::mutex> lock(mutex_);
+    PMutexLocker lock(mutex_);
     if (!connectLocked()) {
         stats.error = QStringLiteral("cannot connect to the bus at %1")
                           .arg(QString::fromStdString(bus_.displayHost()));

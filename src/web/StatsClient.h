@@ -9,12 +9,12 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include <QString>
 
 #include "NimbBusSettings.h"
+#include "PMutex.h"
 
 class KibSatellite;
 
@@ -42,10 +42,10 @@ public:
     Stats fetch();
 
 private:
-    bool connectLocked();
+    bool connectLocked() NIMB_REQUIRES(mutex_);
 
     const NimbBusSettings bus_;
-    std::mutex mutex_;
-    std::unique_ptr<KibSatellite> satellite_;              // guarded by mutex_
-    std::chrono::steady_clock::time_point nextAttempt_{};  // guarded by mutex_
+    PMutex mutex_;
+    std::unique_ptr<KibSatellite> satellite_ NIMB_GUARDED_BY(mutex_);
+    std::chrono::steady_clock::time_point nextAttempt_ NIMB_GUARDED_BY(mutex_){};
 };
