@@ -2,6 +2,7 @@
 #include "AlertConsole.h"
 
 #include <cstdlib>
+#include <set>
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -134,10 +135,10 @@ AlertEngine::Outcome AlertConsole::send(const AlertChannelConfig& config,
     return {result.ok, result.error};
 }
 
-QJsonObject AlertConsole::channelJson(const AlertChannelConfig& channel) {
+std::set<std::string> AlertConsole::storedSecrets() {
     std::string error;
-    const bool hasSecret = secrets_->get(secretName(channel.id), error).has_value();
-    return AlertRules::toJson(channel, hasSecret);
+    const std::vector<std::string> names = secrets_->names(error);
+    return {names.begin(), names.end()};
 }
 
 WebReply AlertConsole::get() {
@@ -145,7 +146,10 @@ WebReply AlertConsole::get() {
     QJsonArray rules;
     for (const AlertRule& rule : config.rules) rules.append(AlertRules::toJson(rule));
     QJsonArray channels;
-    for (const AlertChannelConfig& channel : config.channels) channels.append(channelJson(channel));
+    // The secrets file is read once for all channels.
+    const std::set<std::string> secrets = storedSecrets();
+    for (const AlertChannelConfig& channel : config.channels)
+        channels.append(AlertRules::toJson(channel, secrets.count(secretName(channel.id)) != 0));
     const AlertEngine::Status status = engine_->status();
     QJsonObject ruleStates;
     for (const auto& [id, rule] : status.rules) {
@@ -293,7 +297,9 @@ WebReply AlertConsole::saveChannel(const QJsonObject& json) {
     if (!AlertRules::save(config, error))
         return WebReply::error(500, QString::fromStdString(error));
     engine_->setConfig(config);
-    return WebReply::json(QJsonObject{{"channel", channelJson(channel)}});
+    return WebReply::json(
+        QJsonObject{{"channel", AlertRules::toJson(
+                                    channel, storedSecrets().count(secretName(channel.id)) != 0)}});
 }
 
 WebReply AlertConsole::deleteChannel(const QJsonObject& json) {

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <memory>
+#include <set>
 #include <string>
 
 #include <QString>
@@ -65,7 +66,8 @@ private:
     WebReply saveChannel(const QJsonObject& json);
     WebReply deleteChannel(const QJsonObject& json);
     WebReply test(const QJsonObject& json);
-    QJsonObject channelJson(const AlertChannelConfig& channel);
+    // The names under which the secrets file holds a secret.
+    std::set<std::string> storedSecrets();
     AlertEngine::Outcome send(const AlertChannelConfig& channel, const AlertEngine::Notice& notice);
 
     Options options_;

@@ -36,6 +36,13 @@ protected:
     static QJsonObject object(const HttpResponse& response) {
         return QJsonDocument::fromJson(QByteArray::fromStdString(response.body)).object();
     }
+    void announce() {
+        ASSERT_EQ(
+            callCollector(
+                "SetLogSource",
+                R"(["00:11:22:33:44:55", "puck-7", "Living room", {"date":"2026-11-22T10:00:00Z"}, {"str[]":["system.log"]}])"),
+            0);
+    }
     void append(const std::string& text) {
         ASSERT_EQ(callCollector("AppendLog",
                                 R"(["00:11:22:33:44:55", "system.log", ")" + text + R"(\n"])"),
@@ -55,11 +62,7 @@ TEST_F(WebAlertsTest, RulesSetOverTheApiNotifyRealReceiversAcrossRestarts) {
     ASSERT_TRUE(receivers.running());
     startCollector();
     startWeb();
-    ASSERT_EQ(
-        callCollector(
-            "SetLogSource",
-            R"(["00:11:22:33:44:55", "puck-7", "Living room", {"date":"2026-11-22T10:00:00Z"}, {"str[]":["system.log"]}])"),
-        0);
+    announce();
 
     // The hook, with a secret; only JSON from the console's own origin changes anything.
     const QJsonObject hook{{"name", "hook"},
@@ -143,11 +146,7 @@ TEST_F(WebAlertsTest, RulesSetOverTheApiNotifyRealReceiversAcrossRestarts) {
     collector_ = -1;
     nimbtest::fs::remove(root() / "collector.txt");  // "connected" is looked for in it
     startCollector();
-    ASSERT_EQ(
-        callCollector(
-            "SetLogSource",
-            R"(["00:11:22:33:44:55", "puck-7", "Living room", {"date":"2026-11-22T10:00:00Z"}, {"str[]":["system.log"]}])"),
-        0);
+    announce();
     append("E/app: segfault in worker 3");
     ASSERT_TRUE(receivers.waitForRequests(3, 15s));
     EXPECT_NE(receivers.requests()[2].body.find("segfault in worker 3"), std::string::npos);
